@@ -1,0 +1,44 @@
+#pragma once
+
+#include "model/DayCalendar.h"
+
+#include <memory>
+#include <string_view>
+
+namespace almanor {
+
+class IcuCalendar;
+
+// DayCalendar that does the date arithmetic with <chrono> civil types and asks ICU only for the
+// zone's UTC offsets, reproducing icu::Calendar's add and fieldDifference step for step (the
+// wall-time repair of day addition across a zone transition, the day-of-month clamping of month
+// and year addition, the choice of offset for skipped and repeated wall times). A multi-year
+// difference costs well under a microsecond instead of ICU's tens. Instants before 1583, where
+// ICU counts in the Julian calendar, and far beyond any real date are handed to IcuCalendar.
+class CivilCalendar final : public DayCalendar {
+public:
+    static std::unique_ptr<CivilCalendar> current();
+    static std::unique_ptr<CivilCalendar> forZone(std::string_view zoneId);
+    ~CivilCalendar() override;
+
+    std::string zoneId() const override;
+    int weekday(Instant t) const override;
+    LocalTime localTime(Instant t) const override;
+    Instant instant(LocalTime wall) const override;
+    Instant startOfDay(Instant t) const override;
+    Instant addDays(Instant t, int days) const override;
+    Instant addMonths(Instant t, int months) const override;
+    Instant addYears(Instant t, int years) const override;
+    int daysBetween(Instant from, Instant to) const override;
+    int monthsBetween(Instant from, Instant to) const override;
+    int yearsBetween(Instant from, Instant to) const override;
+
+    struct Impl;
+
+private:
+    explicit CivilCalendar(std::unique_ptr<Impl> impl);
+    const IcuCalendar& fallback() const;
+    std::unique_ptr<Impl> impl_;
+};
+
+} // namespace almanor

@@ -1,0 +1,37 @@
+#pragma once
+
+#include "platform/Instant.h"
+
+namespace almanor {
+
+// The current moment, handed in so that tests can fix it.
+class Clock {
+public:
+    virtual ~Clock() = default;
+    virtual Instant now() const = 0;
+};
+
+class SystemClock final : public Clock {
+public:
+    Instant now() const override {
+        return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
+    }
+    static const SystemClock& shared() {
+        static const SystemClock clock;
+        return clock;
+    }
+};
+
+// A clock that says what it is told.
+class FixedClock final : public Clock {
+public:
+    explicit FixedClock(Instant t) : t_(t) {}
+    Instant now() const override { return t_; }
+    void set(Instant t) { t_ = t; }
+    void advance(std::chrono::milliseconds d) { t_ += d; }
+
+private:
+    Instant t_;
+};
+
+} // namespace almanor

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <functional>
+#include <string_view>
+
+namespace almanor {
+
+// The system's own one-line messages ("Failed to fetch records: ...", "Recalculating event").
+// The tray application prints them on standard output; the command line sends them to standard
+// error so that its standard output carries only results.
+class Log {
+public:
+    using Sink = std::function<void(std::string_view line)>;
+
+    static void line(std::string_view text);
+    static void toStandardOutput();
+    static void toStandardError();
+    // Replaces the destination (tests capture lines with it); an empty sink restores stdout.
+    static void setSink(Sink sink);
+};
+
+} // namespace almanor

@@ -1,0 +1,35 @@
+#include "platform/Settings.h"
+
+#include "platform/Fatal.h"
+#include "platform/UserDefaults.h"
+
+namespace almanor {
+
+void Settings::registerDefaults() const {
+    defaults_.registerDefaults(
+        {{std::string(selectedEvent), std::string(selectedEventDefault)}});
+}
+
+Uuid Settings::selectedEventId() const {
+    auto text = defaults_.string(selectedEvent);
+    if (!text) {
+        fatalError("Almanor/Settings", __LINE__, "No selected event in the defaults store");
+    }
+    if (auto id = Uuid::parse(*text)) {
+        return *id;
+    }
+    return Uuid::random();
+}
+
+void Settings::setSelectedEventId(const Uuid& id) const {
+    defaults_.setString(selectedEvent, id.uuidString());
+}
+
+std::optional<std::string> Settings::zoneName() const {
+    if (defaults_.boolean(appZoneUsed)) {
+        return std::string(appZoneName);
+    }
+    return defaults_.string(recordZone);
+}
+
+} // namespace almanor

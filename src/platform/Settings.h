@@ -1,0 +1,45 @@
+#pragma once
+
+#include "platform/Uuid.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace almanor {
+
+class UserDefaults;
+
+// The keys of the defaults store and the typed accessors of the selection and of the cloud zone.
+class Settings {
+public:
+    static constexpr std::string_view selectedEvent = "selectedEvent";
+    static constexpr std::string_view buildVersion = "buildVersion";
+    static constexpr std::string_view appZoneUsed = "appZoneUsed";
+    static constexpr std::string_view recordZone = "recordZone";
+    static constexpr std::string_view launchAtLoginHasMigrated = "LaunchAtLogin__hasMigrated";
+
+    // Registered at every start: the selection defaults to the nil UUID, which names no event.
+    static constexpr std::string_view selectedEventDefault = "00000000-0000-0000-0000-000000000000";
+    static constexpr std::string_view appZoneName = "com.vostrel.almanor.zone";
+
+    explicit Settings(UserDefaults& defaults) : defaults_(defaults) {}
+
+    UserDefaults& defaults() const { return defaults_; }
+
+    void registerDefaults() const;
+
+    // The stored selection. Text that is not a UUID reads as a fresh random UUID each time (it
+    // then matches no event); a store with no string at all is a fatal error.
+    Uuid selectedEventId() const;
+    // Stores the upper-case text form.
+    void setSelectedEventId(const Uuid& id) const;
+
+    // The cloud zone in use: the app's own zone once it has been seen, else the stored name.
+    std::optional<std::string> zoneName() const;
+
+private:
+    UserDefaults& defaults_;
+};
+
+} // namespace almanor

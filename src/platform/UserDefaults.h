@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace almanor {
+
+// The per-user defaults store: flat keys in one key file, read and written with GLib's GKeyFile.
+// Every read sees the file as it is now (the tray and the command line share it); every write
+// re-reads the file under a lock and replaces it atomically, so a concurrent writer's other keys
+// are kept. A file that cannot be parsed is reported in one line and treated as empty.
+class UserDefaults {
+public:
+    explicit UserDefaults(std::filesystem::path file);
+    ~UserDefaults();
+    UserDefaults(const UserDefaults&) = delete;
+    UserDefaults& operator=(const UserDefaults&) = delete;
+
+    // The process's store over <config home>/Almanor/settings.ini.
+    static UserDefaults& standard();
+
+    const std::filesystem::path& file() const { return file_; }
+
+    // Values returned for keys the file does not have. Kept in memory only, never written.
+    void registerDefaults(const std::map<std::string, std::string>& strings);
+
+    std::optional<std::string> string(std::string_view key) const;
+    std::int64_t integer(std::string_view key) const; // 0 when absent or not a number
+    bool boolean(std::string_view key) const;         // false when absent or not a boolean
+
+    void setString(std::string_view key, std::string_view value);
+    void setInteger(std::string_view key, std::int64_t value);
+    void setBoolean(std::string_view key, bool value);
+    void remove(std::string_view key);
+
+    // The group that holds the keys inside the file.
+    static constexpr const char* group = "com.vostrel.Almanor";
+
+private:
+    struct Snapshot;
+    std::shared_ptr<const Snapshot> current() const;
+    // Writes `text` as the key's raw value, or removes the key when nullopt.
+    void write(std::string_view key, std::optional<std::string> text);
+
+    std::filesystem::path file_;
+    mutable std::mutex mutex_;
+    mutable std::shared_ptr<const Snapshot> cache_;
+    std::map<std::string, std::string, std::less<>> registered_;
+};
+
+} // namespace almanor
