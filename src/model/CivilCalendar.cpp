@@ -85,6 +85,9 @@ struct CivilCalendar::Impl {
     // Calendar::add for months: the same wall time on the same day of the month, the day pinned
     // to the length of the target month.
     std::int64_t addMonths(std::int64_t t, std::int64_t months) const {
+        if (months == 0) {
+            return t; // Calendar::add does nothing at all for 0, even on a repeated wall time
+        }
         std::int64_t wall = local(t);
         year_month_day date{sys_days(days(floorDiv(wall, dayMs)))};
         year_month target = year_month(date.year(), date.month()) + std::chrono::months(months);
