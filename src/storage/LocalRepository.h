@@ -1,0 +1,72 @@
+#pragma once
+
+#include "cloud/CloudEvent.h"
+#include "cloud/CloudId.h"
+#include "model/Event.h"
+#include "platform/Clock.h"
+#include "platform/NotificationCenter.h"
+#include "storage/EventsTable.h"
+#include "storage/sql/Connection.h"
+
+#include <filesystem>
+#include <string_view>
+#include <vector>
+
+namespace almanor {
+
+// Posted after every successful local change, so that the menu and the window reload.
+inline constexpr std::string_view eventChangeNotification = "com.vostrel.Almanor.eventChange";
+
+// The rows that the next push has to send, in three lists.
+struct PendingChanges {
+    std::vector<CloudEvent> inserted; // never pushed: no record identity yet
+    std::vector<CloudEvent> updated;  // pushed before and edited since
+    std::vector<CloudId> deleted;     // pushed before and deleted since
+};
+
+// The store of the user's events in one SQLite file, and the source of truth for them. Deletion is
+// soft: a deleted row stays with its deletion time until the cloud has been told.
+class LocalRepository {
+public:
+    // Opens (creating when missing) directory/fileName; the directory is created with its parents.
+    // A failure stops the process: nothing can work without the store. The table is created by
+    // the start-up migration, not here.
+    LocalRepository(const std::filesystem::path& directory, std::string_view fileName,
+                    NotificationCenter& center = NotificationCenter::defaultCenter(),
+                    const Clock& clock = SystemClock::shared());
+    LocalRepository(const LocalRepository&) = delete;
+    LocalRepository& operator=(const LocalRepository&) = delete;
+
+    sql::Connection& connection() { return connection_; }
+    const EventsTable& events() const { return events_; }
+
+    // Live events ordered by date, then name. Throws sql::Error.
+    std::vector<EventPtr> fetchAll();
+
+    // Each throws sql::Error, and posts the change notification only when it succeeded.
+    void insert(const Event& event);
+    void update(const Event& event);
+    void deleteEvent(const Event& event);
+
+    // What the next push has to send. A failing query is logged ("Sync query error: ...") and
+    // ends the collection: the lists gathered before it are returned, the others stay empty.
+    PendingChanges pendingChanges();
+
+    // The bookkeeping after a successful push of one row. Each throws sql::Error.
+    // Leaves sync_dirty alone: a row edited while its insert was on the way is pushed again as
+    // an update.
+    void markInserted(const Uuid& id, std::string_view recordName);
+    void markUpdated(const Uuid& id);
+    void markDeleted(const Uuid& id);
+
+private:
+    // Makes sure the directory exists, then opens the connection; stops the process on failure.
+    static sql::Connection open(const std::filesystem::path& directory, std::string_view fileName);
+
+    EventsTable events_;
+    sql::Connection connection_;
+    NotificationCenter& center_;
+    const Clock& clock_;
+};
+
+} // namespace almanor

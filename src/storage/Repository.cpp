@@ -1,0 +1,59 @@
+#include "storage/Repository.h"
+
+#include "platform/Log.h"
+#include "platform/Paths.h"
+#include "storage/sql/Error.h"
+
+#include <string>
+
+namespace almanor {
+
+namespace {
+
+// Runs a call of the store, logging its failure as `message` followed by the error's description.
+// Only the store's own errors are caught: an exception from a notification observer is the
+// observer's fault, not a failed write.
+template <class Call> bool logged(std::string_view message, Call&& call) {
+    try {
+        call();
+        return true;
+    } catch (const sql::Error& e) {
+        Log::line(std::string(message) + e.what());
+        return false;
+    }
+}
+
+} // namespace
+
+Repository::Repository(std::unique_ptr<LocalRepository> local) : local_(std::move(local)) {}
+
+Repository& Repository::shared() {
+    // A function-local static: created once, under the language's own once-only guard.
+    static Repository repository(
+        std::make_unique<LocalRepository>(paths::databaseDirectory(), paths::databaseFileName));
+    return repository;
+}
+
+std::vector<EventPtr> Repository::fetchAll() {
+    return tryFetchAll().value_or(std::vector<EventPtr>{});
+}
+
+std::optional<std::vector<EventPtr>> Repository::tryFetchAll() {
+    std::optional<std::vector<EventPtr>> events;
+    logged("Failed to fetch records: ", [&] { events = local_->fetchAll(); });
+    return events;
+}
+
+bool Repository::insert(const Event& event) {
+    return logged("Failed to insert record: ", [&] { local_->insert(event); });
+}
+
+bool Repository::update(const Event& event) {
+    return logged("Failed to update record: ", [&] { local_->update(event); });
+}
+
+bool Repository::deleteEvent(const Event& event) {
+    return logged("Failed to delete record: ", [&] { local_->deleteEvent(event); });
+}
+
+} // namespace almanor

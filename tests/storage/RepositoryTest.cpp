@@ -1,0 +1,104 @@
+#include "storage/Repository.h"
+
+#include "LogCapture.h"
+#include "StorageTesting.h"
+#include "TempDir.h"
+#include "storage/MigrationManager.h"
+
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <thread>
+
+using namespace almanor;
+using namespace std::chrono;
+using almanor::test::at;
+using almanor::test::event;
+
+namespace {
+
+class RepositoryTest : public ::testing::Test {
+protected:
+    RepositoryTest() {
+        token =
+            center.addObserver(std::string(eventChangeNotification), [this] { ++notifications; });
+    }
+    ~RepositoryTest() override { center.removeObserver(token); }
+
+    Repository& withTable() {
+        repository.local().connection().run(
+            MigrationManager::createTableStatement(repository.local().events()));
+        return repository;
+    }
+
+    test::TempDir dir;
+    NotificationCenter center;
+    FixedClock clock{at(2025y / May / 1)};
+    // A store whose file exists without the table: the defaults say migrated, the file was
+    // deleted by hand.
+    Repository repository{
+        std::make_unique<LocalRepository>(dir / "Almanor", "EventsV1.db", center, clock)};
+    NotificationCenter::Token token;
+    int notifications = 0;
+};
+
+} // namespace
+
+TEST_F(RepositoryTest, FailuresAreLoggedAndSwallowed) {
+    auto e = event("E", at(2024y / March / 5));
+    test::LogCapture log;
+    EXPECT_TRUE(repository.fetchAll().empty());
+    EXPECT_EQ(repository.tryFetchAll(), std::nullopt);
+    EXPECT_FALSE(repository.insert(*e));
+    EXPECT_FALSE(repository.update(*e));
+    EXPECT_FALSE(repository.deleteEvent(*e));
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{
+                               "Failed to fetch records: no such table: events (code: 1)",
+                               "Failed to fetch records: no such table: events (code: 1)",
+                               "Failed to insert record: no such table: events (code: 1)",
+                               "Failed to update record: no such table: events (code: 1)",
+                               "Failed to delete record: no such table: events (code: 1)",
+                           }));
+    EXPECT_EQ(notifications, 0);
+}
+
+TEST_F(RepositoryTest, SuccessesReachTheStoreQuietly) {
+    withTable();
+    test::LogCapture log;
+    auto tried = repository.tryFetchAll();
+    ASSERT_TRUE(tried); // an empty list, which is not a failure
+    EXPECT_TRUE(tried->empty());
+
+    auto e = event("E", at(2024y / March / 5));
+    EXPECT_TRUE(repository.insert(*e));
+    e->setName("F");
+    EXPECT_TRUE(repository.update(*e));
+    auto events = repository.fetchAll();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->name(), "F");
+    EXPECT_TRUE(repository.deleteEvent(*e));
+    EXPECT_TRUE(repository.fetchAll().empty());
+    EXPECT_EQ(notifications, 3);
+    EXPECT_TRUE(log.lines().empty());
+
+    EXPECT_FALSE(repository.insert(*e)); // the soft-deleted row still holds the id
+    ASSERT_EQ(log.lines().size(), 1u);
+    EXPECT_EQ(log.lines()[0],
+              "Failed to insert record: UNIQUE constraint failed: events.id (code: 19)");
+}
+
+TEST(RepositoryDeathTest, SharedIsOneInstanceOverTheUsersDataFolder) {
+    test::TempDir dir;
+    EXPECT_EXIT(
+        {
+            setenv("XDG_DATA_HOME", dir.path().c_str(), 1);
+            Repository* seen[2] = {};
+            std::thread a([&] { seen[0] = &Repository::shared(); });
+            std::thread b([&] { seen[1] = &Repository::shared(); });
+            a.join();
+            b.join();
+            bool ok = seen[0] == seen[1] && seen[0] == &Repository::shared() &&
+                      std::filesystem::is_regular_file(dir / "Almanor/EventsV1.db");
+            std::_Exit(ok ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
