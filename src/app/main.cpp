@@ -1,0 +1,3 @@
+#include "cli/Cli.h"
+
+int main(int argc, char** argv) { return almanor::cli::run(argc, argv); }

@@ -1,0 +1,423 @@
+#include "cli/Cli.h"
+
+#include "cli/DateInput.h"
+#include "model/Text.h"
+#include "model/Utility.h"
+#include "platform/Clock.h"
+#include "platform/Log.h"
+#include "platform/Settings.h"
+#include "platform/UserDefaults.h"
+#include "shell/DisplayedEventSelection.h"
+#include "storage/MigrationManager.h"
+#include "storage/Repository.h"
+#include "storage/sql/Date.h"
+
+#include <CLI/CLI.hpp>
+#include <array>
+#include <cstdio>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#ifndef ALMANOR_VERSION
+#error "ALMANOR_VERSION must be defined by the build"
+#endif
+
+namespace almanor::cli {
+
+namespace {
+
+using namespace std::chrono;
+using Json = nlohmann::ordered_json;
+
+constexpr std::array<const char*, 4> scheduleNames = {"none", "weekly", "monthly", "annually"};
+constexpr std::array<const char*, 4> countNames = {"standard", "exclude-weekends",
+                                                   "friday-before", "monday-after"};
+
+const char* nameOf(Schedule s) { return scheduleNames[std::size_t(rawValue(s))]; }
+const char* nameOf(CountMethod m) { return countNames[std::size_t(rawValue(m))]; }
+
+template <typename T, std::size_t N>
+T fromName(const std::array<const char*, N>& names, const std::string& name) {
+    for (std::size_t i = 0; i < N; ++i) {
+        if (name == names[i]) {
+            return static_cast<T>(i);
+        }
+    }
+    return static_cast<T>(0); // the option's own check has refused anything else
+}
+
+// A problem with what the user typed: one line on standard error, exit status 2.
+struct UsageError {
+    std::string message;
+};
+
+// Invalid UTF-8 in a stored name must not stop the listing.
+std::string dump(const Json& json) { return json.dump(-1, ' ', false, Json::error_handler_t::replace); }
+
+std::string utcText(Instant t) { return sql::formatDate(t) + "Z"; }
+
+// The event's date as the user would have typed it: local, time only when there is one.
+std::string localText(const DayCalendar& calendar, Instant t) {
+    LocalTime wall = calendar.localTime(t);
+    auto day = floor<days>(wall);
+    year_month_day ymd{day};
+    hh_mm_ss<milliseconds> time{wall - day};
+    char buffer[48];
+    int n = std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02u", int(ymd.year()),
+                          unsigned(ymd.month()), unsigned(ymd.day()));
+    if (time.to_duration().count() != 0) {
+        n += std::snprintf(buffer + n, sizeof buffer - std::size_t(n), " %02d:%02d",
+                           int(time.hours().count()), int(time.minutes().count()));
+        if (time.seconds().count() != 0 || time.subseconds().count() != 0) {
+            std::snprintf(buffer + n, sizeof buffer - std::size_t(n), ":%02d",
+                          int(time.seconds().count()));
+        }
+    }
+    return buffer;
+}
+
+Instant parseDateOption(const std::string& text, const DayCalendar& calendar) {
+    if (auto t = parseDateInput(text, calendar)) {
+        return *t;
+    }
+    throw UsageError{"invalid date '" + text +
+                     "': use YYYY-MM-DD or YYYY-MM-DDTHH:MM[:SS[.fff]], optionally followed by "
+                     "Z or +HH:MM (years 1583 to 9999)"};
+}
+
+Uuid parseId(const std::string& text) {
+    if (auto id = Uuid::parse(text)) {
+        return *id;
+    }
+    throw UsageError{"'" + text + "' is not an event id (a UUID such as " +
+                     "3F2504E0-4F89-41D3-9A0C-0305E82C3301)"};
+}
+
+std::string nameArgument(const std::string& text) {
+    std::string name = trimmed(text);
+    if (name.empty()) {
+        throw UsageError{"the event name must not be blank"};
+    }
+    return name;
+}
+
+std::optional<std::string> aliasArgument(const std::string& text) {
+    std::string alias = trimmed(text);
+    if (alias.empty()) {
+        return std::nullopt; // a blank alias means no alias
+    }
+    return alias;
+}
+
+// The store as the tray opens it: defaults registered, table created on first use.
+class Store {
+public:
+    Store() : settings_(UserDefaults::standard()) {
+        settings_.registerDefaults();
+        repository_ = &Repository::shared();
+        MigrationManager::migrateIfNeeded(*repository_, settings_.defaults());
+    }
+    Repository& repository() { return *repository_; }
+    const Settings& settings() const { return settings_; }
+
+    std::vector<EventPtr> events() {
+        auto events = repository_->tryFetchAll();
+        if (!events) {
+            throw Failed{};
+        }
+        return std::move(*events);
+    }
+    EventPtr event(const Uuid& id) {
+        for (auto& e : events()) {
+            if (e->id() == id) {
+                return e;
+            }
+        }
+        throw NotFound{id};
+    }
+
+    struct Failed {};
+    struct NotFound {
+        Uuid id;
+    };
+
+private:
+    Settings settings_;
+    Repository* repository_ = nullptr;
+};
+
+struct Options {
+    bool json = false;
+    std::string name;
+    std::string alias;
+    std::string date;
+    std::string schedule = "none";
+    std::string count = "standard";
+    std::string id;
+    std::string target;
+};
+
+int listEvents(const Options& o) {
+    Store store;
+    auto events = store.events();
+    auto calendar = DayCalendar::current();
+    Instant today = Utility::startOfToday(*calendar, SystemClock::shared().now());
+    std::string out;
+    Json array = Json::array();
+    for (const auto& e : events) {
+        Instant occurrence = Utility::occurrenceDate(*calendar, today, e->date(), e->schedule());
+        int days = Utility::dayCount(*calendar, today, occurrence, e->countMethod());
+        std::string title = Utility::statusText(e->displayName(), days);
+        if (o.json) {
+            Json item;
+            item["id"] = e->id().uuidString();
+            item["name"] = e->name();
+            item["alias"] = e->alias() ? Json(*e->alias()) : Json(nullptr);
+            item["date"] = utcText(e->date());
+            item["occurrence"] = utcText(occurrence);
+            item["schedule"] = nameOf(e->schedule());
+            item["count"] = nameOf(e->countMethod());
+            item["days"] = days;
+            item["title"] = title;
+            array.push_back(std::move(item));
+        } else {
+            char columns[160];
+            std::snprintf(columns, sizeof columns, "%s  %-16s  %-8s  %-16s  ",
+                          e->id().uuidString().c_str(), localText(*calendar, e->date()).c_str(),
+                          nameOf(e->schedule()), nameOf(e->countMethod()));
+            out += columns;
+            out += e->name();
+            if (e->alias() && !e->alias()->empty()) {
+                out += " (" + *e->alias() + ")";
+            }
+            out += ": " + title + "\n";
+        }
+    }
+    if (o.json) {
+        out = dump(array) + "\n";
+    }
+    std::fwrite(out.data(), 1, out.size(), stdout);
+    return exitSuccess;
+}
+
+int addEvent(const Options& o) {
+    std::string name = nameArgument(o.name);
+    auto alias = aliasArgument(o.alias);
+    Instant date = parseDateOption(o.date, *DayCalendar::current());
+    Store store;
+    Event event(Uuid::random(), date, name, alias, fromName<Schedule>(scheduleNames, o.schedule),
+                fromName<CountMethod>(countNames, o.count));
+    if (!store.repository().insert(event)) {
+        return exitStoreFailed;
+    }
+    std::printf("%s\n", event.id().uuidString().c_str());
+    return exitSuccess;
+}
+
+struct EditFlags {
+    bool name = false, alias = false, date = false, schedule = false, count = false;
+};
+
+int editEvent(const Options& o, const EditFlags& given) {
+    Uuid id = parseId(o.id);
+    if (!given.name && !given.alias && !given.date && !given.schedule && !given.count) {
+        throw UsageError{"nothing to change: give --name, --alias, --date, --schedule or --count"};
+    }
+    std::optional<std::string> name;
+    if (given.name) {
+        name = nameArgument(o.name);
+    }
+    std::optional<Instant> date;
+    if (given.date) {
+        date = parseDateOption(o.date, *DayCalendar::current());
+    }
+    Store store;
+    EventPtr event = store.event(id);
+    if (name) {
+        event->setName(*name);
+    }
+    if (given.alias) {
+        event->setAlias(aliasArgument(o.alias));
+    }
+    if (date) {
+        event->setDate(*date);
+    }
+    if (given.schedule) {
+        event->setSchedule(fromName<Schedule>(scheduleNames, o.schedule));
+    }
+    if (given.count) {
+        event->setCountMethod(fromName<CountMethod>(countNames, o.count));
+    }
+    return store.repository().update(*event) ? exitSuccess : exitStoreFailed;
+}
+
+int deleteEvent(const Options& o) {
+    Uuid id = parseId(o.id);
+    Store store;
+    EventPtr event = store.event(id);
+    return store.repository().deleteEvent(*event) ? exitSuccess : exitStoreFailed;
+}
+
+DisplayedEventSelection makeSelection(Store& store, StatusItem& item) {
+    DisplayedEventSelection selection([&store] { return store.repository().fetchAll(); },
+                                      store.settings(), SystemClock::shared());
+    selection.setStatusItem(&item);
+    return selection;
+}
+
+int selectEvent(const Options& o) {
+    Uuid id;
+    if (o.target == "next") {
+        id = DisplayedEventSelection::nextEventId;
+    } else if (o.target == "random") {
+        id = DisplayedEventSelection::randomEventId;
+    } else if (o.target == "rotate") {
+        id = DisplayedEventSelection::cycleUpcomingEventId;
+    } else if (auto parsed = Uuid::parse(o.target)) {
+        id = *parsed;
+    } else {
+        throw UsageError{"'" + o.target + "' is neither an event id nor next, random or rotate"};
+    }
+    Store store;
+    if (o.target != "next" && o.target != "random" && o.target != "rotate") {
+        store.event(id); // must name a live event
+    }
+    store.settings().setSelectedEventId(id);
+    RecordedStatusItem item;
+    auto selection = makeSelection(store, item);
+    selection.resolveDisplayedEvent(id);
+    std::printf("%s\n", item.title().c_str());
+    return exitSuccess;
+}
+
+int status(const Options& o) {
+    Store store;
+    RecordedStatusItem item;
+    auto selection = makeSelection(store, item);
+    selection.resolveDisplayedEvent(store.settings().selectedEventId());
+    if (!o.json) {
+        std::printf("%s\n", item.title().c_str());
+        return exitSuccess;
+    }
+    Json object;
+    object["text"] = item.title();
+    const EventPtr& shown = selection.displayedEvent();
+    if (!shown) {
+        object["tooltip"] = "No events";
+        object["class"] = "none";
+    } else {
+        auto calendar = DayCalendar::current();
+        Instant today = Utility::startOfToday(*calendar, SystemClock::shared().now());
+        Instant occurrence = Utility::occurrenceDate(*calendar, today, shown->date(), shown->schedule());
+        int days = Utility::dayCount(*calendar, today, occurrence, shown->countMethod());
+        object["tooltip"] = shown->name() + ": " + localText(*calendar, occurrence);
+        object["class"] = days == 0 ? "today" : days > 0 ? "upcoming" : "past";
+    }
+    std::printf("%s\n", dump(object).c_str());
+    return exitSuccess;
+}
+
+} // namespace
+
+int run(int argc, char** argv) {
+    // Standard output carries only results; the system's log lines go to standard error.
+    Log::toStandardError();
+
+    CLI::App app{"Almanor counts the days until or since your events.\n"
+                 "Events are kept in $XDG_DATA_HOME/Almanor/EventsV1.db, settings in "
+                 "$XDG_CONFIG_HOME/Almanor/settings.ini.",
+                 "almanor"};
+    app.set_version_flag("--version", std::string("almanor ") + ALMANOR_VERSION,
+                         "Print the version and exit");
+    app.require_subcommand(0, 1);
+    app.footer("DATE is YYYY-MM-DD (local midnight) or YYYY-MM-DDTHH:MM[:SS[.fff]] (local time),\n"
+               "optionally followed by Z or +HH:MM/-HH:MM.\n"
+               "Exit status: 0 success, 1 no event with that id, 2 bad usage or input,\n"
+               "3 the event store could not be read or written.");
+
+    Options o;
+    EditFlags given;
+    auto* events = app.add_subcommand("events", "List, add, edit and delete events");
+    events->require_subcommand(1);
+
+    auto* list = events->add_subcommand("list", "List the events, soonest date first");
+    list->add_flag("--json", o.json, "Print one JSON array");
+
+    auto scheduleCheck = CLI::IsMember({"none", "weekly", "monthly", "annually"});
+    auto countCheck = CLI::IsMember({"standard", "exclude-weekends", "friday-before", "monday-after"});
+
+    auto* add = events->add_subcommand("add", "Add an event and print its id");
+    add->add_option("NAME", o.name, "The event's name")->required();
+    add->add_option("--date", o.date, "The event's date (see DATE below)")->required();
+    add->add_option("--alias", o.alias, "Shorter text for the panel instead of the name");
+    add->add_option("--schedule", o.schedule, "Recurrence: none, weekly, monthly or annually")
+        ->check(scheduleCheck);
+    add->add_option("--count", o.count,
+                    "Counting: standard, exclude-weekends, friday-before or monday-after")
+        ->check(countCheck);
+
+    auto* edit = events->add_subcommand("edit", "Change an event");
+    edit->add_option("ID", o.id, "The event's id")->required();
+    auto* editName = edit->add_option("--name", o.name, "New name");
+    auto* editAlias = edit->add_option("--alias", o.alias, "New alias; empty removes it");
+    auto* editDate = edit->add_option("--date", o.date, "New date");
+    auto* editSchedule = edit->add_option("--schedule", o.schedule, "New recurrence")->check(scheduleCheck);
+    auto* editCount = edit->add_option("--count", o.count, "New counting")->check(countCheck);
+
+    auto* remove = events->add_subcommand("delete", "Delete an event");
+    remove->add_option("ID", o.id, "The event's id")->required();
+
+    auto* select = app.add_subcommand("select", "Choose the displayed event and print its title");
+    select->add_option("TARGET", o.target,
+                       "An event id, or next (next upcoming), random or rotate (hourly)")
+        ->required();
+
+    auto* statusCommand = app.add_subcommand("status", "Print the panel's title for the displayed event");
+    statusCommand->add_flag("--json", o.json, "Print a JSON object for waybar: text, tooltip, class");
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        if (e.get_exit_code() == 0) {
+            return app.exit(e); // --help, --version
+        }
+        std::fprintf(stderr, "almanor: %s\n", e.what());
+        return exitUsage;
+    }
+
+    try {
+        if (*list) {
+            return listEvents(o);
+        }
+        if (*add) {
+            return addEvent(o);
+        }
+        if (*edit) {
+            given = {editName->count() > 0, editAlias->count() > 0, editDate->count() > 0,
+                     editSchedule->count() > 0, editCount->count() > 0};
+            return editEvent(o, given);
+        }
+        if (*remove) {
+            return deleteEvent(o);
+        }
+        if (*select) {
+            return selectEvent(o);
+        }
+        if (*statusCommand) {
+            return status(o);
+        }
+    } catch (const UsageError& e) {
+        std::fprintf(stderr, "almanor: %s\n", e.message.c_str());
+        return exitUsage;
+    } catch (const Store::NotFound& e) {
+        std::fprintf(stderr, "no event with id %s\n", e.id.uuidString().c_str());
+        return exitNoSuchEvent;
+    } catch (const Store::Failed&) {
+        return exitStoreFailed; // the repository has said why on standard error
+    }
+    std::fputs(app.help().c_str(), stdout);
+    return exitSuccess;
+}
+
+} // namespace almanor::cli

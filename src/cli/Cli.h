@@ -1,0 +1,14 @@
+#pragma once
+
+namespace almanor::cli {
+
+// Exit statuses of the command line.
+inline constexpr int exitSuccess = 0;
+inline constexpr int exitNoSuchEvent = 1;
+inline constexpr int exitUsage = 2;
+inline constexpr int exitStoreFailed = 3;
+
+// Runs one command (`almanor events list`, `almanor status`, ...) and returns its exit status.
+int run(int argc, char** argv);
+
+} // namespace almanor::cli

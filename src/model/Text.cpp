@@ -1,0 +1,37 @@
+#include "model/Text.h"
+
+#include <unicode/uchar.h>
+#include <unicode/utf8.h>
+
+// ICU's UTF-8 macros cast in the C style.
+#pragma GCC diagnostic ignored "-Wold-style-cast"
+
+namespace almanor {
+
+std::string trimmed(std::string_view text) {
+    const auto* s = reinterpret_cast<const uint8_t*>(text.data());
+    auto length = static_cast<int32_t>(text.size());
+    int32_t begin = 0;
+    while (begin < length) {
+        int32_t next = begin;
+        UChar32 c = 0;
+        U8_NEXT(s, next, length, c);
+        if (c < 0 || !u_isUWhiteSpace(c)) {
+            break;
+        }
+        begin = next;
+    }
+    int32_t end = length;
+    while (end > begin) {
+        int32_t previous = end;
+        UChar32 c = 0;
+        U8_PREV(s, begin, previous, c);
+        if (c < 0 || !u_isUWhiteSpace(c)) {
+            break;
+        }
+        end = previous;
+    }
+    return std::string(text.substr(std::size_t(begin), std::size_t(end - begin)));
+}
+
+} // namespace almanor

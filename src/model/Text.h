@@ -1,0 +1,12 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace almanor {
+
+// The text without white space and line breaks at either end (Unicode White_Space, so
+// no-break and ideographic spaces go too). Invalid UTF-8 is left as it is.
+std::string trimmed(std::string_view text);
+
+} // namespace almanor

@@ -1,0 +1,330 @@
+// The command line as scripts and status bars use it: the real binary, a real database file and
+// settings file in a temporary home, different time zones.
+#include "TempDir.h"
+#include "model/CivilCalendar.h"
+#include "model/Utility.h"
+#include "platform/Clock.h"
+
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+extern char** environ;
+
+using namespace almanor;
+using namespace std::chrono;
+using Json = nlohmann::json;
+
+namespace {
+
+struct Result {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+class CliTest : public testing::Test {
+protected:
+    Result run(std::vector<std::string> args, const std::string& tz = "America/New_York") const {
+        std::vector<std::string> env = {"HOME=" + home.path().string(),
+                                        "XDG_CONFIG_HOME=" + (home / "config").string(),
+                                        "XDG_DATA_HOME=" + (home / "data").string(), "TZ=" + tz,
+                                        "LANG=C.UTF-8"};
+        for (char** e = environ; *e != nullptr; ++e) {
+            std::string v = *e;
+            if (v.rfind("ASAN_", 0) == 0 || v.rfind("UBSAN_", 0) == 0 || v.rfind("LSAN_", 0) == 0) {
+                env.push_back(v);
+            }
+        }
+        args.insert(args.begin(), ALMANOR_BINARY);
+        std::vector<char*> argv;
+        for (auto& a : args) {
+            argv.push_back(a.data());
+        }
+        argv.push_back(nullptr);
+        std::vector<char*> envp;
+        for (auto& e : env) {
+            envp.push_back(e.data());
+        }
+        envp.push_back(nullptr);
+
+        int out[2];
+        int err[2];
+        EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
+        EXPECT_EQ(pipe2(err, O_CLOEXEC), 0);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+        posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+        pid_t pid = 0;
+        Result r;
+        int rc = posix_spawn(&pid, ALMANOR_BINARY, &actions, nullptr, argv.data(), envp.data());
+        posix_spawn_file_actions_destroy(&actions);
+        close(out[1]);
+        close(err[1]);
+        EXPECT_EQ(rc, 0);
+        pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
+        int open = 2;
+        while (open > 0 && poll(fds, 2, 30000) > 0) {
+            for (int i = 0; i < 2; ++i) {
+                if (fds[i].fd >= 0 && (fds[i].revents & (POLLIN | POLLHUP)) != 0) {
+                    char buffer[65536];
+                    ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
+                    if (n <= 0) {
+                        close(fds[i].fd);
+                        fds[i].fd = -1;
+                        --open;
+                    } else {
+                        (i == 0 ? r.out : r.err).append(buffer, std::size_t(n));
+                    }
+                }
+            }
+        }
+        int status = 0;
+        waitpid(pid, &status, 0);
+        r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        return r;
+    }
+
+    // Today's local date in a zone, plus some days, as the user would type it.
+    static std::string localDate(const std::string& zone, int plusDays) {
+        auto cal = CivilCalendar::forZone(zone);
+        auto today = floor<days>(cal->localTime(SystemClock::shared().now()));
+        year_month_day ymd{today + days(plusDays)};
+        char buffer[16];
+        std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02u", int(ymd.year()), unsigned(ymd.month()),
+                      unsigned(ymd.day()));
+        return buffer;
+    }
+    static std::string firstLine(const std::string& s) { return s.substr(0, s.find('\n')); }
+    std::string add(const std::vector<std::string>& args, const std::string& tz = "America/New_York") const {
+        std::vector<std::string> full = {"events", "add"};
+        full.insert(full.end(), args.begin(), args.end());
+        Result r = run(full, tz);
+        EXPECT_EQ(r.status, 0) << r.err;
+        EXPECT_EQ(r.out.size(), 37u);
+        return firstLine(r.out);
+    }
+    Json list(const std::string& tz = "America/New_York") const {
+        Result r = run({"events", "list", "--json"}, tz);
+        EXPECT_EQ(r.status, 0) << r.err;
+        return Json::parse(r.out);
+    }
+
+    void SetUp() override { day = localDate("America/New_York", 0); }
+    // Counting relative to today breaks if midnight passes during the test.
+    void TearDown() override {
+        if (day != localDate("America/New_York", 0)) {
+            GTEST_SKIP() << "midnight passed during the test";
+        }
+    }
+
+    test::TempDir home;
+    std::string day;
+};
+
+TEST_F(CliTest, AddListEditAndDeleteAsAUserWould) {
+    std::string trip = add({"  Trip to Prague \n", "--date", localDate("America/New_York", 12),
+                            "--alias", " Trip "});
+    std::string rent = add({"Rent", "--date", "2024-01-31", "--schedule", "monthly", "--count",
+                            "monday-after", "--alias", "   "});
+    EXPECT_EQ(trip, Uuid::parse(trip)->uuidString()); // upper-case id
+
+    Json events = list();
+    ASSERT_EQ(events.size(), 2u);
+    // Ordered by date: Rent's first date lies in the past.
+    EXPECT_EQ(events[0]["id"], rent);
+    EXPECT_EQ(events[0]["alias"], nullptr);
+    EXPECT_EQ(events[0]["date"], "2024-01-31T05:00:00.000Z");
+    EXPECT_EQ(events[0]["schedule"], "monthly");
+    EXPECT_EQ(events[0]["count"], "monday-after");
+    EXPECT_GT(events[0]["days"].get<int>(), 0);
+    EXPECT_EQ(events[1]["name"], "Trip to Prague");
+    EXPECT_EQ(events[1]["alias"], "Trip");
+    EXPECT_EQ(events[1]["days"], 12);
+    EXPECT_EQ(events[1]["title"], "Trip 12 days");
+    EXPECT_EQ(events[1]["occurrence"], events[1]["date"]);
+
+    Result text = run({"events", "list"});
+    EXPECT_NE(text.out.find(trip + "  " + localDate("America/New_York", 12)), std::string::npos);
+    EXPECT_NE(text.out.find("Trip to Prague (Trip): Trip 12 days"), std::string::npos);
+
+    Result edit = run({"events", "edit", trip, "--alias", "", "--date",
+                       localDate("America/New_York", -1), "--count", "standard"});
+    ASSERT_EQ(edit.status, 0) << edit.err;
+    EXPECT_EQ(edit.out, "");
+    events = list();
+    EXPECT_EQ(events[1]["alias"], nullptr);
+    EXPECT_EQ(events[1]["title"], "Trip to Prague 2 days ago"); // yesterday counts two
+
+    Result del = run({"events", "delete", rent});
+    ASSERT_EQ(del.status, 0) << del.err;
+    events = list();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]["id"], trip);
+    EXPECT_TRUE(std::filesystem::exists(home / "data/Almanor/EventsV1.db"));
+}
+
+TEST_F(CliTest, UnknownIdsExitOneWithOneLineAndChangeNothing) {
+    std::string id = add({"Kept", "--date", "2030-05-05"});
+    std::string missing = "3f2504e0-4f89-41d3-9a0c-0305e82c3301";
+    for (auto args : std::vector<std::vector<std::string>>{
+             {"events", "delete", missing}, {"events", "edit", missing, "--name", "X"}, {"select", missing}}) {
+        Result r = run(args);
+        EXPECT_EQ(r.status, 1);
+        EXPECT_EQ(r.out, "");
+        EXPECT_EQ(r.err, "no event with id 3F2504E0-4F89-41D3-9A0C-0305E82C3301\n");
+    }
+    // A deleted event is no longer live.
+    ASSERT_EQ(run({"events", "delete", id}).status, 0);
+    EXPECT_EQ(run({"events", "delete", id}).status, 1);
+    EXPECT_EQ(run({"select", id}).status, 1);
+}
+
+TEST_F(CliTest, BadInputIsOneLineOnStandardErrorAndWritesNothing) {
+    for (auto args : std::vector<std::vector<std::string>>{
+             {"events", "add", "   ", "--date", "2030-01-01"},
+             {"events", "add", "X", "--date", "2030-02-30"},
+             {"events", "add", "X", "--date", "next friday"},
+             {"events", "add", "X"},
+             {"events", "add", "X", "--date", "2030-01-01", "--schedule", "daily"},
+             {"events", "add", "X", "--date", "2030-01-01", "--count", "weekdays"},
+             {"events", "edit", "not-a-uuid", "--name", "X"},
+             {"events", "edit", "3f2504e0-4f89-41d3-9a0c-0305e82c3301"},
+             {"events", "edit", "3f2504e0-4f89-41d3-9a0c-0305e82c3301", "--name", " "},
+             {"select", "soonest"},
+             {"events"},
+             {"frobnicate"},
+             {"status", "--yaml"}}) {
+        Result r = run(args);
+        std::string joined;
+        for (auto& a : args) {
+            joined += a + " ";
+        }
+        EXPECT_EQ(r.status, 2) << joined;
+        EXPECT_EQ(r.out, "") << joined;
+        EXPECT_FALSE(r.err.empty()) << joined;
+        EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << joined << ": " << r.err;
+    }
+    EXPECT_FALSE(std::filesystem::exists(home / "data"));
+    EXPECT_FALSE(std::filesystem::exists(home / "config"));
+}
+
+TEST_F(CliTest, StatusAndSelectFollowTheDisplayedEventRules) {
+    Result empty = run({"status"});
+    EXPECT_EQ(empty.status, 0);
+    EXPECT_EQ(empty.out, "Almanor  \xF0\x9F\x8E\x89\n");
+    Json emptyJson = Json::parse(run({"status", "--json"}).out);
+    EXPECT_EQ(emptyJson["class"], "none");
+
+    std::string later = add({"Later", "--date", localDate("America/New_York", 30)});
+    std::string soon = add({"Soon", "--date", localDate("America/New_York", 3)});
+    add({"Past", "--date", localDate("America/New_York", -3)});
+    // First start: the nil selection names nothing, so the first event of the list is shown
+    // and remembered.
+    EXPECT_EQ(run({"status"}).out, "Past 4 days ago\n");
+
+    Result next = run({"select", "next"});
+    EXPECT_EQ(next.status, 0) << next.err;
+    EXPECT_EQ(next.out, "Soon 3 days\n");
+    Json waybar = Json::parse(run({"status", "--json"}).out);
+    EXPECT_EQ(waybar["text"], "Soon 3 days");
+    EXPECT_EQ(waybar["class"], "upcoming");
+    EXPECT_EQ(waybar["tooltip"], "Soon: " + localDate("America/New_York", 3));
+
+    EXPECT_EQ(run({"select", later}).out, "Later 30 days\n");
+    EXPECT_EQ(run({"status"}).out, "Later 30 days\n");
+    ASSERT_EQ(run({"events", "delete", later}).status, 0);
+    EXPECT_EQ(run({"status"}).out, "Past 4 days ago\n"); // the first event takes its place
+
+    EXPECT_EQ(run({"select", "rotate"}).out, "Soon 3 days\n"); // the only upcoming one
+    EXPECT_EQ(run({"select", "random"}).status, 0);
+    (void)soon;
+}
+
+TEST_F(CliTest, CountsFollowTheTimeZoneOfEachRun) {
+    // 23:30 UTC is already tomorrow in Tokyo and still today in Los Angeles.
+    auto tokyo = CivilCalendar::forZone("Asia/Tokyo");
+    auto la = CivilCalendar::forZone("America/Los_Angeles");
+    Instant now = SystemClock::shared().now();
+    Instant target = Instant(floor<days>(now).time_since_epoch()) + days(40) + hours(23) + minutes(30);
+    std::string utcDate = std::to_string(int(year_month_day(floor<days>(target)).year()));
+    year_month_day ymd(floor<days>(target));
+    char text[32];
+    std::snprintf(text, sizeof text, "%04d-%02u-%02uT23:30Z", int(ymd.year()), unsigned(ymd.month()),
+                  unsigned(ymd.day()));
+    add({"Launch", "--date", text});
+    auto expected = [&](const DayCalendar& cal) {
+        Instant today = Utility::startOfToday(cal, SystemClock::shared().now());
+        return Utility::dayCount(cal, today, target, CountMethod::standard);
+    };
+    int inTokyo = list("Asia/Tokyo")[0]["days"];
+    int inLa = list("America/Los_Angeles")[0]["days"];
+    EXPECT_EQ(inTokyo, expected(*tokyo));
+    EXPECT_EQ(inLa, expected(*la));
+    // The stored instant is the same whichever zone reads it.
+    EXPECT_EQ(list("Asia/Tokyo")[0]["date"], list("America/Los_Angeles")[0]["date"]);
+}
+
+TEST_F(CliTest, ConcurrentWritersLoseNoEvent) {
+    ASSERT_EQ(run({"status"}).status, 0); // create the store first, as the tray would have
+    std::vector<std::thread> writers;
+    for (int w = 0; w < 4; ++w) {
+        writers.emplace_back([this, w] {
+            for (int i = 0; i < 8; ++i) {
+                Result r = run({"events", "add", "E" + std::to_string(w) + "-" + std::to_string(i),
+                                "--date", "2031-01-01"});
+                EXPECT_EQ(r.status, 0) << r.err;
+            }
+        });
+    }
+    for (auto& t : writers) {
+        t.join();
+    }
+    EXPECT_EQ(list().size(), 32u);
+}
+
+TEST_F(CliTest, AStoreWithoutItsTableIsReportedOnStandardError) {
+    add({"Gone", "--date", "2030-01-01"});
+    std::filesystem::remove(home / "data/Almanor/EventsV1.db");
+    // The table was created once (the defaults remember it), so it is not created again.
+    Result status = run({"status"});
+    EXPECT_EQ(status.status, 0);
+    EXPECT_EQ(status.out, "Almanor  \xF0\x9F\x8E\x89\n");
+    EXPECT_NE(status.err.find("Failed to fetch records: "), std::string::npos) << status.err;
+    Result listing = run({"events", "list"});
+    EXPECT_EQ(listing.status, 3);
+    EXPECT_EQ(listing.out, "");
+    Result adding = run({"events", "add", "New", "--date", "2030-01-01"});
+    EXPECT_EQ(adding.status, 3);
+    EXPECT_NE(adding.err.find("Failed to insert record: "), std::string::npos);
+}
+
+TEST_F(CliTest, AnUnopenableStoreStopsWithTheFatalMessage) {
+    std::filesystem::create_directories(home / "data");
+    { std::ofstream(home / "data/Almanor") << "a file where the folder should be"; }
+    Result r = run({"status"});
+    EXPECT_EQ(r.status, 3);
+    EXPECT_EQ(r.out, "");
+    EXPECT_NE(r.err.find("Fatal error: Failed to initialize local database: "), std::string::npos) << r.err;
+}
+
+TEST_F(CliTest, HelpAndVersion) {
+    Result help = run({"--help"});
+    EXPECT_EQ(help.status, 0);
+    for (const char* word : {"events", "select", "status", "DATE", "Exit status"}) {
+        EXPECT_NE(help.out.find(word), std::string::npos) << word;
+    }
+    Result addHelp = run({"events", "add", "--help"});
+    EXPECT_NE(addHelp.out.find("--schedule"), std::string::npos);
+    EXPECT_EQ(run({"--version"}).out, std::string("almanor ") + ALMANOR_VERSION + "\n");
+}
+
+} // namespace
