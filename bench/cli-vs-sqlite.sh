@@ -45,7 +45,7 @@ hyperfine -N --warmup 5 --runs "${RUNS:-40}" --style none --export-csv "$csv" \
   -n list-json "$almanor events list --json" >/dev/null
 
 # Also the fixed mode: one event shown, the list still read in full.
-first_id="$("$almanor" events list --json | head -c 200 | sed -n 's/^\[{"id":"\([0-9A-F-]*\)".*/\1/p')"
+first_id="$(sqlite3 "$db" 'SELECT "id" FROM "events" ORDER BY "date", "name" LIMIT 1')"
 "$almanor" select "$first_id" >/dev/null
 hyperfine -N --warmup 5 --runs "${RUNS:-40}" --style none --export-csv "$work/fixed.csv" \
   -n status-fixed "$almanor status" >/dev/null

@@ -1,10 +1,13 @@
 #include "cli/Cli.h"
 
 #include "cli/DateInput.h"
+#include "cli/JsonText.h"
 #include "model/Text.h"
 #include "model/Utility.h"
 #include "platform/Clock.h"
+#include "platform/Heap.h"
 #include "platform/Log.h"
+#include "platform/Paths.h"
 #include "platform/Settings.h"
 #include "platform/UserDefaults.h"
 #include "shell/DisplayedEventSelection.h"
@@ -16,7 +19,6 @@
 #include <array>
 #include <cstdio>
 #include <iostream>
-#include <nlohmann/json.hpp>
 #include <string>
 
 #ifndef ALMANOR_VERSION
@@ -28,7 +30,6 @@ namespace almanor::cli {
 namespace {
 
 using namespace std::chrono;
-using Json = nlohmann::ordered_json;
 
 constexpr std::array<const char*, 4> scheduleNames = {"none", "weekly", "monthly", "annually"};
 constexpr std::array<const char*, 4> countNames = {"standard", "exclude-weekends",
@@ -51,9 +52,6 @@ T fromName(const std::array<const char*, N>& names, const std::string& name) {
 struct UsageError {
     std::string message;
 };
-
-// Invalid UTF-8 in a stored name must not stop the listing.
-std::string dump(const Json& json) { return json.dump(-1, ' ', false, Json::error_handler_t::replace); }
 
 std::string utcText(Instant t) { return sql::formatDate(t) + "Z"; }
 
@@ -110,6 +108,16 @@ std::optional<std::string> aliasArgument(const std::string& text) {
     return alias;
 }
 
+// Commands that read every event first make room for them: see heap::reserve. The factor is
+// what reading a store takes per byte of its file (rows, their sort, the events), measured.
+void reserveForReading(double bytesPerStoreByte) {
+    std::error_code error;
+    auto size = std::filesystem::file_size(paths::databaseDirectory() / paths::databaseFileName, error);
+    if (!error) {
+        heap::reserve(std::size_t(double(size) * bytesPerStoreByte));
+    }
+}
+
 // The store as the tray opens it: defaults registered, table created on first use.
 class Store {
 public:
@@ -159,28 +167,37 @@ struct Options {
 };
 
 int listEvents(const Options& o) {
+    reserveForReading(o.json ? 5.0 : 4.0);
     Store store;
     auto events = store.events();
     auto calendar = DayCalendar::current();
     Instant today = Utility::startOfToday(*calendar, SystemClock::shared().now());
     std::string out;
-    Json array = Json::array();
+    out.reserve(events.size() * (o.json ? 320 : 128));
+    if (o.json) {
+        out += '[';
+    }
     for (const auto& e : events) {
         Instant occurrence = Utility::occurrenceDate(*calendar, today, e->date(), e->schedule());
         int days = Utility::dayCount(*calendar, today, occurrence, e->countMethod());
         std::string title = Utility::statusText(e->displayName(), days);
         if (o.json) {
-            Json item;
-            item["id"] = e->id().uuidString();
-            item["name"] = e->name();
-            item["alias"] = e->alias() ? Json(*e->alias()) : Json(nullptr);
-            item["date"] = utcText(e->date());
-            item["occurrence"] = utcText(occurrence);
-            item["schedule"] = nameOf(e->schedule());
-            item["count"] = nameOf(e->countMethod());
-            item["days"] = days;
-            item["title"] = title;
-            array.push_back(std::move(item));
+            if (out.size() > 1) {
+                out += ',';
+            }
+            out += "{\"id\":\"" + e->id().uuidString() + "\",\"name\":";
+            appendJsonString(out, e->name());
+            out += ",\"alias\":";
+            if (e->alias()) {
+                appendJsonString(out, *e->alias());
+            } else {
+                out += "null";
+            }
+            out += ",\"date\":\"" + utcText(e->date()) + "\",\"occurrence\":\"" + utcText(occurrence) +
+                   "\",\"schedule\":\"" + nameOf(e->schedule()) + "\",\"count\":\"" +
+                   nameOf(e->countMethod()) + "\",\"days\":" + std::to_string(days) + ",\"title\":";
+            appendJsonString(out, title);
+            out += '}';
         } else {
             char columns[160];
             std::snprintf(columns, sizeof columns, "%s  %-16s  %-8s  %-16s  ",
@@ -195,7 +212,7 @@ int listEvents(const Options& o) {
         }
     }
     if (o.json) {
-        out = dump(array) + "\n";
+        out += "]\n";
     }
     std::fwrite(out.data(), 1, out.size(), stdout);
     return exitSuccess;
@@ -279,6 +296,7 @@ int selectEvent(const Options& o) {
     } else {
         throw UsageError{"'" + o.target + "' is neither an event id nor next, random or rotate"};
     }
+    reserveForReading(3.0);
     Store store;
     if (o.target != "next" && o.target != "random" && o.target != "rotate") {
         store.event(id); // must name a live event
@@ -292,6 +310,7 @@ int selectEvent(const Options& o) {
 }
 
 int status(const Options& o) {
+    reserveForReading(3.0);
     Store store;
     RecordedStatusItem item;
     auto selection = makeSelection(store, item);
@@ -300,21 +319,23 @@ int status(const Options& o) {
         std::printf("%s\n", item.title().c_str());
         return exitSuccess;
     }
-    Json object;
-    object["text"] = item.title();
+    std::string out = "{\"text\":";
+    appendJsonString(out, item.title());
     const EventPtr& shown = selection.displayedEvent();
     if (!shown) {
-        object["tooltip"] = "No events";
-        object["class"] = "none";
+        out += ",\"tooltip\":\"No events\",\"class\":\"none\"}";
     } else {
         auto calendar = DayCalendar::current();
         Instant today = Utility::startOfToday(*calendar, SystemClock::shared().now());
         Instant occurrence = Utility::occurrenceDate(*calendar, today, shown->date(), shown->schedule());
         int days = Utility::dayCount(*calendar, today, occurrence, shown->countMethod());
-        object["tooltip"] = shown->name() + ": " + localText(*calendar, occurrence);
-        object["class"] = days == 0 ? "today" : days > 0 ? "upcoming" : "past";
+        out += ",\"tooltip\":";
+        appendJsonString(out, shown->name() + ": " + localText(*calendar, occurrence));
+        out += ",\"class\":\"";
+        out += days == 0 ? "today" : days > 0 ? "upcoming" : "past";
+        out += "\"}";
     }
-    std::printf("%s\n", dump(object).c_str());
+    std::printf("%s\n", out.c_str());
     return exitSuccess;
 }
 

@@ -5,6 +5,9 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <limits>
+#include <unicode/tztrans.h>
+#include <vector>
 
 namespace almanor {
 
@@ -37,8 +40,42 @@ struct CivilCalendar::Impl {
     icuzone::ZonePtr zone;
     mutable std::unique_ptr<IcuCalendar> fallback;
 
-    // UTC offset at a UTC instant.
-    std::int64_t offsetAt(std::int64_t utc) const {
+    // Stretches of UTC time with one offset, learnt from ICU's transitions as they are needed.
+    // Counting thousands of events asks for the same few dozen stretches over and over, and a
+    // lookup here is a fraction of the cost of ICU's own offset computation.
+    struct Span {
+        std::int64_t start; // first instant
+        std::int64_t end;   // first instant after
+        std::int64_t offset;
+    };
+    mutable std::vector<Span> spans; // sorted by start, disjoint
+    mutable std::size_t lastSpan = 0;
+
+    const Span& spanAt(std::int64_t utc) const {
+        if (lastSpan < spans.size() && spans[lastSpan].start <= utc && utc < spans[lastSpan].end) {
+            return spans[lastSpan];
+        }
+        auto it = std::upper_bound(spans.begin(), spans.end(), utc,
+                                   [](std::int64_t t, const Span& s) { return t < s.start; });
+        if (it != spans.begin() && utc < std::prev(it)->end) {
+            lastSpan = std::size_t(std::prev(it) - spans.begin());
+            return spans[lastSpan];
+        }
+        Span span{std::numeric_limits<std::int64_t>::min(), std::numeric_limits<std::int64_t>::max(),
+                  icuOffsetAt(utc)};
+        icu::TimeZoneTransition transition;
+        if (zone->getPreviousTransition(double(utc), true, transition)) {
+            span.start = static_cast<std::int64_t>(transition.getTime());
+        }
+        if (zone->getNextTransition(double(utc), false, transition)) {
+            span.end = static_cast<std::int64_t>(transition.getTime());
+        }
+        it = spans.insert(it, span);
+        lastSpan = std::size_t(it - spans.begin());
+        return *it;
+    }
+
+    std::int64_t icuOffsetAt(std::int64_t utc) const {
         UErrorCode status = U_ZERO_ERROR;
         int32_t raw = 0;
         int32_t dst = 0;
@@ -46,9 +83,22 @@ struct CivilCalendar::Impl {
         check(status, __LINE__);
         return raw + dst;
     }
+
+    // UTC offset at a UTC instant.
+    std::int64_t offsetAt(std::int64_t utc) const { return spanAt(utc).offset; }
+
     // Calendar::computeTime's choice for a wall time: skipped wall times use the offset from
     // before the transition (so they land after it), repeated ones the offset after it.
     std::int64_t toUtc(std::int64_t wall) const {
+        // Offsets differ by at most a day and a few hours, so a wall time whose instant lies this
+        // far inside its stretch has no other instant: no transition can be in reach.
+        constexpr std::int64_t reach = 30LL * 3'600'000;
+        std::int64_t guess = wall - offsetAt(wall);
+        const Span& span = spanAt(guess);
+        std::int64_t utc = wall - span.offset;
+        if (utc - reach >= span.start && utc + reach < span.end) {
+            return utc;
+        }
         UErrorCode status = U_ZERO_ERROR;
         int32_t raw = 0;
         int32_t dst = 0;

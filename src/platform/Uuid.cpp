@@ -2,7 +2,6 @@
 
 #include "platform/Fatal.h"
 
-#include <cstring>
 #include <uuid/uuid.h>
 
 namespace almanor {
@@ -14,15 +13,40 @@ Uuid Uuid::random() {
 }
 
 std::optional<Uuid> Uuid::parse(std::string_view text) {
+    // The same form libuuid's uuid_parse accepts, without its strtoul per group: ids are parsed
+    // for every row of every listing.
     if (text.size() != 36) {
         return std::nullopt;
     }
-    char buffer[37];
-    std::memcpy(buffer, text.data(), 36);
-    buffer[36] = '\0';
+    auto nibble = [](char c) -> int {
+        if (c >= '0' && c <= '9') {
+            return c - '0';
+        }
+        if (c >= 'a' && c <= 'f') {
+            return c - 'a' + 10;
+        }
+        if (c >= 'A' && c <= 'F') {
+            return c - 'A' + 10;
+        }
+        return -1;
+    };
     Bytes b;
-    if (uuid_parse(buffer, b.data()) != 0) {
-        return std::nullopt;
+    std::size_t i = 0;
+    for (std::size_t pos = 0; pos < 36;) {
+        if (pos == 8 || pos == 13 || pos == 18 || pos == 23) {
+            if (text[pos] != '-') {
+                return std::nullopt;
+            }
+            ++pos;
+            continue;
+        }
+        int hi = nibble(text[pos]);
+        int lo = nibble(text[pos + 1]);
+        if (hi < 0 || lo < 0) {
+            return std::nullopt;
+        }
+        b[i++] = static_cast<unsigned char>(hi << 4 | lo);
+        pos += 2;
     }
     return Uuid(b);
 }

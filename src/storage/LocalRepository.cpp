@@ -68,13 +68,15 @@ LocalRepository::LocalRepository(const std::filesystem::path& directory, std::st
 
 std::vector<EventPtr> LocalRepository::fetchAll() {
     const auto& t = events_;
-    auto rows = connection_.prepare(t.table.select(t.deleted == std::nullopt, {t.date, t.name}));
-    EventColumns columns(rows, t);
-    std::vector<EventPtr> result;
-    for (const auto& row : rows) {
-        result.push_back(columns.event(row));
-    }
-    return result;
+    return connection_.sync([&] {
+        auto rows = connection_.prepare(t.table.select(t.deleted == std::nullopt, {t.date, t.name}));
+        EventColumns columns(rows, t);
+        std::vector<EventPtr> result;
+        for (const auto& row : rows) {
+            result.push_back(columns.event(row));
+        }
+        return result;
+    });
 }
 
 void LocalRepository::insert(const Event& event) {

@@ -79,6 +79,10 @@ bool step(sqlite3* db, sqlite3_stmt* statement, std::string_view text) {
 } // namespace
 
 Connection::Connection(const std::string& path, bool readonly) {
+    // SQLite's allocation statistics take a global lock on every allocation, and nothing here
+    // reads them. This must be said before the library initialises, hence once, up front.
+    static const bool configured = sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0) == SQLITE_OK;
+    (void)configured;
     int flags = (readonly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) |
                 SQLITE_OPEN_FULLMUTEX | SQLITE_OPEN_URI;
     sqlite3* raw = nullptr;
@@ -87,6 +91,12 @@ Connection::Connection(const std::string& path, bool readonly) {
     check(raw, rc);
     check(raw, sqlite3_busy_timeout(raw, busyTimeoutMilliseconds));
 }
+
+Connection::DatabaseLock::DatabaseLock(sqlite3* db) : db_(db) {
+    sqlite3_mutex_enter(sqlite3_db_mutex(db_));
+}
+
+Connection::DatabaseLock::~DatabaseLock() { sqlite3_mutex_leave(sqlite3_db_mutex(db_)); }
 
 void Connection::run(const Statement& statement) {
     sync([&] {

@@ -71,9 +71,23 @@ public:
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
+    class DatabaseLock {
+    public:
+        explicit DatabaseLock(sqlite3* db);
+        ~DatabaseLock();
+        DatabaseLock(const DatabaseLock&) = delete;
+        DatabaseLock& operator=(const DatabaseLock&) = delete;
+
+    private:
+        sqlite3* db_;
+    };
+
     // Runs `work` on the connection's queue.
     template <class Work> decltype(auto) sync(Work&& work) {
         std::lock_guard lock(queue_);
+        // Holding SQLite's own handle mutex too makes every call inside a cheap re-entry
+        // instead of a lock and unlock of its own: reading 10,000 rows makes 120,000 calls.
+        DatabaseLock database(handle_.get());
         return std::forward<Work>(work)();
     }
 
