@@ -172,6 +172,15 @@ TEST_F(CliTest, AddListEditAndDeleteAsAUserWould) {
     EXPECT_TRUE(std::filesystem::exists(home / "data/Almanor/EventsV1.db"));
 }
 
+TEST_F(CliTest, NamesWithQuotesAndControlsListAsValidJson) {
+    std::string name = "Mum's \"big\" day \\ \x01 \xF0\x9F\x8E\x82";
+    add({name, "--date", "2030-01-01", "--alias", "Mum\tday"});
+    Json events = list();
+    EXPECT_EQ(events[0]["name"], name);
+    EXPECT_EQ(events[0]["alias"], "Mum\tday");
+    EXPECT_EQ(events[0]["title"].get<std::string>().substr(0, 7), "Mum\tday");
+}
+
 TEST_F(CliTest, UnknownIdsExitOneWithOneLineAndChangeNothing) {
     std::string id = add({"Kept", "--date", "2030-05-05"});
     std::string missing = "3f2504e0-4f89-41d3-9a0c-0305e82c3301";
