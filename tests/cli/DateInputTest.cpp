@@ -2,17 +2,16 @@
 
 #include "model/CivilCalendar.h"
 
+#include "Instants.h"
+
 #include <gtest/gtest.h>
 
 using namespace almanor;
 using namespace std::chrono;
+using almanor::test::utc;
 
 namespace {
 
-Instant utc(int y, unsigned m, unsigned d, int h = 0, int min = 0, int s = 0, int ms = 0) {
-    return Instant(sys_days(year(y) / m / d).time_since_epoch() + hours(h) + minutes(min) +
-                   seconds(s) + milliseconds(ms));
-}
 
 TEST(DateInput, LocalFormsAreWallTimesInTheZone) {
     auto ny = CivilCalendar::forZone("America/New_York");

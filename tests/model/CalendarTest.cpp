@@ -4,18 +4,17 @@
 #include "model/CivilCalendar.h"
 #include "model/IcuCalendar.h"
 
+#include "Instants.h"
+
 #include <gtest/gtest.h>
 #include <random>
 
 using namespace almanor;
 using namespace std::chrono;
+using almanor::test::utc;
 
 namespace {
 
-Instant utc(int y, unsigned m, unsigned d, int h = 0, int min = 0, int s = 0, int ms = 0) {
-    return Instant(sys_days(year(y) / m / d).time_since_epoch() + hours(h) + minutes(min) +
-                   seconds(s) + milliseconds(ms));
-}
 
 LocalTime wall(int y, unsigned m, unsigned d, int h = 0, int min = 0) {
     return LocalTime(local_days(year(y) / m / d).time_since_epoch() + hours(h) + minutes(min));
