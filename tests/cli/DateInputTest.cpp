@@ -12,7 +12,6 @@ using almanor::test::utc;
 
 namespace {
 
-
 TEST(DateInput, LocalFormsAreWallTimesInTheZone) {
     auto ny = CivilCalendar::forZone("America/New_York");
     EXPECT_EQ(cli::parseDateInput("2024-12-25", *ny), utc(2024, 12, 25, 5));

@@ -15,7 +15,6 @@ using almanor::test::utc;
 
 namespace {
 
-
 LocalTime wall(int y, unsigned m, unsigned d, int h = 0, int min = 0) {
     return LocalTime(local_days(year(y) / m / d).time_since_epoch() + hours(h) + minutes(min));
 }
