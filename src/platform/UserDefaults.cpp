@@ -70,11 +70,12 @@ KeyFile load(const std::filesystem::path& file, bool keepComments, bool* unreada
     return k;
 }
 
-// Serialises writers of the same file across processes.
+// Serialises writers of the same file across processes: a lock on its folder, which leaves no
+// lock file behind.
 class FileLock {
 public:
-    explicit FileLock(const std::filesystem::path& path)
-        : fd_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+    explicit FileLock(const std::filesystem::path& folder)
+        : fd_(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
         if (fd_ >= 0) {
             while (::flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
             }
@@ -189,7 +190,7 @@ void UserDefaults::write(std::string_view key, std::optional<std::string> text) 
         Log::line("Failed to save settings to " + file_.string() + ": " + ec.message());
         return;
     }
-    FileLock lock(file_.string() + ".lock");
+    FileLock lock(file_.parent_path());
 
     bool unreadable = false;
     KeyFile keys = load(file_, true, &unreadable);
