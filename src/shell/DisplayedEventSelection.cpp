@@ -42,10 +42,10 @@ Instant DisplayedEventSelection::startOfToday() const {
     return Utility::startOfToday(*calendar_(), clock_.now());
 }
 
-Uuid DisplayedEventSelection::displayEvent(const Event& event, int modeCode) {
+Uuid DisplayedEventSelection::displayEvent(const EventPtr& event, int modeCode) {
     auto calendar = calendar_();
     Instant today = Utility::startOfToday(*calendar, clock_.now());
-    return displayEvent(std::make_shared<Event>(event), modeCode, *calendar, today);
+    return displayEvent(event, modeCode, *calendar, today);
 }
 
 Uuid DisplayedEventSelection::displayEvent(const EventPtr& event, int modeCode,

@@ -55,7 +55,7 @@ public:
     Uuid resolveDisplayedEvent(const Uuid& selected);
 
     // Shows one event in the given mode and stores the selection; returns the event's id.
-    Uuid displayEvent(const Event& event, int modeCode);
+    Uuid displayEvent(const EventPtr& event, int modeCode);
 
     // Start of the local day for which the title was last computed.
     Instant lastCalculated() const { return lastCalculated_; }
