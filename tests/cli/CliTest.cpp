@@ -316,6 +316,19 @@ TEST_F(CliTest, AStoreWithoutItsTableIsReportedOnStandardError) {
     EXPECT_NE(adding.err.find("Failed to insert record: "), std::string::npos);
 }
 
+TEST_F(CliTest, ACorruptSettingsFileIsReportedAndLosesNoEvent) {
+    std::string id = add({"Kept", "--date", localDate("America/New_York", 5)});
+    { std::ofstream(home / "config/Almanor/settings.ini") << "\x01garbage without a group\n"; }
+    Result r = run({"status"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "Kept 5 days\n");
+    EXPECT_NE(r.err.find("settings.ini"), std::string::npos) << r.err;
+    EXPECT_EQ(list()[0]["id"], id);
+    // Written afresh; what could not be read is kept beside it.
+    EXPECT_TRUE(std::filesystem::exists(home / "config/Almanor/settings.ini.corrupt"));
+    EXPECT_EQ(run({"status"}).err, "");
+}
+
 TEST_F(CliTest, AnUnopenableStoreStopsWithTheFatalMessage) {
     std::filesystem::create_directories(home / "data");
     { std::ofstream(home / "data/Almanor") << "a file where the folder should be"; }
