@@ -345,9 +345,16 @@ int run(int argc, char** argv) {
     // Standard output carries only results; the system's log lines go to standard error.
     Log::toStandardError();
 
-    CLI::App app{"Almanor counts the days until or since your events.\n"
+    CLI::App app{"Almanor counts the days until or since your events.\n\n"
+                 "  almanor events list [--json]\n"
+                 "  almanor events add NAME --date DATE [--alias TEXT] [--schedule S] [--count C]\n"
+                 "  almanor events edit ID [--name NAME] [--alias TEXT] [--date DATE] [--schedule S] "
+                 "[--count C]\n"
+                 "  almanor events delete ID\n"
+                 "  almanor select ID|next|random|rotate\n"
+                 "  almanor status [--json]\n\n"
                  "Events are kept in $XDG_DATA_HOME/Almanor/EventsV1.db, settings in "
-                 "$XDG_CONFIG_HOME/Almanor/settings.ini.",
+                 "$XDG_CONFIG_HOME/Almanor/settings.ini.\n",
                  "almanor"};
     app.set_version_flag("--version", std::string("almanor ") + ALMANOR_VERSION,
                          "Print the version and exit");
