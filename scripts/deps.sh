@@ -4,11 +4,21 @@
 set -euo pipefail
 
 packages=(
+  # build
   g++ make cmake pkg-config
   libsqlite3-dev libicu-dev uuid-dev libglib2.0-dev
   libcli11-dev nlohmann-json3-dev
+  libgtkmm-3.0-dev libayatana-appindicator3-dev
+  libcurl4-openssl-dev libxml2-dev libical-dev libsecret-1-dev
+  # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev
   sqlite3 hyperfine
+  clang libclang-rt-14-dev
+  desktop-file-utils appstream
+  xvfb xauth x11-utils imagemagick dbus-x11 at-spi2-core python3-dogtail xdotool
+  ayatana-indicator-application xfce4-panel xfce4-indicator-plugin
+  python3-radicale xandikos gnome-keyring libsecret-tools vdirsyncer khal
+  glib-networking librsvg2-common
 )
 
 missing=()

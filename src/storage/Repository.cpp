@@ -56,4 +56,9 @@ bool Repository::deleteEvent(const Event& event) {
     return logged("Failed to delete record: ", [&] { local_->deleteEvent(event); });
 }
 
+// Without a cloud account the pull finds no zone and the push has nowhere to go.
+void Repository::populateFromCloud() { Log::line("No zone found in the cloud, no need to migrate"); }
+
+void Repository::sync() { Log::line("Cloud not available for syncing"); }
+
 } // namespace almanor

@@ -33,6 +33,11 @@ public:
     bool update(const Event& event);
     bool deleteEvent(const Event& event);
 
+    // The start-up pull of the cloud's records into the store; blocks until it has ended.
+    void populateFromCloud();
+    // A push of the local changes to the cloud; returns at once.
+    void sync();
+
 private:
     std::unique_ptr<LocalRepository> local_;
 };

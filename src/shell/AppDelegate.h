@@ -1,0 +1,153 @@
+#pragma once
+
+#include "platform/Clock.h"
+#include "platform/Instant.h"
+#include "platform/MainThread.h"
+#include "platform/NotificationCenter.h"
+#include "platform/Settings.h"
+#include "platform/Uuid.h"
+#include "shell/DisplayedEventSelection.h"
+#include "shell/StatusItem.h"
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace almanor {
+
+class LaunchAtLogin;
+class Repository;
+class UserDefaults;
+
+// One row of the status menu or of its events submenu, as the tray draws it.
+struct MenuItem {
+    enum class Action { none, updateSelectedEvent, manageEvents, toggleLaunchAtLogin, quit };
+
+    std::string title;                     // shown as it is: no mnemonics
+    Action action = Action::none;          // none: drawn insensitive
+    std::optional<Uuid> representedObject; // events submenu: the id the row selects
+    bool state = false;                    // on: a check mark
+    bool separator = false;
+    bool hasSubmenu = false;               // "Events": the events submenu hangs here
+
+    friend bool operator==(const MenuItem&, const MenuItem&) = default;
+};
+
+// What draws the menus (GTK in the tray, a recorder in tests).
+class MenuPresenter {
+public:
+    virtual ~MenuPresenter() = default;
+    // Start-up: the top-level menu, once.
+    virtual void buildMenu(const std::vector<MenuItem>& menu) = 0;
+    // Replaces every row of the events submenu.
+    virtual void rebuildEventsMenu(const std::vector<MenuItem>& rows) = 0;
+    // Sets the check mark of one row of the events submenu (an index into the last rows given).
+    virtual void setEventsMenuState(std::size_t index, bool on) = 0;
+    // Sets the check mark of one item of the top-level menu.
+    virtual void setMenuState(std::size_t index, bool on) = 0;
+};
+
+// Creates the status item once the menu exists; the item shows the menu.
+class StatusBar {
+public:
+    virtual ~StatusBar() = default;
+    virtual StatusItem& createStatusItem() = 0;
+};
+
+// The management window as the delegate sees it: created once, then kept.
+class ManageEventsWindow {
+public:
+    virtual ~ManageEventsWindow() = default;
+    virtual bool isVisible() const = 0;
+    virtual void center() = 0;
+    virtual void makeKeyAndOrderFront() = 0;
+};
+
+// The repeating refresh timer.
+class Scheduler {
+public:
+    virtual ~Scheduler() = default;
+    virtual void scheduleRepeating(double intervalSeconds, double toleranceSeconds,
+                                   std::function<void()> action) = 0;
+};
+
+// The tray's behaviour, as plain C++: start-up, the refresh timer and its gating, the change
+// notification, the menus and their actions. GTK code draws what it is told and forwards clicks.
+class AppDelegate {
+public:
+    struct Services {
+        Repository& repository;
+        UserDefaults& defaults;
+        LaunchAtLogin& launchAtLogin;
+        NotificationCenter& center;
+        MainThread& mainThread;
+        const Clock& clock;
+        MenuPresenter& menuPresenter;
+        StatusBar& statusBar;
+        Scheduler& scheduler;
+        // Makes the management window on first use.
+        std::function<std::unique_ptr<ManageEventsWindow>()> makeManageEventsWindow;
+        // Brings the application to the front (all windows, ignoring other applications).
+        std::function<void()> activateApplication;
+        // Ends the main loop.
+        std::function<void()> terminate;
+        DisplayedEventSelection::CalendarSource calendar = &DayCalendar::current;
+        DisplayedEventSelection::RandomIndex random = DisplayedEventSelection::uniformRandomIndex();
+    };
+
+    static constexpr double refreshInterval = 300.0;
+    static constexpr double refreshTolerance = 30.0;
+    static constexpr double rotationSeconds = 3600.0;
+
+    explicit AppDelegate(Services services);
+    ~AppDelegate();
+    AppDelegate(const AppDelegate&) = delete;
+    AppDelegate& operator=(const AppDelegate&) = delete;
+
+    // Start-up, in its fixed order; the first title is set before the observer and the timer.
+    void applicationDidFinishLaunching();
+    void applicationWillTerminate() {}
+
+    // The timer's action.
+    void recalculateEvents();
+    // The change notification, on the main thread (a post from another thread is carried here).
+    void eventChangeNotification();
+    // A change that another process wrote to the store or the settings: handled as the change
+    // notification, unless the change is this process's own.
+    void storeChangedOnDisk();
+    void settingsChangedOnDisk();
+    // Resume from suspend: a tick at once.
+    void systemDidWake() { recalculateEvents(); }
+
+    // Menu actions; the sender is the row's index in its menu.
+    void manageEventsWithSender();
+    void updateSelectedEventWithSender(std::size_t eventsMenuIndex);
+    void toggleLaunchAtLoginWithSender(std::size_t menuIndex);
+    void quit();
+
+    // The rows of the events submenu for the id to mark, built from the repository's events.
+    std::vector<MenuItem> eventsMenuRows(const Uuid& marked) const;
+    void rebuildEventsMenu(const Uuid& marked);
+
+    const std::vector<MenuItem>& menu() const { return menu_; }
+    const std::vector<MenuItem>& eventsMenu() const { return eventsMenu_; }
+    StatusItem* statusBarItem() const { return statusBarItem_; }
+    DisplayedEventSelection& selection() { return selection_; }
+
+private:
+    struct Impl;
+    Services s_;
+    Settings settings_;
+    DisplayedEventSelection selection_;
+    StatusItem* statusBarItem_ = nullptr;
+    std::unique_ptr<ManageEventsWindow> manageEventsWindow_;
+    std::vector<MenuItem> menu_;
+    std::vector<MenuItem> eventsMenu_;
+    std::optional<NotificationCenter::Token> observer_;
+    std::unique_ptr<Impl> impl_;
+};
+
+} // namespace almanor
