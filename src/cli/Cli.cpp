@@ -2,6 +2,7 @@
 
 #include "cli/DateInput.h"
 #include "cli/JsonText.h"
+#include "cli/PlainText.h"
 #include "model/Text.h"
 #include "model/Utility.h"
 #include "platform/Clock.h"
@@ -204,11 +205,15 @@ int listEvents(const Options& o) {
                           e->id().uuidString().c_str(), localText(*calendar, e->date()).c_str(),
                           nameOf(e->schedule()), nameOf(e->countMethod()));
             out += columns;
-            out += e->name();
+            appendListingText(out, e->name());
             if (e->alias() && !e->alias()->empty()) {
-                out += " (" + *e->alias() + ")";
+                out += " (";
+                appendListingText(out, *e->alias());
+                out += ')';
             }
-            out += ": " + title + "\n";
+            out += ": ";
+            appendListingText(out, title);
+            out += '\n';
         }
     }
     if (o.json) {
