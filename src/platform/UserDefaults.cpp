@@ -95,12 +95,18 @@ private:
 
 } // namespace
 
+struct UserDefaults::Version {
+    Identity identity;
+};
+
 struct UserDefaults::Snapshot {
     Identity identity;
     KeyFile keys;
 };
 
-UserDefaults::UserDefaults(std::filesystem::path file) : file_(std::move(file)) {}
+UserDefaults::UserDefaults(std::filesystem::path file)
+    : file_(std::move(file)), written_(std::make_unique<Version>()),
+      seen_(std::make_unique<Version>(Version{identityOf(file_)})) {}
 UserDefaults::~UserDefaults() = default;
 
 UserDefaults& UserDefaults::standard() {
@@ -220,6 +226,15 @@ void UserDefaults::write(std::string_view key, std::optional<std::string> text) 
     }
     std::lock_guard guard(mutex_);
     cache_.reset();
+    written_->identity = identityOf(file_);
+}
+
+bool UserDefaults::changedElsewhere() {
+    Identity now = identityOf(file_);
+    std::lock_guard guard(mutex_);
+    bool changed = !(now == seen_->identity) && !(now == written_->identity);
+    seen_->identity = now;
+    return changed;
 }
 
 } // namespace almanor
