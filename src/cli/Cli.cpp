@@ -351,6 +351,7 @@ int run(int argc, char** argv) {
     Log::toStandardError();
 
     CLI::App app{"Almanor counts the days until or since your events.\n\n"
+                 "  almanor                 start the tray (the title in the panel, its menu, the window)\n"
                  "  almanor events list [--json]\n"
                  "  almanor events add NAME --date DATE [--alias TEXT] [--schedule S] [--count C]\n"
                  "  almanor events edit ID [--name NAME] [--alias TEXT] [--date DATE] [--schedule S] "
