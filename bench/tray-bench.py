@@ -129,7 +129,7 @@ def main():
     d = desktop.Desktop(BUILD)
     try:
         ids = store(1000)
-        programs = {"minimal": os.path.join(BUILD, "minimal_tray"), "almanor": os.path.join(BUILD, "almanor")}
+        programs = {"minimal": os.path.join(BUILD, "bench", "minimal_tray"), "almanor": os.path.join(BUILD, "almanor")}
         start_ms = {k: [] for k in programs}
         rss = {k: [] for k in programs}
         for _ in range(ROUNDS):
@@ -168,7 +168,7 @@ def main():
         print("  command-line change to new label: %.0f ms median, %.0f ms max (goal <= 2000)"
               % (statistics.median(change_ms), max(change_ms)))
         store(10000)
-        out = subprocess.run([os.path.join(BUILD, "window_bench")], capture_output=True, text=True, timeout=300)
+        out = subprocess.run([os.path.join(BUILD, "bench", "window_bench")], capture_output=True, text=True, timeout=300)
         print("  " + (out.stdout.strip() or out.stderr.strip()))
     finally:
         d.close()

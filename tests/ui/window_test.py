@@ -39,7 +39,8 @@ class WindowTest(unittest.TestCase):
         return {e["name"]: e for e in json.loads(self.d.almanor("events", "list", "--json").stdout)}
 
     def row(self, name):
-        return self.window.child(roleName="list item", name=name)
+        """The name cell of an event's row in the sidebar."""
+        return self.window.child(roleName="table cell", name=name)
 
     def test_1_window_layout(self):
         for header in ("One Off Events", "Weekly Events", "Monthly Events", "Annual Events"):
@@ -62,7 +63,8 @@ class WindowTest(unittest.TestCase):
         e = self.events()["Dentist"]
         self.assertEqual(e["alias"], "Teeth")
         self.assertEqual(e["schedule"], "monthly")
-        self.d.wait_for(lambda: self.row("Dentist Teeth"), "the new row")
+        self.d.wait_for(lambda: self.row("Dentist"), "the new row")
+        self.assertTrue(self.row("Teeth"))  # the alias beside the name
 
     def test_3_edit_the_selected_event(self):
         self.start_time = self.events()["Existing"]["date"][10:]
@@ -89,7 +91,7 @@ class WindowTest(unittest.TestCase):
         self.d.wait_for(lambda: not save.sensitive, "Save Event disabled after saving")
 
     def test_4_delete_with_cancel_then_confirm(self):
-        self.row("Dentist Teeth").click()
+        self.row("Dentist").click()
         self.window.child(roleName="push button", name="Delete Event").click()
         sheet = self.app.child(roleName="dialog", name="Delete Event")
         self.assertTrue(sheet.child(roleName="label", name='Are you sure you want to remove "Dentist"?'))

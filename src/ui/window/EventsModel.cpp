@@ -1,5 +1,7 @@
 #include "ui/window/EventsModel.h"
 
+#include <algorithm>
+
 #include "platform/Fatal.h"
 #include "storage/LocalRepository.h"
 #include "storage/Repository.h"
@@ -60,11 +62,12 @@ EventRowText eventRowText(const Event& event) {
 }
 
 std::string versionText(std::string_view version) {
-    std::string text;
-    if (!version.empty()) {
-        text = "v";
-        text.append(version);
+    if (version.empty()) {
+        return {};
     }
+    // Written into place: GCC 12 misreads "v" + text as an overlapping copy (-Wrestrict).
+    std::string text(version.size() + 1, 'v');
+    std::copy(version.begin(), version.end(), text.begin() + 1);
     return text;
 }
 

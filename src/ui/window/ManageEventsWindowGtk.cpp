@@ -15,9 +15,11 @@
 #include <gtkmm/cssprovider.h>
 #include <gtkmm/dialog.h>
 #include <gtkmm/entry.h>
-#include <gtkmm/expander.h>
 #include <gtkmm/label.h>
-#include <gtkmm/listbox.h>
+#include <gtkmm/cellrenderertext.h>
+#include <gtkmm/scrolledwindow.h>
+#include <gtkmm/treestore.h>
+#include <gtkmm/treeview.h>
 #include <gtkmm/menubutton.h>
 #include <gtkmm/popover.h>
 #include <gtkmm/radiobutton.h>
@@ -198,14 +200,26 @@ struct ManageEventsWindowGtk::Impl {
     ManageEventsState state{model};
     Glib::RefPtr<Gtk::Builder> builder;
     std::unique_ptr<Gtk::Window> window;
-    Gtk::Box* sections = nullptr;
     Gtk::Stack* detail = nullptr;
-    struct SectionView {
-        std::unique_ptr<Gtk::Expander> expander;
-        std::unique_ptr<Gtk::ListBox> list;
-        std::vector<Uuid> ids; // row index -> event id
+    // The sidebar is one tree: the four sections are its top rows (their expanders collapse them),
+    // the events their children. One virtualised view stays quick with thousands of rows.
+    struct Columns : Gtk::TreeModelColumnRecord {
+        Gtk::TreeModelColumn<Glib::ustring> name;
+        Gtk::TreeModelColumn<Glib::ustring> alias;
+        Gtk::TreeModelColumn<Glib::ustring> id; // empty on a section's row
+        Gtk::TreeModelColumn<int> weight;
+        Columns() {
+            add(name);
+            add(alias);
+            add(id);
+            add(weight);
+        }
     };
-    std::array<SectionView, 4> sectionViews;
+    Columns columns;
+    Glib::RefPtr<Gtk::TreeStore> rows;
+    std::unique_ptr<Gtk::TreeView> list;
+    // Sections start open; the user's folding survives reloads.
+    std::array<bool, 4> expanded{true, true, true, true};
     std::unique_ptr<EditorView> editor;
     std::unique_ptr<Gtk::Dialog> addDialog;
     std::unique_ptr<EditorView> addEditor;
@@ -223,7 +237,7 @@ struct ManageEventsWindowGtk::Impl {
             throw std::logic_error("The window's layout has no window");
         }
         window.reset(w);
-        sections = widget<Gtk::Box>(builder, "sections");
+        auto* scroll = widget<Gtk::ScrolledWindow>(builder, "list-scroll");
         detail = widget<Gtk::Stack>(builder, "detail");
         widget<Gtk::Label>(builder, "version")->set_text(versionText(ALMANOR_VERSION));
         widget<Gtk::Button>(builder, "add-button")->signal_clicked().connect([this] { pressAdd(); });
@@ -234,22 +248,51 @@ struct ManageEventsWindowGtk::Impl {
             return true;
         });
 
-        auto built = eventSections({});
-        for (std::size_t i = 0; i < 4; ++i) {
-            auto& view = sectionViews[i];
-            view.expander = std::make_unique<Gtk::Expander>();
-            auto* header = Gtk::make_managed<Gtk::Label>(std::string(built[i].header));
-            header->get_style_context()->add_class("section-header");
-            view.expander->set_label_widget(*header);
-            view.expander->set_expanded(true);
-            view.list = std::make_unique<Gtk::ListBox>();
-            view.list->set_selection_mode(Gtk::SELECTION_SINGLE);
-            view.list->get_accessible()->set_name(std::string(built[i].header));
-            view.expander->add(*view.list);
-            view.list->signal_row_selected().connect([this, i](Gtk::ListBoxRow* row) { rowSelected(i, row); });
-            sections->pack_start(*view.expander, Gtk::PACK_SHRINK);
+        rows = Gtk::TreeStore::create(columns);
+        list = std::make_unique<Gtk::TreeView>(rows);
+        list->set_headers_visible(false);
+        list->set_enable_search(false);
+        list->get_accessible()->set_name("Events");
+        auto* name = Gtk::make_managed<Gtk::CellRendererText>();
+        name->property_ellipsize() = Pango::ELLIPSIZE_END;
+        auto* nameColumn = Gtk::make_managed<Gtk::TreeViewColumn>("Name", *name);
+        nameColumn->add_attribute(name->property_text(), columns.name);
+        nameColumn->add_attribute(name->property_weight(), columns.weight);
+        auto* alias = Gtk::make_managed<Gtk::CellRendererText>();
+        alias->property_ellipsize() = Pango::ELLIPSIZE_END;
+        alias->property_foreground() = "gray";
+        auto* aliasColumn = Gtk::make_managed<Gtk::TreeViewColumn>("Alias", *alias);
+        aliasColumn->add_attribute(alias->property_text(), columns.alias);
+        // Rows of one height, laid out without measuring each.
+        for (auto* column : {nameColumn, aliasColumn}) {
+            column->set_sizing(Gtk::TREE_VIEW_COLUMN_FIXED);
+            column->set_expand(true);
+            list->append_column(*column);
         }
-        sections->show_all();
+        list->set_fixed_height_mode(true);
+        // Section rows are headers: they fold, they are not chosen.
+        list->get_selection()->set_select_function(
+            [this](const Glib::RefPtr<Gtk::TreeModel>&, const Gtk::TreeModel::Path& path, bool) {
+                return path.size() > 1;
+            });
+        list->get_selection()->signal_changed().connect([this] { rowSelected(); });
+        scroll->add(*list);
+        list->show();
+        for (const auto& section : eventSections({})) {
+            auto row = rows->append();
+            (*row)[columns.name] = std::string(section.header);
+            (*row)[columns.weight] = Pango::WEIGHT_BOLD;
+        }
+        list->signal_row_expanded().connect([this](const Gtk::TreeModel::iterator&, const Gtk::TreeModel::Path& path) {
+            if (!selecting && path.size() == 1) {
+                expanded[std::size_t(path[0])] = true;
+            }
+        });
+        list->signal_row_collapsed().connect([this](const Gtk::TreeModel::iterator&, const Gtk::TreeModel::Path& path) {
+            if (!selecting && path.size() == 1) {
+                expanded[std::size_t(path[0])] = false;
+            }
+        });
 
         model.setDidChange([this] { reloaded(); });
         drawList();
@@ -259,56 +302,50 @@ struct ManageEventsWindowGtk::Impl {
     void drawList() {
         selecting = true;
         auto built = eventSections(model.events());
-        for (std::size_t i = 0; i < 4; ++i) {
-            auto& view = sectionViews[i];
-            for (auto* child : view.list->get_children()) {
-                view.list->remove(*child);
-                delete child;
+        // Refilled while detached, so the view is not told of each row.
+        list->unset_model();
+        std::optional<Gtk::TreeModel::Path> selected;
+        std::size_t i = 0;
+        for (const auto& section : rows->children()) {
+            while (!section.children().empty()) {
+                rows->erase(section.children().begin());
             }
-            view.ids.clear();
             for (const auto& event : built[i].events) {
                 auto text = eventRowText(*event);
-                auto* row = new Gtk::ListBoxRow();
-                auto* box = Gtk::make_managed<Gtk::Box>(Gtk::ORIENTATION_HORIZONTAL, 6);
-                auto* name = Gtk::make_managed<Gtk::Label>(text.name);
-                name->set_ellipsize(Pango::ELLIPSIZE_END);
-                box->pack_start(*name, Gtk::PACK_SHRINK);
-                if (text.alias) {
-                    auto* alias = Gtk::make_managed<Gtk::Label>(*text.alias);
-                    alias->get_style_context()->add_class("dim-label");
-                    alias->set_ellipsize(Pango::ELLIPSIZE_END);
-                    box->pack_start(*alias, Gtk::PACK_SHRINK);
-                }
-                row->add(*box);
-                row->get_accessible()->set_name(text.alias ? text.name + " " + *text.alias : text.name);
-                view.list->append(*row);
-                view.ids.push_back(event->id());
+                auto row = rows->append(section.children());
+                (*row)[columns.name] = text.name;
+                (*row)[columns.alias] = text.alias.value_or("");
+                (*row)[columns.id] = event->id().uuidString();
+                (*row)[columns.weight] = Pango::WEIGHT_NORMAL;
                 if (state.selection() && *state.selection() == event->id()) {
-                    view.list->select_row(*row);
+                    selected = rows->get_path(row);
                 }
             }
-            view.list->show_all();
+            ++i;
+        }
+        list->set_model(rows);
+        i = 0;
+        for (const auto& section : rows->children()) {
+            if (expanded[i]) {
+                list->expand_row(rows->get_path(section), false);
+            }
+            ++i;
+        }
+        if (selected) {
+            list->get_selection()->select(*selected);
         }
         selecting = false;
     }
 
-    void rowSelected(std::size_t section, Gtk::ListBoxRow* row) {
-        if (selecting || row == nullptr) {
+    void rowSelected() {
+        if (selecting) {
             return;
         }
-        auto& view = sectionViews[section];
-        auto index = static_cast<std::size_t>(row->get_index());
-        if (index >= view.ids.size()) {
+        auto iter = list->get_selection()->get_selected();
+        if (!iter) {
             return;
         }
-        selecting = true;
-        for (std::size_t i = 0; i < 4; ++i) {
-            if (i != section) {
-                sectionViews[i].list->unselect_all();
-            }
-        }
-        selecting = false;
-        state.select(view.ids[index]);
+        state.select(Uuid::parse(Glib::ustring((*iter)[columns.id]).raw()));
         showDetail();
     }
 
@@ -340,9 +377,7 @@ struct ManageEventsWindowGtk::Impl {
     void pressAdd() {
         state.pressAdd();
         selecting = true;
-        for (auto& view : sectionViews) {
-            view.list->unselect_all();
-        }
+        list->get_selection()->unselect_all();
         selecting = false;
         showDetail();
         addDialog = std::make_unique<Gtk::Dialog>("Add Event", *window, true);
