@@ -263,12 +263,13 @@ struct ManageEventsWindowGtk::Impl {
         alias->property_foreground() = "gray";
         auto* aliasColumn = Gtk::make_managed<Gtk::TreeViewColumn>("Alias", *alias);
         aliasColumn->add_attribute(alias->property_text(), columns.alias);
-        // Rows of one height, laid out without measuring each.
+        // Rows of one height, laid out without measuring each: the name takes what the alias leaves.
         for (auto* column : {nameColumn, aliasColumn}) {
             column->set_sizing(Gtk::TREE_VIEW_COLUMN_FIXED);
-            column->set_expand(true);
             list->append_column(*column);
         }
+        nameColumn->set_expand(true);
+        aliasColumn->set_fixed_width(50);
         list->set_fixed_height_mode(true);
         // Section rows are headers: they fold, they are not chosen.
         list->get_selection()->set_select_function(
