@@ -1,3 +1,46 @@
 #include "cli/Cli.h"
 
-int main(int argc, char** argv) { return almanor::cli::run(argc, argv); }
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <unistd.h>
+
+#ifndef ALMANOR_TRAY_INSTALLED
+#define ALMANOR_TRAY_INSTALLED ""
+#endif
+
+namespace {
+
+// The tray is a program of its own, so that the command line loads no GUI library. It lives
+// beside this binary in a build tree, else where the install put it.
+int startTray(const char* argv0) {
+    std::error_code ec;
+    std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ec);
+    if (ec) {
+        self = argv0;
+    }
+    std::string beside = (self.parent_path() / "almanor-tray").string();
+    // Login items start the almanor that enabled them: the tray needs to know which one that is.
+    ::setenv("ALMANOR_LAUNCHER", self.c_str(), 1);
+    for (const std::string& tray : {beside, std::string(ALMANOR_TRAY_INSTALLED)}) {
+        if (!tray.empty() && ::access(tray.c_str(), X_OK) == 0) {
+            char* args[] = {const_cast<char*>(tray.c_str()), nullptr};
+            ::execv(tray.c_str(), args);
+            std::fprintf(stderr, "almanor: cannot start the tray %s: %s\n", tray.c_str(), std::strerror(errno));
+            return 3;
+        }
+    }
+    std::fprintf(stderr, "almanor: the tray (almanor-tray) is not installed beside %s\n", self.c_str());
+    return 3;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc == 1) {
+        return startTray(argv[0]);
+    }
+    return almanor::cli::run(argc, argv);
+}

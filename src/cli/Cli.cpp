@@ -2,6 +2,7 @@
 
 #include "cli/DateInput.h"
 #include "cli/JsonText.h"
+#include "cli/PlainText.h"
 #include "model/Text.h"
 #include "model/Utility.h"
 #include "platform/Clock.h"
@@ -204,11 +205,15 @@ int listEvents(const Options& o) {
                           e->id().uuidString().c_str(), localText(*calendar, e->date()).c_str(),
                           nameOf(e->schedule()), nameOf(e->countMethod()));
             out += columns;
-            out += e->name();
+            appendListingText(out, e->name());
             if (e->alias() && !e->alias()->empty()) {
-                out += " (" + *e->alias() + ")";
+                out += " (";
+                appendListingText(out, *e->alias());
+                out += ')';
             }
-            out += ": " + title + "\n";
+            out += ": ";
+            appendListingText(out, title);
+            out += '\n';
         }
     }
     if (o.json) {
@@ -346,6 +351,7 @@ int run(int argc, char** argv) {
     Log::toStandardError();
 
     CLI::App app{"Almanor counts the days until or since your events.\n\n"
+                 "  almanor                 start the tray (the title in the panel, its menu, the window)\n"
                  "  almanor events list [--json]\n"
                  "  almanor events add NAME --date DATE [--alias TEXT] [--schedule S] [--count C]\n"
                  "  almanor events edit ID [--name NAME] [--alias TEXT] [--date DATE] [--schedule S] "

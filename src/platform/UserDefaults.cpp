@@ -95,12 +95,31 @@ private:
 
 } // namespace
 
+// A version of the file is its content: file identities repeat when writes come fast (inode numbers
+// are reused, timestamps are coarse), the bytes do not.
+struct UserDefaults::Version {
+    std::optional<std::string> content; // none: no file
+
+    static std::optional<std::string> read(const std::filesystem::path& file) {
+        gchar* text = nullptr;
+        gsize length = 0;
+        if (!g_file_get_contents(file.c_str(), &text, &length, nullptr)) {
+            return std::nullopt;
+        }
+        std::string content(text, length);
+        g_free(text);
+        return content;
+    }
+};
+
 struct UserDefaults::Snapshot {
     Identity identity;
     KeyFile keys;
 };
 
-UserDefaults::UserDefaults(std::filesystem::path file) : file_(std::move(file)) {}
+UserDefaults::UserDefaults(std::filesystem::path file)
+    : file_(std::move(file)), written_(std::make_unique<Version>()),
+      seen_(std::make_unique<Version>(Version{Version::read(file_)})) {}
 UserDefaults::~UserDefaults() = default;
 
 UserDefaults& UserDefaults::standard() {
@@ -213,13 +232,24 @@ void UserDefaults::write(std::string_view key, std::optional<std::string> text) 
     } else {
         g_key_file_remove_key(keys.get(), group, k.c_str(), nullptr);
     }
+    gsize length = 0;
+    GString_ data(g_key_file_to_data(keys.get(), &length, nullptr));
     GError* raw = nullptr;
-    if (!g_key_file_save_to_file(keys.get(), file_.c_str(), &raw)) {
+    if (!g_file_set_contents(file_.c_str(), data.get(), gssize(length), &raw)) {
         Error error(raw);
         Log::line("Failed to save settings to " + file_.string() + ": " + error->message);
     }
     std::lock_guard guard(mutex_);
     cache_.reset();
+    written_->content = std::string(data.get(), length);
+}
+
+bool UserDefaults::changedElsewhere() {
+    auto now = Version::read(file_);
+    std::lock_guard guard(mutex_);
+    bool changed = now != seen_->content && now != written_->content;
+    seen_->content = std::move(now);
+    return changed;
 }
 
 } // namespace almanor

@@ -39,6 +39,10 @@ public:
     void setBoolean(std::string_view key, bool value);
     void remove(std::string_view key);
 
+    // Whether the file changed on disk since the last call, by a writer other than this object.
+    // A version of the file that this object wrote itself is taken as seen, never as a change.
+    bool changedElsewhere();
+
     // The group that holds the keys inside the file.
     static constexpr const char* group = "com.vostrel.Almanor";
 
@@ -52,6 +56,10 @@ private:
     mutable std::mutex mutex_;
     mutable std::shared_ptr<const Snapshot> cache_;
     std::map<std::string, std::string, std::less<>> registered_;
+    // Versions of the file for changedElsewhere: the last one written here and the last one seen.
+    struct Version;
+    std::unique_ptr<Version> written_;
+    std::unique_ptr<Version> seen_;
 };
 
 } // namespace almanor

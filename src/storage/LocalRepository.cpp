@@ -80,6 +80,14 @@ std::vector<EventPtr> LocalRepository::fetchAll() {
     });
 }
 
+std::int64_t LocalRepository::dataVersion() {
+    return connection_.sync([&] {
+        auto rows = connection_.prepare(sql::Statement{"PRAGMA data_version", {}});
+        rows.next();
+        return rows.row().integer(0);
+    });
+}
+
 void LocalRepository::insert(const Event& event) {
     const auto& t = events_;
     Instant now = clock_.now();

@@ -8,6 +8,7 @@
 #include "storage/EventsTable.h"
 #include "storage/sql/Connection.h"
 
+#include <cstdint>
 #include <filesystem>
 #include <string_view>
 #include <vector>
@@ -47,6 +48,11 @@ public:
     void insert(const Event& event);
     void update(const Event& event);
     void deleteEvent(const Event& event);
+
+    // SQLite's data version of this connection: it changes exactly when another connection (another
+    // process) has committed a change to the file, never for this connection's own writes.
+    // Throws sql::Error.
+    std::int64_t dataVersion();
 
     // What the next push has to send. A failing query is logged ("Sync query error: ...") and
     // ends the collection: the lists gathered before it are returned, the others stay empty.

@@ -181,6 +181,20 @@ TEST_F(CliTest, NamesWithQuotesAndControlsListAsValidJson) {
     EXPECT_EQ(events[0]["title"].get<std::string>().substr(0, 7), "Mum\tday");
 }
 
+TEST_F(CliTest, PlainListingKeepsOneLinePerEventWhateverTheNames) {
+    add({"Two\nlines", "--date", "2030-01-01", "--alias", "Tab\there"});
+    add({"Plain", "--date", "2030-01-02"});
+    add({"Esc\x1b[2Jape\r", "--date", "2030-01-03"});
+    Result r = run({"events", "list"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 3);
+    EXPECT_EQ(r.out.find('\t'), std::string::npos);
+    EXPECT_EQ(r.out.find('\x1b'), std::string::npos);
+    EXPECT_NE(r.out.find("Two\\nlines (Tab\\there): Tab\\there "), std::string::npos);
+    // The stored text is unchanged: only the listing escapes.
+    EXPECT_EQ(list()[0]["name"], "Two\nlines");
+}
+
 TEST_F(CliTest, UnknownIdsExitOneWithOneLineAndChangeNothing) {
     std::string id = add({"Kept", "--date", "2030-05-05"});
     std::string missing = "3f2504e0-4f89-41d3-9a0c-0305e82c3301";

@@ -1,0 +1,261 @@
+#include "shell/AppDelegate.h"
+
+#include "login/LaunchAtLogin.h"
+#include "model/DateText.h"
+#include "platform/Log.h"
+#include "platform/UserDefaults.h"
+#include "storage/LocalRepository.h"
+#include "storage/MigrationManager.h"
+#include "storage/Repository.h"
+#include "storage/sql/Error.h"
+
+#include <array>
+
+namespace almanor {
+
+namespace {
+
+// The top-level menu's rows, by index.
+constexpr std::size_t eventsRow = 0;
+constexpr std::size_t launchAtLoginRow = 3;
+
+struct Section {
+    Schedule schedule;
+    const char* header;
+    const char* pattern;
+    bool ordinal;
+};
+
+constexpr std::array<Section, 4> sections{{
+    {Schedule::none, "One off events", "MMM d, yyyy", false},
+    {Schedule::weekly, "Weekly events", "E", false},
+    {Schedule::monthly, "Monthly events", "", true},
+    {Schedule::annually, "Annual events", "MMM ", true},
+}};
+
+MenuItem row(std::string title, MenuItem::Action action = MenuItem::Action::none) {
+    MenuItem item;
+    item.title = std::move(title);
+    item.action = action;
+    return item;
+}
+
+MenuItem separator() {
+    MenuItem item;
+    item.separator = true;
+    return item;
+}
+
+// The row's represented object; a row without one stands for a fresh id that matches nothing.
+Uuid representedId(const MenuItem& item) { return item.representedObject.value_or(Uuid::random()); }
+
+} // namespace
+
+struct AppDelegate::Impl {
+    std::optional<std::int64_t> dataVersion;
+
+    // Whether another process committed to the store since the last look; a store that cannot be
+    // asked counts as changed, so a change is never missed.
+    bool storeChangedElsewhere(Repository& repository) {
+        std::optional<std::int64_t> now;
+        try {
+            now = repository.local().dataVersion();
+        } catch (const sql::Error& e) {
+            Log::line(std::string("Failed to read the store's version: ") + e.what());
+        }
+        bool changed = !now || now != dataVersion;
+        dataVersion = now;
+        return changed;
+    }
+};
+
+AppDelegate::AppDelegate(Services services)
+    : s_(std::move(services)), settings_(s_.defaults),
+      selection_([repository = &s_.repository] { return repository->fetchAll(); }, settings_, s_.clock,
+                 s_.calendar, s_.random),
+      impl_(std::make_unique<Impl>()) {}
+
+AppDelegate::~AppDelegate() {
+    if (observer_) {
+        s_.center.removeObserver(*observer_);
+    }
+}
+
+void AppDelegate::applicationDidFinishLaunching() {
+    // 1. The one-time move off the older login helper.
+    s_.launchAtLogin.migrateIfNeeded();
+    // 2.
+    settings_.registerDefaults();
+    // 3. The table on first start, then the pull that the first title waits for.
+    MigrationManager::migrateIfNeeded(s_.repository, s_.defaults);
+    s_.repository.populateFromCloud();
+    // 4.
+    s_.repository.sync();
+
+    // 5. The top-level menu, built once.
+    bool launchesAtLogin = s_.launchAtLogin.isEnabled();
+    menu_.clear();
+    MenuItem events = row("Events");
+    events.hasSubmenu = true;
+    menu_.push_back(events);
+    menu_.push_back(row("Manage Events", MenuItem::Action::manageEvents));
+    menu_.push_back(separator());
+    MenuItem launch = row("Launch Almanor at Login", MenuItem::Action::toggleLaunchAtLogin);
+    launch.state = launchesAtLogin;
+    menu_.push_back(launch);
+    menu_.push_back(separator());
+    menu_.push_back(row("Quit", MenuItem::Action::quit));
+    if (launchesAtLogin) {
+        s_.launchAtLogin.setEnabled(true); // registers again, so a moved binary is followed
+    }
+    s_.menuPresenter.buildMenu(menu_);
+
+    // 6.
+    statusBarItem_ = &s_.statusBar.createStatusItem();
+    selection_.setStatusItem(statusBarItem_);
+
+    // 7.
+    Uuid stored = settings_.selectedEventId();
+    Log::line("selectedEvent " + stored.uuidString());
+
+    // 8. The first title, before anything can change it.
+    rebuildEventsMenu(selection_.resolveDisplayedEvent(stored));
+
+    // What this process has seen of the files so far counts as its own.
+    impl_->storeChangedElsewhere(s_.repository);
+    s_.defaults.changedElsewhere();
+
+    // 9. Posts come from any thread (the store posts where it writes); GTK is touched only on the
+    // main thread.
+    observer_ = s_.center.addObserver(std::string(almanor::eventChangeNotification), [this] {
+        s_.mainThread.run([this] { eventChangeNotification(); });
+    });
+
+    // 10.
+    s_.scheduler.scheduleRepeating(refreshInterval, refreshTolerance, [this] { recalculateEvents(); });
+}
+
+void AppDelegate::recalculateEvents() {
+    s_.repository.sync();
+    Uuid selected = settings_.selectedEventId();
+    if (selected == DisplayedEventSelection::cycleUpcomingEventId) {
+        double now = secondsSinceReferenceDate(s_.clock.now());
+        if (now - selection_.lastCycled() > rotationSeconds) {
+            Log::line("Recalculating event");
+            selection_.resolveDisplayedEvent(selected);
+            return;
+        }
+    }
+    if (selection_.startOfToday() == selection_.lastCalculated()) {
+        return;
+    }
+    selection_.resolveDisplayedEvent(selected);
+}
+
+void AppDelegate::eventChangeNotification() {
+    Uuid selected = settings_.selectedEventId();
+    rebuildEventsMenu(selection_.resolveDisplayedEvent(selected));
+    s_.repository.sync();
+}
+
+void AppDelegate::storeChangedOnDisk() {
+    if (impl_->storeChangedElsewhere(s_.repository)) {
+        eventChangeNotification();
+    }
+}
+
+void AppDelegate::settingsChangedOnDisk() {
+    if (s_.defaults.changedElsewhere()) {
+        eventChangeNotification();
+    }
+}
+
+void AppDelegate::manageEventsWithSender() {
+    if (!manageEventsWindow_) {
+        manageEventsWindow_ = s_.makeManageEventsWindow();
+        manageEventsWindow_->center();
+    }
+    s_.activateApplication();
+    if (!manageEventsWindow_->isVisible()) {
+        manageEventsWindow_->center();
+        manageEventsWindow_->makeKeyAndOrderFront();
+    }
+}
+
+void AppDelegate::updateSelectedEventWithSender(std::size_t eventsMenuIndex) {
+    if (eventsMenuIndex >= eventsMenu_.size()) {
+        return;
+    }
+    Uuid id = representedId(eventsMenu_[eventsMenuIndex]);
+    for (std::size_t i = 0; i < eventsMenu_.size(); ++i) {
+        bool on = representedId(eventsMenu_[i]) == id;
+        if (eventsMenu_[i].state != on) {
+            eventsMenu_[i].state = on;
+            s_.menuPresenter.setEventsMenuState(i, on);
+        }
+    }
+    settings_.setSelectedEventId(id);
+    // The marks set above stay until the next rebuild, even when another event is shown.
+    selection_.resolveDisplayedEvent(id);
+}
+
+void AppDelegate::toggleLaunchAtLoginWithSender(std::size_t menuIndex) {
+    if (menuIndex >= menu_.size()) {
+        return;
+    }
+    bool enable = !menu_[menuIndex].state;
+    s_.launchAtLogin.setEnabled(enable);
+    menu_[menuIndex].state = enable;
+    s_.menuPresenter.setMenuState(menuIndex, enable);
+}
+
+void AppDelegate::quit() { s_.terminate(); }
+
+std::vector<MenuItem> AppDelegate::eventsMenuRows(const Uuid& marked) const {
+    std::vector<MenuItem> rows;
+    rows.push_back(row("Automatic selection"));
+    auto mode = [&](const char* title, const Uuid& id) {
+        MenuItem item = row(title, MenuItem::Action::updateSelectedEvent);
+        item.representedObject = id;
+        item.state = id == marked;
+        rows.push_back(item);
+    };
+    mode("Next upcoming event", DisplayedEventSelection::nextEventId);
+    mode("Rotate upcoming events (hourly)", DisplayedEventSelection::cycleUpcomingEventId);
+    mode("Random event selection", DisplayedEventSelection::randomEventId);
+
+    auto events = s_.repository.fetchAll();
+    // Made afresh: the locale and the time zone are the ones of this moment.
+    const DateText dates;
+    for (const auto& section : sections) {
+        bool headed = false;
+        for (const auto& event : events) {
+            if (event->schedule() != section.schedule) {
+                continue;
+            }
+            if (!headed) {
+                rows.push_back(row(section.header));
+                headed = true;
+            }
+            std::string text = dates.format(event->date(), section.pattern);
+            if (section.ordinal) {
+                text += dates.ordinal(dates.dayOfMonth(event->date()));
+            }
+            MenuItem item = row(event->name() + " - " + text, MenuItem::Action::updateSelectedEvent);
+            item.representedObject = event->id();
+            item.state = event->id() == marked;
+            rows.push_back(item);
+        }
+    }
+    if (rows.empty()) {
+        rows.push_back(row("No events"));
+    }
+    return rows;
+}
+
+void AppDelegate::rebuildEventsMenu(const Uuid& marked) {
+    eventsMenu_ = eventsMenuRows(marked);
+    s_.menuPresenter.rebuildEventsMenu(eventsMenu_);
+}
+
+} // namespace almanor

@@ -1,0 +1,147 @@
+// almanor-tray: the tray application that `almanor` with no command starts.
+
+#include "login/LaunchAtLogin.h"
+#include "login/XdgAutostartService.h"
+#include "platform/Clock.h"
+#include "platform/Log.h"
+#include "platform/NotificationCenter.h"
+#include "platform/Paths.h"
+#include "platform/UserDefaults.h"
+#include "shell/AppDelegate.h"
+#include "storage/Repository.h"
+#include "ui/tray/GlibServices.h"
+#include "ui/tray/Indicator.h"
+#include "ui/window/ManageEventsWindowGtk.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <glib-unix.h>
+#include <gtkmm/application.h>
+#include <gtkmm/window.h>
+#include <memory>
+#include <optional>
+#include <unistd.h>
+
+using namespace almanor;
+
+namespace {
+
+// The folder with hicolor/ icons when the tray runs from the build tree; empty when installed.
+std::filesystem::path iconThemePath(const std::filesystem::path& self) {
+    auto beside = self.parent_path() / "data/icons";
+    std::error_code ec;
+    return std::filesystem::exists(beside / "hicolor", ec) ? beside : std::filesystem::path();
+}
+
+// The almanor that login should start: the one that started this tray, else the one beside it.
+std::filesystem::path almanorProgram(const std::filesystem::path& self) {
+    if (const char* launcher = std::getenv("ALMANOR_LAUNCHER"); launcher != nullptr && *launcher != '\0') {
+        return launcher;
+    }
+    return self.parent_path() / "almanor";
+}
+
+struct Tray {
+    explicit Tray(Glib::RefPtr<Gtk::Application> app, const std::filesystem::path& self)
+        : application(std::move(app)), loginItems(paths::configHome(), almanorProgram(self)),
+          launchAtLogin(loginItems, UserDefaults::standard()),
+          presenter(GtkMenuPresenter::Actions{
+              [this] { delegate->manageEventsWithSender(); },
+              [this](std::size_t i) { delegate->updateSelectedEventWithSender(i); },
+              [this](std::size_t i) { delegate->toggleLaunchAtLoginWithSender(i); },
+              [this] { delegate->quit(); },
+              [this]() -> const std::vector<MenuItem>& { return delegate->eventsMenu(); },
+              [this]() -> const std::vector<MenuItem>& { return delegate->menu(); },
+          }),
+          indicator(presenter.menu(), iconThemePath(self)) {
+        delegate.emplace(AppDelegate::Services{
+            Repository::shared(),
+            UserDefaults::standard(),
+            launchAtLogin,
+            NotificationCenter::defaultCenter(),
+            mainThread,
+            SystemClock::shared(),
+            presenter,
+            indicator,
+            scheduler,
+            [this]() -> std::unique_ptr<ManageEventsWindow> {
+                auto window = std::make_unique<ManageEventsWindowGtk>(
+                    Repository::shared(), NotificationCenter::defaultCenter(), mainThread, SystemClock::shared());
+                application->add_window(window->window());
+                return window;
+            },
+            [this] {
+                for (auto* w : application->get_windows()) {
+                    if (w->get_visible()) {
+                        w->present();
+                    }
+                }
+            },
+            [this] { application->quit(); },
+        });
+    }
+
+    void start() {
+        delegate->applicationDidFinishLaunching();
+        // Changes that other processes write (the command line, a script) are followed through
+        // the files themselves; the delegate tells them from this process's own.
+        storeWatch.emplace(paths::databaseDirectory() / paths::databaseFileName,
+                           [this] { delegate->storeChangedOnDisk(); });
+        settingsWatch.emplace(UserDefaults::standard().file(), [this] { delegate->settingsChangedOnDisk(); });
+        wakeWatch.emplace([this] { delegate->systemDidWake(); });
+    }
+
+    Glib::RefPtr<Gtk::Application> application;
+    GlibMainThread mainThread;
+    GlibScheduler scheduler;
+    XdgAutostartService loginItems;
+    LaunchAtLogin launchAtLogin;
+    GtkMenuPresenter presenter;
+    Indicator indicator;
+    std::optional<AppDelegate> delegate;
+    std::optional<FileWatch> storeWatch;
+    std::optional<FileWatch> settingsWatch;
+    std::optional<WakeWatch> wakeWatch;
+};
+
+} // namespace
+
+int main(int argc, char** argv) {
+    Log::toStandardOutput();
+    std::error_code ec;
+    auto self = std::filesystem::read_symlink("/proc/self/exe", ec);
+    if (ec) {
+        self = argv[0];
+    }
+    auto application = Gtk::Application::create("com.vostrel.Almanor");
+    std::unique_ptr<Tray> tray;
+    bool launched = false;
+    application->signal_startup().connect([&] {
+        application->hold(); // a tray has no window to keep it alive
+        tray = std::make_unique<Tray>(application, self);
+        tray->start();
+    });
+    // The first activation is this start; later ones come from `almanor` started again while this
+    // tray runs, and open the window as "Manage Events" does.
+    application->signal_activate().connect([&] {
+        if (launched) {
+            tray->delegate->manageEventsWithSender();
+        }
+        launched = true;
+    });
+    application->signal_shutdown().connect([&] { tray.reset(); });
+    // A session that ends sends SIGTERM: leave as "Quit" does.
+    for (int signal : {SIGTERM, SIGINT}) {
+        g_unix_signal_add(
+            signal,
+            [](gpointer app) -> gboolean {
+                static_cast<Gtk::Application*>(app)->quit();
+                return G_SOURCE_CONTINUE;
+            },
+            application.get());
+    }
+    // Arguments are the command line's business; the tray takes none.
+    (void)argc;
+    char* args[] = {argv[0], nullptr};
+    return application->run(1, args);
+}

@@ -1,0 +1,91 @@
+#include "ui/window/EventsModel.h"
+
+#include "platform/Fatal.h"
+#include "storage/LocalRepository.h"
+#include "storage/Repository.h"
+
+namespace almanor {
+
+Model::Model(Repository& repository, NotificationCenter& center, MainThread& mainThread)
+    : repository_(repository), center_(center), mainThread_(mainThread), events_(repository.fetchAll()) {
+    // The store posts on whichever thread wrote; the list may only change on the main thread.
+    observer_ = center_.addObserver(std::string(eventChangeNotification),
+                                    [this] { mainThread_.run([this] { reload(); }); });
+}
+
+Model::~Model() { center_.removeObserver(observer_); }
+
+void Model::reload() {
+    auto events = repository_.fetchAll();
+    if (willChange_) {
+        willChange_();
+    }
+    events_ = std::move(events);
+    if (didChange_) {
+        didChange_();
+    }
+}
+
+EventPtr Model::find(const std::optional<Uuid>& id) const {
+    if (!id) {
+        return nullptr;
+    }
+    for (const auto& e : events_) {
+        if (e->id() == *id) {
+            return e;
+        }
+    }
+    return nullptr;
+}
+
+std::array<EventSection, 4> eventSections(const std::vector<EventPtr>& events) {
+    std::array<EventSection, 4> sections{{
+        {"One Off Events", Schedule::none, {}},
+        {"Weekly Events", Schedule::weekly, {}},
+        {"Monthly Events", Schedule::monthly, {}},
+        {"Annual Events", Schedule::annually, {}},
+    }};
+    for (const auto& e : events) {
+        sections[static_cast<std::size_t>(rawValue(e->schedule()))].events.push_back(e);
+    }
+    return sections;
+}
+
+EventRowText eventRowText(const Event& event) {
+    EventRowText row{event.name(), std::nullopt};
+    if (event.alias() && !event.alias()->empty()) {
+        row.alias = *event.alias();
+    }
+    return row;
+}
+
+std::string versionText(std::string_view version) {
+    return version.empty() ? std::string() : "v" + std::string(version);
+}
+
+void ManageEventsState::pressAdd() {
+    selection_.reset();
+    showAdd_ = true;
+}
+
+void ManageEventsState::pressDelete() { showDelete_ = selectedEvent() != nullptr; }
+
+ConfirmDelete::ConfirmDelete(EventPtr event, std::function<void()> dismiss,
+                             std::function<void(const Event&)> performDelete)
+    : event_(std::move(event)), dismiss_(std::move(dismiss)), performDelete_(std::move(performDelete)) {
+    if (!event_) {
+        // The "-" button opens the sheet only for an event that exists.
+        fatalError("Almanor/ConfirmDeleteSheet", __LINE__, "No event to delete");
+    }
+}
+
+std::string ConfirmDelete::question() const {
+    return "Are you sure you want to remove \"" + event_->name() + "\"?";
+}
+
+void ConfirmDelete::confirm() {
+    dismiss_();
+    performDelete_(*event_);
+}
+
+} // namespace almanor

@@ -1,0 +1,442 @@
+#include "ui/window/ManageEventsWindowGtk.h"
+
+#include "model/DateText.h"
+#include "model/DayCalendar.h"
+#include "storage/Repository.h"
+#include "ui/window/EventEditor.h"
+
+#include <gdkmm/screen.h>
+#include <glibmm/main.h>
+#include <glibmm/markup.h>
+#include <gtkmm/builder.h>
+#include <gtkmm/button.h>
+#include <gtkmm/calendar.h>
+#include <gtkmm/comboboxtext.h>
+#include <gtkmm/cssprovider.h>
+#include <gtkmm/dialog.h>
+#include <gtkmm/entry.h>
+#include <gtkmm/expander.h>
+#include <gtkmm/label.h>
+#include <gtkmm/listbox.h>
+#include <gtkmm/menubutton.h>
+#include <gtkmm/popover.h>
+#include <gtkmm/radiobutton.h>
+#include <gtkmm/stack.h>
+#include <gtkmm/stylecontext.h>
+#include <gtkmm/window.h>
+#include <stdexcept>
+
+#ifndef ALMANOR_VERSION
+#define ALMANOR_VERSION ""
+#endif
+
+namespace almanor {
+
+namespace {
+
+constexpr const char* resources = "/com/vostrel/Almanor/window/";
+
+// Every widget a view needs is in its .ui file; a missing one is a broken build, said loudly.
+template <class T> T* widget(const Glib::RefPtr<Gtk::Builder>& builder, const char* id) {
+    T* w = nullptr;
+    builder->get_widget(id, w);
+    if (w == nullptr) {
+        throw std::logic_error(std::string("The window's layout has no widget ") + id);
+    }
+    return w;
+}
+
+void installStyle() {
+    static bool installed = false;
+    if (installed) {
+        return;
+    }
+    installed = true;
+    auto css = Gtk::CssProvider::create();
+    css->load_from_resource(std::string(resources) + "style.css");
+    Gtk::StyleContext::add_provider_for_screen(Gdk::Screen::get_default(), css,
+                                               GTK_STYLE_PROVIDER_PRIORITY_APPLICATION);
+}
+
+// The event form: the plain editor's working copy, drawn and fed by GTK widgets.
+class EditorView {
+public:
+    EditorView(std::unique_ptr<EventEditor> editor, std::function<void()> closeSheet)
+        : editor_(std::move(editor)), closeSheet_(std::move(closeSheet)),
+          builder_(Gtk::Builder::create_from_resource(std::string(resources) + "editor.ui")) {
+        root_ = widget<Gtk::Box>(builder_, "editor");
+        title_ = widget<Gtk::Label>(builder_, "title");
+        name_ = widget<Gtk::Entry>(builder_, "name");
+        alias_ = widget<Gtk::Entry>(builder_, "alias");
+        date_ = widget<Gtk::Entry>(builder_, "date");
+        calendar_ = widget<Gtk::Calendar>(builder_, "calendar");
+        popover_ = widget<Gtk::Popover>(builder_, "calendar-popover");
+        count_ = widget<Gtk::ComboBoxText>(builder_, "count");
+        countHelp_ = widget<Gtk::Label>(builder_, "count-help");
+        save_ = widget<Gtk::Button>(builder_, "save");
+        auto* cancel = widget<Gtk::Button>(builder_, "cancel");
+        widget<Gtk::Label>(builder_, "alias-help")->set_text(std::string(EventEditor::aliasHelp));
+        const char* scheduleIds[] = {"schedule-none", "schedule-weekly", "schedule-monthly", "schedule-annually"};
+        for (std::size_t i = 0; i < 4; ++i) {
+            schedules_[i] = widget<Gtk::RadioButton>(builder_, scheduleIds[i]);
+        }
+        for (auto choice : EventEditor::countChoices) {
+            count_->append(std::string(choice));
+        }
+
+        // The working copy into the widgets.
+        name_->set_text(editor_->name());
+        alias_->set_text(editor_->alias());
+        schedules_[static_cast<std::size_t>(rawValue(editor_->schedule()))]->set_active(true);
+        count_->set_active(rawValue(editor_->countMethod()));
+        showDate();
+        cancel->set_visible(editor_->addModal());
+
+        name_->signal_changed().connect([this] {
+            editor_->setName(name_->get_text());
+            refresh();
+        });
+        alias_->signal_changed().connect([this] {
+            editor_->setAlias(alias_->get_text());
+            refresh();
+        });
+        date_->signal_changed().connect([this] {
+            if (!showingDate_) {
+                editor_->setDateText(dates_, *calendarOfZone_, date_->get_text().raw());
+                refresh();
+            }
+        });
+        calendar_->signal_day_selected().connect([this] {
+            if (showingDate_) {
+                return;
+            }
+            guint y = 0, m = 0, d = 0;
+            calendar_->get_date(y, m, d);
+            editor_->setDay(*calendarOfZone_, int(y), int(m) + 1, int(d));
+            showDate();
+            refresh();
+        });
+        calendar_->signal_day_selected_double_click().connect([this] { popover_->popdown(); });
+        for (std::size_t i = 0; i < 4; ++i) {
+            schedules_[i]->signal_toggled().connect([this, i] {
+                if (schedules_[i]->get_active()) {
+                    editor_->setSchedule(static_cast<Schedule>(i));
+                    refresh();
+                }
+            });
+        }
+        count_->signal_changed().connect([this] {
+            if (count_->get_active_row_number() >= 0) {
+                editor_->setCountMethod(static_cast<CountMethod>(count_->get_active_row_number()));
+                refresh();
+            }
+        });
+        save_->signal_clicked().connect([this] {
+            editor_->save(closeSheet_);
+            refresh();
+        });
+        cancel->signal_clicked().connect([this] {
+            if (closeSheet_) {
+                closeSheet_();
+            }
+        });
+        refresh();
+    }
+
+    Gtk::Box& root() { return *root_; }
+    EventEditor& editor() { return *editor_; }
+    Gtk::Button& saveButton() { return *save_; }
+
+private:
+    void showDate() {
+        showingDate_ = true;
+        date_->set_text(dates_.shortDate(editor_->date()));
+        auto local = calendarOfZone_->localTime(editor_->date());
+        auto ymd = std::chrono::year_month_day(std::chrono::floor<std::chrono::days>(local));
+        calendar_->select_month(unsigned(ymd.month()) - 1, int(ymd.year()));
+        calendar_->select_day(unsigned(ymd.day()));
+        showingDate_ = false;
+    }
+
+    void refresh() {
+        title_->set_text(editor_->title());
+        save_->set_sensitive(editor_->canSave());
+        countHelp_->set_text(std::string(EventEditor::countHelp(editor_->countMethod())));
+        auto style = date_->get_style_context();
+        if (editor_->dateValid()) {
+            style->remove_class("error");
+        } else {
+            style->add_class("error");
+        }
+    }
+
+    std::unique_ptr<EventEditor> editor_;
+    std::function<void()> closeSheet_;
+    Glib::RefPtr<Gtk::Builder> builder_;
+    DateText dates_;
+    std::unique_ptr<DayCalendar> calendarOfZone_ = DayCalendar::current();
+    bool showingDate_ = false;
+    Gtk::Box* root_ = nullptr;
+    Gtk::Label* title_ = nullptr;
+    Gtk::Entry* name_ = nullptr;
+    Gtk::Entry* alias_ = nullptr;
+    Gtk::Entry* date_ = nullptr;
+    Gtk::Calendar* calendar_ = nullptr;
+    Gtk::Popover* popover_ = nullptr;
+    std::array<Gtk::RadioButton*, 4> schedules_{};
+    Gtk::ComboBoxText* count_ = nullptr;
+    Gtk::Label* countHelp_ = nullptr;
+    Gtk::Button* save_ = nullptr;
+};
+
+} // namespace
+
+struct ManageEventsWindowGtk::Impl {
+    Repository& repository;
+    const Clock& clock;
+    Model model;
+    ManageEventsState state{model};
+    Glib::RefPtr<Gtk::Builder> builder;
+    std::unique_ptr<Gtk::Window> window;
+    Gtk::Box* sections = nullptr;
+    Gtk::Stack* detail = nullptr;
+    struct SectionView {
+        std::unique_ptr<Gtk::Expander> expander;
+        std::unique_ptr<Gtk::ListBox> list;
+        std::vector<Uuid> ids; // row index -> event id
+    };
+    std::array<SectionView, 4> sectionViews;
+    std::unique_ptr<EditorView> editor;
+    std::unique_ptr<Gtk::Dialog> addDialog;
+    std::unique_ptr<EditorView> addEditor;
+    std::unique_ptr<Gtk::Dialog> deleteDialog;
+    std::unique_ptr<ConfirmDelete> confirm;
+    bool selecting = false;
+
+    Impl(Repository& r, NotificationCenter& center, MainThread& mainThread, const Clock& c)
+        : repository(r), clock(c), model(r, center, mainThread),
+          builder(Gtk::Builder::create_from_resource(std::string(resources) + "window.ui")) {
+        installStyle();
+        Gtk::Window* w = nullptr;
+        builder->get_widget("window", w);
+        if (w == nullptr) {
+            throw std::logic_error("The window's layout has no window");
+        }
+        window.reset(w);
+        sections = widget<Gtk::Box>(builder, "sections");
+        detail = widget<Gtk::Stack>(builder, "detail");
+        widget<Gtk::Label>(builder, "version")->set_text(versionText(ALMANOR_VERSION));
+        widget<Gtk::Button>(builder, "add-button")->signal_clicked().connect([this] { pressAdd(); });
+        widget<Gtk::Button>(builder, "delete-button")->signal_clicked().connect([this] { pressDelete(); });
+        // Closing keeps the window for the next "Manage Events".
+        window->signal_delete_event().connect([this](GdkEventAny*) {
+            window->hide();
+            return true;
+        });
+
+        auto built = eventSections({});
+        for (std::size_t i = 0; i < 4; ++i) {
+            auto& view = sectionViews[i];
+            view.expander = std::make_unique<Gtk::Expander>();
+            auto* header = Gtk::make_managed<Gtk::Label>(std::string(built[i].header));
+            header->get_style_context()->add_class("section-header");
+            view.expander->set_label_widget(*header);
+            view.expander->set_expanded(true);
+            view.list = std::make_unique<Gtk::ListBox>();
+            view.list->set_selection_mode(Gtk::SELECTION_SINGLE);
+            view.list->get_accessible()->set_name(std::string(built[i].header));
+            view.expander->add(*view.list);
+            view.list->signal_row_selected().connect([this, i](Gtk::ListBoxRow* row) { rowSelected(i, row); });
+            sections->pack_start(*view.expander, Gtk::PACK_SHRINK);
+        }
+        sections->show_all();
+
+        model.setDidChange([this] { reloaded(); });
+        drawList();
+        showDetail();
+    }
+
+    void drawList() {
+        selecting = true;
+        auto built = eventSections(model.events());
+        for (std::size_t i = 0; i < 4; ++i) {
+            auto& view = sectionViews[i];
+            for (auto* child : view.list->get_children()) {
+                view.list->remove(*child);
+                delete child;
+            }
+            view.ids.clear();
+            for (const auto& event : built[i].events) {
+                auto text = eventRowText(*event);
+                auto* row = new Gtk::ListBoxRow();
+                auto* box = Gtk::make_managed<Gtk::Box>(Gtk::ORIENTATION_HORIZONTAL, 6);
+                auto* name = Gtk::make_managed<Gtk::Label>(text.name);
+                name->set_ellipsize(Pango::ELLIPSIZE_END);
+                box->pack_start(*name, Gtk::PACK_SHRINK);
+                if (text.alias) {
+                    auto* alias = Gtk::make_managed<Gtk::Label>(*text.alias);
+                    alias->get_style_context()->add_class("dim-label");
+                    alias->set_ellipsize(Pango::ELLIPSIZE_END);
+                    box->pack_start(*alias, Gtk::PACK_SHRINK);
+                }
+                row->add(*box);
+                row->get_accessible()->set_name(text.alias ? text.name + " " + *text.alias : text.name);
+                view.list->append(*row);
+                view.ids.push_back(event->id());
+                if (state.selection() && *state.selection() == event->id()) {
+                    view.list->select_row(*row);
+                }
+            }
+            view.list->show_all();
+        }
+        selecting = false;
+    }
+
+    void rowSelected(std::size_t section, Gtk::ListBoxRow* row) {
+        if (selecting || row == nullptr) {
+            return;
+        }
+        auto& view = sectionViews[section];
+        auto index = static_cast<std::size_t>(row->get_index());
+        if (index >= view.ids.size()) {
+            return;
+        }
+        selecting = true;
+        for (std::size_t i = 0; i < 4; ++i) {
+            if (i != section) {
+                sectionViews[i].list->unselect_all();
+            }
+        }
+        selecting = false;
+        state.select(view.ids[index]);
+        showDetail();
+    }
+
+    void showDetail() {
+        EventPtr event = state.selectedEvent();
+        if (editor) {
+            detail->remove(editor->root());
+            editor.reset();
+        }
+        if (!event) {
+            detail->set_visible_child("nothing");
+            return;
+        }
+        editor = std::make_unique<EditorView>(std::make_unique<EventEditor>(repository, event), nullptr);
+        detail->add(editor->root(), "editor");
+        detail->set_visible_child("editor");
+    }
+
+    void reloaded() {
+        drawList();
+        // Keep a form the user is typing into; otherwise show the event as it is now.
+        EventPtr event = state.selectedEvent();
+        if (editor && event && editor->editor().dirty() && editor->editor().event()->id() == event->id()) {
+            return;
+        }
+        showDetail();
+    }
+
+    void pressAdd() {
+        state.pressAdd();
+        selecting = true;
+        for (auto& view : sectionViews) {
+            view.list->unselect_all();
+        }
+        selecting = false;
+        showDetail();
+        addDialog = std::make_unique<Gtk::Dialog>("Add Event", *window, true);
+        addDialog->set_resizable(false);
+        addEditor = std::make_unique<EditorView>(std::make_unique<EventEditor>(repository, clock),
+                                                 [this] { closeAdd(); });
+        addDialog->get_content_area()->pack_start(addEditor->root(), Gtk::PACK_EXPAND_WIDGET);
+        addDialog->signal_response().connect([this](int) { closeAdd(); });
+        addDialog->show();
+    }
+
+    void closeAdd() {
+        state.dismissAdd();
+        if (addDialog) {
+            addDialog->hide();
+            // Freed once GTK is done with the click that closed it.
+            Glib::signal_idle().connect_once([this] {
+                if (addDialog && !addDialog->get_visible()) {
+                    addDialog.reset();
+                    addEditor.reset();
+                }
+            });
+        }
+    }
+
+    void pressDelete() {
+        state.pressDelete();
+        if (!state.showDelete()) {
+            return;
+        }
+        confirm = std::make_unique<ConfirmDelete>(
+            state.selectedEvent(), [this] { closeDelete(); },
+            [this](const Event& event) { repository.deleteEvent(event); });
+        deleteDialog = std::make_unique<Gtk::Dialog>("Delete Event", *window, true);
+        deleteDialog->set_resizable(false);
+        auto* area = deleteDialog->get_content_area();
+        area->set_spacing(20);
+        area->set_border_width(20);
+        auto* question = Gtk::make_managed<Gtk::Label>();
+        question->set_markup("<b>" + Glib::Markup::escape_text(confirm->question()) + "</b>");
+        question->set_line_wrap(true);
+        area->pack_start(*question, Gtk::PACK_EXPAND_WIDGET);
+        auto* buttons = Gtk::make_managed<Gtk::Box>(Gtk::ORIENTATION_HORIZONTAL, 0);
+        auto* cancel = Gtk::make_managed<Gtk::Button>("Cancel");
+        auto* confirmButton = Gtk::make_managed<Gtk::Button>("Confirm");
+        for (auto [button, colour] : {std::pair{cancel, "gray"}, std::pair{confirmButton, "red"}}) {
+            button->get_style_context()->add_class("sheet-button");
+            button->get_style_context()->add_class(colour);
+        }
+        buttons->pack_start(*cancel, Gtk::PACK_SHRINK);
+        buttons->pack_end(*confirmButton, Gtk::PACK_SHRINK);
+        area->pack_start(*buttons, Gtk::PACK_SHRINK);
+        cancel->signal_clicked().connect([this] { confirm->cancel(); });
+        confirmButton->signal_clicked().connect([this] { confirm->confirm(); });
+        deleteDialog->signal_response().connect([this](int) { closeDelete(); });
+        deleteDialog->show_all();
+    }
+
+    void closeDelete() {
+        state.dismissDelete();
+        if (deleteDialog) {
+            deleteDialog->hide();
+            Glib::signal_idle().connect_once([this] {
+                if (deleteDialog && !deleteDialog->get_visible()) {
+                    deleteDialog.reset();
+                    confirm.reset();
+                }
+            });
+        }
+    }
+};
+
+ManageEventsWindowGtk::ManageEventsWindowGtk(Repository& repository, NotificationCenter& center,
+                                             MainThread& mainThread, const Clock& clock)
+    : impl_(std::make_unique<Impl>(repository, center, mainThread, clock)) {}
+
+ManageEventsWindowGtk::~ManageEventsWindowGtk() = default;
+
+bool ManageEventsWindowGtk::isVisible() const { return impl_->window->get_visible(); }
+
+void ManageEventsWindowGtk::center() {
+    auto& w = *impl_->window;
+    auto screen = w.get_screen();
+    int width = 0, height = 0;
+    w.get_size(width, height);
+    if (screen) {
+        w.move(std::max(0, (screen->get_width() - width) / 2), std::max(0, (screen->get_height() - height) / 2));
+    }
+}
+
+void ManageEventsWindowGtk::makeKeyAndOrderFront() { impl_->window->present(); }
+
+Gtk::Window& ManageEventsWindowGtk::window() { return *impl_->window; }
+
+const Model& ManageEventsWindowGtk::model() const { return impl_->model; }
+
+} // namespace almanor

@@ -1,0 +1,41 @@
+#pragma once
+
+#include "platform/Clock.h"
+#include "platform/MainThread.h"
+#include "platform/NotificationCenter.h"
+#include "shell/AppDelegate.h"
+#include "ui/window/EventsModel.h"
+
+#include <memory>
+
+namespace Gtk {
+class Window;
+}
+
+namespace almanor {
+
+class Repository;
+
+// The management window in GTK: a sidebar of the four sections over the model, the editor of the
+// selected event, the add sheet and the delete confirmation. It draws the plain state classes and
+// forwards to them; closing it only hides it.
+class ManageEventsWindowGtk final : public ManageEventsWindow {
+public:
+    ManageEventsWindowGtk(Repository& repository, NotificationCenter& center, MainThread& mainThread,
+                          const Clock& clock);
+    ~ManageEventsWindowGtk() override;
+
+    bool isVisible() const override;
+    void center() override;
+    void makeKeyAndOrderFront() override;
+
+    Gtk::Window& window();
+    const Model& model() const;
+
+    struct Impl;
+
+private:
+    std::unique_ptr<Impl> impl_;
+};
+
+} // namespace almanor

@@ -1,0 +1,168 @@
+#pragma once
+// Recording stand-ins for what the tray draws, and a main thread that a test drains by hand.
+
+#include "login/LoginItemService.h"
+#include "platform/MainThread.h"
+#include "shell/AppDelegate.h"
+
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace almanor::test {
+
+// One shared journal, so a test can check the order in which different parts were called.
+using Journal = std::vector<std::string>;
+
+class RecordingMenuPresenter final : public MenuPresenter {
+public:
+    explicit RecordingMenuPresenter(Journal& journal) : journal_(journal) {}
+    void buildMenu(const std::vector<MenuItem>& menu) override {
+        journal_.push_back("buildMenu");
+        menu_ = menu;
+    }
+    void rebuildEventsMenu(const std::vector<MenuItem>& rows) override {
+        journal_.push_back("rebuildEventsMenu");
+        rows_ = rows;
+        ++rebuilds;
+    }
+    void setEventsMenuState(std::size_t index, bool on) override { rows_.at(index).state = on; }
+    void setMenuState(std::size_t index, bool on) override { menu_.at(index).state = on; }
+
+    const std::vector<MenuItem>& menu() const { return menu_; }
+    const std::vector<MenuItem>& rows() const { return rows_; }
+    std::vector<std::string> titles() const {
+        std::vector<std::string> t;
+        for (const auto& r : rows_) {
+            t.push_back(r.title);
+        }
+        return t;
+    }
+    int rebuilds = 0;
+
+private:
+    Journal& journal_;
+    std::vector<MenuItem> menu_;
+    std::vector<MenuItem> rows_;
+};
+
+class RecordingStatusItem final : public StatusItem {
+public:
+    explicit RecordingStatusItem(Journal& journal) : journal_(journal) {}
+    void setTitle(const std::string& title) override {
+        journal_.push_back("title " + title);
+        titles.push_back(title);
+        if (onTitle) {
+            onTitle();
+        }
+    }
+    void setTag(std::size_t) override {}
+    std::vector<std::string> titles;
+    std::function<void()> onTitle;
+
+private:
+    Journal& journal_;
+};
+
+class RecordingStatusBar final : public StatusBar {
+public:
+    explicit RecordingStatusBar(Journal& journal) : journal_(journal), item(journal) {}
+    StatusItem& createStatusItem() override {
+        journal_.push_back("createStatusItem");
+        return item;
+    }
+
+private:
+    Journal& journal_;
+
+public:
+    RecordingStatusItem item;
+};
+
+class ManualScheduler final : public Scheduler {
+public:
+    explicit ManualScheduler(Journal& journal) : journal_(journal) {}
+    void scheduleRepeating(double seconds, double slack, std::function<void()> work) override {
+        journal_.push_back("schedule");
+        interval = seconds;
+        tolerance = slack;
+        action = std::move(work);
+    }
+    void fire() { action(); }
+    double interval = 0;
+    double tolerance = 0;
+    std::function<void()> action;
+
+private:
+    Journal& journal_;
+};
+
+// The main thread is the one that made it; posts wait in a queue until drain().
+class QueueMainThread final : public MainThread {
+public:
+    bool isCurrent() const override { return std::this_thread::get_id() == owner_; }
+    void post(Work work) override {
+        std::lock_guard lock(mutex_);
+        queue_.push_back(std::move(work));
+    }
+    std::size_t drain() {
+        std::size_t n = 0;
+        for (;;) {
+            Work work;
+            {
+                std::lock_guard lock(mutex_);
+                if (queue_.empty()) {
+                    return n;
+                }
+                work = std::move(queue_.front());
+                queue_.pop_front();
+            }
+            work();
+            ++n;
+        }
+    }
+
+private:
+    std::thread::id owner_ = std::this_thread::get_id();
+    std::mutex mutex_;
+    std::deque<Work> queue_;
+};
+
+class FakeWindow final : public ManageEventsWindow {
+public:
+    bool isVisible() const override { return visible; }
+    void center() override { ++centred; }
+    void makeKeyAndOrderFront() override {
+        visible = true;
+        ++fronted;
+    }
+    bool visible = false;
+    int centred = 0;
+    int fronted = 0;
+};
+
+// Login items in memory, with a switch to refuse registration.
+class MemoryLoginItems final : public LoginItemService {
+public:
+    Status status() const override { return registered ? Status::enabled : Status::notRegistered; }
+    void registerItem() override {
+        if (refuse) {
+            throw LoginItemError("refused");
+        }
+        registered = true;
+        ++registrations;
+    }
+    void unregisterItem() override { registered = false; }
+    bool legacyIsEnabled() const override { return legacy; }
+    void legacySetEnabled(bool on) override { legacy = on; }
+    void unregisterLegacyHelper() override { legacy = false; }
+    bool registered = false;
+    bool legacy = false;
+    bool refuse = false;
+    int registrations = 0;
+};
+
+} // namespace almanor::test
