@@ -46,7 +46,7 @@ std::string orNotAvailable(const std::optional<RecordId>& id, std::string Record
 
 // An exclusive lock on a file, held while it lives; blocks until the other holder lets go.
 class FileLock {
-public:
+  public:
     explicit FileLock(const std::filesystem::path& file) {
         fd_ = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
         if (fd_ < 0) {
@@ -64,7 +64,8 @@ public:
         }
     }
     ~FileLock() {
-        if (fd_ >= 0) ::close(fd_); // closing lets go of the lock
+        if (fd_ >= 0)
+            ::close(fd_); // closing lets go of the lock
     }
     FileLock(const FileLock&) = delete;
     FileLock& operator=(const FileLock&) = delete;
@@ -72,7 +73,7 @@ public:
     bool held() const { return fd_ >= 0; }
     const std::string& error() const { return error_; }
 
-private:
+  private:
     int fd_ = -1;
     std::string error_;
 };
@@ -81,7 +82,8 @@ private:
 
 Repository::Repository(std::unique_ptr<LocalRepository> local, CloudServiceProvider provider,
                        UserDefaults* defaults)
-    : local_(std::move(local)), provider_(provider), defaults_(defaults), cloud_(std::move(provider)) {}
+    : local_(std::move(local)), provider_(provider), defaults_(defaults),
+      cloud_(std::move(provider)) {}
 
 Repository::~Repository() {
     {
@@ -89,7 +91,8 @@ Repository::~Repository() {
         stopping_ = true;
     }
     syncChanged_.notify_all();
-    if (worker_.joinable()) worker_.join();
+    if (worker_.joinable())
+        worker_.join();
 }
 
 Repository& Repository::shared() {
@@ -104,7 +107,9 @@ void Repository::setCloudServiceProvider(CloudServiceProvider provider) {
     sharedProvider() = std::move(provider);
 }
 
-UserDefaults& Repository::defaults() { return defaults_ ? *defaults_ : UserDefaults::standard(); }
+UserDefaults& Repository::defaults() {
+    return defaults_ ? *defaults_ : UserDefaults::standard();
+}
 
 std::vector<EventPtr> Repository::fetchAll() {
     return tryFetchAll().value_or(std::vector<EventPtr>{});
@@ -150,7 +155,8 @@ void Repository::populateFromCloud() {
             return;
         }
         auto reader = MigrationHelper::findExistingRecords(service, defaults());
-        if (!reader) return;
+        if (!reader)
+            return;
         std::vector<EventPtr> localEvents;
         std::set<Uuid> dirty;
         try {
@@ -162,37 +168,55 @@ void Repository::populateFromCloud() {
             return;
         }
         std::map<Uuid, EventPtr> byId;
-        for (const auto& e : localEvents) byId.emplace(e->id(), e);
+        for (const auto& e : localEvents)
+            byId.emplace(e->id(), e);
 
-        for (const auto& cloudEvent : reader->fetchRecords()) {
-            const Event& event = *cloudEvent.event;
-            Log::line("Populating " + event.id().uuidString() + " " +
-                      orNotAvailable(cloudEvent.recordId, &RecordId::recordName) + " " +
-                      orNotAvailable(cloudEvent.recordId, &RecordId::zoneName));
-            auto found = byId.find(event.id());
-            bool ok = true;
-            if (found != byId.end() && sameContent(*found->second, event)) {
-                Log::line("  skipping...");
-                continue;
+        std::vector<CloudEvent> cloudEvents = reader->fetchRecords();
+        // One transaction for the whole copy: a commit per row costs a sync of the file each,
+        // seconds for a thousand records while the first title waits. Holding the connection's
+        // queue keeps other threads' statements out of it.
+        sql::Connection& db = local_->connection();
+        db.sync([&] {
+            bool inTransaction = !cloudEvents.empty() && logged("Failed to update record: ",
+                                                                [&] { db.run("BEGIN IMMEDIATE"); });
+            for (const auto& cloudEvent : cloudEvents) {
+                const Event& event = *cloudEvent.event;
+                Log::line("Populating " + event.id().uuidString() + " " +
+                          orNotAvailable(cloudEvent.recordId, &RecordId::recordName) + " " +
+                          orNotAvailable(cloudEvent.recordId, &RecordId::zoneName));
+                auto found = byId.find(event.id());
+                bool ok = true;
+                if (found != byId.end() && sameContent(*found->second, event)) {
+                    Log::line("  skipping...");
+                    continue;
+                }
+                if (found != byId.end() && dirty.count(event.id())) {
+                    // An edit made here and not pushed yet wins over the older cloud copy.
+                    Log::line("  keeping local change...");
+                } else if (found != byId.end()) {
+                    Log::line("  updating...");
+                    ok = logged("Failed to update record: ", [&] { local_->update(event); });
+                } else {
+                    Log::line("  inserting...");
+                    ok = logged("Failed to insert record: ", [&] { local_->insert(event); });
+                }
+                // Records of any other zone stay unlinked, so the next push moves them into ours.
+                if (ok && cloudEvent.recordId && cloudEvent.recordId->zoneName == appZoneName) {
+                    ok = logged("Failed to update record: ", [&] {
+                        local_->markInserted(event.id(), cloudEvent.recordId->recordName);
+                    });
+                }
+                if (!ok)
+                    break;
             }
-            if (found != byId.end() && dirty.count(event.id())) {
-                // An edit made here and not pushed yet wins over the older cloud copy.
-                Log::line("  keeping local change...");
-            } else if (found != byId.end()) {
-                Log::line("  updating...");
-                ok = logged("Failed to update record: ", [&] { local_->update(event); });
-            } else {
-                Log::line("  inserting...");
-                ok = logged("Failed to insert record: ", [&] { local_->insert(event); });
+            if (inTransaction && !logged("Failed to update record: ", [&] { db.run("COMMIT"); })) {
+                try {
+                    db.run("ROLLBACK");
+                } catch (const sql::Error&) {
+                    // Nothing more to undo.
+                }
             }
-            // Records of any other zone stay unlinked, so the next push moves them into ours.
-            if (ok && cloudEvent.recordId && cloudEvent.recordId->zoneName == appZoneName) {
-                ok = logged("Failed to update record: ", [&] {
-                    local_->markInserted(event.id(), cloudEvent.recordId->recordName);
-                });
-            }
-            if (!ok) break;
-        }
+        });
     });
     done.acquire();
     task.join();
@@ -201,7 +225,8 @@ void Repository::populateFromCloud() {
 void Repository::sync() {
     std::lock_guard lock(syncMutex_);
     syncRequested_ = true;
-    if (!worker_.joinable()) worker_ = std::thread([this] { syncWorker(); });
+    if (!worker_.joinable())
+        worker_ = std::thread([this] { syncWorker(); });
     syncChanged_.notify_all();
 }
 
@@ -209,7 +234,8 @@ void Repository::syncWorker() {
     std::unique_lock lock(syncMutex_);
     for (;;) {
         syncChanged_.wait(lock, [this] { return syncRequested_ || stopping_; });
-        if (!syncRequested_) return; // stopping, nothing asked for
+        if (!syncRequested_)
+            return; // stopping, nothing asked for
         syncRequested_ = false;
         syncRunning_ = true;
         lock.unlock();
@@ -249,7 +275,8 @@ void Repository::pushPass() {
         if (!id.recordId) {
             fatalError("Almanor/Repository", 0, "A saved record without its identity");
         }
-        logged("Failed to sync inserted: ", [&] { local_->markInserted(id.eventId, id.recordId->recordName); });
+        logged("Failed to sync inserted: ",
+               [&] { local_->markInserted(id.eventId, id.recordId->recordName); });
     }
     for (const auto& id : cloud->update(changes.updated)) {
         logged("Failed to sync updated: ", [&] { local_->markUpdated(id.eventId); });
@@ -262,7 +289,8 @@ void Repository::pushPass() {
 void Repository::finishCloudWork() {
     waitForSync();
     std::shared_ptr<CloudRepository> cloud = cloud_.existing();
-    if (!cloud) return;
+    if (!cloud)
+        return;
     CloudService& service = cloud->service();
     service.waitForBackgroundWork();
     for (const auto& record : service.unsentRecords()) {
@@ -271,6 +299,8 @@ void Repository::finishCloudWork() {
     }
 }
 
-void Repository::networkCameBack() { cloud_.networkCameBack(); }
+void Repository::networkCameBack() {
+    cloud_.networkCameBack();
+}
 
 } // namespace almanor

@@ -208,6 +208,42 @@ TEST_F(RepositorySync, LegacyRecordsArriveUnlinkedAndMoveToTheAppZone) {
     EXPECT_EQ(again.lines().back(), "  skipping...");
 }
 
+TEST_F(RepositorySync, AFailingLocalWriteEndsThePullKeepingWhatCameBefore) {
+    repository->local().connection().run(
+        "CREATE TRIGGER refuse BEFORE INSERT ON events WHEN NEW.name = 'Bad' "
+        "BEGIN SELECT RAISE(ABORT, 'refused'); END");
+    std::vector<EventPtr> events;
+    for (const char* name : {"Good", "Bad", "Never"}) {
+        events.push_back(makeEvent(Uuid::random(), at(2030y / May / 1), name, std::nullopt,
+                                   Schedule::none, CountMethod::standard));
+        // Record names fix the order in which the cloud lists them.
+        fake->seed(recordFromEvent(CloudEvent{RecordId{std::to_string(events.size()), appZone}, events.back()}));
+    }
+    defaults.setBoolean(Settings::appZoneUsed, true);
+    test::LogCapture log;
+    repository->populateFromCloud();
+    auto lines = log.lines();
+    ASSERT_EQ(lines.size(), 5u);
+    EXPECT_EQ(lines[3], "  inserting...");
+    EXPECT_EQ(lines[4].rfind("Failed to insert record: refused", 0), 0u) << lines[4];
+    auto stored = repository->fetchAll();
+    ASSERT_EQ(stored.size(), 1u);
+    EXPECT_EQ(stored[0]->name(), "Good");
+    // Written and linked for good, and the store takes writes again.
+    EXPECT_TRUE(repository->local().pendingChanges().inserted.empty());
+    EXPECT_TRUE(repository->insert(*events[2]));
+}
+
+TEST_F(RepositorySync, PullEndsWhenTheStoreCannotBeRead) {
+    fake->seed(recordFromEvent(CloudEvent{std::nullopt, event("E", at(2030y / May / 1))}));
+    defaults.setBoolean(Settings::appZoneUsed, true);
+    repository->local().connection().run("DROP TABLE events");
+    test::LogCapture log;
+    repository->populateFromCloud();
+    ASSERT_EQ(log.lines().size(), 1u);
+    EXPECT_EQ(log.lines()[0].rfind("Failed to fetch records: no such table", 0), 0u) << log.lines()[0];
+}
+
 TEST_F(RepositorySync, ConcurrentSyncCallsNeverPushARowTwice) {
     constexpr int count = 8;
     for (int i = 0; i < count; ++i) repository->insert(*event("E" + std::to_string(i), at(2030y / May / 1)));
