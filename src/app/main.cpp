@@ -7,8 +7,8 @@
 #include <string>
 #include <unistd.h>
 
-#ifndef ALMANOR_TRAY_INSTALLED
-#define ALMANOR_TRAY_INSTALLED ""
+#ifndef ALMANOR_TRAY_RELATIVE
+#define ALMANOR_TRAY_RELATIVE "../libexec/almanor/almanor-tray"
 #endif
 
 namespace {
@@ -24,7 +24,8 @@ int startTray(const char* argv0) {
     std::string beside = (self.parent_path() / "almanor-tray").string();
     // Login items start the almanor that enabled them: the tray needs to know which one that is.
     ::setenv("ALMANOR_LAUNCHER", self.c_str(), 1);
-    for (const std::string& tray : {beside, std::string(ALMANOR_TRAY_INSTALLED)}) {
+    std::string installed = (self.parent_path() / ALMANOR_TRAY_RELATIVE).lexically_normal().string();
+    for (const std::string& tray : {beside, installed}) {
         if (!tray.empty() && ::access(tray.c_str(), X_OK) == 0) {
             char* args[] = {const_cast<char*>(tray.c_str()), nullptr};
             ::execv(tray.c_str(), args);

@@ -60,7 +60,12 @@ EventRowText eventRowText(const Event& event) {
 }
 
 std::string versionText(std::string_view version) {
-    return version.empty() ? std::string() : "v" + std::string(version);
+    std::string text;
+    if (!version.empty()) {
+        text = "v";
+        text.append(version);
+    }
+    return text;
 }
 
 void ManageEventsState::pressAdd() {

@@ -1,0 +1,177 @@
+#!/usr/bin/python3
+"""Whole-process figures of the tray against a minimal GTK 3 + AppIndicator program, measured in one
+run, alternating: exec to label readable on D-Bus (1,000 events in the store), resident memory once
+settled, context switches in 20 s of idle, command-line change to new label; then the window over
+10,000 events. Runs on a private X server, session bus and StatusNotifierWatcher.
+
+Usage: bench/tray-bench.py [BUILD_DIR]   (default build/release, built when missing)"""
+
+import os
+import statistics
+import subprocess
+import sys
+import time
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+sys.path.insert(0, os.path.join(ROOT, "tests", "ui"))
+import desktop  # noqa: E402
+
+if not os.environ.get("ALMANOR_TEST_SESSION"):
+    build = os.path.abspath(sys.argv[1] if len(sys.argv) > 1 else os.path.join(ROOT, "build", "release"))
+    subprocess.run(["cmake", "-S", ROOT, "-B", build, "-DCMAKE_BUILD_TYPE=Release", "-DALMANOR_TESTS=OFF"],
+                   check=True, stdout=subprocess.DEVNULL)
+    subprocess.run(["cmake", "--build", build, "-j", str(os.cpu_count()), "--target", "almanor", "almanor-tray",
+                    "minimal_tray", "window_bench"], check=True, stdout=subprocess.DEVNULL)
+    os.environ["ALMANOR_BENCH_BUILD"] = build
+desktop.in_private_session(os.path.abspath(__file__))
+
+from gi.repository import Gio, GLib  # noqa: E402
+
+BUILD = os.environ["ALMANOR_BENCH_BUILD"]
+ROUNDS = int(os.environ.get("ROUNDS", "7"))
+bus = Gio.bus_get_sync(Gio.BusType.SESSION, None)
+
+
+def call(dest, path, iface, method, args=None, reply=None):
+    return bus.call_sync(dest, path, iface, method, args, GLib.VariantType.new(reply) if reply else None,
+                         Gio.DBusCallFlags.NONE, 1000, None).unpack()
+
+
+def items():
+    return call("org.kde.StatusNotifierWatcher", "/StatusNotifierWatcher", "org.freedesktop.DBus.Properties",
+                "Get", GLib.Variant("(ss)", ("org.kde.StatusNotifierWatcher", "RegisteredStatusNotifierItems")),
+                "(v)")[0]
+
+
+def label_of(item):
+    name, _, path = item.partition("/")
+    try:
+        return call(name, "/" + path, "org.freedesktop.DBus.Properties", "Get",
+                    GLib.Variant("(ss)", ("org.kde.StatusNotifierItem", "XAyatanaLabel")), "(v)")[0]
+    except GLib.Error:
+        return ""
+
+
+def wait_label(before, changed_from=None, timeout=20):
+    end = time.monotonic() + timeout
+    while time.monotonic() < end:
+        for item in items():
+            if item not in before or changed_from is not None:
+                text = label_of(item)
+                if text and text != changed_from:
+                    return item, text
+        time.sleep(0.002)
+    raise RuntimeError("no label within %d s" % timeout)
+
+
+def tasks_switches(pid):
+    total = 0
+    for task in os.listdir("/proc/%d/task" % pid):
+        with open("/proc/%d/task/%s/status" % (pid, task)) as f:
+            for line in f:
+                if line.startswith(("voluntary_ctxt_switches", "nonvoluntary_ctxt_switches")):
+                    total += int(line.split()[1])
+    return total
+
+
+def rss_kb(pid):
+    with open("/proc/%d/status" % pid) as f:
+        for line in f:
+            if line.startswith("VmRSS"):
+                return int(line.split()[1])
+    return 0
+
+
+def store(events):
+    data = os.path.join(os.environ["XDG_DATA_HOME"], "Almanor")
+    config = os.path.join(os.environ["XDG_CONFIG_HOME"], "Almanor")
+    for folder in (data, config):
+        os.makedirs(folder, exist_ok=True)
+    db = os.path.join(data, "EventsV1.db")
+    if os.path.exists(db):
+        os.remove(db)
+    sql = """CREATE TABLE "events" ("id" TEXT PRIMARY KEY NOT NULL, "name" TEXT NOT NULL, "alias" TEXT,
+ "date" TEXT NOT NULL, "schedule" INTEGER NOT NULL, "method" INTEGER NOT NULL, "created" TEXT NOT NULL,
+ "updated" TEXT NOT NULL, "deleted" TEXT, "sync_id" TEXT, "sync_date" TEXT, "sync_dirty" INTEGER NOT NULL DEFAULT 0,
+ "sync_deleted" INTEGER NOT NULL DEFAULT 0);
+WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < %d)
+INSERT INTO "events" ("id", "name", "alias", "date", "schedule", "method", "created", "updated")
+SELECT upper(hex(randomblob(4)) || '-' || hex(randomblob(2)) || '-4' || substr(hex(randomblob(2)), 2) || '-a'
+ || substr(hex(randomblob(2)), 2) || '-' || hex(randomblob(6))), 'Event ' || i, CASE WHEN i %% 3 = 0 THEN 'E' || i END,
+ strftime('%%Y-%%m-%%dT%%H:%%M:%%f', '1990-01-01', '+' || (abs(random()) %% 14600) || ' days'), i %% 4, (i / 4) %% 4,
+ strftime('%%Y-%%m-%%dT%%H:%%M:%%f', 'now'), strftime('%%Y-%%m-%%dT%%H:%%M:%%f', 'now') FROM n;""" % (events - 1)
+    subprocess.run(["sqlite3", db], input=sql, text=True, check=True)
+    with open(os.path.join(config, "settings.ini"), "w") as f:
+        f.write("[com.vostrel.Almanor]\nbuildVersion=1\nLaunchAtLogin__hasMigrated=true\n"
+                "selectedEvent=C72773F5-D96E-478B-92FE-5BB5DDD62102\n")
+    ids = subprocess.run(["sqlite3", db, 'SELECT "id" FROM "events" LIMIT 2'], capture_output=True, text=True,
+                         check=True).stdout.split()
+    return ids
+
+
+def run(program):
+    before = set(items())
+    start = time.monotonic()
+    p = subprocess.Popen([program], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    item, _ = wait_label(before)
+    return p, item, (time.monotonic() - start) * 1000
+
+
+def stop(p):
+    p.terminate()
+    p.wait(10)
+    end = time.monotonic() + 5
+    while time.monotonic() < end and len(items()) > 0:
+        time.sleep(0.01)
+
+
+def main():
+    d = desktop.Desktop(BUILD)
+    try:
+        ids = store(1000)
+        programs = {"minimal": os.path.join(BUILD, "minimal_tray"), "almanor": os.path.join(BUILD, "almanor")}
+        start_ms = {k: [] for k in programs}
+        rss = {k: [] for k in programs}
+        for _ in range(ROUNDS):
+            for name, program in programs.items():
+                p, _, ms = run(program)
+                start_ms[name].append(ms)
+                time.sleep(2)
+                rss[name].append(rss_kb(p.pid) / 1024)
+                stop(p)
+        idle = {}
+        change_ms = []
+        for name, program in programs.items():
+            p, item, _ = run(program)
+            time.sleep(3)
+            before = tasks_switches(p.pid)
+            time.sleep(20)
+            idle[name] = tasks_switches(p.pid) - before
+            if name == "almanor":
+                label = label_of(item)
+                for i in range(ROUNDS):
+                    start = time.monotonic()
+                    subprocess.run([os.path.join(BUILD, "almanor"), "select", ids[i % 2]], check=True,
+                                   stdout=subprocess.DEVNULL)
+                    _, label = wait_label(set(), changed_from=label, timeout=10)
+                    change_ms.append((time.monotonic() - start) * 1000)
+            stop(p)
+
+        med = {k: statistics.median(v) for k, v in start_ms.items()}
+        mem = {k: statistics.median(v) for k, v in rss.items()}
+        print("tray vs minimal indicator program, %d rounds alternating, 1,000 events" % ROUNDS)
+        print("  exec to label on D-Bus: %6.0f ms vs %6.0f ms  ratio %.2f (goal <= 1.5)"
+              % (med["almanor"], med["minimal"], med["almanor"] / med["minimal"]))
+        print("  resident memory:        %6.1f MB vs %6.1f MB  ratio %.2f (goal <= 1.3)"
+              % (mem["almanor"], mem["minimal"], mem["almanor"] / mem["minimal"]))
+        print("  context switches, 20 s idle: %d vs %d (goal <= 5)" % (idle["almanor"], idle["minimal"]))
+        print("  command-line change to new label: %.0f ms median, %.0f ms max (goal <= 2000)"
+              % (statistics.median(change_ms), max(change_ms)))
+        store(10000)
+        out = subprocess.run([os.path.join(BUILD, "window_bench")], capture_output=True, text=True, timeout=300)
+        print("  " + (out.stdout.strip() or out.stderr.strip()))
+    finally:
+        d.close()
+
+
+main()

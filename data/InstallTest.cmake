@@ -1,0 +1,31 @@
+# Installs the build into PREFIX and checks that everything landed where desktops look for it.
+file(REMOVE_RECURSE ${PREFIX})
+execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD} --prefix ${PREFIX} RESULT_VARIABLE result OUTPUT_QUIET)
+if(NOT result EQUAL 0)
+  message(FATAL_ERROR "cmake --install failed: ${result}")
+endif()
+foreach(path
+    bin/almanor
+    libexec/almanor/almanor-tray
+    share/applications/com.vostrel.Almanor.desktop
+    share/metainfo/com.vostrel.Almanor.metainfo.xml
+    share/icons/hicolor/scalable/apps/com.vostrel.Almanor.svg
+    share/icons/hicolor/symbolic/apps/com.vostrel.Almanor-symbolic.svg)
+  if(NOT EXISTS ${PREFIX}/${path})
+    message(FATAL_ERROR "missing after install: ${path}")
+  endif()
+endforeach()
+# The installed almanor starts the installed tray (which, without a display, stops at once).
+execute_process(COMMAND env -u DISPLAY -u WAYLAND_DISPLAY ${PREFIX}/bin/almanor
+                RESULT_VARIABLE result ERROR_VARIABLE err OUTPUT_QUIET TIMEOUT 20)
+if(err MATCHES "not installed" OR err MATCHES "cannot start the tray")
+  message(FATAL_ERROR "the installed almanor did not find its tray: ${err}")
+endif()
+if(NOT err MATCHES "display")
+  message(FATAL_ERROR "expected the tray to complain about the missing display, got: ${err}")
+endif()
+file(READ ${PREFIX}/share/metainfo/com.vostrel.Almanor.metainfo.xml metainfo)
+if(metainfo MATCHES "@PROJECT_VERSION@")
+  message(FATAL_ERROR "the metainfo's version was not filled in")
+endif()
+file(REMOVE_RECURSE ${PREFIX})
