@@ -62,7 +62,8 @@ EventRowText eventRowText(const Event& event) {
 std::string versionText(std::string_view version) {
     std::string text;
     if (!version.empty()) {
-        text = "v";
+        // push_back rather than assigning "v": GCC 12 warns falsely (-Wrestrict) on the assignment.
+        text.push_back('v');
         text.append(version);
     }
     return text;
