@@ -64,7 +64,8 @@ sql::Connection LocalRepository::open(const std::filesystem::path& directory,
 
 LocalRepository::LocalRepository(const std::filesystem::path& directory, std::string_view fileName,
                                  NotificationCenter& center, const Clock& clock)
-    : connection_(open(directory, fileName)), center_(center), clock_(clock) {}
+    : file_(directory / fileName), connection_(open(directory, fileName)), center_(center),
+      clock_(clock) {}
 
 std::vector<EventPtr> LocalRepository::fetchAll() {
     const auto& t = events_;
@@ -185,6 +186,24 @@ void LocalRepository::markDeleted(const Uuid& id) {
     Instant now = clock_.now();
     connection_.run(
         t.table.update({t.syncDeleted.setLiteral(true), t.syncDate.set(now)}, t.id == id));
+}
+
+std::vector<Uuid> LocalRepository::dirtyIds() {
+    const auto& t = events_;
+    return connection_.sync([&] {
+        auto rows = connection_.prepare(t.table.select(t.syncDirty));
+        auto id = rows.resolve(t.id);
+        std::vector<Uuid> result;
+        for (const auto& row : rows) {
+            result.push_back(row.get(id));
+        }
+        return result;
+    });
+}
+
+void LocalRepository::markDirty(const Uuid& id) {
+    const auto& t = events_;
+    connection_.run(t.table.update({t.syncDirty.setLiteral(true)}, t.id == id));
 }
 
 } // namespace almanor

@@ -65,11 +65,21 @@ public:
     void markUpdated(const Uuid& id);
     void markDeleted(const Uuid& id);
 
+    // Ids of the rows holding a change not yet pushed (sync_dirty = 1). Throws sql::Error.
+    std::vector<Uuid> dirtyIds();
+    // Marks a row as changed again, for an update that never reached the cloud. Throws
+    // sql::Error.
+    void markDirty(const Uuid& id);
+
+    // The database file, beside which the push keeps its lock.
+    const std::filesystem::path& file() const { return file_; }
+
 private:
     // Makes sure the directory exists, then opens the connection; stops the process on failure.
     static sql::Connection open(const std::filesystem::path& directory, std::string_view fileName);
 
     EventsTable events_;
+    std::filesystem::path file_;
     sql::Connection connection_;
     NotificationCenter& center_;
     const Clock& clock_;

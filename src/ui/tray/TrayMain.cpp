@@ -4,6 +4,7 @@
 #include "login/XdgAutostartService.h"
 #include "platform/Clock.h"
 #include "platform/Log.h"
+#include "platform/NetworkMonitor.h"
 #include "platform/NotificationCenter.h"
 #include "platform/Paths.h"
 #include "platform/UserDefaults.h"
@@ -89,6 +90,8 @@ struct Tray {
                            [this] { delegate->storeChangedOnDisk(); });
         settingsWatch.emplace(UserDefaults::standard().file(), [this] { delegate->settingsChangedOnDisk(); });
         wakeWatch.emplace([this] { delegate->systemDidWake(); });
+        // A cloud that could not be reached is asked again once the network is back.
+        network.emplace([] { Repository::shared().networkCameBack(); });
     }
 
     Glib::RefPtr<Gtk::Application> application;
@@ -102,6 +105,7 @@ struct Tray {
     std::optional<FileWatch> storeWatch;
     std::optional<FileWatch> settingsWatch;
     std::optional<WakeWatch> wakeWatch;
+    std::optional<NetworkMonitor> network;
 };
 
 } // namespace
@@ -129,7 +133,11 @@ int main(int argc, char** argv) {
         }
         launched = true;
     });
-    application->signal_shutdown().connect([&] { tray.reset(); });
+    // Updates still on their way are waited for; those that never arrive are pushed next time.
+    application->signal_shutdown().connect([&] {
+        Repository::shared().finishCloudWork();
+        tray.reset();
+    });
     // A session that ends sends SIGTERM: leave as "Quit" does.
     for (int signal : {SIGTERM, SIGINT}) {
         g_unix_signal_add(

@@ -1,0 +1,43 @@
+#pragma once
+
+#include "cloud/CloudEvent.h"
+#include "cloud/CloudService.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace almanor {
+
+class UserDefaults;
+
+// How a zone is printed while the zones are walked: its name and where it lives.
+std::string describe(const RecordZone& zone);
+
+// Reads every event record of one zone, once, for the start-up pull.
+class MigrationHelper {
+public:
+    MigrationHelper(std::shared_ptr<CloudService> service, std::string zoneName)
+        : service_(std::move(service)), zoneName_(std::move(zoneName)) {}
+
+    const std::string& zoneName() const { return zoneName_; }
+
+    // The zone's events in the order the service lists them; empty on failure (logged).
+    std::vector<CloudEvent> fetchRecords();
+
+    // Whether the zone holds at least one event record; false on failure (logged).
+    static bool hasRecords(CloudService& service, const std::string& zoneName);
+
+    // Finds the zone that holds the user's records, remembering it in the defaults
+    // (`appZoneUsed`, `recordZone`). None when there is nothing to read. The legacy zone counts
+    // only when it holds records; the app's zone as soon as it exists.
+    static std::optional<MigrationHelper> findExistingRecords(std::shared_ptr<CloudService> service,
+                                                              UserDefaults& defaults);
+
+private:
+    std::shared_ptr<CloudService> service_;
+    std::string zoneName_; // "_default" reads the database's default zone
+};
+
+} // namespace almanor
