@@ -118,7 +118,7 @@ std::string Url::resolve(const std::string& base, const std::string& href) {
     initOnce();
     // Some servers send whole URLs percent-encoded ("http%3A//host%3A80/path/").
     std::string target = href;
-    std::string decoded = lower(percentDecode(href.substr(0, 8)));
+    std::string decoded = lower(percentDecode(href.substr(0, 16)));
     if (decoded.rfind("http://", 0) == 0 || decoded.rfind("https://", 0) == 0) target = percentDecode(href);
     UrlPtr u(curl_url());
     if (!u) throw CloudError("out of memory");
@@ -130,7 +130,8 @@ std::string Url::resolve(const std::string& base, const std::string& href) {
 std::string Url::origin() const { return scheme + "://" + host + ":" + std::to_string(port); }
 
 bool Url::isLoopback() const {
-    return host == "localhost" || host == "::1" || host.rfind("127.", 0) == 0;
+    if (host == "localhost" || host == "::1") return true;
+    return host.rfind("127.", 0) == 0 && host.find_first_not_of("0123456789.") == std::string::npos;
 }
 
 std::string percentDecode(std::string_view text) {

@@ -51,7 +51,11 @@ bool isValidUtf8(std::string_view s) {
 }
 
 // TEXT can carry line feeds and tabs but no other control character; such values travel in base64.
+// A backslash before an n also goes in base64: one server's re-serialisation turns the escaped
+// pair back into a line break.
 bool fitsText(std::string_view s) {
+    for (std::size_t i = 0; i + 1 < s.size(); ++i)
+        if (s[i] == '\\' && (s[i + 1] == 'n' || s[i + 1] == 'N')) return false;
     for (unsigned char c : s)
         if ((c < 0x20 && c != '\n' && c != '\t') || c == 0x7F) return false;
     return isValidUtf8(s);
