@@ -1,0 +1,57 @@
+#!/bin/sh
+# The cloud commands against a real Radicale and, inside a private D-Bus session, a real keyring.
+# Usage: cloud_cli_test.sh ALMANOR
+set -u
+B=$1
+T=$(mktemp -d)
+RADICALE=
+cleanup() { [ -n "$RADICALE" ] && kill "$RADICALE" 2>/dev/null && wait "$RADICALE" 2>/dev/null; rm -rf "$T"; }
+trap cleanup EXIT
+fail() { echo "FAIL: $*" >&2; exit 1; }
+P=$(/usr/bin/python3 -c 'import socket;s=socket.socket();s.bind(("127.0.0.1",0));print(s.getsockname()[1])')
+echo "alice:s3cret" > "$T/users"
+printf '[server]\nhosts = 127.0.0.1:%s\n[auth]\ntype = htpasswd\nhtpasswd_filename = %s/users\nhtpasswd_encryption = plain\ndelay = 0\n[rights]\ntype = owner_only\n[storage]\nfilesystem_folder = %s/col\n[web]\ntype = none\n' "$P" "$T" "$T" > "$T/cfg"
+/usr/bin/python3 -m radicale --config "$T/cfg" > "$T/log" 2>&1 &
+RADICALE=$!
+for i in $(seq 100); do curl -s -o /dev/null "http://127.0.0.1:$P/" && break; sleep 0.1; done
+URL="http://127.0.0.1:$P/"
+
+export XDG_CONFIG_HOME="$T/c1" XDG_DATA_HOME="$T/d1"
+"$B" cloud login "$URL" --user alice --password-command "echo wrong" 2>"$T/err"; rc=$?
+[ $rc = 2 ] || fail "wrong password gave $rc"
+[ "$(wc -l < "$T/err")" = 1 ] || fail "wrong password: not one line"
+grep -q cloudServer "$XDG_CONFIG_HOME/Almanor/settings.ini" 2>/dev/null && fail "stored after a refused login"
+"$B" cloud login "http://127.0.0.1:9/" --user alice --password-command "echo s3cret" 2>/dev/null; [ $? = 2 ] || fail "unreachable server accepted"
+"$B" sync 2>"$T/err"; [ $? = 1 ] || fail "sync without account"
+grep -q "no cloud account; run almanor cloud login URL" "$T/err" || fail "sync without account message"
+
+"$B" cloud login "$URL" --user alice --password-command "echo s3cret" 2>/dev/null || fail "login with command"
+"$B" events add 'Trip, part 1; "x" \ y' --date 2027-03-14 >/dev/null
+"$B" cloud status --json | grep -q '"pending":{"inserted":1,"updated":0,"deleted":0}' || fail "pending before sync"
+"$B" sync 2>/dev/null || fail "sync"
+"$B" events list > "$T/list1"
+"$B" cloud status --json | grep -q '"pending":{"inserted":0,"updated":0,"deleted":0}' || fail "status after sync"
+
+# A second machine sees it, text intact.
+export XDG_CONFIG_HOME="$T/c2" XDG_DATA_HOME="$T/d2"
+"$B" cloud login "$URL" --user alice --password-command "echo s3cret" 2>/dev/null || fail "second login"
+"$B" sync 2>/dev/null || fail "second sync"
+"$B" events list > "$T/list"; cmp -s "$T/list" "$T/list1" || { cat "$T/list" "$T/list1" >&2; fail "second machine did not get the same event"; }
+
+# The keyring: stdin password, stored under the schema, removed by logout.
+export XDG_CONFIG_HOME="$T/c3" XDG_DATA_HOME="$T/d3"
+dbus-run-session -- sh -c '
+  printf keyring-unlock | gnome-keyring-daemon --unlock --components=secrets --daemonize >/dev/null || exit 5
+  echo s3cret | "$0" cloud login "$1" --user alice 2>/dev/null || exit 6
+  secret-tool lookup server "$1" user alice | grep -qx s3cret || exit 7
+  "$0" sync 2>/dev/null || exit 8
+  "$0" events list | grep -q Trip || exit 9
+  "$0" cloud logout || exit 10
+  secret-tool lookup server "$1" user alice && exit 11
+  "$0" cloud status --json | grep -q "\"server\":null" || exit 12
+  "$0" events list | grep -q Trip || exit 13
+' "$B" "$URL" 2>"$T/err"
+rc=$?
+[ $rc = 0 ] || { cat "$T/err" >&2; fail "keyring step $rc"; }
+grep -rq s3cret "$T/c3" "$T/d3" && fail "password in a file"
+echo ok
