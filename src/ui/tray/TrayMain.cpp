@@ -1,5 +1,6 @@
 // almanor-tray: the tray application that `almanor` with no command starts.
 
+#include "cloud/caldav/CloudAccount.h"
 #include "login/LaunchAtLogin.h"
 #include "login/XdgAutostartService.h"
 #include "platform/Clock.h"
@@ -125,6 +126,8 @@ int main(int argc, char** argv) {
     if (ec) {
         self = argv[0];
     }
+    // The user's calendar server, when `almanor cloud login` has named one; else no account.
+    Repository::setCloudServiceProvider([] { return makeAccountCloudService(UserDefaults::standard()); });
     auto application = Gtk::Application::create("com.vostrel.Almanor");
     std::unique_ptr<Tray> tray;
     bool launched = false;
