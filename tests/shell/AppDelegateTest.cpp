@@ -1,6 +1,7 @@
 #include "shell/AppDelegate.h"
 
 #include "LogCapture.h"
+#include "LocalInstants.h"
 #include "TempDir.h"
 #include "TrayFakes.h"
 #include "login/LaunchAtLogin.h"
@@ -23,10 +24,7 @@ namespace {
 
 constexpr const char* zone = "America/New_York";
 
-Instant at(int y, unsigned m, unsigned d, int h = 0, int min = 0) {
-    auto cal = CivilCalendar::forZone(zone);
-    return cal->instant(LocalTime(local_days(year(y) / m / d).time_since_epoch() + hours(h) + minutes(min)));
-}
+Instant at(int y, unsigned m, unsigned d, int h = 0, int min = 0) { return test::localAt(zone, y, m, d, h, min); }
 
 // Dates and zone of the menus come from the environment, as in the tray.
 struct Environment {

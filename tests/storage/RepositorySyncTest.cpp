@@ -10,6 +10,8 @@
 #include "storage/MigrationManager.h"
 
 #include <gtest/gtest.h>
+#include <condition_variable>
+#include <mutex>
 #include <set>
 #include <thread>
 
@@ -264,6 +266,39 @@ TEST_F(RepositorySync, ConcurrentSyncCallsNeverPushARowTwice) {
     second->waitForSync();
     EXPECT_EQ(fake->stored(appZone).size(), std::size_t{count});
     EXPECT_EQ(fake->calls(Op::saveRecord), count);
+}
+
+TEST_F(RepositorySync, APushAskedForDuringOneRunsAfterIt) {
+    repository->insert(*event("First", at(2030y / May / 1)));
+    std::mutex gate;
+    std::condition_variable opened;
+    bool entered = false, open = false;
+    fake->setFailureHook([&](const FakeCloudService::Call& call) -> std::optional<std::string> {
+        if (call.op == Op::saveRecord) {
+            std::unique_lock lock(gate);
+            entered = true;
+            opened.notify_all();
+            opened.wait(lock, [&] { return open; });
+        }
+        return std::nullopt;
+    });
+    repository->sync();
+    {
+        std::unique_lock lock(gate);
+        opened.wait(lock, [&] { return entered; });
+    }
+    // The running pass has read its work already; this change is for the next one.
+    repository->insert(*event("Second", at(2030y / May / 2)));
+    repository->sync();
+    repository->sync();
+    {
+        std::lock_guard lock(gate);
+        open = true;
+    }
+    opened.notify_all();
+    repository->waitForSync();
+    EXPECT_EQ(cloudNames(), (std::vector<std::string>{"First", "Second"}));
+    EXPECT_EQ(fake->calls(Op::saveRecord), 2);
 }
 
 TEST_F(RepositorySync, UpdatesThatNeverWentThroughAreDirtyAgainAtTheEnd) {

@@ -1,3 +1,4 @@
+#include "LocalInstants.h"
 #include "TempDir.h"
 #include "TrayFakes.h"
 #include "model/CivilCalendar.h"
@@ -20,10 +21,7 @@ namespace {
 
 constexpr const char* zone = "America/New_York";
 
-Instant at(int y, unsigned m, unsigned d, int h = 0, int min = 0) {
-    auto cal = CivilCalendar::forZone(zone);
-    return cal->instant(LocalTime(local_days(year(y) / m / d).time_since_epoch() + hours(h) + minutes(min)));
-}
+Instant at(int y, unsigned m, unsigned d, int h = 0, int min = 0) { return test::localAt(zone, y, m, d, h, min); }
 
 class WindowTest : public testing::Test {
 protected:

@@ -17,6 +17,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <glib-unix.h>
+#include <glibmm/main.h>
 #include <gtkmm/application.h>
 #include <gtkmm/window.h>
 #include <memory>
@@ -84,14 +85,21 @@ struct Tray {
 
     void start() {
         delegate->applicationDidFinishLaunching();
-        // Changes that other processes write (the command line, a script) are followed through
-        // the files themselves; the delegate tells them from this process's own.
-        storeWatch.emplace(paths::databaseDirectory() / paths::databaseFileName,
-                           [this] { delegate->storeChangedOnDisk(); });
-        settingsWatch.emplace(UserDefaults::standard().file(), [this] { delegate->settingsChangedOnDisk(); });
-        wakeWatch.emplace([this] { delegate->systemDidWake(); });
-        // A cloud that could not be reached is asked again once the network is back.
-        network.emplace([] { Repository::shared().networkCameBack(); });
+        // The watches wait until the first title is out: they cost start-up time (the network
+        // monitor loads GIO's modules) and nothing can change before the main loop runs anyway.
+        Glib::signal_idle().connect_once([this] {
+            // Changes that other processes write (the command line, a script) are followed through
+            // the files themselves; the delegate tells them from this process's own.
+            storeWatch.emplace(paths::databaseDirectory() / paths::databaseFileName,
+                               [this] { delegate->storeChangedOnDisk(); });
+            settingsWatch.emplace(UserDefaults::standard().file(), [this] { delegate->settingsChangedOnDisk(); });
+            wakeWatch.emplace([this] { delegate->systemDidWake(); });
+            // A cloud that could not be reached is asked again once the network is back.
+            network.emplace([] { Repository::shared().networkCameBack(); });
+            // A change written between the first title and now is not missed.
+            delegate->storeChangedOnDisk();
+            delegate->settingsChangedOnDisk();
+        }, Glib::PRIORITY_LOW);
     }
 
     Glib::RefPtr<Gtk::Application> application;
