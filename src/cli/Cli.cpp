@@ -1,5 +1,6 @@
 #include "cli/Cli.h"
 
+#include "cli/CloudCommands.h"
 #include "cli/DateInput.h"
 #include "cli/JsonText.h"
 #include "cli/PlainText.h"
@@ -358,7 +359,11 @@ int run(int argc, char** argv) {
                  "[--count C]\n"
                  "  almanor events delete ID\n"
                  "  almanor select ID|next|random|rotate\n"
-                 "  almanor status [--json]\n\n"
+                 "  almanor status [--json]\n"
+                 "  almanor cloud login URL [--user NAME] [--password-command CMD]\n"
+                 "  almanor cloud logout\n"
+                 "  almanor cloud status [--json]\n"
+                 "  almanor sync\n\n"
                  "Events are kept in $XDG_DATA_HOME/Almanor/EventsV1.db, settings in "
                  "$XDG_CONFIG_HOME/Almanor/settings.ini.\n",
                  "almanor"};
@@ -410,6 +415,19 @@ int run(int argc, char** argv) {
     auto* statusCommand = app.add_subcommand("status", "Print the panel's title for the displayed event");
     statusCommand->add_flag("--json", o.json, "Print a JSON object for waybar: text, tooltip, class");
 
+    auto* cloud = app.add_subcommand("cloud", "Connect to your calendar server, or disconnect");
+    cloud->require_subcommand(1);
+    std::string cloudUrl, cloudUser, passwordCommand;
+    auto* login = cloud->add_subcommand("login", "Log in to a CalDAV server and keep the account");
+    login->add_option("URL", cloudUrl, "The server's address")->required();
+    login->add_option("--user", cloudUser, "The user name (default: your login name)");
+    login->add_option("--password-command", passwordCommand,
+                      "A command whose first line of output is the password, run whenever it is needed");
+    auto* logout = cloud->add_subcommand("logout", "Forget the account and its password; events stay");
+    auto* cloudStatusCommand = cloud->add_subcommand("status", "Print the account and what is not yet in the cloud");
+    cloudStatusCommand->add_flag("--json", o.json, "Print one JSON object");
+    auto* syncCommand = app.add_subcommand("sync", "Pull from the cloud, push local changes, and wait for them");
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -440,6 +458,18 @@ int run(int argc, char** argv) {
         }
         if (*statusCommand) {
             return status(o);
+        }
+        if (*login) {
+            return cloudLogin(cloudUrl, cloudUser, passwordCommand);
+        }
+        if (*logout) {
+            return cloudLogout();
+        }
+        if (*cloudStatusCommand) {
+            return cloudStatus(o.json);
+        }
+        if (*syncCommand) {
+            return syncNow();
         }
     } catch (const UsageError& e) {
         std::fprintf(stderr, "almanor: %s\n", e.message.c_str());

@@ -1,0 +1,159 @@
+#include "cli/CloudCommands.h"
+
+#include "cli/Cli.h"
+#include "cli/JsonText.h"
+#include "cloud/caldav/CalDavService.h"
+#include "cloud/caldav/CloudAccount.h"
+#include "platform/Settings.h"
+#include "platform/UserDefaults.h"
+#include "storage/MigrationManager.h"
+#include "storage/Repository.h"
+#include "storage/sql/Error.h"
+
+#include <cstdio>
+#include <iostream>
+#include <termios.h>
+#include <unistd.h>
+
+namespace almanor::cli {
+
+namespace {
+
+constexpr int exitPending = 1;
+
+// From the terminal without echo, or the first line of standard input when it is no terminal.
+std::string readPassword(const std::string& prompt) {
+    std::string line;
+    if (::isatty(STDIN_FILENO)) {
+        std::fprintf(stderr, "%s", prompt.c_str());
+        termios old{};
+        ::tcgetattr(STDIN_FILENO, &old);
+        termios silent = old;
+        silent.c_lflag &= ~tcflag_t(ECHO);
+        ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
+        std::getline(std::cin, line);
+        ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &old);
+        std::fputc('\n', stderr);
+    } else {
+        std::getline(std::cin, line);
+    }
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    return line;
+}
+
+} // namespace
+
+int cloudLogin(const std::string& url, const std::string& userOption, const std::string& passwordCommand) {
+    CloudAccount account;
+    account.server = url;
+    account.user = userOption;
+    account.passwordCommand = passwordCommand;
+    if (account.user.empty()) {
+        const char* login = std::getenv("USER");
+        account.user = login ? login : "";
+    }
+    try {
+        std::string password = passwordCommand.empty() ? readPassword("Password for " + account.user + ": ")
+                                                        : passwordFromCommand(passwordCommand);
+        if (password.empty()) throw CloudError("no password given");
+        // One authenticated discovery checks the URL and the credentials before anything is kept.
+        caldav::CalDavService service(url, account.user, [password] { return password; });
+        if (service.accountStatus() == AccountStatus::noAccount) throw CloudError("no server given");
+        std::string home = service.discoverHome();
+        if (passwordCommand.empty()) keyring::storePassword(url, account.user, password);
+        account.store(UserDefaults::standard());
+        std::fprintf(stderr, "Logged in as %s; calendars at %s\n", account.user.c_str(), home.c_str());
+        return exitSuccess;
+    } catch (const CloudError& e) {
+        std::fprintf(stderr, "almanor: cloud login failed: %s\n", e.what());
+        return exitUsage;
+    }
+}
+
+int cloudLogout() {
+    auto& defaults = UserDefaults::standard();
+    auto account = CloudAccount::load(defaults);
+    if (!account) {
+        std::fprintf(stderr, "no cloud account\n");
+        return exitSuccess;
+    }
+    int status = exitSuccess;
+    if (account->passwordCommand.empty()) {
+        try {
+            keyring::removePassword(account->server, account->user);
+        } catch (const CloudError& e) {
+            std::fprintf(stderr, "almanor: %s\n", e.what());
+            status = exitPending;
+        }
+    }
+    CloudAccount::forget(defaults);
+    return status;
+}
+
+int cloudStatus(bool json) {
+    auto& defaults = UserDefaults::standard();
+    auto account = CloudAccount::load(defaults);
+    std::optional<std::string> zone = Settings(defaults).zoneName();
+    PendingChanges pending;
+    try {
+        Settings(defaults).registerDefaults();
+        MigrationManager::migrateIfNeeded(Repository::shared(), defaults);
+        pending = Repository::shared().local().pendingChanges();
+    } catch (const sql::Error& e) {
+        std::fprintf(stderr, "almanor: %s\n", e.what());
+        return exitStoreFailed;
+    }
+    if (json) {
+        std::string out = "{\"server\":";
+        auto text = [&](const std::optional<std::string>& s) {
+            if (s) appendJsonString(out, *s);
+            else out += "null";
+        };
+        text(account ? std::optional(account->server) : std::nullopt);
+        out += ",\"user\":";
+        text(account ? std::optional(account->user) : std::nullopt);
+        out += ",\"zone\":";
+        text(zone);
+        out += ",\"pending\":{\"inserted\":" + std::to_string(pending.inserted.size()) +
+               ",\"updated\":" + std::to_string(pending.updated.size()) +
+               ",\"deleted\":" + std::to_string(pending.deleted.size()) + "}}";
+        std::printf("%s\n", out.c_str());
+    } else {
+        if (account) std::printf("Server: %s\nUser: %s\n", account->server.c_str(), account->user.c_str());
+        else std::printf("No cloud account\n");
+        std::printf("Zone: %s\n", zone ? zone->c_str() : "none");
+        std::printf("Pending: %zu inserted, %zu updated, %zu deleted\n", pending.inserted.size(),
+                    pending.updated.size(), pending.deleted.size());
+    }
+    return exitSuccess;
+}
+
+int syncNow() {
+    auto& defaults = UserDefaults::standard();
+    if (!CloudAccount::load(defaults)) {
+        std::fprintf(stderr, "no cloud account; run almanor cloud login URL\n");
+        return exitPending;
+    }
+    Repository::setCloudServiceProvider([&defaults] { return makeAccountCloudService(defaults); });
+    Settings(defaults).registerDefaults();
+    Repository& repository = Repository::shared();
+    MigrationManager::migrateIfNeeded(repository, defaults);
+    repository.populateFromCloud();
+    repository.sync();
+    repository.waitForSync();
+    repository.finishCloudWork();
+    PendingChanges pending;
+    try {
+        pending = repository.local().pendingChanges();
+    } catch (const sql::Error& e) {
+        std::fprintf(stderr, "almanor: %s\n", e.what());
+        return exitStoreFailed;
+    }
+    const std::size_t left = pending.inserted.size() + pending.updated.size() + pending.deleted.size();
+    if (left == 0) return exitSuccess;
+    std::fprintf(stderr, "not yet in the cloud: %zu inserted, %zu updated, %zu deleted\n", pending.inserted.size(),
+                 pending.updated.size(), pending.deleted.size());
+    return exitPending;
+}
+
+} // namespace almanor::cli

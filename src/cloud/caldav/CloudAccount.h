@@ -1,0 +1,47 @@
+#pragma once
+
+#include "cloud/CloudService.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace almanor {
+
+class UserDefaults;
+
+// The configured cloud account: where, who, and how the password is had (the keyring, or a
+// command whose first line of output is the password). The password itself is never kept here.
+struct CloudAccount {
+    static constexpr const char* serverKey = "cloudServer";
+    static constexpr const char* userKey = "cloudUser";
+    static constexpr const char* passwordCommandKey = "cloudPasswordCommand";
+
+    std::string server;
+    std::string user;
+    std::string passwordCommand; // empty: the keyring
+
+    static std::optional<CloudAccount> load(const UserDefaults& defaults);
+    void store(UserDefaults& defaults) const;
+    static void forget(UserDefaults& defaults);
+
+    // The password, from the command or the keyring. Throws CloudError with the reason.
+    std::string password() const;
+};
+
+// The desktop keyring's item of an account (schema "com.vostrel.Almanor.CloudAccount"). Each
+// throws CloudError with the keyring's reason.
+namespace keyring {
+void storePassword(const std::string& server, const std::string& user, const std::string& password);
+std::optional<std::string> lookupPassword(const std::string& server, const std::string& user);
+void removePassword(const std::string& server, const std::string& user);
+} // namespace keyring
+
+// Runs `command` through /bin/sh and returns the first line it prints. Throws CloudError when it
+// fails or prints nothing.
+std::string passwordFromCommand(const std::string& command);
+
+// The CalDAV service of the account in `defaults`; one that reports noAccount when there is none.
+std::shared_ptr<CloudService> makeAccountCloudService(UserDefaults& defaults);
+
+} // namespace almanor

@@ -1,0 +1,142 @@
+#pragma once
+
+// Real CalDAV servers on loopback for tests: each on a free port with its own folder, polled
+// until it answers, stopped by PID on destruction.
+
+#include "TempDir.h"
+
+#include <arpa/inet.h>
+#include <csignal>
+#include <fcntl.h>
+#include <fstream>
+#include <netinet/in.h>
+#include <spawn.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+extern char** environ;
+
+namespace almanor::test {
+
+inline int freePort() {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    socklen_t len = sizeof addr;
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    ::close(fd);
+    return ntohs(addr.sin_port);
+}
+
+// Whether something on the port answers an HTTP request at all.
+inline bool answersHttp(int port) {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(std::uint16_t(port));
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bool ok = false;
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) {
+        const char request[] = "GET / HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n";
+        if (::write(fd, request, sizeof request - 1) > 0) {
+            char c;
+            ok = ::read(fd, &c, 1) == 1;
+        }
+    }
+    ::close(fd);
+    return ok;
+}
+
+class ServerProcess {
+public:
+    ServerProcess() = default;
+    ServerProcess(const ServerProcess&) = delete;
+    ServerProcess& operator=(const ServerProcess&) = delete;
+    ~ServerProcess() { stop(); }
+
+    void start(const std::vector<std::string>& args, const std::string& logFile, int port) {
+        std::vector<char*> argv;
+        for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, logFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        posix_spawn_file_actions_adddup2(&actions, 1, 2);
+        if (posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
+        posix_spawn_file_actions_destroy(&actions);
+        port_ = port;
+        for (int i = 0; i < 300 && pid_ > 0 && !answersHttp(port); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    void stop() {
+        if (pid_ <= 0) return;
+        ::kill(pid_, SIGTERM);
+        int status = 0;
+        for (int i = 0; i < 100; ++i) {
+            if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+                pid_ = -1;
+                return;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, &status, 0);
+        pid_ = -1;
+    }
+    bool running() const { return pid_ > 0 && answersHttp(port_); }
+    int port() const { return port_; }
+
+private:
+    pid_t pid_ = -1;
+    int port_ = 0;
+};
+
+// Radicale with the user "alice", password "s3cret".
+class RadicaleServer {
+public:
+    static constexpr const char* user = "alice";
+    static constexpr const char* password = "s3cret";
+
+    RadicaleServer() {
+        const int port = freePort();
+        std::ofstream(dir_ / "users") << user << ":" << password << "\n";
+        std::ofstream(dir_ / "config") << "[server]\nhosts = 127.0.0.1:" << port
+                                       << "\n[auth]\ntype = htpasswd\nhtpasswd_filename = " << (dir_ / "users").string()
+                                       << "\nhtpasswd_encryption = plain\ndelay = 0\n[rights]\ntype = owner_only\n"
+                                          "[storage]\nfilesystem_folder = "
+                                       << (dir_ / "collections").string() << "\n[web]\ntype = none\n";
+        process_.start({"/usr/bin/python3", "-m", "radicale", "--config", (dir_ / "config").string()},
+                       (dir_ / "log").string(), port);
+    }
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(process_.port()) + "/"; }
+    bool running() const { return process_.running(); }
+
+private:
+    TempDir dir_;
+    ServerProcess process_;
+};
+
+// Xandikos, which takes any credentials.
+class XandikosServer {
+public:
+    XandikosServer() {
+        const int port = freePort();
+        process_.start({"/usr/bin/xandikos", "--defaults", "-d", (dir_ / "data").string(), "-l", "127.0.0.1", "-p",
+                        std::to_string(port)},
+                       (dir_ / "log").string(), port);
+    }
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(process_.port()) + "/"; }
+    bool running() const { return process_.running(); }
+
+private:
+    TempDir dir_;
+    ServerProcess process_;
+};
+
+} // namespace almanor::test
