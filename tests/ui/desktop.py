@@ -117,6 +117,16 @@ def label():
     return re.match(r"\(<'(.*)'>,\)", out.strip()).group(1)
 
 
+def bus_has_label():
+    """Whether the tray is on the bus with a label set."""
+    if not Desktop.bus_has(DEST):
+        return False
+    try:
+        return bool(label())
+    except (AssertionError, AttributeError):
+        return False
+
+
 def item_property(name):
     out = gdbus("-o", ITEM, "-m", "org.freedesktop.DBus.Properties.Get", "org.kde.StatusNotifierItem", name)
     return re.match(r"\(<'(.*)'>,\)", out.strip()).group(1)
