@@ -97,8 +97,19 @@ private:
     int port_ = 0;
 };
 
+// A server started on a free loopback port, with its own folder; ended with the object.
+class LoopbackServer {
+public:
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(process_.port()) + "/"; }
+    bool running() const { return process_.running(); }
+
+protected:
+    TempDir dir_;
+    ServerProcess process_;
+};
+
 // Radicale with the user "alice", password "s3cret".
-class RadicaleServer {
+class RadicaleServer : public LoopbackServer {
 public:
     static constexpr const char* user = "alice";
     static constexpr const char* password = "s3cret";
@@ -114,16 +125,10 @@ public:
         process_.start({"/usr/bin/python3", "-m", "radicale", "--config", (dir_ / "config").string()},
                        (dir_ / "log").string(), port);
     }
-    std::string url() const { return "http://127.0.0.1:" + std::to_string(process_.port()) + "/"; }
-    bool running() const { return process_.running(); }
-
-private:
-    TempDir dir_;
-    ServerProcess process_;
 };
 
 // Xandikos, which takes any credentials.
-class XandikosServer {
+class XandikosServer : public LoopbackServer {
 public:
     XandikosServer() {
         const int port = freePort();
@@ -131,12 +136,6 @@ public:
                         std::to_string(port)},
                        (dir_ / "log").string(), port);
     }
-    std::string url() const { return "http://127.0.0.1:" + std::to_string(process_.port()) + "/"; }
-    bool running() const { return process_.running(); }
-
-private:
-    TempDir dir_;
-    ServerProcess process_;
 };
 
 } // namespace almanor::test

@@ -390,18 +390,24 @@ struct ManageEventsWindowGtk::Impl {
         addDialog->show();
     }
 
+    // Hides a sheet now and frees it (with what it shows) once GTK is done with the click that
+    // closed it; a sheet opened again meanwhile is kept.
+    template <class Content> void closeSheet(std::unique_ptr<Gtk::Dialog>& dialog, std::unique_ptr<Content>& content) {
+        if (!dialog) {
+            return;
+        }
+        dialog->hide();
+        Glib::signal_idle().connect_once([&dialog, &content] {
+            if (dialog && !dialog->get_visible()) {
+                dialog.reset();
+                content.reset();
+            }
+        });
+    }
+
     void closeAdd() {
         state.dismissAdd();
-        if (addDialog) {
-            addDialog->hide();
-            // Freed once GTK is done with the click that closed it.
-            Glib::signal_idle().connect_once([this] {
-                if (addDialog && !addDialog->get_visible()) {
-                    addDialog.reset();
-                    addEditor.reset();
-                }
-            });
-        }
+        closeSheet(addDialog, addEditor);
     }
 
     void pressDelete() {
@@ -439,15 +445,7 @@ struct ManageEventsWindowGtk::Impl {
 
     void closeDelete() {
         state.dismissDelete();
-        if (deleteDialog) {
-            deleteDialog->hide();
-            Glib::signal_idle().connect_once([this] {
-                if (deleteDialog && !deleteDialog->get_visible()) {
-                    deleteDialog.reset();
-                    confirm.reset();
-                }
-            });
-        }
+        closeSheet(deleteDialog, confirm);
     }
 };
 
