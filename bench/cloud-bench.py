@@ -22,15 +22,18 @@ EVENT = ("BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//bench//bench//EN\r\nBEGIN:
 
 def timed(args, env, stdin=None):
     """Runs a command; returns (wall seconds, child CPU seconds, return code)."""
-    start = time.monotonic()
-    p = subprocess.Popen(args, env=env, stdin=subprocess.PIPE if stdin else subprocess.DEVNULL,
-                         stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
-    if stdin:
-        p.stdin.write(stdin)
-        p.stdin.close()
-    _, status, usage = os.wait4(p.pid, 0)
-    p.returncode = os.waitstatus_to_exitcode(status)
-    err = p.stderr.read()
+    # The log goes to a file: a pipe read only after the wait fills up and stalls the command.
+    with tempfile.TemporaryFile(mode="w+") as log:
+        start = time.monotonic()
+        p = subprocess.Popen(args, env=env, stdin=subprocess.PIPE if stdin else subprocess.DEVNULL,
+                             stdout=subprocess.DEVNULL, stderr=log, text=True)
+        if stdin:
+            p.stdin.write(stdin)
+            p.stdin.close()
+        _, status, usage = os.wait4(p.pid, 0)
+        p.returncode = os.waitstatus_to_exitcode(status)
+        log.seek(0)
+        err = log.read()
     if p.returncode != 0:
         print(f"  ({' '.join(args[:3])} exited {p.returncode}: {err.strip().splitlines()[-1:]})")
     return time.monotonic() - start, usage.ru_utime + usage.ru_stime, p.returncode

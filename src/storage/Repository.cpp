@@ -35,6 +35,24 @@ template <class Call> bool logged(std::string_view message, Call&& call) {
     }
 }
 
+// Runs `work` as one transaction, with the connection's queue held so that other threads'
+// statements stay out of it. A commit per row costs a sync of the file each: seconds for a
+// thousand rows. A failing BEGIN or COMMIT is logged as `message` and the work runs (or is
+// undone) without it.
+template <class Work> void inOneTransaction(sql::Connection& db, std::string_view message, Work&& work) {
+    db.sync([&] {
+        bool inTransaction = logged(message, [&] { db.run("BEGIN IMMEDIATE"); });
+        work();
+        if (inTransaction && !logged(message, [&] { db.run("COMMIT"); })) {
+            try {
+                db.run("ROLLBACK");
+            } catch (const sql::Error&) {
+                // Nothing more to undo.
+            }
+        }
+    });
+}
+
 CloudServiceProvider& sharedProvider() {
     static CloudServiceProvider provider;
     return provider;
@@ -172,13 +190,9 @@ void Repository::populateFromCloud() {
             byId.emplace(e->id(), e);
 
         std::vector<CloudEvent> cloudEvents = reader->fetchRecords();
-        // One transaction for the whole copy: a commit per row costs a sync of the file each,
-        // seconds for a thousand records while the first title waits. Holding the connection's
-        // queue keeps other threads' statements out of it.
-        sql::Connection& db = local_->connection();
-        db.sync([&] {
-            bool inTransaction = !cloudEvents.empty() && logged("Failed to update record: ",
-                                                                [&] { db.run("BEGIN IMMEDIATE"); });
+        if (cloudEvents.empty())
+            return;
+        inOneTransaction(local_->connection(), "Failed to update record: ", [&] {
             for (const auto& cloudEvent : cloudEvents) {
                 const Event& event = *cloudEvent.event;
                 Log::line("Populating " + event.id().uuidString() + " " +
@@ -207,14 +221,7 @@ void Repository::populateFromCloud() {
                     });
                 }
                 if (!ok)
-                    break;
-            }
-            if (inTransaction && !logged("Failed to update record: ", [&] { db.run("COMMIT"); })) {
-                try {
-                    db.run("ROLLBACK");
-                } catch (const sql::Error&) {
-                    // Nothing more to undo.
-                }
+                    return;
             }
         });
     });
@@ -271,18 +278,31 @@ void Repository::pushPass() {
     }
 
     PendingChanges changes = local_->pendingChanges();
-    for (const auto& id : cloud->insert(changes.inserted)) {
-        if (!id.recordId) {
-            fatalError("Almanor/Repository", 0, "A saved record without its identity");
+    sql::Connection& db = local_->connection();
+    if (auto inserted = cloud->insert(changes.inserted); !inserted.empty()) {
+        for (const auto& id : inserted) {
+            if (!id.recordId) {
+                fatalError("Almanor/Repository", 0, "A saved record without its identity");
+            }
         }
-        logged("Failed to sync inserted: ",
-               [&] { local_->markInserted(id.eventId, id.recordId->recordName); });
+        inOneTransaction(db, "Failed to sync inserted: ", [&] {
+            for (const auto& id : inserted) {
+                logged("Failed to sync inserted: ",
+                       [&] { local_->markInserted(id.eventId, id.recordId->recordName); });
+            }
+        });
     }
-    for (const auto& id : cloud->update(changes.updated)) {
-        logged("Failed to sync updated: ", [&] { local_->markUpdated(id.eventId); });
+    if (auto updated = cloud->update(changes.updated); !updated.empty()) {
+        inOneTransaction(db, "Failed to sync updated: ", [&] {
+            for (const auto& id : updated)
+                logged("Failed to sync updated: ", [&] { local_->markUpdated(id.eventId); });
+        });
     }
-    for (const auto& id : cloud->deleteRecords(changes.deleted)) {
-        logged("Failed to sync deleted: ", [&] { local_->markDeleted(id.eventId); });
+    if (auto deleted = cloud->deleteRecords(changes.deleted); !deleted.empty()) {
+        inOneTransaction(db, "Failed to sync deleted: ", [&] {
+            for (const auto& id : deleted)
+                logged("Failed to sync deleted: ", [&] { local_->markDeleted(id.eventId); });
+        });
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -63,7 +64,10 @@ public:
 
     const std::string& server() const { return server_; }
 
+    struct HandlePool;
+
 private:
+    std::shared_ptr<HandlePool> pool_;
     std::string server_;
     std::string origin_;
     std::string user_;
