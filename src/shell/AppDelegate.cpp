@@ -159,8 +159,9 @@ void AppDelegate::eventChangeNotification() {
 }
 
 void AppDelegate::storeChangedOnDisk() {
+    // Posted rather than handled here, so that the window's list follows too.
     if (impl_->storeChangedElsewhere(s_.repository)) {
-        eventChangeNotification();
+        s_.center.post(almanor::eventChangeNotification);
     }
 }
 

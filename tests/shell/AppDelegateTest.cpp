@@ -253,11 +253,19 @@ TEST_F(AppDelegateTest, ChangesFromOtherProcessesAreFollowedAndOwnOnesHandledOnc
     auto e = makeEvent(Uuid::random(), at(2030, 1, 14), "Elsewhere", std::nullopt, Schedule::none,
                        CountMethod::standard);
     other.insert(*e);
+    // The window listens to the same notification, so the change must be posted, not just drawn.
+    int heard = 0;
+    auto listener = center.addObserver(std::string(eventChangeNotification), [&] { ++heard; });
     delegate->storeChangedOnDisk();
+    mainThread.drain();
+    EXPECT_EQ(heard, 1);
     EXPECT_EQ(presenter.rebuilds, 2);
     EXPECT_EQ(title(), "Elsewhere 5 days");
     delegate->storeChangedOnDisk(); // a second event of the same watch
+    mainThread.drain();
+    EXPECT_EQ(heard, 1);
     EXPECT_EQ(presenter.rebuilds, 2);
+    center.removeObserver(listener);
 
     // Own change: handled through the notification, never again through the watch.
     auto mine = add("Mine", at(2030, 1, 11));

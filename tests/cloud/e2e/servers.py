@@ -50,10 +50,11 @@ class Process:
 
 
 class Radicale(Process):
-    def __init__(self, folder, user="alice", password="s3cret"):
+    def __init__(self, folder, user="alice", password="s3cret", port=None):
+        """`port`: that of a stopped server on the same folder, to start it again."""
         self.folder = folder
         self.user, self.password = user, password
-        self.port = free_port()
+        self.port = port or free_port()
         os.makedirs(folder, exist_ok=True)
         with open(os.path.join(folder, "users"), "w") as f:
             f.write(f"{user}:{password}\n")

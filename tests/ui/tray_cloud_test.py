@@ -1,0 +1,142 @@
+"""The tray with a calendar server, as a user with two machines meets it: the first title comes
+from what the start-up pull brought, local changes are pushed at start-up and when they are
+made, an outage loses nothing, and the window follows a pull."""
+
+import json
+import os
+import subprocess
+import sys
+import time
+import unittest
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, HERE)
+sys.path.insert(0, os.path.join(HERE, "..", "cloud", "e2e"))
+import desktop  # noqa: E402
+from servers import Radicale  # noqa: E402
+
+desktop.in_private_session(os.path.abspath(__file__))
+BIN = os.environ["ALMANOR_BINARY_DIR"]
+
+
+class Laptop:
+    """The user's other machine: its own XDG home, driven through the command line."""
+
+    def __init__(self, root):
+        home = os.path.join(root, "laptop")
+        self.env = {k: v for k, v in os.environ.items()
+                    if not k.startswith("XDG_") and k not in ("DBUS_SESSION_BUS_ADDRESS", "DISPLAY")}
+        self.env.update(HOME=home, XDG_CONFIG_HOME=home + "/config", XDG_DATA_HOME=home + "/data",
+                        XDG_STATE_HOME=home + "/state", XDG_CACHE_HOME=home + "/cache")
+
+    def almanor(self, *args):
+        r = subprocess.run([BIN + "/almanor", *args], env=self.env, capture_output=True, text=True, timeout=120)
+        if r.returncode != 0:
+            raise AssertionError("laptop: almanor %s: %d %s" % (args, r.returncode, r.stderr))
+        return r.stdout
+
+    def names_after_sync(self):
+        self.almanor("sync")
+        return {e["name"] for e in json.loads(self.almanor("events", "list", "--json"))}
+
+
+class TrayCloudTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        root = os.environ["HOME"]
+        cls.server = Radicale(os.path.join(root, "server"))
+        cls.pwfile = os.path.join(root, "pw")
+        with open(cls.pwfile, "w") as f:
+            f.write(cls.server.password + "\n")
+        cls.laptop = Laptop(root)
+        cls.login = ["cloud", "login", cls.server.url, "--user", cls.server.user,
+                     "--password-command", "cat " + cls.pwfile]
+        cls.laptop.almanor(*cls.login)
+        # A weekly event is never more than six days away, so it is the next upcoming one here
+        # only if the pull brought it before the first title.
+        cls.laptop.almanor("events", "add", "Gym", "--date", "2024-01-08", "--schedule", "weekly")
+        cls.laptop.almanor("events", "add", "Trip to Prague", "--date", "2031-01-05", "--alias", "Trip")
+        cls.laptop.almanor("sync")
+
+        cls.d = desktop.Desktop(BIN)
+        cls.d.almanor(*cls.login)
+        cls.d.almanor("events", "add", "Dentist", "--date", "2030-06-01")  # made offline, not pushed yet
+        cls.log = open(os.path.join(root, "tray.log"), "w+")
+        cls.tray = cls.d.spawn([BIN + "/almanor"], stdout=cls.log, stderr=subprocess.STDOUT)
+        cls.first_label = cls.d.wait_for(_label_or_none, "the tray's first label", timeout=30)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.d.close()
+        cls.server.stop()
+        cls.log.seek(0)
+        sys.stderr.write(cls.log.read())
+        cls.log.close()
+
+    def tray_log(self):
+        self.log.seek(0)
+        return self.log.read().splitlines()
+
+    def wait_on_laptop(self, names, what):
+        self.d.wait_for(lambda: names <= self.laptop.names_after_sync(), what, timeout=30)
+
+    def test_1_first_title_comes_from_the_pulled_events(self):
+        self.assertTrue(self.first_label.startswith("Gym "), self.first_label)
+        lines = self.tray_log()
+        self.assertEqual(sum(l.startswith("Populating ") for l in lines), 2, lines)
+        self.assertEqual(lines.count("  inserting..."), 2, lines)
+        self.assertIn("Gym - Mon", desktop.rows())
+
+    def test_2_the_offline_event_is_pushed_at_start_up(self):
+        self.wait_on_laptop({"Dentist"}, "the offline event on the laptop")
+
+    def test_3_a_change_is_pushed_when_it_is_made(self):
+        self.d.almanor("events", "add", "Concert", "--date", "2029-09-09")
+        self.wait_on_laptop({"Concert"}, "the new event on the laptop")
+
+    def test_4_an_outage_loses_nothing_and_sends_nothing_twice(self):
+        folder, port = self.server.folder, self.server.port
+        self.server.stop()
+        self.d.almanor("events", "add", "While offline", "--date", "2029-10-10")
+        self.d.wait_for(lambda: any("While offline" in l for l in desktop.rows()), "the menu row")
+        time.sleep(1)  # the tray's push of it fails now
+        type(self).server = Radicale(folder, port=port)
+        # The next change takes the earlier one with it.
+        self.d.almanor("events", "add", "Back online", "--date", "2029-11-11")
+        self.wait_on_laptop({"While offline", "Back online"}, "both events on the laptop")
+        names = [e["name"] for e in json.loads(self.laptop.almanor("events", "list", "--json"))]
+        self.assertEqual(len(names), len(set(names)), names)
+        self.assertEqual(len(self.server.resources("com.vostrel.almanor.zone")), len(names))
+        self.assertIsNone(self.tray.poll())
+
+    def test_5_the_window_follows_a_pull(self):
+        second = subprocess.run([BIN + "/almanor"], capture_output=True, timeout=30)
+        self.assertEqual(second.returncode, 0, second.stderr)
+        from dogtail.config import config
+        config.checkForA11y = False
+        config.searchCutoffCount = 20
+        from dogtail import tree
+        window = tree.root.application("almanor-tray").child(roleName="frame", name="Almanor - Manage Events")
+        self.laptop.almanor("events", "add", "Picnic", "--date", "2029-05-05")
+        self.laptop.almanor("sync")
+        self.d.almanor("sync")
+        self.d.wait_for(lambda: any(k.startswith("Picnic - ") for k in desktop.rows()), "the pulled event's menu row")
+        cells = lambda: [n.name for n in window.findChildren(lambda n: n.roleName == "table cell")]
+        self.d.wait_for(lambda: "Picnic" in cells(), "the pulled event in the window")
+
+    def test_6_quit_leaves_nothing_unsent(self):
+        desktop.click("Quit")
+        self.assertEqual(self.tray.wait(30), 0)
+        status = self.d.almanor("cloud", "status", "--json").stdout
+        self.assertEqual(json.loads(status)["pending"], {"inserted": 0, "updated": 0, "deleted": 0}, status)
+
+
+def _label_or_none():
+    try:
+        return desktop.label()
+    except (AssertionError, AttributeError):
+        return None
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
