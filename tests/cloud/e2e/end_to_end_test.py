@@ -3,6 +3,7 @@
 driven through the almanor binary as a user would. Exit 77 (skipped) while the binary has no
 cloud commands."""
 import base64
+import datetime
 import http.client
 import json
 import os
@@ -239,6 +240,83 @@ class RadicaleEndToEnd(EndToEnd, unittest.TestCase):
 
 class XandikosEndToEnd(EndToEnd, unittest.TestCase):
     server_kind = Xandikos
+
+
+class CalendarClient(unittest.TestCase):
+    """The user's calendar app (khal, fed by vdirsyncer) puts the events on the days counted to."""
+
+    def test_recurring_events_fall_on_their_days(self):
+        with tempfile.TemporaryDirectory() as root:
+            server = Radicale(os.path.join(root, "server"))
+            self.addCleanup(server.stop)
+            a = Machine(root, "a")
+            pw = os.path.join(root, "pw")
+            with open(pw, "w") as f:
+                f.write(server.password + "\n")
+            a.login(server, pw)
+            a.ok("events", "add", "Gym", "--date", "2027-01-04", "--schedule", "weekly")
+            a.ok("events", "add", "Rent", "--date", "2027-01-31", "--schedule", "monthly")
+            a.ok("events", "add", "Payday", "--date", "2027-01-30", "--schedule", "monthly")
+            a.ok("events", "add", "Leap day", "--date", "2024-02-29", "--schedule", "annually")
+            a.ok("events", "add", "Trip; with, text", "--date", "2027-03-14")
+            a.ok("sync")
+
+            local = os.path.join(root, "calendars")
+            with open(os.path.join(root, "vdirsyncer"), "w") as f:
+                f.write(f"""[general]
+status_path = "{root}/status/"
+[pair mine]
+a = "local"
+b = "remote"
+collections = ["{APP_ZONE}"]
+[storage local]
+type = "filesystem"
+path = "{local}/"
+fileext = ".ics"
+[storage remote]
+type = "caldav"
+url = "{server.url}"
+username = "{server.user}"
+password.fetch = ["command", "cat", "{pw}"]
+""")
+            with open(os.path.join(root, "khal"), "w") as f:
+                f.write(f"""[calendars]
+[[almanor]]
+path = {local}/{APP_ZONE}
+type = calendar
+[locale]
+timeformat = %H:%M
+dateformat = %Y-%m-%d
+longdateformat = %Y-%m-%d
+datetimeformat = %Y-%m-%d %H:%M
+longdatetimeformat = %Y-%m-%d %H:%M
+""")
+            env = dict(a.env)
+            os.makedirs(os.path.join(local, APP_ZONE))
+            for command in (["discover"], ["sync"]):
+                subprocess.run(["vdirsyncer", "-c", os.path.join(root, "vdirsyncer"), *command], env=env,
+                               check=True, capture_output=True, text=True, timeout=COMMAND_LIMIT)
+
+            def days(first, last):
+                out = subprocess.run(["khal", "-c", os.path.join(root, "khal"), "list", first, last,
+                                      "--format", "{start-date} {title}", "--day-format", ""], env=env,
+                                     check=True, capture_output=True, text=True).stdout
+                found = {}
+                for line in filter(None, out.splitlines()):
+                    day, title = line.split(" ", 1)
+                    found.setdefault(title, []).append(day)
+                return found
+
+            spring = days("2027-02-01", "2027-04-30")
+            self.assertEqual(spring["Rent"], ["2027-02-28", "2027-03-31", "2027-04-30"])
+            self.assertEqual(spring["Payday"], ["2027-02-28", "2027-03-30", "2027-04-30"])
+            self.assertEqual(spring["Leap day"], ["2027-02-28"])
+            self.assertEqual(spring["Trip; with, text"], ["2027-03-14"])
+            self.assertEqual(len(spring["Gym"]), 13)
+            self.assertTrue(all(datetime.date.fromisoformat(d).weekday() == 0 for d in spring["Gym"]))
+            leap = days("2028-02-01", "2028-03-01")
+            self.assertEqual(leap["Leap day"], ["2028-02-29"])
+            self.assertEqual(leap["Rent"], ["2028-02-29"])
 
 
 class KeyringLogin(unittest.TestCase):
