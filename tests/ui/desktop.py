@@ -117,14 +117,16 @@ def label():
     return re.match(r"\(<'(.*)'>,\)", out.strip()).group(1)
 
 
+def label_or_none():
+    try:
+        return label()
+    except (AssertionError, AttributeError):
+        return None
+
+
 def bus_has_label():
     """Whether the tray is on the bus with a label set."""
-    if not Desktop.bus_has(DEST):
-        return False
-    try:
-        return bool(label())
-    except (AssertionError, AttributeError):
-        return False
+    return Desktop.bus_has(DEST) and bool(label_or_none())
 
 
 def item_property(name):

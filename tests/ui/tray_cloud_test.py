@@ -63,7 +63,7 @@ class TrayCloudTest(unittest.TestCase):
         cls.d.almanor("events", "add", "Dentist", "--date", "2030-06-01")  # made offline, not pushed yet
         cls.log = open(os.path.join(root, "tray.log"), "w+")
         cls.tray = cls.d.spawn([BIN + "/almanor"], stdout=cls.log, stderr=subprocess.STDOUT)
-        cls.first_label = cls.d.wait_for(_label_or_none, "the tray's first label", timeout=30)
+        cls.first_label = cls.d.wait_for(desktop.label_or_none, "the tray's first label", timeout=30)
 
     @classmethod
     def tearDownClass(cls):
@@ -130,12 +130,6 @@ class TrayCloudTest(unittest.TestCase):
         status = self.d.almanor("cloud", "status", "--json").stdout
         self.assertEqual(json.loads(status)["pending"], {"inserted": 0, "updated": 0, "deleted": 0}, status)
 
-
-def _label_or_none():
-    try:
-        return desktop.label()
-    except (AssertionError, AttributeError):
-        return None
 
 
 if __name__ == "__main__":

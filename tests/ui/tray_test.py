@@ -38,7 +38,7 @@ class TrayTest(unittest.TestCase):
         d.almanor("events", "add", "my_gym", "--date", "2024-01-08", "--schedule", "weekly")
         cls.log = open(os.path.join(os.environ["HOME"], "tray.log"), "w+")
         cls.tray = d.spawn([BIN + "/almanor"], stdout=cls.log, stderr=subprocess.STDOUT)
-        d.wait_for(lambda: d.bus_has(desktop.DEST) and _label_or_none(), "the tray's label")
+        d.wait_for(lambda: d.bus_has(desktop.DEST) and desktop.label_or_none(), "the tray's label")
 
     @classmethod
     def tearDownClass(cls):
@@ -137,13 +137,6 @@ class TrayTest(unittest.TestCase):
 
     def events(self):
         return json.loads(self.d.almanor("events", "list", "--json").stdout)
-
-
-def _label_or_none():
-    try:
-        return desktop.label()
-    except (AssertionError, AttributeError):
-        return None
 
 
 if __name__ == "__main__":

@@ -242,17 +242,22 @@ class XandikosEndToEnd(EndToEnd, unittest.TestCase):
     server_kind = Xandikos
 
 
+def one_machine(test, root):
+    """A Radicale, one machine's home and the password file, all in `root`."""
+    server = Radicale(os.path.join(root, "server"))
+    test.addCleanup(server.stop)
+    pw = os.path.join(root, "pw")
+    with open(pw, "w") as f:
+        f.write(server.password + "\n")
+    return server, Machine(root, "a"), pw
+
+
 class CalendarClient(unittest.TestCase):
     """The user's calendar app (khal, fed by vdirsyncer) puts the events on the days counted to."""
 
     def test_recurring_events_fall_on_their_days(self):
         with tempfile.TemporaryDirectory() as root:
-            server = Radicale(os.path.join(root, "server"))
-            self.addCleanup(server.stop)
-            a = Machine(root, "a")
-            pw = os.path.join(root, "pw")
-            with open(pw, "w") as f:
-                f.write(server.password + "\n")
+            server, a, pw = one_machine(self, root)
             a.login(server, pw)
             a.ok("events", "add", "Gym", "--date", "2027-01-04", "--schedule", "weekly")
             a.ok("events", "add", "Rent", "--date", "2027-01-31", "--schedule", "monthly")
@@ -324,12 +329,7 @@ class KeyringLogin(unittest.TestCase):
 
     def test_login_through_keyring_then_sync(self):
         with tempfile.TemporaryDirectory() as root:
-            server = Radicale(os.path.join(root, "server"))
-            self.addCleanup(server.stop)
-            a = Machine(root, "a")
-            pw = os.path.join(root, "pw")
-            with open(pw, "w") as f:
-                f.write(server.password + "\n")
+            server, a, pw = one_machine(self, root)
             script = os.path.join(root, "session.sh")
             with open(script, "w") as f:
                 f.write(f"""set -e
