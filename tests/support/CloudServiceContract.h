@@ -27,6 +27,8 @@ struct CloudServiceFactory {
     static std::string name(const testing::TestParamInfo<CloudServiceFactory>& info) {
         return info.param.label;
     }
+    // Names the parameter in test listings instead of dumping its bytes.
+    friend void PrintTo(const CloudServiceFactory& factory, std::ostream* out) { *out << factory.label; }
 };
 
 class CloudServiceContract : public testing::TestWithParam<CloudServiceFactory> {

@@ -5,12 +5,14 @@ cloud commands."""
 import base64
 import datetime
 import http.client
+import http.server
 import json
 import os
 import shutil
 import subprocess
 import sys
 import tempfile
+import threading
 import unittest
 import urllib.parse
 
@@ -322,6 +324,95 @@ longdatetimeformat = %Y-%m-%d %H:%M
             leap = days("2028-02-01", "2028-03-01")
             self.assertEqual(leap["Leap day"], ["2028-02-29"])
             self.assertEqual(leap["Rent"], ["2028-02-29"])
+
+
+DEFAULT_RECORD = """BEGIN:VCALENDAR\r
+VERSION:2.0\r
+PRODID:-//test//test//EN\r
+BEGIN:VEVENT\r
+UID:REC-1\r
+DTSTAMP:20260101T000000Z\r
+DTSTART;VALUE=DATE:20270314\r
+SUMMARY:From the default calendar\r
+X-CD-RECORD-TYPE:CD_Event\r
+X-CD-NAME;X-CD-KEY=CD_name;X-CD-TYPE=TEXT:From the default calendar\r
+X-CD-EVENTID;X-CD-KEY=CD_eventId;X-CD-TYPE=TEXT:0B1C2D3E-0000-4000-8000-000000000001\r
+X-CD-DATE;X-CD-KEY=CD_date;X-CD-TYPE=TIMESTAMP:1805011200000\r
+END:VEVENT\r
+END:VCALENDAR\r
+"""
+
+
+class ScriptedDav(http.server.BaseHTTPRequestHandler):
+    """A server whose principal names a default calendar that is not the first of the home,
+    which neither Radicale nor Xandikos does."""
+    seen = []
+
+    def log_message(self, *args):
+        pass
+
+    def answer(self, status, body=""):
+        data = body.encode()
+        self.send_response(status)
+        self.send_header("Content-Type", "application/xml; charset=utf-8")
+        self.send_header("Content-Length", str(len(data)))
+        self.end_headers()
+        self.wfile.write(data)
+
+    def multistatus(self, *responses):
+        self.answer(207, '<?xml version="1.0"?><d:multistatus xmlns:d="DAV:" '
+                    'xmlns:c="urn:ietf:params:xml:ns:caldav">' + "".join(
+                        f"<d:response><d:href>{href}</d:href><d:propstat><d:prop>{props}</d:prop>"
+                        "<d:status>HTTP/1.1 200 OK</d:status></d:propstat></d:response>"
+                        for href, props in responses) + "</d:multistatus>")
+
+    def handle_any(self):
+        length = int(self.headers.get("Content-Length") or 0)
+        self.rfile.read(length)
+        ScriptedDav.seen.append(f"{self.command} {self.path}")
+        calendar = "<d:resourcetype><d:collection/><c:calendar/></d:resourcetype>"
+        if self.command == "PROPFIND" and self.path in ("/", "/.well-known/caldav"):
+            self.multistatus((self.path, "<d:current-user-principal><d:href>/p/</d:href></d:current-user-principal>"))
+        elif self.command == "PROPFIND" and self.path == "/p/":
+            self.multistatus(("/p/", "<c:calendar-home-set><d:href>/h/</d:href></c:calendar-home-set>"
+                              "<c:schedule-default-calendar-URL><d:href>/h/work/</d:href>"
+                              "</c:schedule-default-calendar-URL>"))
+        elif self.command == "PROPFIND" and self.path == "/h/":
+            self.multistatus(("/h/", "<d:resourcetype><d:collection/></d:resourcetype>"),
+                             ("/h/personal/", calendar), ("/h/work/", calendar))
+        elif self.command == "REPORT" and self.path == "/h/work/":
+            self.multistatus(("/h/work/REC-1.ics", "<c:calendar-data>" + DEFAULT_RECORD + "</c:calendar-data>"))
+        elif self.command == "REPORT":
+            self.multistatus()
+        elif self.command in ("MKCALENDAR", "PUT"):
+            self.answer(201)
+        else:
+            self.answer(404)
+
+    do_PROPFIND = do_REPORT = do_MKCALENDAR = do_PUT = do_GET = do_DELETE = handle_any
+
+
+class DefaultCalendar(unittest.TestCase):
+    def test_records_of_the_default_calendar_are_pulled_then_moved_into_the_app_zone(self):
+        server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), ScriptedDav)
+        threading.Thread(target=server.serve_forever, daemon=True).start()
+        self.addCleanup(server.server_close)
+        self.addCleanup(server.shutdown)
+        with tempfile.TemporaryDirectory() as root:
+            a = Machine(root, "a")
+            pw = os.path.join(root, "pw")
+            with open(pw, "w") as f:
+                f.write("pw\n")
+            url = f"http://127.0.0.1:{server.server_address[1]}/"
+            a.ok("cloud", "login", url, "--user", "u", "--password-command", f"cat {pw}")
+            # The older generation left its records in the database's default zone.
+            with open(os.path.join(a.env["XDG_CONFIG_HOME"], "Almanor", "settings.ini"), "a") as f:
+                f.write("recordZone=_default\n")
+            a.ok("sync")
+            self.assertEqual(a.names(), ["From the default calendar"])
+            reports = [r for r in ScriptedDav.seen if r.startswith("REPORT")]
+            self.assertEqual(reports, ["REPORT /h/work/"])
+            self.assertTrue(any(r.startswith(f"PUT /h/{APP_ZONE}/") for r in ScriptedDav.seen), ScriptedDav.seen)
 
 
 class KeyringLogin(unittest.TestCase):
