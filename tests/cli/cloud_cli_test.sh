@@ -22,6 +22,21 @@ export XDG_CONFIG_HOME="$T/c1" XDG_DATA_HOME="$T/d1"
 [ "$(wc -l < "$T/err")" = 1 ] || fail "wrong password: not one line"
 grep -q cloudServer "$XDG_CONFIG_HOME/Almanor/settings.ini" 2>/dev/null && fail "stored after a refused login"
 "$B" cloud login "http://127.0.0.1:9/" --user alice --password-command "echo s3cret" 2>/dev/null; [ $? = 2 ] || fail "unreachable server accepted"
+# TLS is verified: a self-signed server is refused, and plain http only goes to this machine.
+openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=127.0.0.1 -keyout "$T/key" -out "$T/cert" -days 2 2>/dev/null
+S=$(/usr/bin/python3 -c 'import socket;s=socket.socket();s.bind(("127.0.0.1",0));print(s.getsockname()[1])')
+/usr/bin/python3 -c 'import http.server,ssl,sys
+s=http.server.HTTPServer(("127.0.0.1",int(sys.argv[1])),http.server.BaseHTTPRequestHandler)
+c=ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER);c.load_cert_chain(sys.argv[2],sys.argv[3])
+s.socket=c.wrap_socket(s.socket,server_side=True);s.serve_forever()' "$S" "$T/cert" "$T/key" 2>/dev/null &
+TLS=$!
+sleep 1
+"$B" cloud login "https://127.0.0.1:$S/" --user alice --password-command "echo s3cret" 2>"$T/err"; rc=$?
+kill $TLS
+[ $rc = 2 ] && [ "$(wc -l < "$T/err")" = 1 ] && grep -qi certificate "$T/err" || { cat "$T/err" >&2; fail "self-signed server: $rc"; }
+"$B" cloud login "http://192.0.2.1/" --user alice --password-command "echo s3cret" 2>"$T/err"; rc=$?
+[ $rc = 2 ] && grep -q "https://" "$T/err" || { cat "$T/err" >&2; fail "plain http elsewhere: $rc"; }
+grep -q cloudServer "$XDG_CONFIG_HOME/Almanor/settings.ini" 2>/dev/null && fail "stored after a refused login"
 "$B" sync 2>"$T/err"; [ $? = 1 ] || fail "sync without account"
 grep -q "no cloud account; run almanor cloud login URL" "$T/err" || fail "sync without account message"
 
