@@ -3,6 +3,7 @@
 #include "cli/Cli.h"
 #include "cli/JsonText.h"
 #include "cloud/caldav/CalDavService.h"
+#include "cloud/RecordMapping.h"
 #include "cloud/caldav/CloudAccount.h"
 #include "platform/Settings.h"
 #include "platform/UserDefaults.h"
@@ -121,7 +122,10 @@ int cloudStatus(bool json) {
     } else {
         if (account) std::printf("Server: %s\nUser: %s\n", account->server.c_str(), account->user.c_str());
         else std::printf("No cloud account\n");
-        std::printf("Zone: %s\n", zone ? zone->c_str() : "none");
+        // The zone is learnt from the server's listing at the next pull; pushes always go to ours.
+        if (zone) std::printf("Zone: %s\n", zone->c_str());
+        else if (!account) std::printf("Zone: none\n");
+        else std::printf("Zone: none found yet (new events go to %s)\n", std::string(appZoneName).c_str());
         std::printf("Pending: %zu inserted, %zu updated, %zu deleted\n", pending.inserted.size(),
                     pending.updated.size(), pending.deleted.size());
     }
