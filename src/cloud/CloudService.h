@@ -70,7 +70,8 @@ public:
     virtual std::vector<CloudRecord> performQuery(const std::string& recordType,
                                                   const std::string& zoneName) = 0;
 
-    // Sends again what earlier batched saves left unsent; called before each push's own work.
+    // Sends again what earlier batched saves left unsent; called before each push's own work,
+    // which it lets try a server that could not be reached before.
     virtual void flushUnsent() = 0;
     // Waits until every batched save started so far has been answered or has timed out.
     virtual void waitForBackgroundWork() = 0;

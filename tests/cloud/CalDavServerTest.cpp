@@ -4,7 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <netinet/in.h>
+#include <poll.h>
+#include <thread>
 
 namespace almanor::test {
 namespace {
@@ -110,8 +113,8 @@ TEST(CalDavAccount, WrongPasswordIsOneClearErrorWithoutThePassword) {
     EXPECT_NE(right.discoverHome().find("/alice/"), std::string::npos);
 }
 
-TEST(CalDavAccount, ASilentServerEndsWithinTheBoundedWait) {
-    // A socket that accepts connections and never answers.
+TEST(CalDavAccount, ASilentServerCostsOneBoundedWaitPerPass) {
+    // A socket that takes connections, counts them and never answers.
     int fd = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
@@ -120,13 +123,37 @@ TEST(CalDavAccount, ASilentServerEndsWithinTheBoundedWait) {
     ASSERT_EQ(::listen(fd, 8), 0);
     socklen_t len = sizeof addr;
     ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    std::atomic<int> connections = 0;
+    std::atomic<bool> stop = false;
+    std::vector<int> held;
+    std::thread acceptor([&] {
+        while (!stop) {
+            pollfd p{fd, POLLIN, 0};
+            if (::poll(&p, 1, 50) == 1) {
+                held.push_back(::accept(fd, nullptr, nullptr));
+                ++connections;
+            }
+        }
+    });
     const std::string url = "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/";
     caldav::Timeouts quick{std::chrono::seconds(2), std::chrono::seconds(2)};
     CalDavService service(url, "u", [] { return std::string("pw"); }, quick);
     EXPECT_THROW(service.discoverHome(), CloudError);
-    service.modifyRecords({eventRecord("z", "a", "A")}, ModifyOptions{});
+    EXPECT_EQ(connections, 1);
+    // Right after that, the rest of the work gives up without waiting again, and keeps its records.
+    EXPECT_THROW(service.saveRecord(eventRecord("z", "x", "X")), CloudError);
+    service.modifyRecords({eventRecord("z", "a", "A"), eventRecord("z", "b", "B")}, ModifyOptions{});
     service.waitForBackgroundWork();
-    EXPECT_EQ(service.unsentRecords().size(), 1u);
+    EXPECT_EQ(service.unsentRecords().size(), 2u);
+    EXPECT_EQ(connections, 1);
+    // The next pass asks the server again, once.
+    service.flushUnsent();
+    service.waitForBackgroundWork();
+    EXPECT_EQ(service.unsentRecords().size(), 2u);
+    EXPECT_EQ(connections, 2);
+    stop = true;
+    acceptor.join();
+    for (int c : held) ::close(c);
     ::close(fd);
 }
 

@@ -316,6 +316,7 @@ void CalDavService::modifyRecords(std::vector<CloudRecord> records, const Modify
 }
 
 void CalDavService::flushUnsent() {
+    if (client_) client_->retryServer(); // a new pass asks the server afresh
     {
         std::lock_guard lock(queueMutex_);
         for (auto& r : unsent_) queue_.push_back(std::move(r));

@@ -5,6 +5,8 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cstdio>
 #include <memory>
 #include <mutex>
 
@@ -81,6 +83,27 @@ std::size_t readHeader(char* data, std::size_t size, std::size_t count, void* ta
     return size * count;
 }
 
+struct Progress {
+    std::chrono::seconds stall;
+    std::chrono::steady_clock::time_point last = std::chrono::steady_clock::now();
+    curl_off_t down = 0;
+    curl_off_t up = 0;
+    bool stalled = false;
+};
+
+int onProgress(void* data, curl_off_t, curl_off_t down, curl_off_t, curl_off_t up) {
+    auto* p = static_cast<Progress*>(data);
+    auto now = std::chrono::steady_clock::now();
+    if (down != p->down || up != p->up) {
+        p->down = down;
+        p->up = up;
+        p->last = now;
+        return 0;
+    }
+    p->stalled = now - p->last > p->stall;
+    return p->stalled ? 1 : 0;
+}
+
 struct Body {
     std::string_view data;
     std::size_t offset = 0;
@@ -101,6 +124,10 @@ std::size_t sendBody(char* buffer, std::size_t size, std::size_t count, void* so
 struct HttpClient::HandlePool {
     std::mutex mutex;
     std::vector<EasyPtr> idle;
+    // Why the server could not be reached, and when: requests soon after fail at once, so that a
+    // pass of many records over a silent server costs one wait, not one per record.
+    std::string unreachable;
+    std::chrono::steady_clock::time_point unreachableAt;
 };
 
 namespace {
@@ -233,6 +260,12 @@ HttpResponse HttpClient::perform(const HttpRequest& request) const {
     if (target.scheme == "http" && !target.isLoopback())
         throw CloudError("refusing plain http to " + target.host);
 
+    {
+        std::lock_guard lock(pool_->mutex);
+        if (!pool_->unreachable.empty() && std::chrono::steady_clock::now() - pool_->unreachableAt < unreachableWindow)
+            throw CloudError(request.method + " " + target.origin() + target.path + ": " + pool_->unreachable +
+                             " (not tried again so soon)");
+    }
     HandleLease lease(*pool_);
     CURL* h = lease.get();
     char errorText[CURL_ERROR_SIZE] = {};
@@ -244,9 +277,12 @@ HttpResponse HttpClient::perform(const HttpRequest& request) const {
     check(curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 1L));
     check(curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L));
     check(curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT, long(timeouts_.connect.count())));
-    // No progress at all for the stall time ends the request, however long it has run.
-    check(curl_easy_setopt(h, CURLOPT_LOW_SPEED_LIMIT, 1L));
-    check(curl_easy_setopt(h, CURLOPT_LOW_SPEED_TIME, long(timeouts_.stall.count())));
+    // No byte moved either way for the stall time ends the request, however long it has run.
+    // (libcurl's low-speed limit averages over several seconds, which stretches the wait.)
+    Progress progress{timeouts_.stall};
+    check(curl_easy_setopt(h, CURLOPT_NOPROGRESS, 0L));
+    check(curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, onProgress));
+    check(curl_easy_setopt(h, CURLOPT_XFERINFODATA, &progress));
     check(curl_easy_setopt(h, CURLOPT_USERAGENT, "Almanor"));
     check(curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, request.method.c_str()));
 
@@ -287,13 +323,28 @@ HttpResponse HttpClient::perform(const HttpRequest& request) const {
 
     CURLcode code = curl_easy_perform(h);
     std::fill(password.begin(), password.end(), '\0');
+    if (progress.stalled) {
+        code = CURLE_OPERATION_TIMEDOUT;
+        std::snprintf(errorText, sizeof errorText, "nothing from the server for %lld s",
+                      static_cast<long long>(timeouts_.stall.count()));
+    }
     if (code != CURLE_OK) {
         std::string detail = errorText;
-        throw CloudError(request.method + " " + target.origin() + target.path + ": " + curl_easy_strerror(code) +
-                         (detail.empty() ? std::string() : " (" + detail + ")"));
+        std::string reason = curl_easy_strerror(code) + (detail.empty() ? std::string() : " (" + detail + ")");
+        if (code == CURLE_COULDNT_CONNECT || code == CURLE_COULDNT_RESOLVE_HOST || code == CURLE_OPERATION_TIMEDOUT) {
+            std::lock_guard lock(pool_->mutex);
+            pool_->unreachable = curl_easy_strerror(code);
+            pool_->unreachableAt = std::chrono::steady_clock::now();
+        }
+        throw CloudError(request.method + " " + target.origin() + target.path + ": " + reason);
     }
     check(curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &response.status));
     return response;
+}
+
+void HttpClient::retryServer() const {
+    std::lock_guard lock(pool_->mutex);
+    pool_->unreachable.clear();
 }
 
 } // namespace almanor::caldav

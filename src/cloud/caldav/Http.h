@@ -64,6 +64,12 @@ public:
 
     const std::string& server() const { return server_; }
 
+    // After the server could not be reached (no connection, or no answer within the waits),
+    // requests in the next `unreachableWindow` fail at once with the same reason; this forgets
+    // that, for a new pass.
+    void retryServer() const;
+    static constexpr std::chrono::seconds unreachableWindow{10};
+
     struct HandlePool;
 
 private:
