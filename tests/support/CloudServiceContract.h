@@ -173,22 +173,8 @@ TEST_P(CloudServiceContract, BatchedSaveCreatesAndReplacesInTheBackground) {
     EXPECT_EQ(find(all, "old")->fields.count("CD_alias"), 0u);
 }
 
-TEST_P(CloudServiceContract, FlushWithNothingUnsentChangesNothing) {
-    const std::string zone = freshZone();
-    service->saveZone(zone);
-    service->saveRecord(record(zone, "r", "x"));
-    service->flushUnsent();
-    service->waitForBackgroundWork();
-    EXPECT_TRUE(service->unsentRecords().empty());
-    EXPECT_EQ(service->performQuery("CD_Event", zone).size(), 1u);
-}
-
 TEST_P(CloudServiceContract, QueryOfAMissingZoneFailsWithAnError) {
     EXPECT_THROW(service->performQuery("CD_Event", freshZone()), CloudError);
-}
-
-TEST_P(CloudServiceContract, AccountIsAvailable) {
-    EXPECT_EQ(service->accountStatus(), AccountStatus::available);
 }
 
 } // namespace almanor::test

@@ -158,20 +158,6 @@ class EndToEnd:
 class RadicaleEndToEnd(EndToEnd, unittest.TestCase):
     server_kind = Radicale
 
-    def test_wrong_password_stores_nothing(self):
-        bad = os.path.join(self.dir.name, "bad")
-        with open(bad, "w") as f:
-            f.write("wrong\n")
-        c = Machine(self.dir.name, "c")
-        rc, out, err = c.run("cloud", "login", self.server.url, "--user", "alice",
-                             "--password-command", f"cat {bad}")
-        self.assertEqual(rc, 2)
-        self.assertEqual(len(err.strip().splitlines()), 1, err)
-        self.assertNotIn("wrong", out + err)
-        rc, _, err = c.run("sync")
-        self.assertEqual(rc, 1)
-        self.assertIn("no cloud account; run almanor cloud login URL", err)
-
     def test_legacy_zone_records_migrate_into_app_zone(self):
         # Records in the shape the app writes, moved into the older generation's zone, with the
         # app's zone gone: the state a user of the older generation has.
