@@ -1,10 +1,12 @@
 #include "shell/AppDelegate.h"
 
+#include "FakeCloudService.h"
 #include "LogCapture.h"
 #include "LocalInstants.h"
 #include "TempDir.h"
 #include "TrayFakes.h"
 #include "login/LaunchAtLogin.h"
+#include "cloud/RecordMapping.h"
 #include "model/CivilCalendar.h"
 #include "platform/UserDefaults.h"
 #include "storage/LocalRepository.h"
@@ -38,7 +40,8 @@ class AppDelegateTest : public testing::Test {
 protected:
     AppDelegateTest()
         : defaults(dir / "config/settings.ini"), clock(at(2030, 1, 9, 12)), // a Wednesday, noon
-          repository(std::make_unique<LocalRepository>(dir / "data", "EventsV1.db", center, clock)),
+          repository(std::make_unique<LocalRepository>(dir / "data", "EventsV1.db", center, clock),
+                     [this] { return std::static_pointer_cast<CloudService>(cloud); }, &defaults),
           launchAtLogin(loginItems, defaults), presenter(journal), statusBar(journal), scheduler(journal) {}
 
     AppDelegate& start() {
@@ -91,6 +94,7 @@ protected:
     NotificationCenter center;
     UserDefaults defaults;
     FixedClock clock;
+    std::shared_ptr<test::FakeCloudService> cloud; // none: no account
     Repository repository;
     test::MemoryLoginItems loginItems;
     LaunchAtLogin launchAtLogin;
@@ -280,6 +284,39 @@ TEST_F(AppDelegateTest, ChangesFromOtherProcessesAreFollowedAndOwnOnesHandledOnc
     EXPECT_EQ(presenter.rebuilds, 4);
     EXPECT_EQ(title(), "Mine 2 days");
     EXPECT_EQ(marked(), (std::vector<std::string>{"Mine - Jan 11, 2030"}));
+}
+
+TEST_F(AppDelegateTest, TheCloudIsPulledBeforeTheFirstTitleAndPushedAtStartOnChangesAndOnTicks) {
+    cloud = std::make_shared<test::FakeCloudService>();
+    const std::string appZone{appZoneName};
+    cloud->saveZone(appZone);
+    auto pulled = makeEvent(Uuid::random(), at(2030, 1, 11), "From the cloud", std::nullopt, Schedule::none,
+                            CountMethod::standard);
+    cloud->saveRecord(recordFromEvent(CloudEvent{RecordId{"rec-1", appZone}, pulled}));
+    add("Made offline", at(2031, 1, 1));
+    auto inCloud = [&](const std::string& name) {
+        repository.waitForSync();
+        auto records = cloud->stored(appZone);
+        return std::any_of(records.begin(), records.end(),
+                           [&](const CloudRecord& r) { return eventFromRecord(r).event->name() == name; });
+    };
+
+    start();
+    EXPECT_EQ(title(), "From the cloud 2 days");
+    EXPECT_TRUE(inCloud("Made offline"));
+
+    add("Changed here", at(2031, 2, 2));
+    mainThread.drain();
+    EXPECT_TRUE(inCloud("Changed here"));
+
+    // A row that another process wrote, with no notice here, goes with the next tick.
+    NotificationCenter otherCenter;
+    Repository other(std::make_unique<LocalRepository>(dir / "data", "EventsV1.db", otherCenter, clock));
+    other.insert(*makeEvent(Uuid::random(), at(2031, 3, 3), "Elsewhere", std::nullopt, Schedule::none,
+                            CountMethod::standard));
+    EXPECT_FALSE(inCloud("Elsewhere"));
+    scheduler.fire();
+    EXPECT_TRUE(inCloud("Elsewhere"));
 }
 
 TEST_F(AppDelegateTest, RandomModeNeverFeedsOnItsOwnWrites) {
