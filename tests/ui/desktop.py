@@ -24,11 +24,11 @@ def in_private_session(script):
         return
     home = tempfile.mkdtemp(prefix="almanor-gui-")
     env = dict(os.environ)
-    for var in ("DBUS_SESSION_BUS_ADDRESS", "DISPLAY", "WAYLAND_DISPLAY", "NO_AT_BRIDGE"):
+    for var in ("DBUS_SESSION_BUS_ADDRESS", "DISPLAY", "WAYLAND_DISPLAY", "NO_AT_BRIDGE", "GDK_GL"):
         env.pop(var, None)
     env.update(HOME=home, XDG_CONFIG_HOME=home + "/config", XDG_DATA_HOME=home + "/data",
                XDG_CACHE_HOME=home + "/cache", XDG_RUNTIME_DIR=home + "/run", ALMANOR_TEST_SESSION="1",
-               GDK_GL="disable", LC_ALL="en_US.UTF-8", TZ=env.get("TZ", "Europe/Prague"))
+               LC_ALL="en_US.UTF-8", TZ=env.get("TZ", "Europe/Prague"))
     os.makedirs(home + "/run", mode=0o700)
     try:
         status = subprocess.call(["dbus-run-session", "--", sys.executable, script] + sys.argv[1:], env=env)

@@ -130,6 +130,10 @@ class TrayTest(unittest.TestCase):
         save.click()
         self.d.wait_for(lambda: "From the window" in [e["name"] for e in self.events()], "the saved event")
         self.d.wait_for(lambda: any(k.startswith("From the window - ") for k in desktop.rows()), "the menu row")
+        # Nothing here draws with OpenGL: no graphics driver is loaded, even with the window open.
+        with open(f"/proc/{self.tray.pid}/maps") as f:
+            maps = f.read()
+        self.assertEqual([lib for lib in ("libGLX_mesa", "_dri.so", "libLLVM") if lib in maps], [])
 
     def test_7_quit_ends_the_tray(self):
         desktop.click("Quit")

@@ -128,10 +128,20 @@ int main(int argc, char** argv) {
     }
     // The user's calendar server, when `almanor cloud login` has named one; else no account.
     Repository::setCloudServiceProvider([] { return makeAccountCloudService(UserDefaults::standard()); });
+    // Neither the panel item nor the window draws with OpenGL, but GTK's X11 backend probes GLX
+    // for its visuals at start, which loads the graphics driver (and with Mesa, LLVM): some
+    // 50 MB and tens of milliseconds for nothing. A value the user set is left alone.
+    const bool glSettingIsOurs = g_getenv("GDK_GL") == nullptr;
+    if (glSettingIsOurs) {
+        g_setenv("GDK_GL", "disable", TRUE);
+    }
     auto application = Gtk::Application::create("com.vostrel.Almanor");
     std::unique_ptr<Tray> tray;
     bool launched = false;
     application->signal_startup().connect([&] {
+        if (glSettingIsOurs) {
+            g_unsetenv("GDK_GL"); // read by now; programs started from here see the user's own
+        }
         application->hold(); // a tray has no window to keep it alive
         tray = std::make_unique<Tray>(application, self);
         tray->start();
