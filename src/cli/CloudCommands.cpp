@@ -54,6 +54,9 @@ int cloudLogin(const std::string& url, const std::string& userOption, const std:
         account.user = login ? login : "";
     }
     try {
+        // A URL that could never be used is refused before the password is asked for.
+        if (url.empty()) throw CloudError("no server given");
+        caldav::HttpClient(url, account.user, nullptr, {});
         std::string password = passwordCommand.empty() ? readPassword("Password for " + account.user + ": ")
                                                         : passwordFromCommand(passwordCommand);
         if (password.empty()) throw CloudError("no password given");

@@ -36,6 +36,11 @@ kill $TLS
 [ $rc = 2 ] && [ "$(wc -l < "$T/err")" = 1 ] && grep -qi certificate "$T/err" || { cat "$T/err" >&2; fail "self-signed server: $rc"; }
 "$B" cloud login "http://192.0.2.1/" --user alice --password-command "echo s3cret" 2>"$T/err"; rc=$?
 [ $rc = 2 ] && grep -q "https://" "$T/err" || { cat "$T/err" >&2; fail "plain http elsewhere: $rc"; }
+# A URL that could never work is refused before any password is asked for (stdin is empty here).
+for bad in notaurl ftp://h/ https://u:p@h/; do
+  "$B" cloud login "$bad" --user alice </dev/null 2>"$T/err"; rc=$?
+  [ $rc = 2 ] && ! grep -q "no password given" "$T/err" || { cat "$T/err" >&2; fail "bad URL $bad: $rc"; }
+done
 grep -q cloudServer "$XDG_CONFIG_HOME/Almanor/settings.ini" 2>/dev/null && fail "stored after a refused login"
 "$B" sync 2>"$T/err"; [ $? = 1 ] || fail "sync without account"
 grep -q "no cloud account; run almanor cloud login URL" "$T/err" || fail "sync without account message"
