@@ -39,13 +39,18 @@ template <typename Calendar> void countOne(benchmark::State& state) {
     for (auto _ : state) {
         Instant date = dates[i++ % dates.size()];
         Instant target = Utility::occurrenceDate(*calendar, today, date, schedule);
-        benchmark::DoNotOptimize(Utility::statusText("Event", Utility::dayCount(*calendar, today, target, method)));
+        benchmark::DoNotOptimize(
+            Utility::statusText("Event", Utility::dayCount(*calendar, today, target, method)));
     }
-    state.SetLabel(std::string(schedule == Schedule::none ? "none" : schedule == Schedule::weekly ? "weekly"
-                               : schedule == Schedule::monthly ? "monthly" : "annually") + "/" +
-                   (method == CountMethod::standard ? "standard" : method == CountMethod::excludeWeekends
-                        ? "exclude-weekends" : method == CountMethod::weekendUsesFridayBefore ? "friday-before"
-                        : "monday-after"));
+    state.SetLabel(std::string(schedule == Schedule::none      ? "none"
+                               : schedule == Schedule::weekly  ? "weekly"
+                               : schedule == Schedule::monthly ? "monthly"
+                                                               : "annually") +
+                   "/" +
+                   (method == CountMethod::standard                  ? "standard"
+                    : method == CountMethod::excludeWeekends         ? "exclude-weekends"
+                    : method == CountMethod::weekendUsesFridayBefore ? "friday-before"
+                                                                     : "monday-after"));
 }
 
 void allCombinations(benchmark::internal::Benchmark* b) {
@@ -67,7 +72,8 @@ void selection(benchmark::State& state) {
                                    std::nullopt, static_cast<Schedule>(i % 4),
                                    static_cast<CountMethod>((i / 4) % 4)));
     }
-    auto folder = std::filesystem::temp_directory_path() / ("almanor-bench-" + std::to_string(::getpid()));
+    auto folder =
+        std::filesystem::temp_directory_path() / ("almanor-bench-" + std::to_string(::getpid()));
     UserDefaults defaults(folder / "settings.ini");
     Settings settings(defaults);
     settings.registerDefaults();

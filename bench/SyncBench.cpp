@@ -22,17 +22,20 @@ struct Store {
     UserDefaults defaults{dir / "settings.ini"};
     std::shared_ptr<test::FakeCloudService> fake = std::make_shared<test::FakeCloudService>();
     Repository repository{std::make_unique<LocalRepository>(dir / "Almanor", "EventsV1.db", center),
-                          [this] { return std::static_pointer_cast<CloudService>(fake); }, &defaults};
+                          [this] { return std::static_pointer_cast<CloudService>(fake); },
+                          &defaults};
     Store() {
         Log::setSink([](std::string_view) {});
-        repository.local().connection().run(MigrationManager::createTableStatement(repository.local().events()));
+        repository.local().connection().run(
+            MigrationManager::createTableStatement(repository.local().events()));
         defaults.setBoolean(Settings::appZoneUsed, true);
     }
     ~Store() { Log::setSink({}); }
 };
 
 EventPtr someEvent(int i) {
-    return makeEvent(Uuid::random(), Instant(std::chrono::hours(24 * (19000 + i))), "Event " + std::to_string(i),
+    return makeEvent(Uuid::random(), Instant(std::chrono::hours(24 * (19000 + i))),
+                     "Event " + std::to_string(i),
                      i % 3 ? std::optional<std::string>("alias") : std::nullopt,
                      static_cast<Schedule>(i % 4), static_cast<CountMethod>(i % 4));
 }
@@ -43,7 +46,8 @@ void pullIntoEmptyStore(benchmark::State& state) {
         state.PauseTiming();
         auto store = std::make_unique<Store>();
         store->fake->seedZone(std::string(appZoneName));
-        for (int i = 0; i < n; ++i) store->fake->seed(recordFromEvent(CloudEvent{std::nullopt, someEvent(i)}));
+        for (int i = 0; i < n; ++i)
+            store->fake->seed(recordFromEvent(CloudEvent{std::nullopt, someEvent(i)}));
         state.ResumeTiming();
         store->repository.populateFromCloud();
         state.PauseTiming();
@@ -58,7 +62,8 @@ void firstPush(benchmark::State& state) {
     for (auto _ : state) {
         state.PauseTiming();
         auto store = std::make_unique<Store>();
-        for (int i = 0; i < n; ++i) store->repository.insert(*someEvent(i));
+        for (int i = 0; i < n; ++i)
+            store->repository.insert(*someEvent(i));
         state.ResumeTiming();
         store->repository.sync();
         store->repository.waitForSync();

@@ -21,7 +21,7 @@ using Clock_ = std::chrono::steady_clock;
 namespace {
 
 class LoopThread final : public MainThread {
-public:
+  public:
     bool isCurrent() const override { return true; }
     void post(Work work) override { work(); }
 };
@@ -50,7 +50,8 @@ int main(int argc, char** argv) {
     LoopThread mainThread;
 
     auto start = Clock_::now();
-    ManageEventsWindowGtk window(repository, NotificationCenter::defaultCenter(), mainThread, SystemClock::shared());
+    ManageEventsWindowGtk window(repository, NotificationCenter::defaultCenter(), mainThread,
+                                 SystemClock::shared());
     window.center();
     window.makeKeyAndOrderFront();
     settle();
@@ -65,7 +66,8 @@ int main(int argc, char** argv) {
         settle();
         reloads.push_back(ms(t));
     }
-    std::printf("window over %zu events: shown in %.0f ms (goal <= 1000), reload after a change %.0f ms median "
+    std::printf("window over %zu events: shown in %.0f ms (goal <= 1000), reload after a change "
+                "%.0f ms median "
                 "(goal <= 200)\n",
                 events.size(), shown, median(reloads));
     return 0;

@@ -24,16 +24,19 @@ int startTray(const char* argv0) {
     std::string beside = (self.parent_path() / "almanor-tray").string();
     // Login items start the almanor that enabled them: the tray needs to know which one that is.
     ::setenv("ALMANOR_LAUNCHER", self.c_str(), 1);
-    std::string installed = (self.parent_path() / ALMANOR_TRAY_RELATIVE).lexically_normal().string();
+    std::string installed =
+        (self.parent_path() / ALMANOR_TRAY_RELATIVE).lexically_normal().string();
     for (const std::string& tray : {beside, installed}) {
         if (!tray.empty() && ::access(tray.c_str(), X_OK) == 0) {
             char* args[] = {const_cast<char*>(tray.c_str()), nullptr};
             ::execv(tray.c_str(), args);
-            std::fprintf(stderr, "almanor: cannot start the tray %s: %s\n", tray.c_str(), std::strerror(errno));
+            std::fprintf(stderr, "almanor: cannot start the tray %s: %s\n", tray.c_str(),
+                         std::strerror(errno));
             return 3;
         }
     }
-    std::fprintf(stderr, "almanor: the tray (almanor-tray) is not installed beside %s\n", self.c_str());
+    std::fprintf(stderr, "almanor: the tray (almanor-tray) is not installed beside %s\n",
+                 self.c_str());
     return 3;
 }
 

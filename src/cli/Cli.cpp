@@ -34,11 +34,15 @@ namespace {
 using namespace std::chrono;
 
 constexpr std::array<const char*, 4> scheduleNames = {"none", "weekly", "monthly", "annually"};
-constexpr std::array<const char*, 4> countNames = {"standard", "exclude-weekends",
-                                                   "friday-before", "monday-after"};
+constexpr std::array<const char*, 4> countNames = {"standard", "exclude-weekends", "friday-before",
+                                                   "monday-after"};
 
-const char* nameOf(Schedule s) { return scheduleNames[std::size_t(rawValue(s))]; }
-const char* nameOf(CountMethod m) { return countNames[std::size_t(rawValue(m))]; }
+const char* nameOf(Schedule s) {
+    return scheduleNames[std::size_t(rawValue(s))];
+}
+const char* nameOf(CountMethod m) {
+    return countNames[std::size_t(rawValue(m))];
+}
 
 template <typename T, std::size_t N>
 T fromName(const std::array<const char*, N>& names, const std::string& name) {
@@ -55,7 +59,9 @@ struct UsageError {
     std::string message;
 };
 
-std::string utcText(Instant t) { return sql::formatDate(t) + "Z"; }
+std::string utcText(Instant t) {
+    return sql::formatDate(t) + "Z";
+}
 
 // The event's date as the user would have typed it: local, time only when there is one.
 std::string localText(const DayCalendar& calendar, Instant t) {
@@ -114,7 +120,8 @@ std::optional<std::string> aliasArgument(const std::string& text) {
 // what reading a store takes per byte of its file (rows, their sort, the events), measured.
 void reserveForReading(double bytesPerStoreByte) {
     std::error_code error;
-    auto size = std::filesystem::file_size(paths::databaseDirectory() / paths::databaseFileName, error);
+    auto size =
+        std::filesystem::file_size(paths::databaseDirectory() / paths::databaseFileName, error);
     if (!error) {
         heap::reserve(std::size_t(double(size) * bytesPerStoreByte));
     }
@@ -122,7 +129,7 @@ void reserveForReading(double bytesPerStoreByte) {
 
 // The store as the tray opens it: defaults registered, table created on first use.
 class Store {
-public:
+  public:
     Store() : settings_(UserDefaults::standard()) {
         settings_.registerDefaults();
         repository_ = &Repository::shared();
@@ -152,7 +159,7 @@ public:
         Uuid id;
     };
 
-private:
+  private:
     Settings settings_;
     Repository* repository_ = nullptr;
 };
@@ -195,9 +202,10 @@ int listEvents(const Options& o) {
             } else {
                 out += "null";
             }
-            out += ",\"date\":\"" + utcText(e->date()) + "\",\"occurrence\":\"" + utcText(occurrence) +
-                   "\",\"schedule\":\"" + nameOf(e->schedule()) + "\",\"count\":\"" +
-                   nameOf(e->countMethod()) + "\",\"days\":" + std::to_string(days) + ",\"title\":";
+            out += ",\"date\":\"" + utcText(e->date()) + "\",\"occurrence\":\"" +
+                   utcText(occurrence) + "\",\"schedule\":\"" + nameOf(e->schedule()) +
+                   "\",\"count\":\"" + nameOf(e->countMethod()) +
+                   "\",\"days\":" + std::to_string(days) + ",\"title\":";
             appendJsonString(out, title);
             out += '}';
         } else {
@@ -333,7 +341,8 @@ int status(const Options& o) {
     } else {
         auto calendar = DayCalendar::current();
         Instant today = Utility::startOfToday(*calendar, SystemClock::shared().now());
-        Instant occurrence = Utility::occurrenceDate(*calendar, today, shown->date(), shown->schedule());
+        Instant occurrence =
+            Utility::occurrenceDate(*calendar, today, shown->date(), shown->schedule());
         int days = Utility::dayCount(*calendar, today, occurrence, shown->countMethod());
         out += ",\"tooltip\":";
         appendJsonString(out, shown->name() + ": " + localText(*calendar, occurrence));
@@ -351,22 +360,23 @@ int run(int argc, char** argv) {
     // Standard output carries only results; the system's log lines go to standard error.
     Log::toStandardError();
 
-    CLI::App app{"Almanor counts the days until or since your events.\n\n"
-                 "  almanor                 start the tray (the title in the panel, its menu, the window)\n"
-                 "  almanor events list [--json]\n"
-                 "  almanor events add NAME --date DATE [--alias TEXT] [--schedule S] [--count C]\n"
-                 "  almanor events edit ID [--name NAME] [--alias TEXT] [--date DATE] [--schedule S] "
-                 "[--count C]\n"
-                 "  almanor events delete ID\n"
-                 "  almanor select ID|next|random|rotate\n"
-                 "  almanor status [--json]\n"
-                 "  almanor cloud login URL [--user NAME] [--password-command CMD]\n"
-                 "  almanor cloud logout\n"
-                 "  almanor cloud status [--json]\n"
-                 "  almanor sync\n\n"
-                 "Events are kept in $XDG_DATA_HOME/Almanor/EventsV1.db, settings in "
-                 "$XDG_CONFIG_HOME/Almanor/settings.ini.\n",
-                 "almanor"};
+    CLI::App app{
+        "Almanor counts the days until or since your events.\n\n"
+        "  almanor                 start the tray (the title in the panel, its menu, the window)\n"
+        "  almanor events list [--json]\n"
+        "  almanor events add NAME --date DATE [--alias TEXT] [--schedule S] [--count C]\n"
+        "  almanor events edit ID [--name NAME] [--alias TEXT] [--date DATE] [--schedule S] "
+        "[--count C]\n"
+        "  almanor events delete ID\n"
+        "  almanor select ID|next|random|rotate\n"
+        "  almanor status [--json]\n"
+        "  almanor cloud login URL [--user NAME] [--password-command CMD]\n"
+        "  almanor cloud logout\n"
+        "  almanor cloud status [--json]\n"
+        "  almanor sync\n\n"
+        "Events are kept in $XDG_DATA_HOME/Almanor/EventsV1.db, settings in "
+        "$XDG_CONFIG_HOME/Almanor/settings.ini.\n",
+        "almanor"};
     app.set_version_flag("--version", std::string("almanor ") + ALMANOR_VERSION,
                          "Print the version and exit");
     app.require_subcommand(0, 1);
@@ -384,7 +394,8 @@ int run(int argc, char** argv) {
     list->add_flag("--json", o.json, "Print one JSON array");
 
     auto scheduleCheck = CLI::IsMember({"none", "weekly", "monthly", "annually"});
-    auto countCheck = CLI::IsMember({"standard", "exclude-weekends", "friday-before", "monday-after"});
+    auto countCheck =
+        CLI::IsMember({"standard", "exclude-weekends", "friday-before", "monday-after"});
 
     auto* add = events->add_subcommand("add", "Add an event and print its id");
     add->add_option("NAME", o.name, "The event's name")->required();
@@ -401,19 +412,23 @@ int run(int argc, char** argv) {
     auto* editName = edit->add_option("--name", o.name, "New name");
     auto* editAlias = edit->add_option("--alias", o.alias, "New alias; empty removes it");
     auto* editDate = edit->add_option("--date", o.date, "New date");
-    auto* editSchedule = edit->add_option("--schedule", o.schedule, "New recurrence")->check(scheduleCheck);
+    auto* editSchedule =
+        edit->add_option("--schedule", o.schedule, "New recurrence")->check(scheduleCheck);
     auto* editCount = edit->add_option("--count", o.count, "New counting")->check(countCheck);
 
     auto* remove = events->add_subcommand("delete", "Delete an event");
     remove->add_option("ID", o.id, "The event's id")->required();
 
     auto* select = app.add_subcommand("select", "Choose the displayed event and print its title");
-    select->add_option("TARGET", o.target,
-                       "An event id, or next (next upcoming), random or rotate (hourly)")
+    select
+        ->add_option("TARGET", o.target,
+                     "An event id, or next (next upcoming), random or rotate (hourly)")
         ->required();
 
-    auto* statusCommand = app.add_subcommand("status", "Print the panel's title for the displayed event");
-    statusCommand->add_flag("--json", o.json, "Print a JSON object for waybar: text, tooltip, class");
+    auto* statusCommand =
+        app.add_subcommand("status", "Print the panel's title for the displayed event");
+    statusCommand->add_flag("--json", o.json,
+                            "Print a JSON object for waybar: text, tooltip, class");
 
     auto* cloud = app.add_subcommand("cloud", "Connect to your calendar server, or disconnect");
     cloud->require_subcommand(1);
@@ -421,12 +436,16 @@ int run(int argc, char** argv) {
     auto* login = cloud->add_subcommand("login", "Log in to a CalDAV server and keep the account");
     login->add_option("URL", cloudUrl, "The server's address")->required();
     login->add_option("--user", cloudUser, "The user name (default: your login name)");
-    login->add_option("--password-command", passwordCommand,
-                      "A command whose first line of output is the password, run whenever it is needed");
-    auto* logout = cloud->add_subcommand("logout", "Forget the account and its password; events stay");
-    auto* cloudStatusCommand = cloud->add_subcommand("status", "Print the account and what is not yet in the cloud");
+    login->add_option(
+        "--password-command", passwordCommand,
+        "A command whose first line of output is the password, run whenever it is needed");
+    auto* logout =
+        cloud->add_subcommand("logout", "Forget the account and its password; events stay");
+    auto* cloudStatusCommand =
+        cloud->add_subcommand("status", "Print the account and what is not yet in the cloud");
     cloudStatusCommand->add_flag("--json", o.json, "Print one JSON object");
-    auto* syncCommand = app.add_subcommand("sync", "Pull from the cloud, push local changes, and wait for them");
+    auto* syncCommand =
+        app.add_subcommand("sync", "Pull from the cloud, push local changes, and wait for them");
 
     try {
         app.parse(argc, argv);

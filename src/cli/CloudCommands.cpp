@@ -2,8 +2,8 @@
 
 #include "cli/Cli.h"
 #include "cli/JsonText.h"
-#include "cloud/caldav/CalDavService.h"
 #include "cloud/RecordMapping.h"
+#include "cloud/caldav/CalDavService.h"
 #include "cloud/caldav/CloudAccount.h"
 #include "platform/Settings.h"
 #include "platform/UserDefaults.h"
@@ -38,13 +38,15 @@ std::string readPassword(const std::string& prompt) {
     } else {
         std::getline(std::cin, line);
     }
-    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (!line.empty() && line.back() == '\r')
+        line.pop_back();
     return line;
 }
 
 } // namespace
 
-int cloudLogin(const std::string& url, const std::string& userOption, const std::string& passwordCommand) {
+int cloudLogin(const std::string& url, const std::string& userOption,
+               const std::string& passwordCommand) {
     CloudAccount account;
     account.server = url;
     account.user = userOption;
@@ -55,18 +57,24 @@ int cloudLogin(const std::string& url, const std::string& userOption, const std:
     }
     try {
         // A URL that could never be used is refused before the password is asked for.
-        if (url.empty()) throw CloudError("no server given");
+        if (url.empty())
+            throw CloudError("no server given");
         caldav::HttpClient(url, account.user, nullptr, {});
-        std::string password = passwordCommand.empty() ? readPassword("Password for " + account.user + ": ")
-                                                        : passwordFromCommand(passwordCommand);
-        if (password.empty()) throw CloudError("no password given");
+        std::string password = passwordCommand.empty()
+                                   ? readPassword("Password for " + account.user + ": ")
+                                   : passwordFromCommand(passwordCommand);
+        if (password.empty())
+            throw CloudError("no password given");
         // One authenticated discovery checks the URL and the credentials before anything is kept.
         caldav::CalDavService service(url, account.user, [password] { return password; });
-        if (service.accountStatus() == AccountStatus::noAccount) throw CloudError("no server given");
+        if (service.accountStatus() == AccountStatus::noAccount)
+            throw CloudError("no server given");
         std::string home = service.discoverHome();
-        if (passwordCommand.empty()) keyring::storePassword(url, account.user, password);
+        if (passwordCommand.empty())
+            keyring::storePassword(url, account.user, password);
         account.store(UserDefaults::standard());
-        std::fprintf(stderr, "Logged in as %s; calendars at %s\n", account.user.c_str(), home.c_str());
+        std::fprintf(stderr, "Logged in as %s; calendars at %s\n", account.user.c_str(),
+                     home.c_str());
         return exitSuccess;
     } catch (const CloudError& e) {
         std::fprintf(stderr, "almanor: cloud login failed: %s\n", e.what());
@@ -110,8 +118,10 @@ int cloudStatus(bool json) {
     if (json) {
         std::string out = "{\"server\":";
         auto text = [&](const std::optional<std::string>& s) {
-            if (s) appendJsonString(out, *s);
-            else out += "null";
+            if (s)
+                appendJsonString(out, *s);
+            else
+                out += "null";
         };
         text(account ? std::optional(account->server) : std::nullopt);
         out += ",\"user\":";
@@ -123,12 +133,18 @@ int cloudStatus(bool json) {
                ",\"deleted\":" + std::to_string(pending.deleted.size()) + "}}";
         std::printf("%s\n", out.c_str());
     } else {
-        if (account) std::printf("Server: %s\nUser: %s\n", account->server.c_str(), account->user.c_str());
-        else std::printf("No cloud account\n");
+        if (account)
+            std::printf("Server: %s\nUser: %s\n", account->server.c_str(), account->user.c_str());
+        else
+            std::printf("No cloud account\n");
         // The zone is learnt from the server's listing at the next pull; pushes always go to ours.
-        if (zone) std::printf("Zone: %s\n", zone->c_str());
-        else if (!account) std::printf("Zone: none\n");
-        else std::printf("Zone: none found yet (new events go to %s)\n", std::string(appZoneName).c_str());
+        if (zone)
+            std::printf("Zone: %s\n", zone->c_str());
+        else if (!account)
+            std::printf("Zone: none\n");
+        else
+            std::printf("Zone: none found yet (new events go to %s)\n",
+                        std::string(appZoneName).c_str());
         std::printf("Pending: %zu inserted, %zu updated, %zu deleted\n", pending.inserted.size(),
                     pending.updated.size(), pending.deleted.size());
     }
@@ -156,10 +172,12 @@ int syncNow() {
         std::fprintf(stderr, "almanor: %s\n", e.what());
         return exitStoreFailed;
     }
-    const std::size_t left = pending.inserted.size() + pending.updated.size() + pending.deleted.size();
-    if (left == 0) return exitSuccess;
-    std::fprintf(stderr, "not yet in the cloud: %zu inserted, %zu updated, %zu deleted\n", pending.inserted.size(),
-                 pending.updated.size(), pending.deleted.size());
+    const std::size_t left =
+        pending.inserted.size() + pending.updated.size() + pending.deleted.size();
+    if (left == 0)
+        return exitSuccess;
+    std::fprintf(stderr, "not yet in the cloud: %zu inserted, %zu updated, %zu deleted\n",
+                 pending.inserted.size(), pending.updated.size(), pending.deleted.size());
     return exitPending;
 }
 

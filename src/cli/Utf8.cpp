@@ -8,8 +8,11 @@ std::size_t utf8SequenceLength(std::string_view s) {
     }
     auto byte = [&](std::size_t i) { return static_cast<unsigned char>(s[i]); };
     unsigned char c = byte(0);
-    std::size_t n = c < 0x80 ? 1 : c >= 0xC2 && c <= 0xDF ? 2 : c >= 0xE0 && c <= 0xEF ? 3
-                  : c >= 0xF0 && c <= 0xF4 ? 4 : 0;
+    std::size_t n = c < 0x80                 ? 1
+                    : c >= 0xC2 && c <= 0xDF ? 2
+                    : c >= 0xE0 && c <= 0xEF ? 3
+                    : c >= 0xF0 && c <= 0xF4 ? 4
+                                             : 0;
     if (n == 0 || n > s.size()) {
         return 0;
     }

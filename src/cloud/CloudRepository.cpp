@@ -31,7 +31,8 @@ std::vector<CloudId> CloudRepository::insert(const std::vector<CloudEvent>& even
 }
 
 std::vector<CloudId> CloudRepository::update(const std::vector<CloudEvent>& events) {
-    if (events.empty()) return {};
+    if (events.empty())
+        return {};
     std::vector<CloudRecord> records;
     std::vector<CloudId> ids;
     records.reserve(events.size());
@@ -61,8 +62,10 @@ std::vector<CloudId> CloudRepository::deleteRecords(const std::vector<CloudId>& 
 
 std::shared_ptr<CloudRepository> CloudRepositoryFactory::get() {
     std::lock_guard lock(mutex_);
-    if (repository_) return repository_;
-    if (gaveUp_) return nullptr;
+    if (repository_)
+        return repository_;
+    if (gaveUp_)
+        return nullptr;
     repository_ = create();
     gaveUp_ = repository_ == nullptr;
     return repository_;

@@ -14,8 +14,9 @@ namespace almanor {
 // The event store in the user's cloud database. Never raises an error: each failure is one log
 // line and the event concerned is left out of the result.
 class CloudRepository {
-public:
-    explicit CloudRepository(std::shared_ptr<CloudService> service) : service_(std::move(service)) {}
+  public:
+    explicit CloudRepository(std::shared_ptr<CloudService> service)
+        : service_(std::move(service)) {}
 
     CloudService& service() { return *service_; }
 
@@ -28,15 +29,16 @@ public:
     // An id without a record identity stops the process.
     std::vector<CloudId> deleteRecords(const std::vector<CloudId>& ids);
 
-private:
+  private:
     std::shared_ptr<CloudService> service_;
 };
 
 // The accessor with memory: the first success is kept for good; a failure is not retried until
 // the network comes back (networkCameBack()), so an offline machine asks the cloud only once.
 class CloudRepositoryFactory {
-public:
-    explicit CloudRepositoryFactory(CloudServiceProvider provider) : provider_(std::move(provider)) {}
+  public:
+    explicit CloudRepositoryFactory(CloudServiceProvider provider)
+        : provider_(std::move(provider)) {}
 
     // The repository, or null when the cloud cannot be used. Thread-safe; concurrent first
     // callers wait for one creation.
@@ -46,7 +48,7 @@ public:
     // Clears the gave-up flag, so the next get() asks the cloud again.
     void networkCameBack();
 
-private:
+  private:
     std::shared_ptr<CloudRepository> create();
 
     CloudServiceProvider provider_;

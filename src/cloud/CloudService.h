@@ -21,7 +21,7 @@ enum class AccountStatus {
 
 // A failed request of the cloud; what() is the description that the log lines carry.
 class CloudError : public std::runtime_error {
-public:
+  public:
     using std::runtime_error::runtime_error;
 };
 
@@ -42,7 +42,7 @@ struct ModifyOptions {
 // (CalDAV) implements them over the network, a fake in memory. Every call may be made from any
 // thread; each request ends within the adapter's bounded waits.
 class CloudService {
-public:
+  public:
     // The name that stands for the database's default zone.
     static constexpr std::string_view defaultZoneName = "_default";
 

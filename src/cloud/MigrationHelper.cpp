@@ -21,7 +21,8 @@ std::vector<CloudEvent> MigrationHelper::fetchRecords() {
     }
     std::vector<CloudEvent> events;
     events.reserve(records.size());
-    for (const auto& record : records) events.push_back(eventFromRecord(record));
+    for (const auto& record : records)
+        events.push_back(eventFromRecord(record));
     return events;
 }
 
@@ -34,8 +35,9 @@ bool MigrationHelper::hasRecords(CloudService& service, const std::string& zoneN
     }
 }
 
-std::optional<MigrationHelper> MigrationHelper::findExistingRecords(
-    std::shared_ptr<CloudService> service, UserDefaults& defaults) {
+std::optional<MigrationHelper>
+MigrationHelper::findExistingRecords(std::shared_ptr<CloudService> service,
+                                     UserDefaults& defaults) {
     if (!defaults.boolean(Settings::appZoneUsed)) {
         Log::line("Finding existing cloud records");
         try {
@@ -43,8 +45,10 @@ std::optional<MigrationHelper> MigrationHelper::findExistingRecords(
             bool legacyZone = false;
             for (const auto& zone : service->fetchAllZones()) {
                 Log::line(describe(zone));
-                if (zone.name == appZoneName) appZone = true;
-                if (zone.name == legacyZoneName) legacyZone = true;
+                if (zone.name == appZoneName)
+                    appZone = true;
+                if (zone.name == legacyZoneName)
+                    legacyZone = true;
             }
             if (appZone) {
                 defaults.setString(Settings::recordZone, appZoneName);

@@ -17,7 +17,7 @@ std::string describe(const RecordZone& zone);
 
 // Reads every event record of one zone, once, for the start-up pull.
 class MigrationHelper {
-public:
+  public:
     MigrationHelper(std::shared_ptr<CloudService> service, std::string zoneName)
         : service_(std::move(service)), zoneName_(std::move(zoneName)) {}
 
@@ -35,7 +35,7 @@ public:
     static std::optional<MigrationHelper> findExistingRecords(std::shared_ptr<CloudService> service,
                                                               UserDefaults& defaults);
 
-private:
+  private:
     std::shared_ptr<CloudService> service_;
     std::string zoneName_; // "_default" reads the database's default zone
 };

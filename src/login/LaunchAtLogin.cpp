@@ -13,7 +13,8 @@ constexpr const char* logDomain = "com.brimwell.LaunchAtLogin";
 
 void logFailure(bool enabled, const std::string& reason) {
     g_log_structured(logDomain, G_LOG_LEVEL_CRITICAL, "CATEGORY", "main", "MESSAGE",
-                     "Failed to %s launch at login: %s", enabled ? "enable" : "disable", reason.c_str());
+                     "Failed to %s launch at login: %s", enabled ? "enable" : "disable",
+                     reason.c_str());
 }
 
 } // namespace
@@ -26,7 +27,9 @@ std::string LaunchAtLogin::helperIdentifier() {
     return identifier;
 }
 
-bool LaunchAtLogin::isEnabled() const { return service_.status() == LoginItemService::Status::enabled; }
+bool LaunchAtLogin::isEnabled() const {
+    return service_.status() == LoginItemService::Status::enabled;
+}
 
 void LaunchAtLogin::registration(bool enabled) {
     try {

@@ -15,7 +15,7 @@ class UserDefaults;
 // Registers the application as a login item, tells whether it is, and once moves users of the
 // older helper-based registration over.
 class LaunchAtLogin {
-public:
+  public:
     using Observer = std::function<void(bool enabled)>;
     using Token = std::uint64_t;
 
@@ -38,7 +38,7 @@ public:
     Token observe(Observer observer);
     void removeObserver(Token token);
 
-private:
+  private:
     void registration(bool enabled);
 
     LoginItemService& service_;

@@ -6,14 +6,14 @@ namespace almanor {
 
 // A refused registration; what() is the reason logged.
 class LoginItemError : public std::runtime_error {
-public:
+  public:
     using std::runtime_error::runtime_error;
 };
 
 // The desktop's login items: the application itself, and the older helper that earlier versions
 // registered instead. On Linux, XDG autostart entries.
 class LoginItemService {
-public:
+  public:
     enum class Status { notRegistered, enabled, requiresApproval, notFound };
 
     virtual ~LoginItemService() = default;

@@ -78,7 +78,8 @@ std::string quotedArgument(const std::string& arg) {
 
 } // namespace
 
-XdgAutostartService::XdgAutostartService(std::filesystem::path configHome, std::filesystem::path program)
+XdgAutostartService::XdgAutostartService(std::filesystem::path configHome,
+                                         std::filesystem::path program)
     : folder_(std::move(configHome) / "autostart"), program_(std::move(program)) {}
 
 std::filesystem::path XdgAutostartService::entryFile() const {
@@ -102,7 +103,8 @@ LoginItemService::Status XdgAutostartService::status() const {
     return enabledEntry(entryFile()) ? Status::enabled : Status::notRegistered;
 }
 
-void XdgAutostartService::writeEntry(const std::filesystem::path& file, const std::string& name) const {
+void XdgAutostartService::writeEntry(const std::filesystem::path& file,
+                                     const std::string& name) const {
     std::error_code ec;
     std::filesystem::create_directories(folder_, ec);
     if (ec) {
@@ -125,11 +127,17 @@ void XdgAutostartService::writeEntry(const std::filesystem::path& file, const st
     }
 }
 
-void XdgAutostartService::registerItem() { writeEntry(entryFile(), "Almanor"); }
+void XdgAutostartService::registerItem() {
+    writeEntry(entryFile(), "Almanor");
+}
 
-void XdgAutostartService::unregisterItem() { removeEntry(entryFile()); }
+void XdgAutostartService::unregisterItem() {
+    removeEntry(entryFile());
+}
 
-bool XdgAutostartService::legacyIsEnabled() const { return enabledEntry(legacyEntryFile()); }
+bool XdgAutostartService::legacyIsEnabled() const {
+    return enabledEntry(legacyEntryFile());
+}
 
 void XdgAutostartService::legacySetEnabled(bool enabled) {
     try {
@@ -143,6 +151,8 @@ void XdgAutostartService::legacySetEnabled(bool enabled) {
     }
 }
 
-void XdgAutostartService::unregisterLegacyHelper() { removeEntry(legacyEntryFile()); }
+void XdgAutostartService::unregisterLegacyHelper() {
+    removeEntry(legacyEntryFile());
+}
 
 } // namespace almanor

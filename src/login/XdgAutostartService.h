@@ -10,7 +10,7 @@ namespace almanor {
 // Login items as XDG autostart entries in <config home>/autostart: the application's own entry,
 // and the older helper's, which earlier versions wrote instead.
 class XdgAutostartService final : public LoginItemService {
-public:
+  public:
     // `program` is the almanor that the entry starts: the entry names it by its absolute path
     // unless it is the one that PATH finds.
     XdgAutostartService(std::filesystem::path configHome, std::filesystem::path program);
@@ -27,7 +27,7 @@ public:
     // The Exec line of the entry: "almanor", or the program's path quoted as entries require.
     std::string execLine() const;
 
-private:
+  private:
     void writeEntry(const std::filesystem::path& file, const std::string& name) const;
 
     std::filesystem::path folder_;

@@ -22,17 +22,25 @@ std::int64_t floorDiv(std::int64_t a, std::int64_t b) {
     std::int64_t q = a / b;
     return (a % b != 0 && (a < 0) != (b < 0)) ? q - 1 : q;
 }
-std::int64_t floorMod(std::int64_t a, std::int64_t b) { return a - floorDiv(a, b) * b; }
+std::int64_t floorMod(std::int64_t a, std::int64_t b) {
+    return a - floorDiv(a, b) * b;
+}
 
 // Where proleptic Gregorian dates agree with ICU's calendar (which is Julian before its 1582
 // cut-over) and <chrono>'s years stay in range.
 constexpr std::int64_t fastFirst = sys_days(year(1583) / 1 / 1).time_since_epoch().count() * dayMs;
 constexpr std::int64_t fastLast = sys_days(year(30000) / 1 / 1).time_since_epoch().count() * dayMs;
 
-bool fast(std::int64_t ms) { return ms >= fastFirst && ms < fastLast; }
+bool fast(std::int64_t ms) {
+    return ms >= fastFirst && ms < fastLast;
+}
 
-std::int64_t ms(Instant t) { return t.time_since_epoch().count(); }
-Instant instantOf(std::int64_t ms) { return Instant(milliseconds(ms)); }
+std::int64_t ms(Instant t) {
+    return t.time_since_epoch().count();
+}
+Instant instantOf(std::int64_t ms) {
+    return Instant(milliseconds(ms));
+}
 
 } // namespace
 
@@ -61,8 +69,8 @@ struct CivilCalendar::Impl {
             lastSpan = std::size_t(std::prev(it) - spans.begin());
             return spans[lastSpan];
         }
-        Span span{std::numeric_limits<std::int64_t>::min(), std::numeric_limits<std::int64_t>::max(),
-                  icuOffsetAt(utc)};
+        Span span{std::numeric_limits<std::int64_t>::min(),
+                  std::numeric_limits<std::int64_t>::max(), icuOffsetAt(utc)};
         icu::TimeZoneTransition transition;
         if (zone->getPreviousTransition(double(utc), true, transition)) {
             span.start = static_cast<std::int64_t>(transition.getTime());
@@ -102,8 +110,8 @@ struct CivilCalendar::Impl {
         UErrorCode status = U_ZERO_ERROR;
         int32_t raw = 0;
         int32_t dst = 0;
-        zone->getOffsetFromLocal(double(wall), UCAL_TZ_LOCAL_FORMER, UCAL_TZ_LOCAL_LATTER, raw,
-                                 dst, status);
+        zone->getOffsetFromLocal(double(wall), UCAL_TZ_LOCAL_FORMER, UCAL_TZ_LOCAL_LATTER, raw, dst,
+                                 status);
         check(status, __LINE__);
         return wall - (raw + dst);
     }
@@ -211,7 +219,9 @@ const IcuCalendar& CivilCalendar::fallback() const {
     return *impl_->fallback;
 }
 
-std::string CivilCalendar::zoneId() const { return icuzone::idOf(*impl_->zone); }
+std::string CivilCalendar::zoneId() const {
+    return icuzone::idOf(*impl_->zone);
+}
 
 int CivilCalendar::weekday(Instant t) const {
     if (!fast(ms(t))) {
@@ -295,7 +305,9 @@ int CivilCalendar::yearsBetween(Instant from, Instant to) const {
                         [&c](std::int64_t t, std::int64_t n) { return c.addMonths(t, n * 12); });
 }
 
-std::unique_ptr<DayCalendar> DayCalendar::current() { return CivilCalendar::current(); }
+std::unique_ptr<DayCalendar> DayCalendar::current() {
+    return CivilCalendar::current();
+}
 
 std::unique_ptr<DayCalendar> DayCalendar::forZone(std::string_view zoneId) {
     return CivilCalendar::forZone(zoneId);

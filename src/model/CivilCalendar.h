@@ -16,7 +16,7 @@ class IcuCalendar;
 // difference costs well under a microsecond instead of ICU's tens. Instants before 1583, where
 // ICU counts in the Julian calendar, and far beyond any real date are handed to IcuCalendar.
 class CivilCalendar final : public DayCalendar {
-public:
+  public:
     static std::unique_ptr<CivilCalendar> current();
     static std::unique_ptr<CivilCalendar> forZone(std::string_view zoneId);
     ~CivilCalendar() override;
@@ -35,7 +35,7 @@ public:
 
     struct Impl;
 
-private:
+  private:
     explicit CivilCalendar(std::unique_ptr<Impl> impl);
     const IcuCalendar& fallback() const;
     std::unique_ptr<Impl> impl_;

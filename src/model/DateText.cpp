@@ -76,16 +76,21 @@ DateText::DateText(std::string locale, std::string_view zoneId) : impl_(std::mak
         zone = icuzone::detectHost();
     }
     UErrorCode status = U_ZERO_ERROR;
-    impl_->calendar = std::make_unique<icu::GregorianCalendar>(zone->clone(), impl_->locale, status);
+    impl_->calendar =
+        std::make_unique<icu::GregorianCalendar>(zone->clone(), impl_->locale, status);
     check(status, __LINE__);
-    impl_->formatter = std::make_unique<icu::SimpleDateFormat>(icu::UnicodeString(), impl_->locale, status);
+    impl_->formatter =
+        std::make_unique<icu::SimpleDateFormat>(icu::UnicodeString(), impl_->locale, status);
     check(status, __LINE__);
     impl_->formatter->setCalendar(*impl_->calendar);
-    impl_->ordinals = std::make_unique<icu::RuleBasedNumberFormat>(icu::URBNF_ORDINAL, impl_->locale, status);
+    impl_->ordinals =
+        std::make_unique<icu::RuleBasedNumberFormat>(icu::URBNF_ORDINAL, impl_->locale, status);
     check(status, __LINE__);
-    impl_->shortFormat.reset(icu::DateFormat::createDateInstance(icu::DateFormat::kShort, impl_->locale));
+    impl_->shortFormat.reset(
+        icu::DateFormat::createDateInstance(icu::DateFormat::kShort, impl_->locale));
     if (impl_->shortFormat == nullptr) {
-        impl_->shortFormat.reset(icu::DateFormat::createDateInstance(icu::DateFormat::kShort, icu::Locale("en_US")));
+        impl_->shortFormat.reset(
+            icu::DateFormat::createDateInstance(icu::DateFormat::kShort, icu::Locale("en_US")));
     }
     impl_->shortFormat->setCalendar(*impl_->calendar);
     impl_->shortFormat->setLenient(false);

@@ -12,7 +12,7 @@ namespace almanor {
 // Dates and ordinals as the user's locale writes them, through ICU: a date pattern ("MMM d, yyyy",
 // "E", "MMM ") in the user's time zone, and ordinal numbers ("1st", "22nd" in English).
 class DateText {
-public:
+  public:
     // The locale for dates: LC_ALL, else LC_TIME, else LANG, as ICU names it ("de_DE.UTF-8@euro"
     // -> "de_DE"); "C", "POSIX" or nothing set -> "en_US_POSIX".
     static std::string userLocale();
@@ -35,7 +35,7 @@ public:
     // The locale's short date form of `t` (what parseDay reads back).
     std::string shortDate(Instant t) const;
 
-private:
+  private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };

@@ -15,7 +15,7 @@ namespace almanor {
 // title, one listing) so that a change of the user's zone is seen at the next one. Not for use
 // from two threads at once.
 class DayCalendar {
-public:
+  public:
     virtual ~DayCalendar() = default;
 
     // The user's calendar now: the zone from TZ, else the system's.

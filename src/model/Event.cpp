@@ -53,6 +53,8 @@ std::string_view Event::displayName() const {
     return name_;
 }
 
-Instant Event::dateOnly(const DayCalendar& calendar) const { return calendar.startOfDay(date_); }
+Instant Event::dateOnly(const DayCalendar& calendar) const {
+    return calendar.startOfDay(date_);
+}
 
 } // namespace almanor

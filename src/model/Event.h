@@ -30,14 +30,18 @@ enum class CountMethod : int {
 // stored value never fails a load.
 Schedule scheduleFromRawValue(std::int64_t raw);
 CountMethod countMethodFromRawValue(std::int64_t raw);
-inline int rawValue(Schedule s) { return static_cast<int>(s); }
-inline int rawValue(CountMethod m) { return static_cast<int>(m); }
+inline int rawValue(Schedule s) {
+    return static_cast<int>(s);
+}
+inline int rawValue(CountMethod m) {
+    return static_cast<int>(m);
+}
 
 // The one record of the system: a named date to count towards or from. Shared by reference
 // (EventPtr): the list, the window and the editor hold the same object. Two events are equal
 // exactly when their ids are.
 class Event {
-public:
+  public:
     using Observer = std::function<void()>;
     using Token = std::uint64_t;
 
@@ -69,7 +73,7 @@ public:
 
     friend bool operator==(const Event& a, const Event& b) { return a.id_ == b.id_; }
 
-private:
+  private:
     void willChange();
 
     Uuid id_;

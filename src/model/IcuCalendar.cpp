@@ -68,7 +68,9 @@ std::unique_ptr<IcuCalendar> IcuCalendar::forZone(std::string_view zoneId) {
     return std::unique_ptr<IcuCalendar>(new IcuCalendar(makeImpl(std::move(zone))));
 }
 
-std::string IcuCalendar::zoneId() const { return icuzone::idOf(impl_->calendar->getTimeZone()); }
+std::string IcuCalendar::zoneId() const {
+    return icuzone::idOf(impl_->calendar->getTimeZone());
+}
 
 int IcuCalendar::weekday(Instant t) const {
     UErrorCode status = U_ZERO_ERROR;
@@ -106,7 +108,9 @@ Instant IcuCalendar::startOfDay(Instant t) const {
     return impl_->time();
 }
 
-Instant IcuCalendar::addDays(Instant t, int days) const { return impl_->add(t, UCAL_DATE, days); }
+Instant IcuCalendar::addDays(Instant t, int days) const {
+    return impl_->add(t, UCAL_DATE, days);
+}
 Instant IcuCalendar::addMonths(Instant t, int months) const {
     return impl_->add(t, UCAL_MONTH, months);
 }

@@ -11,7 +11,7 @@ namespace almanor {
 // arithmetic. It is exact everywhere (the Julian calendar before 1582 included) but costs tens
 // of microseconds per difference; CivilCalendar is the fast path and falls back on this one.
 class IcuCalendar final : public DayCalendar {
-public:
+  public:
     static std::unique_ptr<IcuCalendar> current();
     static std::unique_ptr<IcuCalendar> forZone(std::string_view zoneId);
     ~IcuCalendar() override;
@@ -30,7 +30,7 @@ public:
 
     struct Impl;
 
-private:
+  private:
     explicit IcuCalendar(std::unique_ptr<Impl> impl);
     std::unique_ptr<Impl> impl_;
 };

@@ -23,7 +23,9 @@ inline ZonePtr adopt(icu::TimeZone* zone) {
 }
 
 // The user's zone as it is now: TZ, else /etc/localtime. Read afresh on every call.
-inline ZonePtr detectHost() { return adopt(icu::TimeZone::detectHostTimeZone()); }
+inline ZonePtr detectHost() {
+    return adopt(icu::TimeZone::detectHostTimeZone());
+}
 
 // nullptr for a name ICU does not know.
 inline ZonePtr named(std::string_view id) {

@@ -10,7 +10,9 @@ constexpr int sunday = 1;
 constexpr int monday = 2;
 constexpr int saturday = 7;
 
-bool isWeekend(int weekday) { return weekday == saturday || weekday == sunday; }
+bool isWeekend(int weekday) {
+    return weekday == saturday || weekday == sunday;
+}
 
 // Overflow in the day sums is a programming error, never a wrapped count.
 int add(int a, int b) {
@@ -36,7 +38,9 @@ int mul(int a, int b) {
 }
 
 // The past counts one day more than the difference: both the event's day and today.
-int pastAdjusted(int d) { return d < 0 ? sub(d, 1) : d; }
+int pastAdjusted(int d) {
+    return d < 0 ? sub(d, 1) : d;
+}
 
 } // namespace
 
@@ -160,8 +164,8 @@ std::string Utility::statusText(std::string_view label, int count) {
     return text;
 }
 
-std::string Utility::statusText(const DayCalendar& calendar, std::string_view label,
-                                Instant today, Instant target, CountMethod countMethod) {
+std::string Utility::statusText(const DayCalendar& calendar, std::string_view label, Instant today,
+                                Instant target, CountMethod countMethod) {
     return statusText(label, dayCount(calendar, today, target, countMethod));
 }
 

@@ -11,7 +11,7 @@ namespace almanor {
 // The day counting: from an event and today to one signed number of days, and from that number
 // to the text of the status item. All calendar work goes through the calendar handed in.
 class Utility {
-public:
+  public:
     // 00:00 of the local day that holds `now`.
     static Instant startOfToday(const DayCalendar& calendar, Instant now);
 

@@ -6,13 +6,13 @@ namespace almanor {
 
 // The current moment, handed in so that tests can fix it.
 class Clock {
-public:
+  public:
     virtual ~Clock() = default;
     virtual Instant now() const = 0;
 };
 
 class SystemClock final : public Clock {
-public:
+  public:
     Instant now() const override {
         return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
     }
@@ -24,13 +24,13 @@ public:
 
 // A clock that says what it is told.
 class FixedClock final : public Clock {
-public:
+  public:
     explicit FixedClock(Instant t) : t_(t) {}
     Instant now() const override { return t_; }
     void set(Instant t) { t_ = t; }
     void advance(std::chrono::milliseconds d) { t_ += d; }
 
-private:
+  private:
     Instant t_;
 };
 

@@ -9,7 +9,7 @@ namespace almanor {
 // The tray application prints them on standard output; the command line sends them to standard
 // error so that its standard output carries only results.
 class Log {
-public:
+  public:
     using Sink = std::function<void(std::string_view line)>;
 
     static void line(std::string_view text);

@@ -7,7 +7,7 @@ namespace almanor {
 // The thread that runs the user interface. Work that touches what the user sees is carried to it;
 // the tray's is GLib's main loop, tests use a queue they drain themselves.
 class MainThread {
-public:
+  public:
     using Work = std::function<void()>;
 
     virtual ~MainThread() = default;

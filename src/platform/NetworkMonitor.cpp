@@ -24,7 +24,8 @@ NetworkMonitor::~NetworkMonitor() {
 }
 
 void NetworkMonitor::networkChanged(bool available) {
-    if (available && onAvailable_) onAvailable_();
+    if (available && onAvailable_)
+        onAvailable_();
 }
 
 } // namespace almanor

@@ -7,7 +7,7 @@ namespace almanor {
 // Tells when the network is (back) up, from the system's network monitor. Signals arrive on the
 // main context of the thread that created it (the tray's main loop).
 class NetworkMonitor {
-public:
+  public:
     using Callback = std::function<void()>;
 
     explicit NetworkMonitor(Callback onAvailable);
@@ -20,7 +20,7 @@ public:
     // interface, a new route) may be what makes the server reachable again.
     void networkChanged(bool available);
 
-private:
+  private:
     Callback onAvailable_;
     void* monitor_ = nullptr; // GNetworkMonitor, kept out of this header
     unsigned long handler_ = 0;

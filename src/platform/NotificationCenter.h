@@ -13,7 +13,7 @@ namespace almanor {
 // that posts, in the order they were added. No sender object and no payload: the system's only
 // notification carries neither.
 class NotificationCenter {
-public:
+  public:
     using Observer = std::function<void()>;
     using Token = std::uint64_t;
 
@@ -23,7 +23,7 @@ public:
     void removeObserver(Token token);
     void post(std::string_view name);
 
-private:
+  private:
     struct Entry {
         Token token;
         std::string name;

@@ -28,9 +28,17 @@ std::filesystem::path xdg(const char* variable, const char* fallback) {
 
 } // namespace
 
-std::filesystem::path configHome() { return xdg("XDG_CONFIG_HOME", ".config"); }
-std::filesystem::path dataHome() { return xdg("XDG_DATA_HOME", ".local/share"); }
-std::filesystem::path databaseDirectory() { return dataHome() / "Almanor"; }
-std::filesystem::path settingsFile() { return configHome() / "Almanor" / "settings.ini"; }
+std::filesystem::path configHome() {
+    return xdg("XDG_CONFIG_HOME", ".config");
+}
+std::filesystem::path dataHome() {
+    return xdg("XDG_DATA_HOME", ".local/share");
+}
+std::filesystem::path databaseDirectory() {
+    return dataHome() / "Almanor";
+}
+std::filesystem::path settingsFile() {
+    return configHome() / "Almanor" / "settings.ini";
+}
 
 } // namespace almanor::paths

@@ -6,8 +6,7 @@
 namespace almanor {
 
 void Settings::registerDefaults() const {
-    defaults_.registerDefaults(
-        {{std::string(selectedEvent), std::string(selectedEventDefault)}});
+    defaults_.registerDefaults({{std::string(selectedEvent), std::string(selectedEventDefault)}});
 }
 
 Uuid Settings::selectedEventId() const {

@@ -12,7 +12,7 @@ class UserDefaults;
 
 // The keys of the defaults store and the typed accessors of the selection and of the cloud zone.
 class Settings {
-public:
+  public:
     static constexpr std::string_view selectedEvent = "selectedEvent";
     static constexpr std::string_view buildVersion = "buildVersion";
     static constexpr std::string_view appZoneUsed = "appZoneUsed";
@@ -38,7 +38,7 @@ public:
     // The cloud zone in use: the app's own zone once it has been seen, else the stored name.
     std::optional<std::string> zoneName() const;
 
-private:
+  private:
     UserDefaults& defaults_;
 };
 

@@ -55,8 +55,9 @@ Identity identityOf(const std::filesystem::path& file) {
 KeyFile load(const std::filesystem::path& file, bool keepComments, bool* unreadable = nullptr) {
     KeyFile k(g_key_file_new());
     GError* raw = nullptr;
-    auto flags = keepComments ? GKeyFileFlags(G_KEY_FILE_KEEP_COMMENTS | G_KEY_FILE_KEEP_TRANSLATIONS)
-                              : G_KEY_FILE_NONE;
+    auto flags = keepComments
+                     ? GKeyFileFlags(G_KEY_FILE_KEEP_COMMENTS | G_KEY_FILE_KEEP_TRANSLATIONS)
+                     : G_KEY_FILE_NONE;
     if (!g_key_file_load_from_file(k.get(), file.c_str(), flags, &raw)) {
         Error error(raw);
         if (!(error->domain == G_FILE_ERROR && error->code == G_FILE_ERROR_NOENT)) {
@@ -73,7 +74,7 @@ KeyFile load(const std::filesystem::path& file, bool keepComments, bool* unreada
 // Serialises writers of the same file across processes: a lock on its folder, which leaves no
 // lock file behind.
 class FileLock {
-public:
+  public:
     explicit FileLock(const std::filesystem::path& folder)
         : fd_(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
         if (fd_ >= 0) {
@@ -89,7 +90,7 @@ public:
     FileLock(const FileLock&) = delete;
     FileLock& operator=(const FileLock&) = delete;
 
-private:
+  private:
     int fd_;
 };
 
@@ -200,7 +201,9 @@ void UserDefaults::setBoolean(std::string_view key, bool value) {
     write(key, value ? "true" : "false");
 }
 
-void UserDefaults::remove(std::string_view key) { write(key, std::nullopt); }
+void UserDefaults::remove(std::string_view key) {
+    write(key, std::nullopt);
+}
 
 void UserDefaults::write(std::string_view key, std::optional<std::string> text) {
     std::error_code ec;

@@ -16,7 +16,7 @@ namespace almanor {
 // re-reads the file under a lock and replaces it atomically, so a concurrent writer's other keys
 // are kept. A file that cannot be parsed is reported in one line and treated as empty.
 class UserDefaults {
-public:
+  public:
     explicit UserDefaults(std::filesystem::path file);
     ~UserDefaults();
     UserDefaults(const UserDefaults&) = delete;
@@ -46,7 +46,7 @@ public:
     // The group that holds the keys inside the file.
     static constexpr const char* group = "com.vostrel.Almanor";
 
-private:
+  private:
     struct Snapshot;
     std::shared_ptr<const Snapshot> current() const;
     // Writes `text` as the key's raw value, or removes the key when nullopt.

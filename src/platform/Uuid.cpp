@@ -65,7 +65,9 @@ std::string Uuid::uuidString() const {
     return std::string(buffer, 36);
 }
 
-bool Uuid::isNil() const { return *this == Uuid(); }
+bool Uuid::isNil() const {
+    return *this == Uuid();
+}
 
 } // namespace almanor
 

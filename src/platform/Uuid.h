@@ -11,7 +11,7 @@ namespace almanor {
 
 // A 128-bit identifier. Its text form is the canonical upper-case 36-character form.
 class Uuid {
-public:
+  public:
     using Bytes = std::array<unsigned char, 16>;
 
     constexpr Uuid() = default; // the nil UUID
@@ -30,7 +30,7 @@ public:
     friend bool operator==(const Uuid&, const Uuid&) = default;
     friend auto operator<=>(const Uuid&, const Uuid&) = default;
 
-private:
+  private:
     Bytes bytes_{};
 };
 

@@ -47,7 +47,9 @@ MenuItem separator() {
 }
 
 // The row's represented object; a row without one stands for a fresh id that matches nothing.
-Uuid representedId(const MenuItem& item) { return item.representedObject.value_or(Uuid::random()); }
+Uuid representedId(const MenuItem& item) {
+    return item.representedObject.value_or(Uuid::random());
+}
 
 } // namespace
 
@@ -71,8 +73,8 @@ struct AppDelegate::Impl {
 
 AppDelegate::AppDelegate(Services services)
     : s_(std::move(services)), settings_(s_.defaults),
-      selection_([repository = &s_.repository] { return repository->fetchAll(); }, settings_, s_.clock,
-                 s_.calendar, s_.random),
+      selection_([repository = &s_.repository] { return repository->fetchAll(); }, settings_,
+                 s_.clock, s_.calendar, s_.random),
       impl_(std::make_unique<Impl>()) {}
 
 AppDelegate::~AppDelegate() {
@@ -132,7 +134,8 @@ void AppDelegate::applicationDidFinishLaunching() {
     });
 
     // 10.
-    s_.scheduler.scheduleRepeating(refreshInterval, refreshTolerance, [this] { recalculateEvents(); });
+    s_.scheduler.scheduleRepeating(refreshInterval, refreshTolerance,
+                                   [this] { recalculateEvents(); });
 }
 
 void AppDelegate::recalculateEvents() {
@@ -210,7 +213,9 @@ void AppDelegate::toggleLaunchAtLoginWithSender(std::size_t menuIndex) {
     s_.menuPresenter.setMenuState(menuIndex, enable);
 }
 
-void AppDelegate::quit() { s_.terminate(); }
+void AppDelegate::quit() {
+    s_.terminate();
+}
 
 std::vector<MenuItem> AppDelegate::eventsMenuRows(const Uuid& marked) const {
     std::vector<MenuItem> rows;
@@ -242,7 +247,8 @@ std::vector<MenuItem> AppDelegate::eventsMenuRows(const Uuid& marked) const {
             if (section.ordinal) {
                 text += dates.ordinal(dates.dayOfMonth(event->date()));
             }
-            MenuItem item = row(event->name() + " - " + text, MenuItem::Action::updateSelectedEvent);
+            MenuItem item =
+                row(event->name() + " - " + text, MenuItem::Action::updateSelectedEvent);
             item.representedObject = event->id();
             item.state = event->id() == marked;
             rows.push_back(item);

@@ -31,14 +31,14 @@ struct MenuItem {
     std::optional<Uuid> representedObject; // events submenu: the id the row selects
     bool state = false;                    // on: a check mark
     bool separator = false;
-    bool hasSubmenu = false;               // "Events": the events submenu hangs here
+    bool hasSubmenu = false; // "Events": the events submenu hangs here
 
     friend bool operator==(const MenuItem&, const MenuItem&) = default;
 };
 
 // What draws the menus (GTK in the tray, a recorder in tests).
 class MenuPresenter {
-public:
+  public:
     virtual ~MenuPresenter() = default;
     // Start-up: the top-level menu, once.
     virtual void buildMenu(const std::vector<MenuItem>& menu) = 0;
@@ -52,14 +52,14 @@ public:
 
 // Creates the status item once the menu exists; the item shows the menu.
 class StatusBar {
-public:
+  public:
     virtual ~StatusBar() = default;
     virtual StatusItem& createStatusItem() = 0;
 };
 
 // The management window as the delegate sees it: created once, then kept.
 class ManageEventsWindow {
-public:
+  public:
     virtual ~ManageEventsWindow() = default;
     virtual bool isVisible() const = 0;
     virtual void center() = 0;
@@ -68,7 +68,7 @@ public:
 
 // The repeating refresh timer.
 class Scheduler {
-public:
+  public:
     virtual ~Scheduler() = default;
     virtual void scheduleRepeating(double intervalSeconds, double toleranceSeconds,
                                    std::function<void()> action) = 0;
@@ -77,7 +77,7 @@ public:
 // The tray's behaviour, as plain C++: start-up, the refresh timer and its gating, the change
 // notification, the menus and their actions. GTK code draws what it is told and forwards clicks.
 class AppDelegate {
-public:
+  public:
     struct Services {
         Repository& repository;
         UserDefaults& defaults;
@@ -137,7 +137,7 @@ public:
     StatusItem* statusBarItem() const { return statusBarItem_; }
     DisplayedEventSelection& selection() { return selection_; }
 
-private:
+  private:
     struct Impl;
     Services s_;
     Settings settings_;

@@ -80,7 +80,8 @@ Uuid DisplayedEventSelection::resolveDisplayedEvent(const Uuid& selected) {
     std::vector<EventPtr> events = events_();
 
     auto secondsToOccurrence = [&](const Event& e) {
-        return secondsBetween(today, Utility::occurrenceDate(*calendar, today, e.date(), e.schedule()));
+        return secondsBetween(today,
+                              Utility::occurrenceDate(*calendar, today, e.date(), e.schedule()));
     };
 
     if (selected == nextEventId) {

@@ -19,7 +19,7 @@ namespace almanor {
 // event, sets the status title and writes the selection back. Plain C++ shared by the tray and
 // the command line, so both show the same event for the same state.
 class DisplayedEventSelection {
-public:
+  public:
     static const Uuid nextEventId;          // "Next upcoming event"
     static const Uuid randomEventId;        // "Random event selection"
     static const Uuid cycleUpcomingEventId; // "Rotate upcoming events (hourly)"
@@ -64,7 +64,7 @@ public:
     // The event shown by the last resolution, or none after the no-events title.
     const EventPtr& displayedEvent() const { return displayed_; }
 
-private:
+  private:
     Uuid displayEvent(const EventPtr& event, int modeCode, const DayCalendar& calendar,
                       Instant today);
 

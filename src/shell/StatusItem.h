@@ -7,7 +7,7 @@ namespace almanor {
 
 // The title-bearing item the user sees: the tray's indicator, or what the command line prints.
 class StatusItem {
-public:
+  public:
     virtual ~StatusItem() = default;
     virtual void setTitle(const std::string& title) = 0;
     // The hash of the displayed event's id; nothing reads it back.
@@ -16,13 +16,13 @@ public:
 
 // A status item that only remembers, for the command line and for tests.
 class RecordedStatusItem final : public StatusItem {
-public:
+  public:
     void setTitle(const std::string& title) override { title_ = title; }
     void setTag(std::size_t tag) override { tag_ = tag; }
     const std::string& title() const { return title_; }
     std::size_t tag() const { return tag_; }
 
-private:
+  private:
     std::string title_;
     std::size_t tag_ = 0;
 };

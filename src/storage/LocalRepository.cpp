@@ -70,7 +70,8 @@ LocalRepository::LocalRepository(const std::filesystem::path& directory, std::st
 std::vector<EventPtr> LocalRepository::fetchAll() {
     const auto& t = events_;
     return connection_.sync([&] {
-        auto rows = connection_.prepare(t.table.select(t.deleted == std::nullopt, {t.date, t.name}));
+        auto rows =
+            connection_.prepare(t.table.select(t.deleted == std::nullopt, {t.date, t.name}));
         EventColumns columns(rows, t);
         std::vector<EventPtr> result;
         for (const auto& row : rows) {

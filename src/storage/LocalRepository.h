@@ -28,7 +28,7 @@ struct PendingChanges {
 // The store of the user's events in one SQLite file, and the source of truth for them. Deletion is
 // soft: a deleted row stays with its deletion time until the cloud has been told.
 class LocalRepository {
-public:
+  public:
     // Opens (creating when missing) directory/fileName; the directory is created with its parents.
     // A failure stops the process: nothing can work without the store. The table is created by
     // the start-up migration, not here.
@@ -74,7 +74,7 @@ public:
     // The database file, beside which the push keeps its lock.
     const std::filesystem::path& file() const { return file_; }
 
-private:
+  private:
     // Makes sure the directory exists, then opens the connection; stops the process on failure.
     static sql::Connection open(const std::filesystem::path& directory, std::string_view fileName);
 

@@ -12,7 +12,7 @@ struct EventsTable;
 // and records that in the defaults store (buildVersion = 1). There is no later step; a changed
 // format goes into a new file.
 class MigrationManager {
-public:
+  public:
     // CREATE TABLE IF NOT EXISTS "events" (...), built from the table's columns.
     static sql::Statement createTableStatement(const EventsTable& events);
 

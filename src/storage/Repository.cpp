@@ -39,7 +39,8 @@ template <class Call> bool logged(std::string_view message, Call&& call) {
 // statements stay out of it. A commit per row costs a sync of the file each: seconds for a
 // thousand rows. A failing BEGIN or COMMIT is logged as `message` and the work runs (or is
 // undone) without it.
-template <class Work> void inOneTransaction(sql::Connection& db, std::string_view message, Work&& work) {
+template <class Work>
+void inOneTransaction(sql::Connection& db, std::string_view message, Work&& work) {
     db.sync([&] {
         bool inTransaction = logged(message, [&] { db.run("BEGIN IMMEDIATE"); });
         work();

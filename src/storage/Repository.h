@@ -19,7 +19,7 @@ class UserDefaults;
 // The one entry point through which the rest of the system reads and changes events. Failures of
 // the store are logged as one line each and swallowed; callers see an empty list or false.
 class Repository {
-public:
+  public:
     // Without a provider (or one that gives no service) the cloud is treated as having no
     // account. `defaults` holds the remembered zone; null means the user's own store.
     explicit Repository(std::unique_ptr<LocalRepository> local, CloudServiceProvider provider = {},
@@ -60,7 +60,7 @@ public:
     // Lets the cloud be asked again after an earlier attempt gave up (the network is back).
     void networkCameBack();
 
-private:
+  private:
     void pushPass();
     void syncWorker();
     UserDefaults& defaults();

@@ -31,12 +31,11 @@ struct Result {
 };
 
 class CliTest : public testing::Test {
-protected:
+  protected:
     Result run(std::vector<std::string> args, const std::string& tz = "America/New_York") const {
-        std::vector<std::string> env = {"HOME=" + home.path().string(),
-                                        "XDG_CONFIG_HOME=" + (home / "config").string(),
-                                        "XDG_DATA_HOME=" + (home / "data").string(), "TZ=" + tz,
-                                        "LANG=C.UTF-8"};
+        std::vector<std::string> env = {
+            "HOME=" + home.path().string(), "XDG_CONFIG_HOME=" + (home / "config").string(),
+            "XDG_DATA_HOME=" + (home / "data").string(), "TZ=" + tz, "LANG=C.UTF-8"};
         for (char** e = environ; *e != nullptr; ++e) {
             std::string v = *e;
             if (v.rfind("ASAN_", 0) == 0 || v.rfind("UBSAN_", 0) == 0 || v.rfind("LSAN_", 0) == 0) {
@@ -99,12 +98,13 @@ protected:
         auto today = floor<days>(cal->localTime(SystemClock::shared().now()));
         year_month_day ymd{today + days(plusDays)};
         char buffer[16];
-        std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02u", int(ymd.year()), unsigned(ymd.month()),
-                      unsigned(ymd.day()));
+        std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02u", int(ymd.year()),
+                      unsigned(ymd.month()), unsigned(ymd.day()));
         return buffer;
     }
     static std::string firstLine(const std::string& s) { return s.substr(0, s.find('\n')); }
-    std::string add(const std::vector<std::string>& args, const std::string& tz = "America/New_York") const {
+    std::string add(const std::vector<std::string>& args,
+                    const std::string& tz = "America/New_York") const {
         std::vector<std::string> full = {"events", "add"};
         full.insert(full.end(), args.begin(), args.end());
         Result r = run(full, tz);
@@ -131,8 +131,8 @@ protected:
 };
 
 TEST_F(CliTest, AddListEditAndDeleteAsAUserWould) {
-    std::string trip = add({"  Trip to Prague \n", "--date", localDate("America/New_York", 12),
-                            "--alias", " Trip "});
+    std::string trip = add(
+        {"  Trip to Prague \n", "--date", localDate("America/New_York", 12), "--alias", " Trip "});
     std::string rent = add({"Rent", "--date", "2024-01-31", "--schedule", "monthly", "--count",
                             "monday-after", "--alias", "   "});
     EXPECT_EQ(trip, Uuid::parse(trip)->uuidString()); // upper-case id
@@ -198,8 +198,10 @@ TEST_F(CliTest, PlainListingKeepsOneLinePerEventWhateverTheNames) {
 TEST_F(CliTest, UnknownIdsExitOneWithOneLineAndChangeNothing) {
     std::string id = add({"Kept", "--date", "2030-05-05"});
     std::string missing = "3f2504e0-4f89-41d3-9a0c-0305e82c3301";
-    for (auto args : std::vector<std::vector<std::string>>{
-             {"events", "delete", missing}, {"events", "edit", missing, "--name", "X"}, {"select", missing}}) {
+    for (auto args :
+         std::vector<std::vector<std::string>>{{"events", "delete", missing},
+                                               {"events", "edit", missing, "--name", "X"},
+                                               {"select", missing}}) {
         Result r = run(args);
         EXPECT_EQ(r.status, 1);
         EXPECT_EQ(r.out, "");
@@ -277,12 +279,13 @@ TEST_F(CliTest, CountsFollowTheTimeZoneOfEachRun) {
     auto tokyo = CivilCalendar::forZone("Asia/Tokyo");
     auto la = CivilCalendar::forZone("America/Los_Angeles");
     Instant now = SystemClock::shared().now();
-    Instant target = Instant(floor<days>(now).time_since_epoch()) + days(40) + hours(23) + minutes(30);
+    Instant target =
+        Instant(floor<days>(now).time_since_epoch()) + days(40) + hours(23) + minutes(30);
     std::string utcDate = std::to_string(int(year_month_day(floor<days>(target)).year()));
     year_month_day ymd(floor<days>(target));
     char text[32];
-    std::snprintf(text, sizeof text, "%04d-%02u-%02uT23:30Z", int(ymd.year()), unsigned(ymd.month()),
-                  unsigned(ymd.day()));
+    std::snprintf(text, sizeof text, "%04d-%02u-%02uT23:30Z", int(ymd.year()),
+                  unsigned(ymd.month()), unsigned(ymd.day()));
     add({"Launch", "--date", text});
     auto expected = [&](const DayCalendar& cal) {
         Instant today = Utility::startOfToday(cal, SystemClock::shared().now());
@@ -349,7 +352,8 @@ TEST_F(CliTest, AnUnopenableStoreStopsWithTheFatalMessage) {
     Result r = run({"status"});
     EXPECT_EQ(r.status, 3);
     EXPECT_EQ(r.out, "");
-    EXPECT_NE(r.err.find("Fatal error: Failed to initialize local database: "), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("Fatal error: Failed to initialize local database: "), std::string::npos)
+        << r.err;
 }
 
 TEST_F(CliTest, HelpAndVersion) {

@@ -1,4 +1,5 @@
 #include "cli/JsonText.h"
+
 #include "model/Text.h"
 
 #include <gtest/gtest.h>
@@ -23,7 +24,10 @@ TEST(JsonText, EveryNameSurvivesAStrictParser) {
 
 TEST(JsonText, BrokenUtf8BecomesReplacementCharacters) {
     // A lone continuation byte, a truncated sequence, an overlong slash and a surrogate.
-    std::string broken = "a\x80" "b\xE2\x82" "c\xC0\xAF" "d\xED\xA0\x80";
+    std::string broken = "a\x80"
+                         "b\xE2\x82"
+                         "c\xC0\xAF"
+                         "d\xED\xA0\x80";
     const std::string r = "\xEF\xBF\xBD";
     EXPECT_EQ(nlohmann::json::parse(json(broken)).get<std::string>(),
               "a" + r + "b" + r + r + "c" + r + r + "d" + r + r + r);

@@ -29,9 +29,9 @@ TEST(PlainTextTest, UnicodeLineBreaksAndC1ControlsAreEscapedButTextIsKept) {
 
 TEST(PlainTextTest, BrokenUtf8BecomesReplacementCharacters) {
     EXPECT_EQ(listed("a\xC3"), "a\xEF\xBF\xBD");
-    EXPECT_EQ(listed("\xC0\xAF"), "\xEF\xBF\xBD\xEF\xBF\xBD");   // overlong
+    EXPECT_EQ(listed("\xC0\xAF"), "\xEF\xBF\xBD\xEF\xBF\xBD");                 // overlong
     EXPECT_EQ(listed("\xED\xA0\x80"), "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"); // surrogate
-    EXPECT_EQ(listed("\xE2\x80"), "\xEF\xBF\xBD\xEF\xBF\xBD");   // cut short before a separator
+    EXPECT_EQ(listed("\xE2\x80"), "\xEF\xBF\xBD\xEF\xBF\xBD"); // cut short before a separator
 }
 
 } // namespace

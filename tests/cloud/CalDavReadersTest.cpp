@@ -3,9 +3,8 @@
 #include "cloud/caldav/Multistatus.h"
 #include "cloud/caldav/RecordCalendar.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
+#include <gtest/gtest.h>
 
 namespace almanor::caldav {
 namespace {
@@ -28,9 +27,12 @@ CloudRecord sample(std::string name) {
 TEST(RecordCalendar, HostileTextAndEveryTypeReadBackExactly) {
     setenv("TZ", "UTC", 1);
     const std::vector<std::string> texts = {
-        "a,b;c\\d\\,e", "line\nbreak\n", "\"quoted\" 'x'", "emoji 🎉👩‍👩‍👧", std::string(300, 'x'),
-        std::string(100, 'x') + "é" + std::string(40, 'x') + "€🎉", "\\n not a newline", "tab\there",
-        "carriage\rreturn", std::string("nul\0inside", 10), "\xff\xfe not utf-8"};
+        "a,b;c\\d\\,e",        "line\nbreak\n",
+        "\"quoted\" 'x'",      "emoji 🎉👩‍👩‍👧",
+        std::string(300, 'x'), std::string(100, 'x') + "é" + std::string(40, 'x') + "€🎉",
+        "\\n not a newline",   "tab\there",
+        "carriage\rreturn",    std::string("nul\0inside", 10),
+        "\xff\xfe not utf-8"};
     for (const auto& text : texts) {
         CloudRecord r = sample(text);
         std::string ics = writeRecordCalendar(r, Instant{});
@@ -55,9 +57,10 @@ TEST(RecordCalendar, FoldingNeverSplitsAMultibyteCharacter) {
 }
 
 TEST(RecordCalendar, OtherEventsAndOtherTypesAreNotRecords) {
-    EXPECT_FALSE(readRecordCalendar("BEGIN:VCALENDAR\r\nVERSION:2.0\r\nBEGIN:VEVENT\r\nUID:x\r\nSUMMARY:Dentist\r\n"
-                                    "DTSTART;VALUE=DATE:20270101\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n",
-                                    "CD_Event", "z"));
+    EXPECT_FALSE(readRecordCalendar(
+        "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nBEGIN:VEVENT\r\nUID:x\r\nSUMMARY:Dentist\r\n"
+        "DTSTART;VALUE=DATE:20270101\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n",
+        "CD_Event", "z"));
     std::string ics = writeRecordCalendar(sample("n"), Instant{});
     EXPECT_FALSE(readRecordCalendar(ics, "CD_Other", "z"));
     EXPECT_FALSE(readRecordCalendar("BEGIN:VCALENDAR\r\nEND:VCALENDAR\r\n", "CD_Event", "z"));
@@ -78,7 +81,8 @@ TEST(RecordCalendar, RecurrenceRulesLandOnTheCountedDays) {
         r.fields["CD_recurring"] = schedule;
         std::string ics = writeRecordCalendar(r, Instant{});
         auto at = ics.find("RRULE:");
-        return at == std::string::npos ? std::string() : ics.substr(at + 6, ics.find("\r\n", at) - at - 6);
+        return at == std::string::npos ? std::string()
+                                       : ics.substr(at + 6, ics.find("\r\n", at) - at - 6);
     };
     EXPECT_EQ(rule(year{2027} / 3 / 14, 1), "FREQ=WEEKLY;BYDAY=SU");
     EXPECT_EQ(rule(year{2027} / 3 / 14, 2), "FREQ=MONTHLY;BYMONTHDAY=14");
@@ -113,12 +117,15 @@ TEST(Multistatus, MatchesByNamespaceNotPrefixAndReadsStatuses) {
 }
 
 TEST(Multistatus, RefusesEntitiesDtdsAndOtherDocuments) {
-    EXPECT_THROW(readMultistatus(R"(<?xml version="1.0"?><!DOCTYPE m [<!ENTITY e SYSTEM "file:///etc/passwd">]>
+    EXPECT_THROW(readMultistatus(
+                     R"(<?xml version="1.0"?><!DOCTYPE m [<!ENTITY e SYSTEM "file:///etc/passwd">]>
 <multistatus xmlns="DAV:"><response><href>&e;</href></response></multistatus>)"),
                  CloudError);
-    EXPECT_THROW(readMultistatus(R"(<?xml version="1.0"?><!DOCTYPE m [<!ENTITY a "aaaaaaaaaa"><!ENTITY b "&a;&a;&a;&a;">]>
+    EXPECT_THROW(
+        readMultistatus(
+            R"(<?xml version="1.0"?><!DOCTYPE m [<!ENTITY a "aaaaaaaaaa"><!ENTITY b "&a;&a;&a;&a;">]>
 <multistatus xmlns="DAV:"><response><href>&b;</href></response></multistatus>)"),
-                 CloudError);
+        CloudError);
     EXPECT_THROW(readMultistatus("<multistatus xmlns=\"urn:other\"/>"), CloudError);
     EXPECT_THROW(readMultistatus("<html><body>Not WebDAV"), CloudError);
     EXPECT_THROW(readMultistatus(""), CloudError);
@@ -131,7 +138,8 @@ TEST(Urls, HrefsResolveAndZoneNamesDecode) {
     const std::string base = "http://127.0.0.1:5232/alice/";
     EXPECT_EQ(Url::resolve(base, "/alice/cal/"), "http://127.0.0.1:5232/alice/cal/");
     EXPECT_EQ(Url::resolve(base, "cal/"), "http://127.0.0.1:5232/alice/cal/");
-    EXPECT_EQ(Url::resolve(base, "http%3A//127.0.0.1%3A5298/user/calendars/c/"), "http://127.0.0.1:5298/user/calendars/c/");
+    EXPECT_EQ(Url::resolve(base, "http%3A//127.0.0.1%3A5298/user/calendars/c/"),
+              "http://127.0.0.1:5298/user/calendars/c/");
     EXPECT_EQ(lastSegment("http://h/alice/My%20Cal%2Fx/"), "My Cal/x");
     EXPECT_EQ(lastSegment("/a/com.vostrel.almanor.zone"), "com.vostrel.almanor.zone");
     EXPECT_EQ(percentEncodeSegment("a b/é"), "a%20b%2F%C3%A9");

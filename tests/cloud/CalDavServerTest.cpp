@@ -2,9 +2,8 @@
 #include "CloudServiceContract.h"
 #include "cloud/caldav/CalDavService.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <thread>
@@ -14,21 +13,26 @@ namespace {
 
 using caldav::CalDavService;
 
-template <typename Server> std::shared_ptr<CloudService> serviceOver(std::string user, std::string password) {
+template <typename Server>
+std::shared_ptr<CloudService> serviceOver(std::string user, std::string password) {
     struct Holder {
         Server server;
         std::unique_ptr<CalDavService> service;
     };
     auto holder = std::make_shared<Holder>();
-    holder->service = std::make_unique<CalDavService>(holder->server.url(), user, [password] { return password; });
+    holder->service = std::make_unique<CalDavService>(holder->server.url(), user,
+                                                      [password] { return password; });
     // The server outlives the service that talks to it.
     return std::shared_ptr<CloudService>(holder, holder->service.get());
 }
 
-INSTANTIATE_TEST_SUITE_P(Servers, CloudServiceContract,
-                         testing::Values(CloudServiceFactory{"radicale", [] { return serviceOver<RadicaleServer>("alice", "s3cret"); }},
-                                         CloudServiceFactory{"xandikos", [] { return serviceOver<XandikosServer>("user", "any"); }}),
-                         CloudServiceFactory::name);
+INSTANTIATE_TEST_SUITE_P(
+    Servers, CloudServiceContract,
+    testing::Values(
+        CloudServiceFactory{"radicale",
+                            [] { return serviceOver<RadicaleServer>("alice", "s3cret"); }},
+        CloudServiceFactory{"xandikos", [] { return serviceOver<XandikosServer>("user", "any"); }}),
+    CloudServiceFactory::name);
 
 CloudRecord eventRecord(const std::string& zone, const std::string& name, std::string title) {
     using namespace std::chrono;
@@ -49,13 +53,16 @@ TEST_P(CalDavServers, ZoneCreationTwiceAndTheUsersOtherEventsBeside) {
     service->saveZone(zone);
     service->saveZone(zone); // each server's "exists" answer is success
     auto zones = service->fetchAllZones();
-    auto it = std::find_if(zones.begin(), zones.end(), [&](const RecordZone& z) { return z.name == zone; });
+    auto it = std::find_if(zones.begin(), zones.end(),
+                           [&](const RecordZone& z) { return z.name == zone; });
     ASSERT_NE(it, zones.end());
     EXPECT_NE(it->url.find("/com.vostrel.almanor.zone/"), std::string::npos);
 
-    const std::vector<std::string> hostile = {"Trip, day 1; \\back\\ \"q\"", "multi\nline\n\nend", "🎉🎂 " + std::string(200, 'e') + "é",
+    const std::vector<std::string> hostile = {"Trip, day 1; \\back\\ \"q\"", "multi\nline\n\nend",
+                                              "🎉🎂 " + std::string(200, 'e') + "é",
                                               std::string(90, 'x') + "€€€€€€€€€€", "x-ical:\\N,;"};
-    for (std::size_t i = 0; i < hostile.size(); ++i) service->saveRecord(eventRecord(zone, "rec-" + std::to_string(i), hostile[i]));
+    for (std::size_t i = 0; i < hostile.size(); ++i)
+        service->saveRecord(eventRecord(zone, "rec-" + std::to_string(i), hostile[i]));
     auto back = service->performQuery("CD_Event", zone);
     ASSERT_EQ(back.size(), hostile.size());
     for (const auto& r : back) {
@@ -69,7 +76,8 @@ TEST_P(CalDavServers, BatchedSavesThatCannotGoThroughAreKeptAndSentLater) {
     auto service = GetParam().make();
     // A zone that does not exist yet: the server refuses the PUTs.
     const std::string zone = "later-zone";
-    service->modifyRecords({eventRecord(zone, "a", "A"), eventRecord(zone, "b", "B")}, ModifyOptions{});
+    service->modifyRecords({eventRecord(zone, "a", "A"), eventRecord(zone, "b", "B")},
+                           ModifyOptions{});
     service->waitForBackgroundWork();
     EXPECT_EQ(service->unsentRecords().size(), 2u);
     service->saveZone(zone);
@@ -79,10 +87,13 @@ TEST_P(CalDavServers, BatchedSavesThatCannotGoThroughAreKeptAndSentLater) {
     EXPECT_EQ(service->performQuery("CD_Event", zone).size(), 2u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Servers, CalDavServers,
-                         testing::Values(CloudServiceFactory{"radicale", [] { return serviceOver<RadicaleServer>("alice", "s3cret"); }},
-                                         CloudServiceFactory{"xandikos", [] { return serviceOver<XandikosServer>("user", "any"); }}),
-                         CloudServiceFactory::name);
+INSTANTIATE_TEST_SUITE_P(
+    Servers, CalDavServers,
+    testing::Values(
+        CloudServiceFactory{"radicale",
+                            [] { return serviceOver<RadicaleServer>("alice", "s3cret"); }},
+        CloudServiceFactory{"xandikos", [] { return serviceOver<XandikosServer>("user", "any"); }}),
+    CloudServiceFactory::name);
 
 TEST(CalDavAccount, StatusNeedsNoNetworkAndReportsPasswordFailures) {
     CalDavService none("", "", nullptr);
@@ -90,7 +101,8 @@ TEST(CalDavAccount, StatusNeedsNoNetworkAndReportsPasswordFailures) {
     // Nothing listens there: the status still answers, from the password alone.
     CalDavService ok("http://127.0.0.1:9/", "u", [] { return std::string("pw"); });
     EXPECT_EQ(ok.accountStatus(), AccountStatus::available);
-    CalDavService locked("http://127.0.0.1:9/", "u", []() -> std::string { throw CloudError("the keyring is locked"); });
+    CalDavService locked("http://127.0.0.1:9/", "u",
+                         []() -> std::string { throw CloudError("the keyring is locked"); });
     try {
         locked.accountStatus();
         FAIL();
@@ -137,12 +149,14 @@ TEST(CalDavAccount, ASilentServerCostsOneBoundedWaitPerPass) {
     });
     const std::string url = "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/";
     caldav::Timeouts quick{std::chrono::seconds(2), std::chrono::seconds(2)};
-    CalDavService service(url, "u", [] { return std::string("pw"); }, quick);
+    CalDavService service(
+        url, "u", [] { return std::string("pw"); }, quick);
     EXPECT_THROW(service.discoverHome(), CloudError);
     EXPECT_EQ(connections, 1);
     // Right after that, the rest of the work gives up without waiting again, and keeps its records.
     EXPECT_THROW(service.saveRecord(eventRecord("z", "x", "X")), CloudError);
-    service.modifyRecords({eventRecord("z", "a", "A"), eventRecord("z", "b", "B")}, ModifyOptions{});
+    service.modifyRecords({eventRecord("z", "a", "A"), eventRecord("z", "b", "B")},
+                          ModifyOptions{});
     service.waitForBackgroundWork();
     EXPECT_EQ(service.unsentRecords().size(), 2u);
     EXPECT_EQ(connections, 1);
@@ -153,7 +167,8 @@ TEST(CalDavAccount, ASilentServerCostsOneBoundedWaitPerPass) {
     EXPECT_EQ(connections, 2);
     stop = true;
     acceptor.join();
-    for (int c : held) ::close(c);
+    for (int c : held)
+        ::close(c);
     ::close(fd);
 }
 

@@ -1,9 +1,9 @@
 #include "cloud/CloudRepository.h"
-#include "cloud/RecordMapping.h"
 
 #include "FakeCloudService.h"
 #include "Instants.h"
 #include "LogCapture.h"
+#include "cloud/RecordMapping.h"
 
 #include <gtest/gtest.h>
 
@@ -15,8 +15,9 @@ using Op = FakeCloudService::Op;
 using Lines = std::vector<std::string>;
 
 CloudEvent unlinked(std::string name) {
-    return CloudEvent{std::nullopt, makeEvent(Uuid::random(), test::utc(2030, 1, 2), std::move(name),
-                                              std::nullopt, Schedule::none, CountMethod::standard)};
+    return CloudEvent{std::nullopt,
+                      makeEvent(Uuid::random(), test::utc(2030, 1, 2), std::move(name),
+                                std::nullopt, Schedule::none, CountMethod::standard)};
 }
 
 struct Factory {
@@ -35,7 +36,8 @@ TEST(CloudRepositoryFactory, EachFailureIsLoggedOnceAndNotRetried) {
         std::string line;
     };
     const std::vector<Case> cases = {
-        {"status fails", [](FakeCloudService& f) { f.failAll(Op::accountStatus, "keyring locked"); },
+        {"status fails",
+         [](FakeCloudService& f) { f.failAll(Op::accountStatus, "keyring locked"); },
          "Failed to check status of cloud: keyring locked"},
         {"no account", [](FakeCloudService& f) { f.setAccountStatus(AccountStatus::noAccount); },
          "No cloudkit account available"},
@@ -84,7 +86,8 @@ TEST(CloudRepositoryFactory, WithoutAServiceThereIsNoAccount) {
     EXPECT_EQ(none.existing(), nullptr);
     CloudRepositoryFactory empty{CloudServiceProvider{}};
     EXPECT_EQ(empty.get(), nullptr);
-    EXPECT_EQ(log.lines(), (Lines{"No cloudkit account available", "No cloudkit account available"}));
+    EXPECT_EQ(log.lines(),
+              (Lines{"No cloudkit account available", "No cloudkit account available"}));
 }
 
 TEST(CloudRepository, InsertKeepsOrderLeavesOutFailuresAndLinksMintedNames) {
@@ -136,7 +139,9 @@ TEST(CloudRepository, DeleteCountsMissingAsGoneAndLogsFailuresWithTheInsertMessa
     EXPECT_EQ(deleted[1], missing);
     EXPECT_FALSE(fake->stored(*saved[0].recordId));
     ASSERT_EQ(log.lines().size(), 1u);
-    EXPECT_EQ(log.lines()[0].rfind("Unable to insert record " + inGoneZone.eventId.uuidString() + ": ", 0), 0u);
+    EXPECT_EQ(log.lines()[0].rfind(
+                  "Unable to insert record " + inGoneZone.eventId.uuidString() + ": ", 0),
+              0u);
 }
 
 TEST(CloudRepository, UpdateReturnsAtOnceWithEveryIdAndOneBatch) {

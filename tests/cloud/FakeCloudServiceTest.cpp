@@ -1,5 +1,6 @@
-#include "CloudServiceContract.h"
 #include "FakeCloudService.h"
+
+#include "CloudServiceContract.h"
 
 namespace almanor::test {
 namespace {

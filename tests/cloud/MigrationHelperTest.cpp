@@ -1,9 +1,9 @@
 #include "cloud/MigrationHelper.h"
-#include "cloud/RecordMapping.h"
 
 #include "FakeCloudService.h"
 #include "LogCapture.h"
 #include "TempDir.h"
+#include "cloud/RecordMapping.h"
 #include "platform/Settings.h"
 #include "platform/UserDefaults.h"
 
@@ -23,8 +23,10 @@ CloudRecord recordIn(const std::string& zone, const std::string& name) {
 }
 
 class ZoneDiscovery : public ::testing::Test {
-protected:
-    std::optional<MigrationHelper> discover() { return MigrationHelper::findExistingRecords(fake, defaults); }
+  protected:
+    std::optional<MigrationHelper> discover() {
+        return MigrationHelper::findExistingRecords(fake, defaults);
+    }
 
     test::TempDir dir;
     UserDefaults defaults{dir / "settings.ini"};
@@ -48,11 +50,12 @@ TEST_F(ZoneDiscovery, AppZoneWinsOverTheLegacyOneAndIsRememberedForGood) {
     EXPECT_EQ(reader->zoneName(), appZoneName);
     EXPECT_TRUE(defaults.boolean(Settings::appZoneUsed));
     EXPECT_EQ(defaults.string(Settings::recordZone), std::string(appZoneName));
-    EXPECT_EQ(log.lines(),
-              (Lines{"Finding existing cloud records",
-                     "Zone com.apple.coredata.cloudkit.zone at memory:/com.apple.coredata.cloudkit.zone/",
-                     "Zone Personal at memory:/Personal/",
-                     "Zone com.vostrel.almanor.zone at memory:/com.vostrel.almanor.zone/"}));
+    EXPECT_EQ(
+        log.lines(),
+        (Lines{"Finding existing cloud records",
+               "Zone com.apple.coredata.cloudkit.zone at memory:/com.apple.coredata.cloudkit.zone/",
+               "Zone Personal at memory:/Personal/",
+               "Zone com.vostrel.almanor.zone at memory:/com.vostrel.almanor.zone/"}));
 
     // Next start: no listing at all.
     int listings = fake->calls(Op::fetchAllZones);
@@ -85,7 +88,8 @@ TEST_F(ZoneDiscovery, FailedListingFallsBackToTheStoredZone) {
     EXPECT_EQ(reader->zoneName(), "_default");
     fake->clearFailures();
     ASSERT_EQ(reader->fetchRecords().size(), 1u);
-    EXPECT_EQ(log.lines(), (Lines{"Finding existing cloud records", "Failed to fetch zone: timed out"}));
+    EXPECT_EQ(log.lines(),
+              (Lines{"Finding existing cloud records", "Failed to fetch zone: timed out"}));
 }
 
 TEST_F(ZoneDiscovery, FailedQueriesGiveEmptyAnswersWithTheirLines) {
@@ -94,7 +98,8 @@ TEST_F(ZoneDiscovery, FailedQueriesGiveEmptyAnswersWithTheirLines) {
     EXPECT_FALSE(MigrationHelper::hasRecords(*fake, std::string(legacyZoneName)));
     MigrationHelper reader(fake, std::string(legacyZoneName));
     EXPECT_TRUE(reader.fetchRecords().empty());
-    EXPECT_EQ(log.lines(), (Lines{"Failed to check for records: HTTP 500", "Failed to fetch records: HTTP 500"}));
+    EXPECT_EQ(log.lines(), (Lines{"Failed to check for records: HTTP 500",
+                                  "Failed to fetch records: HTTP 500"}));
 }
 
 } // namespace

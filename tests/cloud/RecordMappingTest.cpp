@@ -14,12 +14,13 @@ CloudRecord legacyRecord(std::map<std::string, FieldValue> fields) {
 }
 
 TEST(RecordMapping, EveryFieldRoundTripsThroughARecord) {
-    for (auto method : {CountMethod::standard, CountMethod::excludeWeekends,
-                        CountMethod::weekendUsesFridayBefore, CountMethod::weekendUsesMondayAfter}) {
+    for (auto method :
+         {CountMethod::standard, CountMethod::excludeWeekends, CountMethod::weekendUsesFridayBefore,
+          CountMethod::weekendUsesMondayAfter}) {
         for (auto alias : {std::optional<std::string>{}, std::optional<std::string>{""},
                            std::optional<std::string>{"Trip; part, 2"}}) {
-            auto event = makeEvent(Uuid::random(), utc(2031, 2, 28, 23, 59, 59, 999), "Name",
-                                   alias, Schedule::annually, method);
+            auto event = makeEvent(Uuid::random(), utc(2031, 2, 28, 23, 59, 59, 999), "Name", alias,
+                                   Schedule::annually, method);
             RecordId id{"rec", "zone"};
             CloudEvent back = eventFromRecord(recordFromEvent(CloudEvent{id, event}));
             ASSERT_TRUE(back.recordId);
@@ -31,14 +32,16 @@ TEST(RecordMapping, EveryFieldRoundTripsThroughARecord) {
 }
 
 TEST(RecordMapping, WrittenFieldsCarryTheOlderGenerationsShape) {
-    auto event = makeEvent(Uuid::fromLiteral("0a1b2c3d-4e5f-4a6b-8c7d-9e0f1a2b3c4d"), utc(2030, 1, 1),
-                           "N", std::nullopt, Schedule::weekly, CountMethod::weekendUsesFridayBefore);
+    auto event =
+        makeEvent(Uuid::fromLiteral("0a1b2c3d-4e5f-4a6b-8c7d-9e0f1a2b3c4d"), utc(2030, 1, 1), "N",
+                  std::nullopt, Schedule::weekly, CountMethod::weekendUsesFridayBefore);
     CloudRecord r = recordFromEvent(CloudEvent{std::nullopt, event});
     EXPECT_EQ(r.recordType, "CD_Event");
     EXPECT_EQ(r.recordId.zoneName, appZoneName);
     EXPECT_EQ(r.fields.count("CD_alias"), 0u);
     EXPECT_EQ(std::get<std::string>(r.fields.at("CD_entityName")), "Event");
-    EXPECT_EQ(std::get<std::string>(r.fields.at("CD_eventId")), "0A1B2C3D-4E5F-4A6B-8C7D-9E0F1A2B3C4D");
+    EXPECT_EQ(std::get<std::string>(r.fields.at("CD_eventId")),
+              "0A1B2C3D-4E5F-4A6B-8C7D-9E0F1A2B3C4D");
     EXPECT_EQ(std::get<std::int64_t>(r.fields.at("CD_excludeWeekends")), 0);
     EXPECT_EQ(std::get<std::int64_t>(r.fields.at("CD_countMethod")), 2);
     EXPECT_EQ(std::get<std::int64_t>(r.fields.at("CD_version")), 2);
@@ -56,30 +59,46 @@ TEST(RecordMapping, VersionDecidesWhichFieldGivesTheCountMethod) {
         CountMethod expected;
     };
     const std::vector<Case> cases = {
-        {"legacy flag only", {{"CD_excludeWeekends", std::int64_t{1}}}, CountMethod::excludeWeekends},
-        {"legacy flag as a floating number", {{"CD_excludeWeekends", 1.0}}, CountMethod::excludeWeekends},
+        {"legacy flag only",
+         {{"CD_excludeWeekends", std::int64_t{1}}},
+         CountMethod::excludeWeekends},
+        {"legacy flag as a floating number",
+         {{"CD_excludeWeekends", 1.0}},
+         CountMethod::excludeWeekends},
         {"legacy flag as text", {{"CD_excludeWeekends", std::string("1")}}, CountMethod::standard},
         {"version 2, code out of range",
-         {{"CD_version", std::int64_t{2}}, {"CD_countMethod", std::int64_t{7}}, {"CD_excludeWeekends", std::int64_t{1}}},
+         {{"CD_version", std::int64_t{2}},
+          {"CD_countMethod", std::int64_t{7}},
+          {"CD_excludeWeekends", std::int64_t{1}}},
          CountMethod::standard},
         {"version 2, code 3 whatever the flag",
-         {{"CD_version", std::int64_t{2}}, {"CD_countMethod", std::int64_t{3}}, {"CD_excludeWeekends", std::int64_t{1}}},
+         {{"CD_version", std::int64_t{2}},
+          {"CD_countMethod", std::int64_t{3}},
+          {"CD_excludeWeekends", std::int64_t{1}}},
          CountMethod::weekendUsesMondayAfter},
-        {"version 2, negative code", {{"CD_version", std::int64_t{2}}, {"CD_countMethod", std::int64_t{-1}}},
+        {"version 2, negative code",
+         {{"CD_version", std::int64_t{2}}, {"CD_countMethod", std::int64_t{-1}}},
          CountMethod::standard},
-        {"version 1 ignores the code", {{"CD_version", std::int64_t{1}}, {"CD_countMethod", std::int64_t{2}}},
+        {"version 1 ignores the code",
+         {{"CD_version", std::int64_t{1}}, {"CD_countMethod", std::int64_t{2}}},
          CountMethod::standard},
         {"negative version counts as new",
-         {{"CD_version", std::int64_t{-5}}, {"CD_countMethod", std::int64_t{2}}, {"CD_excludeWeekends", std::int64_t{1}}},
+         {{"CD_version", std::int64_t{-5}},
+          {"CD_countMethod", std::int64_t{2}},
+          {"CD_excludeWeekends", std::int64_t{1}}},
          CountMethod::weekendUsesFridayBefore},
         {"version as text is no version",
-         {{"CD_version", std::string("2")}, {"CD_countMethod", std::int64_t{2}}, {"CD_excludeWeekends", std::int64_t{1}}},
+         {{"CD_version", std::string("2")},
+          {"CD_countMethod", std::int64_t{2}},
+          {"CD_excludeWeekends", std::int64_t{1}}},
          CountMethod::excludeWeekends},
-        {"version 2 without a code", {{"CD_version", std::int64_t{2}}, {"CD_excludeWeekends", std::int64_t{1}}},
+        {"version 2 without a code",
+         {{"CD_version", std::int64_t{2}}, {"CD_excludeWeekends", std::int64_t{1}}},
          CountMethod::standard},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(eventFromRecord(legacyRecord(c.fields)).event->countMethod(), c.expected) << c.what;
+        EXPECT_EQ(eventFromRecord(legacyRecord(c.fields)).event->countMethod(), c.expected)
+            << c.what;
     }
 }
 
@@ -99,7 +118,8 @@ TEST(RecordMapping, MissingOrIllTypedFieldsTakeTheirDefaults) {
     EXPECT_EQ(e.event->schedule(), Schedule::none);
     EXPECT_EQ(e.event->countMethod(), CountMethod::standard);
     // An unparsable id gets a fresh one each time: it must never match a local row.
-    CloudEvent again = eventFromRecord(legacyRecord({{"CD_eventId", std::string("not-a-uuid")}}), clock);
+    CloudEvent again =
+        eventFromRecord(legacyRecord({{"CD_eventId", std::string("not-a-uuid")}}), clock);
     EXPECT_NE(e.event->id(), again.event->id());
     EXPECT_EQ(eventFromRecord(legacyRecord({{"CD_recurring", std::int64_t{4}}})).event->schedule(),
               Schedule::none);
@@ -108,7 +128,8 @@ TEST(RecordMapping, MissingOrIllTypedFieldsTakeTheirDefaults) {
     // A lower-case id is still the same event.
     auto id = Uuid::random();
     std::string lower = id.uuidString();
-    for (auto& ch : lower) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+    for (auto& ch : lower)
+        ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
     EXPECT_EQ(eventFromRecord(legacyRecord({{"CD_eventId", lower}})).event->id(), id);
 }
 

@@ -1,5 +1,6 @@
-#include "TempDir.h"
 #include "login/LaunchAtLogin.h"
+
+#include "TempDir.h"
 #include "login/XdgAutostartService.h"
 #include "platform/Settings.h"
 #include "platform/UserDefaults.h"
@@ -15,7 +16,7 @@ namespace {
 
 // Collects the structured log records of the login component while it lives.
 class StructuredLogCapture {
-public:
+  public:
     struct Record {
         std::string domain, category, message;
         GLogLevelFlags level;
@@ -29,24 +30,29 @@ public:
     ~StructuredLogCapture() { current() = nullptr; }
     std::vector<Record> records;
 
-private:
+  private:
     static StructuredLogCapture*& current() {
         static StructuredLogCapture* capture = nullptr;
         return capture;
     }
-    static GLogWriterOutput write(GLogLevelFlags level, const GLogField* fields, gsize n, gpointer data) {
+    static GLogWriterOutput write(GLogLevelFlags level, const GLogField* fields, gsize n,
+                                  gpointer data) {
         if (current() == nullptr) {
             return g_log_writer_default(level, fields, n, data);
         }
         Record r{{}, {}, {}, level};
         for (gsize i = 0; i < n; ++i) {
-            std::string value = fields[i].length < 0
-                                    ? static_cast<const char*>(fields[i].value)
-                                    : std::string(static_cast<const char*>(fields[i].value), fields[i].length);
+            std::string value =
+                fields[i].length < 0
+                    ? static_cast<const char*>(fields[i].value)
+                    : std::string(static_cast<const char*>(fields[i].value), fields[i].length);
             std::string key = fields[i].key;
-            if (key == "GLIB_DOMAIN") r.domain = value;
-            if (key == "CATEGORY") r.category = value;
-            if (key == "MESSAGE") r.message = value;
+            if (key == "GLIB_DOMAIN")
+                r.domain = value;
+            if (key == "CATEGORY")
+                r.category = value;
+            if (key == "MESSAGE")
+                r.message = value;
         }
         current()->records.push_back(r);
         return G_LOG_WRITER_HANDLED;
@@ -86,11 +92,13 @@ TEST_F(LaunchAtLoginTest, EnablingWritesAnEntryThatStartsThisProgram) {
     EXPECT_TRUE(launch.isEnabled());
     std::string entry = read(home / "autostart/com.vostrel.Almanor.desktop");
     // The path has a space and a $: quoted and escaped for the Exec line, then for the key file.
-    EXPECT_NE(entry.find("Exec=\"" + (home / "my bin/al\\\\$manor").string() + "\"\n"), std::string::npos) << entry;
+    EXPECT_NE(entry.find("Exec=\"" + (home / "my bin/al\\\\$manor").string() + "\"\n"),
+              std::string::npos)
+        << entry;
     GError* error = nullptr;
     GKeyFile* keys = g_key_file_new();
-    ASSERT_TRUE(g_key_file_load_from_file(keys, (home / "autostart/com.vostrel.Almanor.desktop").c_str(),
-                                          G_KEY_FILE_NONE, &error));
+    ASSERT_TRUE(g_key_file_load_from_file(
+        keys, (home / "autostart/com.vostrel.Almanor.desktop").c_str(), G_KEY_FILE_NONE, &error));
     gchar* exec = g_key_file_get_string(keys, "Desktop Entry", "Exec", nullptr);
     gint argc = 0;
     gchar** argv = nullptr;
@@ -116,7 +124,9 @@ TEST_F(LaunchAtLoginTest, HiddenOrSwitchedOffEntriesReadAsDisabled) {
     auto file = home / "autostart/com.vostrel.Almanor.desktop";
     writeFile(file, "[Desktop Entry]\nType=Application\nName=A\nExec=almanor\nHidden=true\n");
     EXPECT_FALSE(launch.isEnabled());
-    writeFile(file, "[Desktop Entry]\nType=Application\nName=A\nExec=almanor\nX-GNOME-Autostart-enabled=false\n");
+    writeFile(file,
+              "[Desktop "
+              "Entry]\nType=Application\nName=A\nExec=almanor\nX-GNOME-Autostart-enabled=false\n");
     EXPECT_FALSE(launch.isEnabled());
     writeFile(file, "not a key file");
     EXPECT_FALSE(launch.isEnabled());
@@ -168,7 +178,8 @@ TEST_F(LaunchAtLoginTest, ARefusedRegistrationIsLoggedAndObserversHearTheRequest
     EXPECT_EQ(logs.records[0].category, "main");
     EXPECT_EQ(logs.records[0].message.rfind("Failed to enable launch at login: ", 0), 0u)
         << logs.records[0].message;
-    EXPECT_GT(logs.records[0].message.size(), std::string("Failed to enable launch at login: ").size());
+    EXPECT_GT(logs.records[0].message.size(),
+              std::string("Failed to enable launch at login: ").size());
 }
 
 TEST(XdgAutostartServiceTest, TheProgramOnPathIsNamedPlainly) {
@@ -180,7 +191,8 @@ TEST(XdgAutostartServiceTest, TheProgramOnPathIsNamedPlainly) {
     std::string path = g_getenv("PATH") ? g_getenv("PATH") : "";
     g_setenv("PATH", (bin.string() + ":" + path).c_str(), TRUE);
     EXPECT_EQ(XdgAutostartService(home.path(), bin / "almanor").execLine(), "almanor");
-    EXPECT_EQ(XdgAutostartService(home.path(), home / "other/almanor").execLine(), (home / "other/almanor").string());
+    EXPECT_EQ(XdgAutostartService(home.path(), home / "other/almanor").execLine(),
+              (home / "other/almanor").string());
     g_setenv("PATH", path.c_str(), TRUE);
 }
 

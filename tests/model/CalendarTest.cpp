@@ -1,10 +1,9 @@
 // The fast calendar must agree with ICU's own calendar, operation by operation, on the cases that
 // break naive arithmetic: month ends, leap days, DST transitions at every hour, zones with
 // 30-minute shifts, zones that skipped a whole day, and dates around them.
+#include "Instants.h"
 #include "model/CivilCalendar.h"
 #include "model/IcuCalendar.h"
-
-#include "Instants.h"
 
 #include <gtest/gtest.h>
 #include <random>
@@ -35,14 +34,14 @@ std::string text(Instant t) {
 // midnight does not exist), half-hour and 45-minute offsets, a 30-minute DST shift, a zone that
 // skipped 30 December 2011, and the date line.
 const char* const zones[] = {
-    "America/New_York",  "Europe/Prague",   "Australia/Sydney", "America/Santiago",
-    "America/Sao_Paulo", "Asia/Beirut",     "Asia/Kolkata",     "Asia/Kathmandu",
+    "America/New_York",    "Europe/Prague", "Australia/Sydney",   "America/Santiago",
+    "America/Sao_Paulo",   "Asia/Beirut",   "Asia/Kolkata",       "Asia/Kathmandu",
     "Australia/Lord_Howe", "Pacific/Apia",  "Pacific/Kiritimati", "America/Havana",
-    "Africa/Casablanca", "UTC",
+    "Africa/Casablanca",   "UTC",
 };
 
 class CalendarAgreement : public testing::TestWithParam<const char*> {
-protected:
+  protected:
     void SetUp() override {
         fast = CivilCalendar::forZone(GetParam());
         icu = IcuCalendar::forZone(GetParam());
@@ -82,8 +81,9 @@ protected:
             return Instant(d.time_since_epoch()) + hours(hourDist(rng)) + minutes(30 * half(rng));
         }
         default: {
-            std::uniform_int_distribution<std::int64_t> any(utc(1900, 1, 1).time_since_epoch().count(),
-                                                            utc(2060, 1, 1).time_since_epoch().count());
+            std::uniform_int_distribution<std::int64_t> any(
+                utc(1900, 1, 1).time_since_epoch().count(),
+                utc(2060, 1, 1).time_since_epoch().count());
             return Instant(milliseconds(any(rng)));
         }
         }
@@ -140,16 +140,15 @@ TEST_P(CalendarAgreement, DayStepsAcrossEveryTransitionHourMatchIcu) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Zones, CalendarAgreement, testing::ValuesIn(zones),
-                         [](const auto& p) {
-                             std::string name = p.param;
-                             for (char& c : name) {
-                                 if (c == '/') {
-                                     c = '_';
-                                 }
-                             }
-                             return name;
-                         });
+INSTANTIATE_TEST_SUITE_P(Zones, CalendarAgreement, testing::ValuesIn(zones), [](const auto& p) {
+    std::string name = p.param;
+    for (char& c : name) {
+        if (c == '/') {
+            c = '_';
+        }
+    }
+    return name;
+});
 
 TEST(Calendar, WallTimesThatDoNotExistOrRepeat) {
     auto ny = CivilCalendar::forZone("America/New_York");
@@ -175,8 +174,12 @@ TEST(Calendar, MonthAndYearAdditionClampToTheMonth) {
     // Differences truncate: 31 Jan to 29 Feb is not yet a whole month.
     EXPECT_EQ(cal->monthsBetween(jan31, cal->addMonths(jan31, 1)), 1);
     EXPECT_EQ(cal->monthsBetween(jan31, cal->instant(wall(2024, 2, 29, 18, 44))), 0);
-    EXPECT_EQ(cal->daysBetween(cal->instant(wall(2024, 3, 2, 12)), cal->instant(wall(2024, 3, 1, 13))), 0);
-    EXPECT_EQ(cal->daysBetween(cal->instant(wall(2024, 3, 2, 12)), cal->instant(wall(2024, 3, 1, 12))), -1);
+    EXPECT_EQ(
+        cal->daysBetween(cal->instant(wall(2024, 3, 2, 12)), cal->instant(wall(2024, 3, 1, 13))),
+        0);
+    EXPECT_EQ(
+        cal->daysBetween(cal->instant(wall(2024, 3, 2, 12)), cal->instant(wall(2024, 3, 1, 12))),
+        -1);
 }
 
 TEST(Calendar, BeforeTheGregorianReformIcuIsFollowed) {

@@ -1,5 +1,6 @@
-#include "Instants.h"
 #include "model/DateText.h"
+
+#include "Instants.h"
 
 #include <cstdlib>
 #include <gtest/gtest.h>

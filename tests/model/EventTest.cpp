@@ -1,5 +1,6 @@
-#include "model/CivilCalendar.h"
 #include "model/Event.h"
+
+#include "model/CivilCalendar.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +11,8 @@ TEST(Event, EqualityIsIdentityOnly) {
     Uuid id = Uuid::random();
     Instant d{};
     Event a(id, d, "One", std::nullopt, Schedule::none, CountMethod::standard);
-    Event b(id, d + days(3), "Two", std::string("x"), Schedule::weekly, CountMethod::excludeWeekends);
+    Event b(id, d + days(3), "Two", std::string("x"), Schedule::weekly,
+            CountMethod::excludeWeekends);
     Event c(Uuid::random(), d, "One", std::nullopt, Schedule::none, CountMethod::standard);
     EXPECT_EQ(a, b);
     EXPECT_NE(a, c);
@@ -28,7 +30,8 @@ TEST(Event, StoredCodesOutOfRangeReadAsTheFirstCase) {
 TEST(Event, ObserversHearBeforeNameOrAliasChange) {
     Event e(Uuid::random(), Instant{}, "Old", std::nullopt, Schedule::none, CountMethod::standard);
     std::vector<std::string> seen;
-    auto token = e.observeWillChange([&] { seen.push_back(e.name() + "|" + e.alias().value_or("-")); });
+    auto token =
+        e.observeWillChange([&] { seen.push_back(e.name() + "|" + e.alias().value_or("-")); });
     e.setName("New");
     e.setAlias(std::string("A"));
     e.setDate(Instant{} + days(1)); // not observed
@@ -38,12 +41,13 @@ TEST(Event, ObserversHearBeforeNameOrAliasChange) {
 }
 
 TEST(Event, DateOnlyIsMidnightOfTheLocalDayAndFollowsTheZone) {
-    Instant date = sys_days(year(2024) / 3 / 1).time_since_epoch() + hours(23) + minutes(59) +
-                   Instant{};
+    Instant date =
+        sys_days(year(2024) / 3 / 1).time_since_epoch() + hours(23) + minutes(59) + Instant{};
     Event e(Uuid::random(), date, "E", std::nullopt, Schedule::none, CountMethod::standard);
     auto london = CivilCalendar::forZone("Europe/London");
     auto tokyo = CivilCalendar::forZone("Asia/Tokyo");
     EXPECT_EQ(e.dateOnly(*london), Instant(sys_days(year(2024) / 3 / 1).time_since_epoch()));
     // 23:59 UTC is already 2 March in Tokyo.
-    EXPECT_EQ(e.dateOnly(*tokyo), Instant(sys_days(year(2024) / 3 / 2).time_since_epoch()) - hours(9));
+    EXPECT_EQ(e.dateOnly(*tokyo),
+              Instant(sys_days(year(2024) / 3 / 2).time_since_epoch()) - hours(9));
 }

@@ -1,6 +1,7 @@
+#include "model/Utility.h"
+
 #include "model/CivilCalendar.h"
 #include "model/IcuCalendar.h"
-#include "model/Utility.h"
 
 #include <gtest/gtest.h>
 
@@ -11,7 +12,7 @@ namespace {
 
 // Every case runs on both calendars: the fast one must give the same counts as ICU's own.
 class UtilityTest : public testing::TestWithParam<bool> {
-protected:
+  protected:
     void SetUp() override {
         if (GetParam()) {
             cal = CivilCalendar::forZone("America/New_York");
@@ -20,10 +21,11 @@ protected:
         }
     }
     Instant at(int y, unsigned m, unsigned d, int h = 0, int min = 0) const {
-        return cal->instant(LocalTime(local_days(year(y) / m / d).time_since_epoch() + hours(h) +
-                                      minutes(min)));
+        return cal->instant(
+            LocalTime(local_days(year(y) / m / d).time_since_epoch() + hours(h) + minutes(min)));
     }
-    int count(Instant today, Instant date, Schedule s, CountMethod m = CountMethod::standard) const {
+    int count(Instant today, Instant date, Schedule s,
+              CountMethod m = CountMethod::standard) const {
         return Utility::dayCount(*cal, today, Utility::occurrenceDate(*cal, today, date, s), m);
     }
     std::unique_ptr<DayCalendar> cal;
@@ -46,7 +48,9 @@ TEST_P(UtilityTest, StandardCountsThePastWithAnExtraDay) {
 }
 
 TEST_P(UtilityTest, WeekdaysOnlyCountsMondayToFriday) {
-    auto wd = [&](Instant today, Instant target) { return Utility::weekdaysBetween(*cal, today, target); };
+    auto wd = [&](Instant today, Instant target) {
+        return Utility::weekdaysBetween(*cal, today, target);
+    };
     EXPECT_EQ(wd(at(2024, 3, wed), at(2024, 3, fri)), 2);
     EXPECT_EQ(wd(at(2024, 3, fri), at(2024, 3, 11)), 1);
     EXPECT_EQ(wd(at(2024, 3, 11), at(2024, 3, fri)), -2);
@@ -86,29 +90,38 @@ TEST_P(UtilityTest, WeeklyCountsToTheNextWeekdayOrTheComingSunday) {
     EXPECT_EQ(count(at(2024, 3, mon), pastMonday, Schedule::weekly), 7);
     EXPECT_EQ(count(today, at(2024, 3, wed, 18), Schedule::weekly), 0);
     // Under weekdays-only, Saturday to the coming Sunday is 0.
-    EXPECT_EQ(count(at(2024, 3, sat), pastFriday, Schedule::weekly, CountMethod::excludeWeekends), 0);
+    EXPECT_EQ(count(at(2024, 3, sat), pastFriday, Schedule::weekly, CountMethod::excludeWeekends),
+              0);
 }
 
 TEST_P(UtilityTest, MonthlyRecursOnTheClampedDayAndComesBackToThe31st) {
     Instant jan31 = at(2024, 1, 31);
-    EXPECT_EQ(Utility::occurrenceDate(*cal, at(2024, 2, 10), jan31, Schedule::monthly), at(2024, 2, 29));
-    EXPECT_EQ(Utility::occurrenceDate(*cal, at(2024, 3, 1), jan31, Schedule::monthly), at(2024, 3, 31));
-    EXPECT_EQ(Utility::occurrenceDate(*cal, at(2024, 4, 5), jan31, Schedule::monthly), at(2024, 4, 30));
+    EXPECT_EQ(Utility::occurrenceDate(*cal, at(2024, 2, 10), jan31, Schedule::monthly),
+              at(2024, 2, 29));
+    EXPECT_EQ(Utility::occurrenceDate(*cal, at(2024, 3, 1), jan31, Schedule::monthly),
+              at(2024, 3, 31));
+    EXPECT_EQ(Utility::occurrenceDate(*cal, at(2024, 4, 5), jan31, Schedule::monthly),
+              at(2024, 4, 30));
     // Stored exactly at midnight today: already the next occurrence.
     Instant mar6 = at(2024, 2, 6);
-    EXPECT_EQ(Utility::occurrenceDate(*cal, at(2024, 3, 6), mar6, Schedule::monthly), at(2024, 4, 6));
+    EXPECT_EQ(Utility::occurrenceDate(*cal, at(2024, 3, 6), mar6, Schedule::monthly),
+              at(2024, 4, 6));
     // With a later time of day the recurrence day itself is today.
     EXPECT_EQ(count(at(2024, 3, 6), at(2024, 2, 6, 14), Schedule::monthly), 0);
     // Keeps its time of day across the DST change.
-    EXPECT_EQ(Utility::occurrenceDate(*cal, at(2024, 3, 20), at(2024, 1, 25, 8, 15), Schedule::monthly),
-              at(2024, 3, 25, 8, 15));
+    EXPECT_EQ(
+        Utility::occurrenceDate(*cal, at(2024, 3, 20), at(2024, 1, 25, 8, 15), Schedule::monthly),
+        at(2024, 3, 25, 8, 15));
 }
 
 TEST_P(UtilityTest, AnnualLeapDayRecursOnThe28thInCommonYears) {
     Instant leap = at(2020, 2, 29);
-    EXPECT_EQ(Utility::occurrenceDate(*cal, at(2021, 3, 1), leap, Schedule::annually), at(2022, 2, 28));
-    EXPECT_EQ(Utility::occurrenceDate(*cal, at(2023, 3, 1), leap, Schedule::annually), at(2024, 2, 29));
-    EXPECT_EQ(Utility::occurrenceDate(*cal, at(2021, 2, 1), leap, Schedule::annually), at(2021, 2, 28));
+    EXPECT_EQ(Utility::occurrenceDate(*cal, at(2021, 3, 1), leap, Schedule::annually),
+              at(2022, 2, 28));
+    EXPECT_EQ(Utility::occurrenceDate(*cal, at(2023, 3, 1), leap, Schedule::annually),
+              at(2024, 2, 29));
+    EXPECT_EQ(Utility::occurrenceDate(*cal, at(2021, 2, 1), leap, Schedule::annually),
+              at(2021, 2, 28));
 }
 
 TEST_P(UtilityTest, OneOffAndFutureEventsAreNotMoved) {
@@ -127,7 +140,8 @@ TEST_P(UtilityTest, OneOffAndFutureEventsAreNotMoved) {
         EXPECT_EQ(Utility::dayCount(*cal, today, laterToday, m), 0);
     }
     EXPECT_EQ(Utility::dayCount(*cal, at(2024, 3, sat), at(2024, 3, sat, 20),
-                                CountMethod::weekendUsesMondayAfter), 2);
+                                CountMethod::weekendUsesMondayAfter),
+              2);
 }
 
 INSTANTIATE_TEST_SUITE_P(BothCalendars, UtilityTest, testing::Values(true, false),
@@ -147,7 +161,8 @@ TEST(StatusText, Forms) {
 TEST(StatusText, AliasReplacesTheNameUnlessEmpty) {
     auto cal = CivilCalendar::forZone("Europe/Prague");
     Instant today = cal->instant(LocalTime(local_days(year(2025) / 12 / 20).time_since_epoch()));
-    Instant christmas = cal->instant(LocalTime(local_days(year(2025) / 12 / 25).time_since_epoch()));
+    Instant christmas =
+        cal->instant(LocalTime(local_days(year(2025) / 12 / 25).time_since_epoch()));
     Event e(Uuid::random(), christmas, "Christmas Day", std::string("Xmas"), Schedule::annually,
             CountMethod::standard);
     EXPECT_EQ(Utility::statusText(*cal, e, today), "Xmas 5 days");

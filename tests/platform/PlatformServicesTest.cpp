@@ -13,9 +13,10 @@ TEST(Uuid, TextFormIsUpperCaseAndParsingIsStrict) {
     ASSERT_TRUE(u);
     EXPECT_EQ(u->uuidString(), "C72773F5-D96E-478B-92FE-5BB5DDD62102");
     EXPECT_EQ(Uuid::parse(u->uuidString()), u);
-    for (const char* bad : {"", "c72773f5d96e478b92fe5bb5ddd62102", "c72773f5-d96e-478b-92fe-5bb5ddd6210",
-                            "c72773f5-d96e-478b-92fe-5bb5ddd621020", "g72773f5-d96e-478b-92fe-5bb5ddd62102",
-                            " c72773f5-d96e-478b-92fe-5bb5ddd6210"}) {
+    for (const char* bad :
+         {"", "c72773f5d96e478b92fe5bb5ddd62102", "c72773f5-d96e-478b-92fe-5bb5ddd6210",
+          "c72773f5-d96e-478b-92fe-5bb5ddd621020", "g72773f5-d96e-478b-92fe-5bb5ddd62102",
+          " c72773f5-d96e-478b-92fe-5bb5ddd6210"}) {
         EXPECT_FALSE(Uuid::parse(bad)) << bad;
     }
     EXPECT_EQ(Uuid().uuidString(), "00000000-0000-0000-0000-000000000000");

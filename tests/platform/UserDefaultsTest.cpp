@@ -1,8 +1,8 @@
-#include "platform/Settings.h"
 #include "platform/UserDefaults.h"
 
 #include "LogCapture.h"
 #include "TempDir.h"
+#include "platform/Settings.h"
 
 #include <fstream>
 #include <gtest/gtest.h>

@@ -1,12 +1,12 @@
 #include "shell/AppDelegate.h"
 
 #include "FakeCloudService.h"
-#include "LogCapture.h"
 #include "LocalInstants.h"
+#include "LogCapture.h"
 #include "TempDir.h"
 #include "TrayFakes.h"
-#include "login/LaunchAtLogin.h"
 #include "cloud/RecordMapping.h"
+#include "login/LaunchAtLogin.h"
 #include "model/CivilCalendar.h"
 #include "platform/UserDefaults.h"
 #include "storage/LocalRepository.h"
@@ -26,7 +26,9 @@ namespace {
 
 constexpr const char* zone = "America/New_York";
 
-Instant at(int y, unsigned m, unsigned d, int h = 0, int min = 0) { return test::localAt(zone, y, m, d, h, min); }
+Instant at(int y, unsigned m, unsigned d, int h = 0, int min = 0) {
+    return test::localAt(zone, y, m, d, h, min);
+}
 
 // Dates and zone of the menus come from the environment, as in the tray.
 struct Environment {
@@ -37,38 +39,45 @@ struct Environment {
 };
 
 class AppDelegateTest : public testing::Test {
-protected:
+  protected:
     AppDelegateTest()
         : defaults(dir / "config/settings.ini"), clock(at(2030, 1, 9, 12)), // a Wednesday, noon
-          repository(std::make_unique<LocalRepository>(dir / "data", "EventsV1.db", center, clock),
-                     [this] { return std::static_pointer_cast<CloudService>(cloud); }, &defaults),
-          launchAtLogin(loginItems, defaults), presenter(journal), statusBar(journal), scheduler(journal) {}
+          repository(
+              std::make_unique<LocalRepository>(dir / "data", "EventsV1.db", center, clock),
+              [this] { return std::static_pointer_cast<CloudService>(cloud); }, &defaults),
+          launchAtLogin(loginItems, defaults), presenter(journal), statusBar(journal),
+          scheduler(journal) {}
 
     AppDelegate& start() {
-        delegate = std::make_unique<AppDelegate>(AppDelegate::Services{
-            repository, defaults, launchAtLogin, center, mainThread, clock, presenter, statusBar, scheduler,
-            [this] {
-                auto w = std::make_unique<test::FakeWindow>();
-                window = w.get();
-                ++windowsMade;
-                return w;
-            },
-            [this] { ++activations; }, [this] { ++terminations; },
-            [] { return DayCalendar::forZone(zone); },
-            [this](std::size_t count) {
-                ++draws;
-                return std::size_t(draws) % count;
-            }});
+        delegate = std::make_unique<AppDelegate>(
+            AppDelegate::Services{repository, defaults, launchAtLogin, center, mainThread, clock,
+                                  presenter, statusBar, scheduler,
+                                  [this] {
+                                      auto w = std::make_unique<test::FakeWindow>();
+                                      window = w.get();
+                                      ++windowsMade;
+                                      return w;
+                                  },
+                                  [this] { ++activations; }, [this] { ++terminations; },
+                                  [] { return DayCalendar::forZone(zone); },
+                                  [this](std::size_t count) {
+                                      ++draws;
+                                      return std::size_t(draws) % count;
+                                  }});
         delegate->applicationDidFinishLaunching();
         return *delegate;
     }
     EventPtr add(std::string name, Instant date, Schedule s = Schedule::none) {
-        MigrationManager::migrateIfNeeded(repository, defaults); // the table, as a first start makes it
-        auto e = makeEvent(Uuid::random(), date, std::move(name), std::nullopt, s, CountMethod::standard);
+        MigrationManager::migrateIfNeeded(repository,
+                                          defaults); // the table, as a first start makes it
+        auto e = makeEvent(Uuid::random(), date, std::move(name), std::nullopt, s,
+                           CountMethod::standard);
         EXPECT_TRUE(repository.insert(*e));
         return e;
     }
-    std::string title() const { return statusBar.item.titles.empty() ? "" : statusBar.item.titles.back(); }
+    std::string title() const {
+        return statusBar.item.titles.empty() ? "" : statusBar.item.titles.back();
+    }
     std::size_t indexOf(const std::string& rowTitle) const {
         const auto& rows = delegate->eventsMenu();
         for (std::size_t i = 0; i < rows.size(); ++i) {
@@ -120,8 +129,9 @@ TEST_F(AppDelegateTest, StartUpSetsTheFirstTitleBeforeTheObserverAndTheTimerExis
         }
     };
     start();
-    EXPECT_EQ(journal, (test::Journal{"buildMenu", "createStatusItem", "title Almanor  \xF0\x9F\x8E\x89",
-                                      "rebuildEventsMenu", "schedule"}));
+    EXPECT_EQ(journal,
+              (test::Journal{"buildMenu", "createStatusItem", "title Almanor  \xF0\x9F\x8E\x89",
+                             "rebuildEventsMenu", "schedule"}));
     EXPECT_EQ(presenter.rebuilds, 1);
     EXPECT_EQ(mainThread.drain(), 0u);
     EXPECT_EQ(scheduler.interval, 300.0);
@@ -132,15 +142,16 @@ TEST_F(AppDelegateTest, StartUpSetsTheFirstTitleBeforeTheObserverAndTheTimerExis
     EXPECT_TRUE(defaults.boolean(Settings::launchAtLoginHasMigrated));
     EXPECT_EQ(defaults.integer(Settings::buildVersion), 1);
     auto lines = log.lines();
-    auto selected = std::find(lines.begin(), lines.end(), "selectedEvent 00000000-0000-0000-0000-000000000000");
+    auto selected =
+        std::find(lines.begin(), lines.end(), "selectedEvent 00000000-0000-0000-0000-000000000000");
     EXPECT_NE(selected, lines.end());
     // The menu as built, with launch at login marked because it is on, and registered again.
     std::vector<std::string> menu;
     for (const auto& item : presenter.menu()) {
         menu.push_back(item.separator ? "-" : item.title + (item.state ? " [x]" : ""));
     }
-    EXPECT_EQ(menu, (std::vector<std::string>{"Events", "Manage Events", "-", "Launch Almanor at Login [x]", "-",
-                                              "Quit"}));
+    EXPECT_EQ(menu, (std::vector<std::string>{"Events", "Manage Events", "-",
+                                              "Launch Almanor at Login [x]", "-", "Quit"}));
     EXPECT_EQ(loginItems.registrations, 2);
     // Now the observer exists: an add reaches the delegate.
     add("Trip", at(2030, 1, 19));
@@ -157,14 +168,16 @@ TEST_F(AppDelegateTest, TheEventsMenuHasItsSectionsDatesAndMarks) {
     defaults.setString(Settings::selectedEvent, trip->id().uuidString());
     start();
     EXPECT_EQ(presenter.titles(),
-              (std::vector<std::string>{"Automatic selection", "Next upcoming event", "Rotate upcoming events (hourly)",
-                                        "Random event selection", "One off events", "Trip - Jan 5, 2031",
-                                        "snake_case & more - Feb 1, 2031", "Weekly events", "Gym - Mon",
-                                        "Monthly events", "Rent - 22nd", "Annual events", "Birthday - Mar 5th"}));
+              (std::vector<std::string>{
+                  "Automatic selection", "Next upcoming event", "Rotate upcoming events (hourly)",
+                  "Random event selection", "One off events", "Trip - Jan 5, 2031",
+                  "snake_case & more - Feb 1, 2031", "Weekly events", "Gym - Mon", "Monthly events",
+                  "Rent - 22nd", "Annual events", "Birthday - Mar 5th"}));
     EXPECT_EQ(marked(), (std::vector<std::string>{"Trip - Jan 5, 2031"}));
     for (const auto& r : presenter.rows()) {
         bool header = r.title == "Automatic selection" || r.title == "One off events" ||
-                      r.title == "Weekly events" || r.title == "Monthly events" || r.title == "Annual events";
+                      r.title == "Weekly events" || r.title == "Monthly events" ||
+                      r.title == "Annual events";
         EXPECT_EQ(r.action == MenuItem::Action::none, header) << r.title;
         EXPECT_EQ(r.representedObject.has_value(), !header) << r.title;
     }
@@ -173,9 +186,10 @@ TEST_F(AppDelegateTest, TheEventsMenuHasItsSectionsDatesAndMarks) {
 
 TEST_F(AppDelegateTest, WithoutEventsTheMenuHoldsOnlyTheAutomaticRows) {
     start();
-    EXPECT_EQ(presenter.titles(), (std::vector<std::string>{"Automatic selection", "Next upcoming event",
-                                                            "Rotate upcoming events (hourly)",
-                                                            "Random event selection"}));
+    EXPECT_EQ(
+        presenter.titles(),
+        (std::vector<std::string>{"Automatic selection", "Next upcoming event",
+                                  "Rotate upcoming events (hourly)", "Random event selection"}));
     EXPECT_EQ(marked(), std::vector<std::string>{});
     // The selection is left alone.
     EXPECT_EQ(UserDefaults(defaults.file()).string(Settings::selectedEvent), std::nullopt);
@@ -189,7 +203,8 @@ TEST_F(AppDelegateTest, ChoosingARowMarksItEvenWhenAnotherEventEndsUpShown) {
     // Nothing is upcoming: the first event is shown and stored, the mode's row stays marked.
     EXPECT_EQ(marked(), (std::vector<std::string>{"Next upcoming event"}));
     EXPECT_EQ(title(), "Older 740 days ago");
-    EXPECT_NE(defaults.string(Settings::selectedEvent), DisplayedEventSelection::nextEventId.uuidString());
+    EXPECT_NE(defaults.string(Settings::selectedEvent),
+              DisplayedEventSelection::nextEventId.uuidString());
     // A header chooses a fresh id: every mark goes, and the fallback is shown.
     delegate->updateSelectedEventWithSender(indexOf("One off events"));
     EXPECT_EQ(marked(), std::vector<std::string>{});
@@ -221,7 +236,8 @@ TEST_F(AppDelegateTest, TicksRecomputeOnceADayAfterMidnight) {
 TEST_F(AppDelegateTest, RotationRedrawsOnlyAfterMoreThanAnHour) {
     add("A", at(2030, 1, 19));
     add("B", at(2030, 1, 20));
-    defaults.setString(Settings::selectedEvent, DisplayedEventSelection::cycleUpcomingEventId.uuidString());
+    defaults.setString(Settings::selectedEvent,
+                       DisplayedEventSelection::cycleUpcomingEventId.uuidString());
     test::LogCapture log;
     start();
     int drawn = draws;
@@ -238,8 +254,8 @@ TEST_F(AppDelegateTest, RotationRedrawsOnlyAfterMoreThanAnHour) {
 
 TEST_F(AppDelegateTest, APostFromAnotherThreadIsHandledOnTheMainThread) {
     start();
-    auto e = makeEvent(Uuid::random(), at(2030, 1, 12), "From a worker", std::nullopt, Schedule::none,
-                       CountMethod::standard);
+    auto e = makeEvent(Uuid::random(), at(2030, 1, 12), "From a worker", std::nullopt,
+                       Schedule::none, CountMethod::standard);
     std::thread worker([&] { repository.insert(*e); });
     worker.join();
     EXPECT_EQ(presenter.rebuilds, 1); // nothing touched off the main thread
@@ -252,7 +268,8 @@ TEST_F(AppDelegateTest, ChangesFromOtherProcessesAreFollowedAndOwnOnesHandledOnc
     start();
     // Another process: its own connection to the file and its own settings object.
     NotificationCenter otherCenter;
-    Repository other(std::make_unique<LocalRepository>(dir / "data", "EventsV1.db", otherCenter, clock));
+    Repository other(
+        std::make_unique<LocalRepository>(dir / "data", "EventsV1.db", otherCenter, clock));
     UserDefaults otherDefaults(dir / "config/settings.ini");
     auto e = makeEvent(Uuid::random(), at(2030, 1, 14), "Elsewhere", std::nullopt, Schedule::none,
                        CountMethod::standard);
@@ -290,15 +307,16 @@ TEST_F(AppDelegateTest, TheCloudIsPulledBeforeTheFirstTitleAndPushedAtStartOnCha
     cloud = std::make_shared<test::FakeCloudService>();
     const std::string appZone{appZoneName};
     cloud->saveZone(appZone);
-    auto pulled = makeEvent(Uuid::random(), at(2030, 1, 11), "From the cloud", std::nullopt, Schedule::none,
-                            CountMethod::standard);
+    auto pulled = makeEvent(Uuid::random(), at(2030, 1, 11), "From the cloud", std::nullopt,
+                            Schedule::none, CountMethod::standard);
     cloud->saveRecord(recordFromEvent(CloudEvent{RecordId{"rec-1", appZone}, pulled}));
     add("Made offline", at(2031, 1, 1));
     auto inCloud = [&](const std::string& name) {
         repository.waitForSync();
         auto records = cloud->stored(appZone);
-        return std::any_of(records.begin(), records.end(),
-                           [&](const CloudRecord& r) { return eventFromRecord(r).event->name() == name; });
+        return std::any_of(records.begin(), records.end(), [&](const CloudRecord& r) {
+            return eventFromRecord(r).event->name() == name;
+        });
     };
 
     start();
@@ -311,9 +329,10 @@ TEST_F(AppDelegateTest, TheCloudIsPulledBeforeTheFirstTitleAndPushedAtStartOnCha
 
     // A row that another process wrote, with no notice here, goes with the next tick.
     NotificationCenter otherCenter;
-    Repository other(std::make_unique<LocalRepository>(dir / "data", "EventsV1.db", otherCenter, clock));
-    other.insert(*makeEvent(Uuid::random(), at(2031, 3, 3), "Elsewhere", std::nullopt, Schedule::none,
-                            CountMethod::standard));
+    Repository other(
+        std::make_unique<LocalRepository>(dir / "data", "EventsV1.db", otherCenter, clock));
+    other.insert(*makeEvent(Uuid::random(), at(2031, 3, 3), "Elsewhere", std::nullopt,
+                            Schedule::none, CountMethod::standard));
     EXPECT_FALSE(inCloud("Elsewhere"));
     scheduler.fire();
     EXPECT_TRUE(inCloud("Elsewhere"));

@@ -15,7 +15,7 @@ namespace {
 constexpr const char* zone = "Europe/Prague";
 
 class SelectionTest : public testing::Test {
-protected:
+  protected:
     SelectionTest()
         : defaults(dir / "settings.ini"), settings(defaults),
           clock(at(2024, 3, 6, 10)), // a Wednesday, 10:00
@@ -140,8 +140,9 @@ TEST_F(SelectionTest, FixedSelectionFindsItsEventOrTakesTheFirst) {
 
 TEST_F(SelectionTest, NoEventsShowsTheCelebrationAndLeavesTheSelection) {
     test::LogCapture log;
-    for (const Uuid& mode : {DisplayedEventSelection::nextEventId, DisplayedEventSelection::randomEventId,
-                             DisplayedEventSelection::cycleUpcomingEventId, Uuid::random()}) {
+    for (const Uuid& mode :
+         {DisplayedEventSelection::nextEventId, DisplayedEventSelection::randomEventId,
+          DisplayedEventSelection::cycleUpcomingEventId, Uuid::random()}) {
         defaults.setString(Settings::selectedEvent, mode.uuidString());
         item.setTitle("stale");
         EXPECT_EQ(selection.resolveDisplayedEvent(mode), mode);

@@ -47,7 +47,7 @@ template <class F> std::string errorOf(F&& f) {
 }
 
 class ConnectionTest : public ::testing::Test {
-protected:
+  protected:
     test::TempDir dir;
     std::string path = (dir / "test.db").string();
     Sample s;

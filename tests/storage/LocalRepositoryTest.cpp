@@ -31,7 +31,7 @@ std::vector<std::string> names(const std::vector<EventPtr>& events) {
 }
 
 class LocalRepositoryTest : public ::testing::Test {
-protected:
+  protected:
     LocalRepositoryTest() {
         store.connection().run(MigrationManager::createTableStatement(store.events()));
     }

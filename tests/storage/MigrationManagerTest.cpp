@@ -30,7 +30,7 @@ std::string contents(const std::filesystem::path& file) {
 }
 
 class MigrationManagerTest : public ::testing::Test {
-protected:
+  protected:
     Repository& repository() {
         if (!repository_) {
             repository_ = std::make_unique<Repository>(

@@ -1,5 +1,3 @@
-#include "storage/Repository.h"
-
 #include "FakeCloudService.h"
 #include "LogCapture.h"
 #include "StorageTesting.h"
@@ -8,9 +6,10 @@
 #include "platform/Settings.h"
 #include "platform/UserDefaults.h"
 #include "storage/MigrationManager.h"
+#include "storage/Repository.h"
 
-#include <gtest/gtest.h>
 #include <condition_variable>
+#include <gtest/gtest.h>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -28,7 +27,7 @@ namespace {
 const std::string appZone{appZoneName};
 
 class RepositorySync : public ::testing::Test {
-protected:
+  protected:
     RepositorySync() { repository = open(); }
 
     // Another Repository over the same file and the same cloud, as a second process would have.
@@ -51,7 +50,8 @@ protected:
 
     std::vector<std::string> cloudNames() {
         std::vector<std::string> names;
-        for (const auto& r : fake->stored(appZone)) names.push_back(eventOf(r)->name());
+        for (const auto& r : fake->stored(appZone))
+            names.push_back(eventOf(r)->name());
         std::sort(names.begin(), names.end());
         return names;
     }
@@ -75,9 +75,10 @@ TEST_F(RepositorySync, WithoutAnAccountEverythingStaysPending) {
     none.sync();
     none.waitForSync();
     none.finishCloudWork();
-    EXPECT_EQ(log.lines(), (Lines{"No zone found in the cloud, no need to migrate",
-                                  "No cloudkit account available", "Cloud not available for syncing",
-                                  "Cloud not available for syncing"}));
+    EXPECT_EQ(
+        log.lines(),
+        (Lines{"No zone found in the cloud, no need to migrate", "No cloudkit account available",
+               "Cloud not available for syncing", "Cloud not available for syncing"}));
     EXPECT_EQ(none.local().pendingChanges().inserted.size(), 1u);
 }
 
@@ -85,10 +86,12 @@ TEST_F(RepositorySync, PushSendsEachListAndMarksOnlyWhatWentThrough) {
     auto a = event("A", at(2030y / January / 1));
     auto b = event("B", at(2030y / January / 2));
     auto c = event("C", at(2030y / January / 3));
-    for (const auto& e : {a, b, c}) repository->insert(*e);
+    for (const auto& e : {a, b, c})
+        repository->insert(*e);
     const std::string bad = b->id().uuidString();
     fake->setFailureHook([&](const FakeCloudService::Call& call) -> std::optional<std::string> {
-        if (call.op == Op::saveRecord && std::get<std::string>(call.record->fields.at("CD_eventId")) == bad)
+        if (call.op == Op::saveRecord &&
+            std::get<std::string>(call.record->fields.at("CD_eventId")) == bad)
             return "HTTP 503";
         return std::nullopt;
     });
@@ -119,13 +122,15 @@ TEST_F(RepositorySync, PullLogsEachRecordAndKeepsUnpushedLocalEdits) {
     auto same = event("Same", at(2030y / March / 1));
     auto changed = event("Local", at(2030y / March / 2));
     auto edited = event("Edited here", at(2030y / March / 3));
-    for (const auto& e : {same, changed, edited}) repository->insert(*e);
+    for (const auto& e : {same, changed, edited})
+        repository->insert(*e);
     push();
     ASSERT_EQ(fake->stored(appZone).size(), 3u);
     // Another machine changes two records; this one edits the third without pushing it.
     for (auto record : fake->stored(appZone)) {
         auto e = eventOf(record);
-        if (e->id() == same->id()) continue;
+        if (e->id() == same->id())
+            continue;
         record.fields["CD_name"] = std::string("From cloud");
         fake->seed(record);
     }
@@ -156,7 +161,8 @@ TEST_F(RepositorySync, PullLogsEachRecordAndKeepsUnpushedLocalEdits) {
     }
 
     std::map<Uuid, std::string> names;
-    for (const auto& e : repository->fetchAll()) names[e->id()] = e->name();
+    for (const auto& e : repository->fetchAll())
+        names[e->id()] = e->name();
     EXPECT_EQ(names[changed->id()], "From cloud");
     EXPECT_EQ(names[edited->id()], "Edited again");
     EXPECT_EQ(names[fresh->id()], "New");
@@ -168,7 +174,8 @@ TEST_F(RepositorySync, PullLogsEachRecordAndKeepsUnpushedLocalEdits) {
     EXPECT_EQ(fake->stored(appZone).size(), 4u);
     auto keptInCloud = fake->stored(*[&] {
         for (const auto& r : fake->stored(appZone))
-            if (eventOf(r)->id() == edited->id()) return std::optional<RecordId>(r.recordId);
+            if (eventOf(r)->id() == edited->id())
+                return std::optional<RecordId>(r.recordId);
         return std::optional<RecordId>();
     }());
     ASSERT_TRUE(keptInCloud);
@@ -178,7 +185,8 @@ TEST_F(RepositorySync, PullLogsEachRecordAndKeepsUnpushedLocalEdits) {
 TEST_F(RepositorySync, LegacyRecordsArriveUnlinkedAndMoveToTheAppZone) {
     auto old = makeEvent(Uuid::random(), at(2019y / June / 1), "Old", std::nullopt,
                          Schedule::annually, CountMethod::standard);
-    CloudRecord legacy{"CD_Event", RecordId{"legacy-1", std::string(legacyZoneName)},
+    CloudRecord legacy{"CD_Event",
+                       RecordId{"legacy-1", std::string(legacyZoneName)},
                        {{"CD_eventId", old->id().uuidString()},
                         {"CD_name", std::string("Old")},
                         {"CD_date", old->date()},
@@ -199,7 +207,8 @@ TEST_F(RepositorySync, LegacyRecordsArriveUnlinkedAndMoveToTheAppZone) {
     push();
     ASSERT_EQ(fake->stored(appZone).size(), 1u);
     EXPECT_TRUE(repository->local().pendingChanges().inserted.empty());
-    EXPECT_TRUE(fake->stored(RecordId{"legacy-1", std::string(legacyZoneName)})) << "legacy left alone";
+    EXPECT_TRUE(fake->stored(RecordId{"legacy-1", std::string(legacyZoneName)}))
+        << "legacy left alone";
 
     // The next start reads the legacy zone again (the app zone is not remembered until seen)
     // and finds the row unchanged.
@@ -219,7 +228,8 @@ TEST_F(RepositorySync, AFailingLocalWriteEndsThePullKeepingWhatCameBefore) {
         events.push_back(makeEvent(Uuid::random(), at(2030y / May / 1), name, std::nullopt,
                                    Schedule::none, CountMethod::standard));
         // Record names fix the order in which the cloud lists them.
-        fake->seed(recordFromEvent(CloudEvent{RecordId{std::to_string(events.size()), appZone}, events.back()}));
+        fake->seed(recordFromEvent(
+            CloudEvent{RecordId{std::to_string(events.size()), appZone}, events.back()}));
     }
     defaults.setBoolean(Settings::appZoneUsed, true);
     test::LogCapture log;
@@ -243,12 +253,14 @@ TEST_F(RepositorySync, PullEndsWhenTheStoreCannotBeRead) {
     test::LogCapture log;
     repository->populateFromCloud();
     ASSERT_EQ(log.lines().size(), 1u);
-    EXPECT_EQ(log.lines()[0].rfind("Failed to fetch records: no such table", 0), 0u) << log.lines()[0];
+    EXPECT_EQ(log.lines()[0].rfind("Failed to fetch records: no such table", 0), 0u)
+        << log.lines()[0];
 }
 
 TEST_F(RepositorySync, ConcurrentSyncCallsNeverPushARowTwice) {
     constexpr int count = 8;
-    for (int i = 0; i < count; ++i) repository->insert(*event("E" + std::to_string(i), at(2030y / May / 1)));
+    for (int i = 0; i < count; ++i)
+        repository->insert(*event("E" + std::to_string(i), at(2030y / May / 1)));
     // A slow server widens the window in which overlapping passes would both see a row as new.
     fake->setFailureHook([](const FakeCloudService::Call&) -> std::optional<std::string> {
         std::this_thread::sleep_for(milliseconds(2));
@@ -258,10 +270,12 @@ TEST_F(RepositorySync, ConcurrentSyncCallsNeverPushARowTwice) {
     std::vector<std::thread> callers;
     for (int t = 0; t < 4; ++t) {
         callers.emplace_back([&, t] {
-            for (int k = 0; k < 5; ++k) (t % 2 ? *second : *repository).sync();
+            for (int k = 0; k < 5; ++k)
+                (t % 2 ? *second : *repository).sync();
         });
     }
-    for (auto& c : callers) c.join();
+    for (auto& c : callers)
+        c.join();
     repository->waitForSync();
     second->waitForSync();
     EXPECT_EQ(fake->stored(appZone).size(), std::size_t{count});
@@ -331,9 +345,10 @@ TEST_F(RepositorySync, NetworkComingBackLetsTheNextPassTryAgain) {
     push();
     fake->clearFailures();
     push();
-    EXPECT_EQ(log.lines(), (Lines{"Failed to check status of cloud: no route to host",
-                                  "Cloud not available for syncing", "Cloud not available for syncing",
-                                  "Cloud not available for syncing"}));
+    EXPECT_EQ(log.lines(),
+              (Lines{"Failed to check status of cloud: no route to host",
+                     "Cloud not available for syncing", "Cloud not available for syncing",
+                     "Cloud not available for syncing"}));
     repository->networkCameBack();
     push();
     EXPECT_EQ(cloudNames(), Lines{"A"});

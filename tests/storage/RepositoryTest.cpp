@@ -17,7 +17,7 @@ using almanor::test::event;
 namespace {
 
 class RepositoryTest : public ::testing::Test {
-protected:
+  protected:
     RepositoryTest() {
         token =
             center.addObserver(std::string(eventChangeNotification), [this] { ++notifications; });

@@ -12,7 +12,7 @@ namespace almanor::test {
 
 // The texts of the statements a connection runs, as SQLite saw them (before binding).
 class StatementTrace {
-public:
+  public:
     explicit StatementTrace(sql::Connection& connection) : db_(connection.handle()) {
         sqlite3_trace_v2(db_, SQLITE_TRACE_STMT, &StatementTrace::record, this);
     }
@@ -23,7 +23,7 @@ public:
     // The texts since the last call.
     std::vector<std::string> take() { return std::exchange(texts_, {}); }
 
-private:
+  private:
     static int record(unsigned, void* context, void* statement, void*) {
         static_cast<StatementTrace*>(context)->texts_.emplace_back(
             sqlite3_sql(static_cast<sqlite3_stmt*>(statement)));

@@ -54,7 +54,7 @@ inline bool answersHttp(int port) {
 }
 
 class ServerProcess {
-public:
+  public:
     ServerProcess() = default;
     ServerProcess(const ServerProcess&) = delete;
     ServerProcess& operator=(const ServerProcess&) = delete;
@@ -62,20 +62,24 @@ public:
 
     void start(const std::vector<std::string>& args, const std::string& logFile, int port) {
         std::vector<char*> argv;
-        for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        for (const auto& a : args)
+            argv.push_back(const_cast<char*>(a.c_str()));
         argv.push_back(nullptr);
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, logFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        posix_spawn_file_actions_addopen(&actions, 1, logFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0600);
         posix_spawn_file_actions_adddup2(&actions, 1, 2);
-        if (posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
+        if (posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ) != 0)
+            pid_ = -1;
         posix_spawn_file_actions_destroy(&actions);
         port_ = port;
         for (int i = 0; i < 300 && pid_ > 0 && !answersHttp(port); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     void stop() {
-        if (pid_ <= 0) return;
+        if (pid_ <= 0)
+            return;
         ::kill(pid_, SIGTERM);
         int status = 0;
         for (int i = 0; i < 100; ++i) {
@@ -92,48 +96,50 @@ public:
     bool running() const { return pid_ > 0 && answersHttp(port_); }
     int port() const { return port_; }
 
-private:
+  private:
     pid_t pid_ = -1;
     int port_ = 0;
 };
 
 // A server started on a free loopback port, with its own folder; ended with the object.
 class LoopbackServer {
-public:
+  public:
     std::string url() const { return "http://127.0.0.1:" + std::to_string(process_.port()) + "/"; }
     bool running() const { return process_.running(); }
 
-protected:
+  protected:
     TempDir dir_;
     ServerProcess process_;
 };
 
 // Radicale with the user "alice", password "s3cret".
 class RadicaleServer : public LoopbackServer {
-public:
+  public:
     static constexpr const char* user = "alice";
     static constexpr const char* password = "s3cret";
 
     RadicaleServer() {
         const int port = freePort();
         std::ofstream(dir_ / "users") << user << ":" << password << "\n";
-        std::ofstream(dir_ / "config") << "[server]\nhosts = 127.0.0.1:" << port
-                                       << "\n[auth]\ntype = htpasswd\nhtpasswd_filename = " << (dir_ / "users").string()
-                                       << "\nhtpasswd_encryption = plain\ndelay = 0\n[rights]\ntype = owner_only\n"
-                                          "[storage]\nfilesystem_folder = "
-                                       << (dir_ / "collections").string() << "\n[web]\ntype = none\n";
-        process_.start({"/usr/bin/python3", "-m", "radicale", "--config", (dir_ / "config").string()},
-                       (dir_ / "log").string(), port);
+        std::ofstream(dir_ / "config")
+            << "[server]\nhosts = 127.0.0.1:" << port
+            << "\n[auth]\ntype = htpasswd\nhtpasswd_filename = " << (dir_ / "users").string()
+            << "\nhtpasswd_encryption = plain\ndelay = 0\n[rights]\ntype = owner_only\n"
+               "[storage]\nfilesystem_folder = "
+            << (dir_ / "collections").string() << "\n[web]\ntype = none\n";
+        process_.start(
+            {"/usr/bin/python3", "-m", "radicale", "--config", (dir_ / "config").string()},
+            (dir_ / "log").string(), port);
     }
 };
 
 // Xandikos, which takes any credentials.
 class XandikosServer : public LoopbackServer {
-public:
+  public:
     XandikosServer() {
         const int port = freePort();
-        process_.start({"/usr/bin/xandikos", "--defaults", "-d", (dir_ / "data").string(), "-l", "127.0.0.1", "-p",
-                        std::to_string(port)},
+        process_.start({"/usr/bin/xandikos", "--defaults", "-d", (dir_ / "data").string(), "-l",
+                        "127.0.0.1", "-p", std::to_string(port)},
                        (dir_ / "log").string(), port);
     }
 };

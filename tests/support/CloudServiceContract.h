@@ -10,11 +10,10 @@
 #include "cloud/CloudService.h"
 #include "platform/Uuid.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <chrono>
 #include <functional>
+#include <gtest/gtest.h>
 #include <memory>
 #include <string>
 
@@ -28,20 +27,24 @@ struct CloudServiceFactory {
         return info.param.label;
     }
     // Names the parameter in test listings instead of dumping its bytes.
-    friend void PrintTo(const CloudServiceFactory& factory, std::ostream* out) { *out << factory.label; }
+    friend void PrintTo(const CloudServiceFactory& factory, std::ostream* out) {
+        *out << factory.label;
+    }
 };
 
 class CloudServiceContract : public testing::TestWithParam<CloudServiceFactory> {
-protected:
+  protected:
     void SetUp() override { service = GetParam().make(); }
     void TearDown() override {
-        if (service) service->waitForBackgroundWork();
+        if (service)
+            service->waitForBackgroundWork();
     }
 
     // A zone of its own per test, so a shared server's other contents never interfere.
     static std::string freshZone() {
         std::string id = Uuid::random().uuidString();
-        std::transform(id.begin(), id.end(), id.begin(), [](unsigned char c) { return std::tolower(c); });
+        std::transform(id.begin(), id.end(), id.begin(),
+                       [](unsigned char c) { return std::tolower(c); });
         return "contract-" + id;
     }
 
@@ -61,9 +64,11 @@ protected:
         return r;
     }
 
-    static const CloudRecord* find(const std::vector<CloudRecord>& records, const std::string& name) {
+    static const CloudRecord* find(const std::vector<CloudRecord>& records,
+                                   const std::string& name) {
         for (const auto& r : records)
-            if (r.recordId.recordName == name) return &r;
+            if (r.recordId.recordName == name)
+                return &r;
         return nullptr;
     }
 
@@ -75,7 +80,8 @@ TEST_P(CloudServiceContract, ZoneSaveIsIdempotentAndListedWithAnAddress) {
     service->saveZone(zone);
     EXPECT_NO_THROW(service->saveZone(zone));
     auto zones = service->fetchAllZones();
-    auto found = std::count_if(zones.begin(), zones.end(), [&](const RecordZone& z) { return z.name == zone; });
+    auto found = std::count_if(zones.begin(), zones.end(),
+                               [&](const RecordZone& z) { return z.name == zone; });
     EXPECT_EQ(found, 1);
     for (const auto& z : zones)
         if (z.name == zone) {

@@ -18,8 +18,16 @@ namespace almanor::test {
 // saves, deletes of missing records that succeed, batched saves in the background whose refused
 // records are kept for flushUnsent(). Failures are injected per operation.
 class FakeCloudService : public CloudService {
-public:
-    enum class Op { accountStatus, saveZone, fetchAllZones, saveRecord, deleteRecord, modify, query };
+  public:
+    enum class Op {
+        accountStatus,
+        saveZone,
+        fetchAllZones,
+        saveRecord,
+        deleteRecord,
+        modify,
+        query
+    };
 
     // Returns an error description to make the call fail, nullopt to let it through. `record` is
     // set for saveRecord and modify (once per record), `recordId` for deleteRecord; `zone` is
@@ -47,7 +55,8 @@ public:
     // Every call of `op` fails with `message` (until cleared with an empty hook).
     void failAll(Op op, std::string message) {
         setFailureHook([op, message](const Call& c) -> std::optional<std::string> {
-            if (c.op == op) return message;
+            if (c.op == op)
+                return message;
             return std::nullopt;
         });
     }
@@ -69,7 +78,8 @@ public:
     int totalCalls() const {
         std::lock_guard lock(mutex_);
         int n = 0;
-        for (const auto& [op, count] : calls_) n += count;
+        for (const auto& [op, count] : calls_)
+            n += count;
         return n;
     }
     // The records stored in a zone, by record name.
@@ -77,13 +87,15 @@ public:
         std::lock_guard lock(mutex_);
         std::vector<CloudRecord> out;
         for (const auto& [key, record] : records_)
-            if (key.first == zoneName) out.push_back(record);
+            if (key.first == zoneName)
+                out.push_back(record);
         return out;
     }
     std::optional<CloudRecord> stored(const RecordId& id) const {
         std::lock_guard lock(mutex_);
         auto it = records_.find({id.zoneName, id.recordName});
-        if (it == records_.end()) return std::nullopt;
+        if (it == records_.end())
+            return std::nullopt;
         return it->second;
     }
     // Puts a record straight into the store, creating its zone.
@@ -120,7 +132,8 @@ public:
         enter(Call{Op::fetchAllZones});
         std::vector<RecordZone> out;
         for (const auto& z : zones_)
-            if (z != defaultZoneName) out.push_back(RecordZone{z, "memory:/" + z + "/"});
+            if (z != defaultZoneName)
+                out.push_back(RecordZone{z, "memory:/" + z + "/"});
         return out;
     }
 
@@ -129,7 +142,8 @@ public:
         enter(Call{Op::saveRecord, &record});
         requireZone(record.recordId.zoneName);
         auto key = std::pair{record.recordId.zoneName, record.recordId.recordName};
-        if (records_.count(key)) throw CloudError("record " + record.recordId.recordName + " exists");
+        if (records_.count(key))
+            throw CloudError("record " + record.recordId.recordName + " exists");
         records_[key] = record;
         return record;
     }
@@ -162,7 +176,8 @@ public:
         requireZone(zoneName);
         std::vector<CloudRecord> out;
         for (const auto& [key, record] : records_)
-            if (key.first == zoneName && record.recordType == recordType) out.push_back(record);
+            if (key.first == zoneName && record.recordType == recordType)
+                out.push_back(record);
         return out;
     }
 
@@ -170,7 +185,8 @@ public:
         std::lock_guard lock(mutex_);
         auto again = std::move(unsent_);
         unsent_.clear();
-        if (!again.empty()) applyBatch(again);
+        if (!again.empty())
+            applyBatch(again);
     }
 
     void waitForBackgroundWork() override {
@@ -191,7 +207,8 @@ public:
             std::lock_guard lock(mutex_);
             done.swap(workers_);
         }
-        for (auto& t : done) t.join();
+        for (auto& t : done)
+            t.join();
     }
 
     std::vector<CloudRecord> unsentRecords() override {
@@ -199,15 +216,17 @@ public:
         return unsent_;
     }
 
-private:
+  private:
     void enter(const Call& call) {
         ++calls_[call.op];
         if (hook_) {
-            if (auto message = hook_(call)) throw CloudError(*message);
+            if (auto message = hook_(call))
+                throw CloudError(*message);
         }
     }
     void addZone(const std::string& name) {
-        if (std::find(zones_.begin(), zones_.end(), name) == zones_.end()) zones_.push_back(name);
+        if (std::find(zones_.begin(), zones_.end(), name) == zones_.end())
+            zones_.push_back(name);
     }
     void requireZone(const std::string& name) const {
         if (std::find(zones_.begin(), zones_.end(), name) == zones_.end())
@@ -218,8 +237,10 @@ private:
     void applyBatch(const std::vector<CloudRecord>& records) {
         for (const auto& record : records) {
             bool refused = abandon_;
-            if (!refused && hook_) refused = hook_(Call{Op::modify, &record}).has_value();
-            if (!refused && std::find(zones_.begin(), zones_.end(), record.recordId.zoneName) == zones_.end())
+            if (!refused && hook_)
+                refused = hook_(Call{Op::modify, &record}).has_value();
+            if (!refused &&
+                std::find(zones_.begin(), zones_.end(), record.recordId.zoneName) == zones_.end())
                 refused = true;
             if (refused) {
                 auto same = [&](const CloudRecord& r) { return r.recordId == record.recordId; };

@@ -10,7 +10,7 @@ namespace almanor::test {
 
 // Collects the system's log lines while it lives.
 class LogCapture {
-public:
+  public:
     LogCapture() {
         Log::setSink([this](std::string_view line) {
             std::lock_guard lock(mutex_);
@@ -26,7 +26,7 @@ public:
         return lines_;
     }
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::vector<std::string> lines_;
 };

@@ -9,9 +9,10 @@ namespace almanor::test {
 
 // A fresh folder per test, removed afterwards, so tests run in parallel without sharing files.
 class TempDir {
-public:
+  public:
     TempDir() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "almanor-test-XXXXXX").string();
+        std::string pattern =
+            (std::filesystem::temp_directory_path() / "almanor-test-XXXXXX").string();
         if (::mkdtemp(pattern.data()) == nullptr) {
             std::abort();
         }
@@ -29,7 +30,7 @@ public:
     const std::filesystem::path& path() const { return path_; }
     std::filesystem::path operator/(const std::string& child) const { return path_ / child; }
 
-private:
+  private:
     std::filesystem::path path_;
 };
 

@@ -18,7 +18,7 @@ namespace almanor::test {
 using Journal = std::vector<std::string>;
 
 class RecordingMenuPresenter final : public MenuPresenter {
-public:
+  public:
     explicit RecordingMenuPresenter(Journal& journal) : journal_(journal) {}
     void buildMenu(const std::vector<MenuItem>& menu) override {
         journal_.push_back("buildMenu");
@@ -43,14 +43,14 @@ public:
     }
     int rebuilds = 0;
 
-private:
+  private:
     Journal& journal_;
     std::vector<MenuItem> menu_;
     std::vector<MenuItem> rows_;
 };
 
 class RecordingStatusItem final : public StatusItem {
-public:
+  public:
     explicit RecordingStatusItem(Journal& journal) : journal_(journal) {}
     void setTitle(const std::string& title) override {
         journal_.push_back("title " + title);
@@ -63,27 +63,27 @@ public:
     std::vector<std::string> titles;
     std::function<void()> onTitle;
 
-private:
+  private:
     Journal& journal_;
 };
 
 class RecordingStatusBar final : public StatusBar {
-public:
+  public:
     explicit RecordingStatusBar(Journal& journal) : journal_(journal), item(journal) {}
     StatusItem& createStatusItem() override {
         journal_.push_back("createStatusItem");
         return item;
     }
 
-private:
+  private:
     Journal& journal_;
 
-public:
+  public:
     RecordingStatusItem item;
 };
 
 class ManualScheduler final : public Scheduler {
-public:
+  public:
     explicit ManualScheduler(Journal& journal) : journal_(journal) {}
     void scheduleRepeating(double seconds, double slack, std::function<void()> work) override {
         journal_.push_back("schedule");
@@ -96,13 +96,13 @@ public:
     double tolerance = 0;
     std::function<void()> action;
 
-private:
+  private:
     Journal& journal_;
 };
 
 // The main thread is the one that made it; posts wait in a queue until drain().
 class QueueMainThread final : public MainThread {
-public:
+  public:
     bool isCurrent() const override { return std::this_thread::get_id() == owner_; }
     void post(Work work) override {
         std::lock_guard lock(mutex_);
@@ -125,14 +125,14 @@ public:
         }
     }
 
-private:
+  private:
     std::thread::id owner_ = std::this_thread::get_id();
     std::mutex mutex_;
     std::deque<Work> queue_;
 };
 
 class FakeWindow final : public ManageEventsWindow {
-public:
+  public:
     bool isVisible() const override { return visible; }
     void center() override { ++centred; }
     void makeKeyAndOrderFront() override {
@@ -146,7 +146,7 @@ public:
 
 // Login items in memory, with a switch to refuse registration.
 class MemoryLoginItems final : public LoginItemService {
-public:
+  public:
     Status status() const override { return registered ? Status::enabled : Status::notRegistered; }
     void registerItem() override {
         if (refuse) {

@@ -21,10 +21,12 @@ namespace {
 
 constexpr const char* zone = "America/New_York";
 
-Instant at(int y, unsigned m, unsigned d, int h = 0, int min = 0) { return test::localAt(zone, y, m, d, h, min); }
+Instant at(int y, unsigned m, unsigned d, int h = 0, int min = 0) {
+    return test::localAt(zone, y, m, d, h, min);
+}
 
 class WindowTest : public testing::Test {
-protected:
+  protected:
     WindowTest()
         : set(([] {
               ::setenv("TZ", zone, 1);
@@ -37,7 +39,8 @@ protected:
     }
     EventPtr add(std::string name, Instant date, Schedule s = Schedule::none,
                  std::optional<std::string> alias = std::nullopt) {
-        auto e = makeEvent(Uuid::random(), date, std::move(name), std::move(alias), s, CountMethod::standard);
+        auto e = makeEvent(Uuid::random(), date, std::move(name), std::move(alias), s,
+                           CountMethod::standard);
         EXPECT_TRUE(repository.insert(*e));
         return e;
     }
@@ -93,8 +96,8 @@ TEST_F(WindowTest, TheModelReloadsOnTheMainThreadAndSelectionSurvivesAsAnId) {
     ManageEventsState state(model);
     int willChange = 0;
     model.setWillChange([&] { ++willChange; });
-    auto e = makeEvent(Uuid::random(), at(2030, 5, 5), "From a worker", std::nullopt, Schedule::none,
-                       CountMethod::standard);
+    auto e = makeEvent(Uuid::random(), at(2030, 5, 5), "From a worker", std::nullopt,
+                       Schedule::none, CountMethod::standard);
     std::thread([&] { repository.insert(*e); }).join();
     EXPECT_TRUE(model.events().empty()); // not yet: the list changes on the main thread only
     EXPECT_EQ(mainThread.drain(), 1u);
@@ -142,8 +145,11 @@ TEST_F(WindowTest, ConfirmDismissesBeforeDeletingAndCancelNeverDeletes) {
     sheet.confirm();
     EXPECT_EQ(order, (std::vector<std::string>{"dismiss", "dismiss", "delete"}));
     EXPECT_EQ(stored(e->id()), nullptr);
-    auto unnamed = makeEvent(Uuid::random(), at(2030, 5, 5), "", std::nullopt, Schedule::none, CountMethod::standard);
-    EXPECT_EQ(ConfirmDelete(unnamed, [] {}, [](const Event&) {}).question(),
+    auto unnamed = makeEvent(Uuid::random(), at(2030, 5, 5), "", std::nullopt, Schedule::none,
+                             CountMethod::standard);
+    EXPECT_EQ(ConfirmDelete(
+                  unnamed, [] {}, [](const Event&) {})
+                  .question(),
               "Are you sure you want to remove \"\"?");
 }
 

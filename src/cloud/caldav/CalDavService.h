@@ -16,12 +16,13 @@ namespace almanor::caldav {
 // The user's cloud database over a CalDAV server: zones are calendar collections in the user's
 // calendar home, records are event resources "<recordName>.ics".
 class CalDavService : public CloudService {
-public:
+  public:
     using PasswordSource = HttpClient::PasswordSource;
 
     // An empty server stands for "no account": its status is noAccount, every request fails.
     // `password` throws CloudError with the reason when the password cannot be had.
-    CalDavService(std::string server, std::string user, PasswordSource password, Timeouts timeouts = {});
+    CalDavService(std::string server, std::string user, PasswordSource password,
+                  Timeouts timeouts = {});
     ~CalDavService() override;
     CalDavService(const CalDavService&) = delete;
     CalDavService& operator=(const CalDavService&) = delete;
@@ -37,12 +38,13 @@ public:
     CloudRecord saveRecord(const CloudRecord& record) override;
     void deleteRecord(const RecordId& recordId) override;
     void modifyRecords(std::vector<CloudRecord> records, const ModifyOptions& options) override;
-    std::vector<CloudRecord> performQuery(const std::string& recordType, const std::string& zoneName) override;
+    std::vector<CloudRecord> performQuery(const std::string& recordType,
+                                          const std::string& zoneName) override;
     void flushUnsent() override;
     void waitForBackgroundWork() override;
     std::vector<CloudRecord> unsentRecords() override;
 
-private:
+  private:
     const HttpClient& client() const;
     HttpResponse send(HttpRequest request) const;
     HttpResponse propfind(const std::string& url, int depth, const std::string& props) const;

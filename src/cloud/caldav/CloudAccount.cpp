@@ -3,11 +3,10 @@
 #include "cloud/caldav/CalDavService.h"
 #include "platform/UserDefaults.h"
 
-#include <libsecret/secret.h>
-
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <libsecret/secret.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,11 +18,19 @@ namespace almanor {
 namespace {
 
 const SecretSchema* accountSchema() {
-    static const SecretSchema schema = {
-        "com.vostrel.Almanor.CloudAccount",
-        SECRET_SCHEMA_NONE,
-        {{"server", SECRET_SCHEMA_ATTRIBUTE_STRING}, {"user", SECRET_SCHEMA_ATTRIBUTE_STRING}, {nullptr, SECRET_SCHEMA_ATTRIBUTE_STRING}},
-        0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
+    static const SecretSchema schema = {"com.vostrel.Almanor.CloudAccount",
+                                        SECRET_SCHEMA_NONE,
+                                        {{"server", SECRET_SCHEMA_ATTRIBUTE_STRING},
+                                         {"user", SECRET_SCHEMA_ATTRIBUTE_STRING},
+                                         {nullptr, SECRET_SCHEMA_ATTRIBUTE_STRING}},
+                                        0,
+                                        nullptr,
+                                        nullptr,
+                                        nullptr,
+                                        nullptr,
+                                        nullptr,
+                                        nullptr,
+                                        nullptr};
     return &schema;
 }
 
@@ -37,13 +44,16 @@ struct SecretTextDeleter {
 // The one place that turns libsecret's errors into CloudError.
 void check(GError* raw, const char* what) {
     std::unique_ptr<GError, ErrorDeleter> error(raw);
-    if (error) throw CloudError(std::string(what) + ": " + (error->message ? error->message : "unknown keyring error"));
+    if (error)
+        throw CloudError(std::string(what) + ": " +
+                         (error->message ? error->message : "unknown keyring error"));
 }
 
 struct Fd {
     int fd = -1;
     ~Fd() {
-        if (fd >= 0) ::close(fd);
+        if (fd >= 0)
+            ::close(fd);
     }
 };
 
@@ -51,7 +61,8 @@ struct Fd {
 
 std::optional<CloudAccount> CloudAccount::load(const UserDefaults& defaults) {
     auto server = defaults.string(serverKey);
-    if (!server || server->empty()) return std::nullopt;
+    if (!server || server->empty())
+        return std::nullopt;
     CloudAccount account;
     account.server = *server;
     account.user = defaults.string(userKey).value_or("");
@@ -62,8 +73,10 @@ std::optional<CloudAccount> CloudAccount::load(const UserDefaults& defaults) {
 void CloudAccount::store(UserDefaults& defaults) const {
     defaults.setString(serverKey, server);
     defaults.setString(userKey, user);
-    if (passwordCommand.empty()) defaults.remove(passwordCommandKey);
-    else defaults.setString(passwordCommandKey, passwordCommand);
+    if (passwordCommand.empty())
+        defaults.remove(passwordCommandKey);
+    else
+        defaults.setString(passwordCommandKey, passwordCommand);
 }
 
 void CloudAccount::forget(UserDefaults& defaults) {
@@ -73,19 +86,23 @@ void CloudAccount::forget(UserDefaults& defaults) {
 }
 
 std::string CloudAccount::password() const {
-    if (!passwordCommand.empty()) return passwordFromCommand(passwordCommand);
+    if (!passwordCommand.empty())
+        return passwordFromCommand(passwordCommand);
     auto found = keyring::lookupPassword(server, user);
-    if (!found) throw CloudError("no password in the keyring for " + user + " at " + server);
+    if (!found)
+        throw CloudError("no password in the keyring for " + user + " at " + server);
     return *found;
 }
 
 namespace keyring {
 
-void storePassword(const std::string& server, const std::string& user, const std::string& password) {
+void storePassword(const std::string& server, const std::string& user,
+                   const std::string& password) {
     GError* error = nullptr;
     const std::string label = "Almanor cloud account " + user + " at " + server;
-    secret_password_store_sync(accountSchema(), SECRET_COLLECTION_DEFAULT, label.c_str(), password.c_str(), nullptr,
-                               &error, "server", server.c_str(), "user", user.c_str(), nullptr);
+    secret_password_store_sync(accountSchema(), SECRET_COLLECTION_DEFAULT, label.c_str(),
+                               password.c_str(), nullptr, &error, "server", server.c_str(), "user",
+                               user.c_str(), nullptr);
     check(error, "could not store the password in the keyring");
 }
 
@@ -94,13 +111,15 @@ std::optional<std::string> lookupPassword(const std::string& server, const std::
     std::unique_ptr<gchar, SecretTextDeleter> found(secret_password_lookup_sync(
         accountSchema(), nullptr, &error, "server", server.c_str(), "user", user.c_str(), nullptr));
     check(error, "could not read the password from the keyring");
-    if (!found) return std::nullopt;
+    if (!found)
+        return std::nullopt;
     return std::string(found.get());
 }
 
 void removePassword(const std::string& server, const std::string& user) {
     GError* error = nullptr;
-    secret_password_clear_sync(accountSchema(), nullptr, &error, "server", server.c_str(), "user", user.c_str(), nullptr);
+    secret_password_clear_sync(accountSchema(), nullptr, &error, "server", server.c_str(), "user",
+                               user.c_str(), nullptr);
     check(error, "could not remove the password from the keyring");
 }
 
@@ -108,7 +127,8 @@ void removePassword(const std::string& server, const std::string& user) {
 
 std::string passwordFromCommand(const std::string& command) {
     int pipeFds[2];
-    if (::pipe2(pipeFds, O_CLOEXEC) != 0) throw CloudError(std::string("password command: ") + std::strerror(errno));
+    if (::pipe2(pipeFds, O_CLOEXEC) != 0)
+        throw CloudError(std::string("password command: ") + std::strerror(errno));
     Fd readEnd{pipeFds[0]};
     Fd writeEnd{pipeFds[1]};
     posix_spawn_file_actions_t actions;
@@ -116,35 +136,44 @@ std::string passwordFromCommand(const std::string& command) {
     posix_spawn_file_actions_adddup2(&actions, writeEnd.fd, STDOUT_FILENO);
     const char* argv[] = {"sh", "-c", command.c_str(), nullptr};
     pid_t pid = 0;
-    int spawned = posix_spawn(&pid, "/bin/sh", &actions, nullptr, const_cast<char* const*>(argv), environ);
+    int spawned =
+        posix_spawn(&pid, "/bin/sh", &actions, nullptr, const_cast<char* const*>(argv), environ);
     posix_spawn_file_actions_destroy(&actions);
-    if (spawned != 0) throw CloudError(std::string("password command could not start: ") + std::strerror(spawned));
+    if (spawned != 0)
+        throw CloudError(std::string("password command could not start: ") +
+                         std::strerror(spawned));
     ::close(writeEnd.fd);
     writeEnd.fd = -1;
     std::string output;
     char buffer[4096];
     for (;;) {
         ssize_t n = ::read(readEnd.fd, buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
         output.append(buffer, std::size_t(n));
     }
     int status = 0;
     while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
     std::string first = output.substr(0, output.find('\n'));
-    if (!first.empty() && first.back() == '\r') first.pop_back();
+    if (!first.empty() && first.back() == '\r')
+        first.pop_back();
     std::fill(output.begin(), output.end(), '\0');
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
         throw CloudError("the password command failed" +
-                         (WIFEXITED(status) ? " with status " + std::to_string(WEXITSTATUS(status)) : std::string()));
-    if (first.empty()) throw CloudError("the password command printed no password");
+                         (WIFEXITED(status) ? " with status " + std::to_string(WEXITSTATUS(status))
+                                            : std::string()));
+    if (first.empty())
+        throw CloudError("the password command printed no password");
     return first;
 }
 
 std::shared_ptr<CloudService> makeAccountCloudService(UserDefaults& defaults) {
     auto account = CloudAccount::load(defaults);
-    if (!account) return std::make_shared<caldav::CalDavService>(std::string(), std::string(), nullptr);
+    if (!account)
+        return std::make_shared<caldav::CalDavService>(std::string(), std::string(), nullptr);
     return std::make_shared<caldav::CalDavService>(account->server, account->user,
                                                    [a = *account] { return a.password(); });
 }

@@ -2,11 +2,10 @@
 
 #include "cloud/CloudService.h"
 
-#include <curl/curl.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <curl/curl.h>
 #include <memory>
 #include <mutex>
 
@@ -33,13 +32,16 @@ using CurlText = std::unique_ptr<char, CurlTextDeleter>;
 
 // The one place that turns libcurl's result codes into errors.
 void check(CURLcode code, const char* detail = nullptr) {
-    if (code == CURLE_OK) return;
+    if (code == CURLE_OK)
+        return;
     std::string message = curl_easy_strerror(code);
-    if (detail != nullptr && *detail != '\0') message += std::string(": ") + detail;
+    if (detail != nullptr && *detail != '\0')
+        message += std::string(": ") + detail;
     throw CloudError(message);
 }
 void check(CURLUcode code, const std::string& url) {
-    if (code != CURLUE_OK) throw CloudError("not a usable URL: " + url);
+    if (code != CURLUE_OK)
+        throw CloudError("not a usable URL: " + url);
 }
 
 void initOnce() {
@@ -49,13 +51,15 @@ void initOnce() {
 
 std::string part(CURLU* u, CURLUPart which, unsigned flags = 0) {
     char* raw = nullptr;
-    if (curl_url_get(u, which, &raw, flags) != CURLUE_OK) return {};
+    if (curl_url_get(u, which, &raw, flags) != CURLUE_OK)
+        return {};
     CurlText owned(raw);
     return owned.get();
 }
 
 std::string lower(std::string s) {
-    std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return char(std::tolower(c)); });
+    std::transform(s.begin(), s.end(), s.begin(),
+                   [](unsigned char c) { return char(std::tolower(c)); });
     return s;
 }
 
@@ -71,10 +75,15 @@ std::size_t readHeader(char* data, std::size_t size, std::size_t count, void* ta
     if (colon != std::string_view::npos) {
         std::string name = lower(std::string(line.substr(0, colon)));
         std::string_view value = line.substr(colon + 1);
-        while (!value.empty() && (value.front() == ' ' || value.front() == '\t')) value.remove_prefix(1);
-        while (!value.empty() && (value.back() == '\r' || value.back() == '\n' || value.back() == ' ')) value.remove_suffix(1);
-        if (name == "etag") response->etag = value;
-        else if (name == "location") response->location = value;
+        while (!value.empty() && (value.front() == ' ' || value.front() == '\t'))
+            value.remove_prefix(1);
+        while (!value.empty() &&
+               (value.back() == '\r' || value.back() == '\n' || value.back() == ' '))
+            value.remove_suffix(1);
+        if (name == "etag")
+            response->etag = value;
+        else if (name == "location")
+            response->location = value;
     } else if (line.substr(0, 5) == "HTTP/") {
         // A new status line (after a 100 Continue): start the headers afresh.
         response->etag.clear();
@@ -133,7 +142,7 @@ struct HttpClient::HandlePool {
 namespace {
 
 class HandleLease {
-public:
+  public:
     explicit HandleLease(HttpClient::HandlePool& pool) : pool_(pool) {
         {
             std::lock_guard lock(pool_.mutex);
@@ -142,9 +151,12 @@ public:
                 pool_.idle.pop_back();
             }
         }
-        if (handle_) curl_easy_reset(handle_.get()); // options go, connections stay
-        else handle_.reset(curl_easy_init());
-        if (!handle_) throw CloudError("out of memory");
+        if (handle_)
+            curl_easy_reset(handle_.get()); // options go, connections stay
+        else
+            handle_.reset(curl_easy_init());
+        if (!handle_)
+            throw CloudError("out of memory");
     }
     ~HandleLease() {
         std::lock_guard lock(pool_.mutex);
@@ -154,7 +166,7 @@ public:
     HandleLease& operator=(const HandleLease&) = delete;
     CURL* get() const { return handle_.get(); }
 
-private:
+  private:
     HttpClient::HandlePool& pool_;
     EasyPtr handle_;
 };
@@ -164,18 +176,23 @@ private:
 Url Url::parse(const std::string& text) {
     initOnce();
     UrlPtr u(curl_url());
-    if (!u) throw CloudError("out of memory");
+    if (!u)
+        throw CloudError("out of memory");
     check(curl_url_set(u.get(), CURLUPART_URL, text.c_str(), 0), text);
     Url url;
     url.scheme = lower(part(u.get(), CURLUPART_SCHEME));
-    if (url.scheme != "http" && url.scheme != "https") throw CloudError("not an http or https URL: " + text);
-    if (!part(u.get(), CURLUPART_USER).empty()) throw CloudError("a URL must not hold a user name or password");
+    if (url.scheme != "http" && url.scheme != "https")
+        throw CloudError("not an http or https URL: " + text);
+    if (!part(u.get(), CURLUPART_USER).empty())
+        throw CloudError("a URL must not hold a user name or password");
     url.host = lower(part(u.get(), CURLUPART_HOST));
-    if (url.host.size() > 1 && url.host.front() == '[') url.host = url.host.substr(1, url.host.size() - 2);
+    if (url.host.size() > 1 && url.host.front() == '[')
+        url.host = url.host.substr(1, url.host.size() - 2);
     std::string port = part(u.get(), CURLUPART_PORT, CURLU_DEFAULT_PORT);
     url.port = port.empty() ? 0 : std::stoi(port);
     url.path = part(u.get(), CURLUPART_PATH);
-    if (url.path.empty()) url.path.push_back('/'); // not = "/": GCC 12 warns falsely (-Wrestrict) at -O3
+    if (url.path.empty())
+        url.path.push_back('/'); // not = "/": GCC 12 warns falsely (-Wrestrict) at -O3
     return url;
 }
 
@@ -184,31 +201,40 @@ std::string Url::resolve(const std::string& base, const std::string& href) {
     // Some servers send whole URLs percent-encoded ("http%3A//host%3A80/path/").
     std::string target = href;
     std::string decoded = lower(percentDecode(href.substr(0, 16)));
-    if (decoded.rfind("http://", 0) == 0 || decoded.rfind("https://", 0) == 0) target = percentDecode(href);
+    if (decoded.rfind("http://", 0) == 0 || decoded.rfind("https://", 0) == 0)
+        target = percentDecode(href);
     UrlPtr u(curl_url());
-    if (!u) throw CloudError("out of memory");
+    if (!u)
+        throw CloudError("out of memory");
     check(curl_url_set(u.get(), CURLUPART_URL, base.c_str(), 0), base);
     check(curl_url_set(u.get(), CURLUPART_URL, target.c_str(), 0), href);
     return part(u.get(), CURLUPART_URL);
 }
 
-std::string Url::origin() const { return scheme + "://" + host + ":" + std::to_string(port); }
+std::string Url::origin() const {
+    return scheme + "://" + host + ":" + std::to_string(port);
+}
 
 bool Url::isLoopback() const {
-    if (host == "localhost" || host == "::1") return true;
+    if (host == "localhost" || host == "::1")
+        return true;
     return host.rfind("127.", 0) == 0 && host.find_first_not_of("0123456789.") == std::string::npos;
 }
 
 std::string percentDecode(std::string_view text) {
     auto hex = [](char c) -> int {
-        if (c >= '0' && c <= '9') return c - '0';
-        if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-        if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+        if (c >= '0' && c <= '9')
+            return c - '0';
+        if (c >= 'a' && c <= 'f')
+            return c - 'a' + 10;
+        if (c >= 'A' && c <= 'F')
+            return c - 'A' + 10;
         return -1;
     };
     std::string out;
     for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '%' && i + 2 < text.size() + 0 && hex(text[i + 1]) >= 0 && hex(text[i + 2]) >= 0) {
+        if (text[i] == '%' && i + 2 < text.size() + 0 && hex(text[i + 1]) >= 0 &&
+            hex(text[i + 2]) >= 0) {
             out += char(hex(text[i + 1]) * 16 + hex(text[i + 2]));
             i += 2;
         } else {
@@ -239,14 +265,18 @@ std::string lastSegment(const std::string& url) {
         auto slash = path.find('/', scheme + 3);
         path = slash == std::string::npos ? "/" : path.substr(slash);
     }
-    if (auto query = path.find_first_of("?#"); query != std::string::npos) path.resize(query);
-    while (!path.empty() && path.back() == '/') path.pop_back();
+    if (auto query = path.find_first_of("?#"); query != std::string::npos)
+        path.resize(query);
+    while (!path.empty() && path.back() == '/')
+        path.pop_back();
     auto slash = path.rfind('/');
     return percentDecode(slash == std::string::npos ? path : path.substr(slash + 1));
 }
 
-HttpClient::HttpClient(std::string server, std::string user, PasswordSource password, Timeouts timeouts)
-    : server_(std::move(server)), user_(std::move(user)), password_(std::move(password)), timeouts_(timeouts) {
+HttpClient::HttpClient(std::string server, std::string user, PasswordSource password,
+                       Timeouts timeouts)
+    : server_(std::move(server)), user_(std::move(user)), password_(std::move(password)),
+      timeouts_(timeouts) {
     Url url = Url::parse(server_);
     if (url.scheme == "http" && !url.isLoopback())
         throw CloudError("plain http is accepted only for this machine; use https://");
@@ -262,9 +292,10 @@ HttpResponse HttpClient::perform(const HttpRequest& request) const {
 
     {
         std::lock_guard lock(pool_->mutex);
-        if (!pool_->unreachable.empty() && std::chrono::steady_clock::now() - pool_->unreachableAt < unreachableWindow)
-            throw CloudError(request.method + " " + target.origin() + target.path + ": " + pool_->unreachable +
-                             " (not tried again so soon)");
+        if (!pool_->unreachable.empty() &&
+            std::chrono::steady_clock::now() - pool_->unreachableAt < unreachableWindow)
+            throw CloudError(request.method + " " + target.origin() + target.path + ": " +
+                             pool_->unreachable + " (not tried again so soon)");
     }
     HandleLease lease(*pool_);
     CURL* h = lease.get();
@@ -297,13 +328,15 @@ HttpResponse HttpClient::perform(const HttpRequest& request) const {
     SlistPtr headers;
     auto addHeader = [&](const std::string& line) {
         curl_slist* grown = curl_slist_append(headers.get(), line.c_str());
-        if (grown == nullptr) throw CloudError("out of memory");
+        if (grown == nullptr)
+            throw CloudError("out of memory");
         (void)headers.release();
         headers.reset(grown);
     };
     // Servers that never answer "100 Continue" would stall every upload.
     addHeader("Expect:");
-    for (const auto& line : request.headers) addHeader(line);
+    for (const auto& line : request.headers)
+        addHeader(line);
     check(curl_easy_setopt(h, CURLOPT_HTTPHEADER, headers.get()));
 
     Body body{request.body};
@@ -330,8 +363,10 @@ HttpResponse HttpClient::perform(const HttpRequest& request) const {
     }
     if (code != CURLE_OK) {
         std::string detail = errorText;
-        std::string reason = curl_easy_strerror(code) + (detail.empty() ? std::string() : " (" + detail + ")");
-        if (code == CURLE_COULDNT_CONNECT || code == CURLE_COULDNT_RESOLVE_HOST || code == CURLE_OPERATION_TIMEDOUT) {
+        std::string reason =
+            curl_easy_strerror(code) + (detail.empty() ? std::string() : " (" + detail + ")");
+        if (code == CURLE_COULDNT_CONNECT || code == CURLE_COULDNT_RESOLVE_HOST ||
+            code == CURLE_OPERATION_TIMEDOUT) {
             std::lock_guard lock(pool_->mutex);
             pool_->unreachable = curl_easy_strerror(code);
             pool_->unreachableAt = std::chrono::steady_clock::now();

@@ -34,7 +34,7 @@ struct Url {
     std::string scheme; // lower case
     std::string host;   // lower case, without brackets
     int port = 0;
-    std::string path;   // as sent, percent-encoded
+    std::string path; // as sent, percent-encoded
 
     // Throws CloudError for anything but an absolute http(s) URL without user information.
     static Url parse(const std::string& text);
@@ -54,7 +54,7 @@ std::string lastSegment(const std::string& url);
 // Sends requests to one server. The password goes, preemptively as Basic authentication, only
 // to the server's own origin; plain http only to a loopback address; TLS always verified.
 class HttpClient {
-public:
+  public:
     using PasswordSource = std::function<std::string()>;
 
     HttpClient(std::string server, std::string user, PasswordSource password, Timeouts timeouts);
@@ -72,7 +72,7 @@ public:
 
     struct HandlePool;
 
-private:
+  private:
     std::shared_ptr<HandlePool> pool_;
     std::string server_;
     std::string origin_;

@@ -2,14 +2,13 @@
 
 #include "cloud/CloudService.h"
 
-#include <libical/ical.h>
-
 #include <array>
 #include <charconv>
 #include <ctime>
-#include <strings.h>
+#include <libical/ical.h>
 #include <memory>
 #include <mutex>
+#include <strings.h>
 
 namespace almanor::caldav {
 
@@ -27,7 +26,8 @@ using ComponentPtr = std::unique_ptr<icalcomponent, ComponentDeleter>;
 // The one place that turns libical's failure into an error.
 [[noreturn]] void failIcal(const char* what) {
     std::string message = std::string("unreadable event from the server: ") + what;
-    if (icalerrno != ICAL_NO_ERROR) message += std::string(" (") + icalerror_strerror(icalerrno) + ")";
+    if (icalerrno != ICAL_NO_ERROR)
+        message += std::string(" (") + icalerror_strerror(icalerrno) + ")";
     icalerror_clear_errno();
     throw CloudError(message);
 }
@@ -41,10 +41,16 @@ bool isValidUtf8(std::string_view s) {
     std::size_t i = 0;
     while (i < s.size()) {
         auto c = static_cast<unsigned char>(s[i]);
-        std::size_t n = c < 0x80 ? 1 : (c >> 5) == 0x6 ? 2 : (c >> 4) == 0xE ? 3 : (c >> 3) == 0x1E ? 4 : 0;
-        if (n == 0 || i + n > s.size()) return false;
+        std::size_t n = c < 0x80           ? 1
+                        : (c >> 5) == 0x6  ? 2
+                        : (c >> 4) == 0xE  ? 3
+                        : (c >> 3) == 0x1E ? 4
+                                           : 0;
+        if (n == 0 || i + n > s.size())
+            return false;
         for (std::size_t k = 1; k < n; ++k)
-            if ((static_cast<unsigned char>(s[i + k]) >> 6) != 0x2) return false;
+            if ((static_cast<unsigned char>(s[i + k]) >> 6) != 0x2)
+                return false;
         i += n;
     }
     return true;
@@ -55,22 +61,28 @@ bool isValidUtf8(std::string_view s) {
 // pair back into a line break.
 bool fitsText(std::string_view s) {
     for (std::size_t i = 0; i + 1 < s.size(); ++i)
-        if (s[i] == '\\' && (s[i + 1] == 'n' || s[i + 1] == 'N')) return false;
+        if (s[i] == '\\' && (s[i + 1] == 'n' || s[i + 1] == 'N'))
+            return false;
     for (unsigned char c : s)
-        if ((c < 0x20 && c != '\n' && c != '\t') || c == 0x7F) return false;
+        if ((c < 0x20 && c != '\n' && c != '\t') || c == 0x7F)
+            return false;
     return isValidUtf8(s);
 }
 
-constexpr std::string_view base64Alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr std::string_view base64Alphabet =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-unsigned byte(char c) { return static_cast<unsigned char>(c); }
+unsigned byte(char c) {
+    return static_cast<unsigned char>(c);
+}
 
 std::string base64(std::string_view in) {
     std::string out;
     std::size_t i = 0;
     for (; i + 2 < in.size(); i += 3) {
         unsigned v = byte(in[i]) << 16 | byte(in[i + 1]) << 8 | byte(in[i + 2]);
-        for (int s = 18; s >= 0; s -= 6) out += base64Alphabet[(v >> s) & 63];
+        for (int s = 18; s >= 0; s -= 6)
+            out += base64Alphabet[(v >> s) & 63];
     }
     if (i < in.size()) {
         unsigned v = byte(in[i]) << 16 | (i + 1 < in.size() ? byte(in[i + 1]) << 8 : 0u);
@@ -83,7 +95,8 @@ std::string base64(std::string_view in) {
 }
 
 std::optional<std::string> unbase64(std::string_view in) {
-    if (in.size() % 4 != 0) return std::nullopt;
+    if (in.size() % 4 != 0)
+        return std::nullopt;
     std::string out;
     unsigned v = 0;
     int bits = 0;
@@ -91,13 +104,16 @@ std::optional<std::string> unbase64(std::string_view in) {
     for (std::size_t i = 0; i < in.size(); ++i) {
         char c = in[i];
         if (c == '=') {
-            if (i < in.size() - 2) return std::nullopt;
+            if (i < in.size() - 2)
+                return std::nullopt;
             ++pad;
             continue;
         }
-        if (pad != 0) return std::nullopt;
+        if (pad != 0)
+            return std::nullopt;
         auto pos = base64Alphabet.find(c);
-        if (pos == std::string_view::npos) return std::nullopt;
+        if (pos == std::string_view::npos)
+            return std::nullopt;
         v = (v << 6) | unsigned(pos);
         bits += 6;
         if (bits >= 8) {
@@ -111,20 +127,24 @@ std::optional<std::string> unbase64(std::string_view in) {
 std::string propertyName(std::string_view key) {
     std::string name = "X-CD-";
     std::string_view rest = key.substr(0, 3) == "CD_" ? key.substr(3) : key;
-    for (unsigned char c : rest) name += std::isalnum(c) ? char(std::toupper(c)) : '-';
+    for (unsigned char c : rest)
+        name += std::isalnum(c) ? char(std::toupper(c)) : '-';
     return name;
 }
 
 std::string parameterValue(std::string_view key) {
     for (unsigned char c : key)
-        if (c < 0x20 || c == '"' || c == 0x7F) throw CloudError("a field name that iCalendar cannot carry");
+        if (c < 0x20 || c == '"' || c == 0x7F)
+            throw CloudError("a field name that iCalendar cannot carry");
     for (unsigned char c : key)
-        if (c == ';' || c == ':' || c == ',') return "\"" + std::string(key) + "\"";
+        if (c == ';' || c == ':' || c == ',')
+            return "\"" + std::string(key) + "\"";
     return std::string(key);
 }
 
 std::string utcStamp(Instant t) {
-    std::time_t secs = std::chrono::duration_cast<std::chrono::seconds>(t.time_since_epoch()).count();
+    std::time_t secs =
+        std::chrono::duration_cast<std::chrono::seconds>(t.time_since_epoch()).count();
     std::tm tm{};
     gmtime_r(&secs, &tm);
     std::array<char, 32> buf{};
@@ -150,52 +170,65 @@ template <typename T> const T* field(const CloudRecord& record, const char* key)
 std::string recurrenceRule(std::int64_t schedule, const std::tm& day) {
     const int mday = day.tm_mday;
     switch (schedule) {
-    case 1: return std::string("FREQ=WEEKLY;BYDAY=") + weekdays[std::size_t(day.tm_wday)];
+    case 1:
+        return std::string("FREQ=WEEKLY;BYDAY=") + weekdays[std::size_t(day.tm_wday)];
     case 2:
-        if (mday <= 28) return "FREQ=MONTHLY;BYMONTHDAY=" + std::to_string(mday);
+        if (mday <= 28)
+            return "FREQ=MONTHLY;BYMONTHDAY=" + std::to_string(mday);
         return "FREQ=MONTHLY;BYMONTHDAY=" + std::to_string(mday) + ",-1;BYSETPOS=1";
     case 3:
-        if (day.tm_mon == 1 && mday == 29) return "FREQ=YEARLY;BYMONTH=2;BYMONTHDAY=29,-1;BYSETPOS=1";
-        return "FREQ=YEARLY;BYMONTH=" + std::to_string(day.tm_mon + 1) + ";BYMONTHDAY=" + std::to_string(mday);
-    default: return {};
+        if (day.tm_mon == 1 && mday == 29)
+            return "FREQ=YEARLY;BYMONTH=2;BYMONTHDAY=29,-1;BYSETPOS=1";
+        return "FREQ=YEARLY;BYMONTH=" + std::to_string(day.tm_mon + 1) +
+               ";BYMONTHDAY=" + std::to_string(mday);
+    default:
+        return {};
     }
 }
 
 template <typename T> std::optional<T> number(std::string_view s) {
     T value{};
     auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), value);
-    if (ec != std::errc() || end != s.data() + s.size() || s.empty()) return std::nullopt;
+    if (ec != std::errc() || end != s.data() + s.size() || s.empty())
+        return std::nullopt;
     return value;
 }
 
 std::optional<FieldValue> readValue(std::string_view type, std::string_view value) {
-    if (type == "TEXT") return FieldValue(std::string(value));
-    if (type == "EMPTY") return FieldValue(std::string());
+    if (type == "TEXT")
+        return FieldValue(std::string(value));
+    if (type == "EMPTY")
+        return FieldValue(std::string());
     if (type == "BASE64") {
-        if (auto decoded = unbase64(value)) return FieldValue(std::move(*decoded));
+        if (auto decoded = unbase64(value))
+            return FieldValue(std::move(*decoded));
         return std::nullopt;
     }
     if (type == "INTEGER") {
-        if (auto n = number<std::int64_t>(value)) return FieldValue(*n);
+        if (auto n = number<std::int64_t>(value))
+            return FieldValue(*n);
         return std::nullopt;
     }
     if (type == "FLOAT") {
-        if (auto d = number<double>(value)) return FieldValue(*d);
+        if (auto d = number<double>(value))
+            return FieldValue(*d);
         return std::nullopt;
     }
     if (type == "TIMESTAMP") {
-        if (auto ms = number<std::int64_t>(value)) return FieldValue(Instant(std::chrono::milliseconds(*ms)));
+        if (auto ms = number<std::int64_t>(value))
+            return FieldValue(Instant(std::chrono::milliseconds(*ms)));
         return std::nullopt;
     }
     return std::nullopt;
 }
 
 std::string_view parameterOf(icalproperty* property, const char* name) {
-    for (icalparameter* p = icalproperty_get_first_parameter(property, ICAL_X_PARAMETER); p != nullptr;
-         p = icalproperty_get_next_parameter(property, ICAL_X_PARAMETER)) {
+    for (icalparameter* p = icalproperty_get_first_parameter(property, ICAL_X_PARAMETER);
+         p != nullptr; p = icalproperty_get_next_parameter(property, ICAL_X_PARAMETER)) {
         const char* xname = icalparameter_get_xname(p);
         const char* xvalue = icalparameter_get_xvalue(p);
-        if (xname != nullptr && xvalue != nullptr && strcasecmp(xname, name) == 0) return xvalue;
+        if (xname != nullptr && xvalue != nullptr && strcasecmp(xname, name) == 0)
+            return xvalue;
     }
     return {};
 }
@@ -207,11 +240,20 @@ std::string escapeText(std::string_view value) {
     out.reserve(value.size());
     for (char c : value) {
         switch (c) {
-        case '\\': out += "\\\\"; break;
-        case ';': out += "\\;"; break;
-        case ',': out += "\\,"; break;
-        case '\n': out += "\\n"; break;
-        default: out += c;
+        case '\\':
+            out += "\\\\";
+            break;
+        case ';':
+            out += "\\;";
+            break;
+        case ',':
+            out += "\\,";
+            break;
+        case '\n':
+            out += "\\n";
+            break;
+        default:
+            out += c;
         }
     }
     return out;
@@ -223,7 +265,11 @@ std::string foldLine(std::string_view line) {
     std::size_t i = 0;
     while (i < line.size()) {
         auto c = static_cast<unsigned char>(line[i]);
-        std::size_t n = c < 0x80 ? 1 : (c >> 5) == 0x6 ? 2 : (c >> 4) == 0xE ? 3 : (c >> 3) == 0x1E ? 4 : 1;
+        std::size_t n = c < 0x80           ? 1
+                        : (c >> 5) == 0x6  ? 2
+                        : (c >> 4) == 0xE  ? 3
+                        : (c >> 3) == 0x1E ? 4
+                                           : 1;
         n = std::min(n, line.size() - i);
         if (width + n > 75) {
             out += "\r\n ";
@@ -245,19 +291,22 @@ std::string writeRecordCalendar(const CloudRecord& record, Instant now) {
     addLine(out, "UID:" + escapeText(record.recordId.recordName));
     addLine(out, "DTSTAMP:" + utcStamp(now));
     if (const auto* date = field<Instant>(record, "CD_date")) {
-        std::time_t secs = std::chrono::floor<std::chrono::seconds>(*date).time_since_epoch().count();
+        std::time_t secs =
+            std::chrono::floor<std::chrono::seconds>(*date).time_since_epoch().count();
         std::tm day{};
         localtime_r(&secs, &day);
         std::array<char, 16> buf{};
         std::strftime(buf.data(), buf.size(), "%Y%m%d", &day);
         addLine(out, std::string("DTSTART;VALUE=DATE:") + buf.data());
         if (const auto* schedule = field<std::int64_t>(record, "CD_recurring")) {
-            if (std::string rule = recurrenceRule(*schedule, day); !rule.empty()) addLine(out, "RRULE:" + rule);
+            if (std::string rule = recurrenceRule(*schedule, day); !rule.empty())
+                addLine(out, "RRULE:" + rule);
         }
     }
     if (const auto* name = field<std::string>(record, "CD_name")) {
         std::string shown;
-        for (char c : *name) shown += (static_cast<unsigned char>(c) < 0x20 && c != '\n') ? ' ' : c;
+        for (char c : *name)
+            shown += (static_cast<unsigned char>(c) < 0x20 && c != '\n') ? ' ' : c;
         addLine(out, "SUMMARY:" + escapeText(isValidUtf8(shown) ? shown : std::string("?")));
     }
     addLine(out, std::string(recordTypeProperty) + ":" + escapeText(record.recordType));
@@ -266,9 +315,12 @@ std::string writeRecordCalendar(const CloudRecord& record, Instant now) {
         std::string text;
         if (const auto* s = std::get_if<std::string>(&value)) {
             // An empty X- value does not survive a parser, so emptiness is said by the type.
-            if (s->empty()) type = "EMPTY", text = "-";
-            else if (fitsText(*s)) type = "TEXT", text = escapeText(*s);
-            else type = "BASE64", text = base64(*s);
+            if (s->empty())
+                type = "EMPTY", text = "-";
+            else if (fitsText(*s))
+                type = "TEXT", text = escapeText(*s);
+            else
+                type = "BASE64", text = base64(*s);
         } else if (const auto* n = std::get_if<std::int64_t>(&value)) {
             type = "INTEGER", text = std::to_string(*n);
         } else if (const auto* d = std::get_if<double>(&value)) {
@@ -278,8 +330,8 @@ std::string writeRecordCalendar(const CloudRecord& record, Instant now) {
         } else if (const auto* t = std::get_if<Instant>(&value)) {
             type = "TIMESTAMP", text = std::to_string(t->time_since_epoch().count());
         }
-        addLine(out, propertyName(key) + ";" + keyParameter + "=" + parameterValue(key) + ";" + typeParameter + "=" +
-                         type + ":" + text);
+        addLine(out, propertyName(key) + ";" + keyParameter + "=" + parameterValue(key) + ";" +
+                         typeParameter + "=" + type + ":" + text);
     }
     addLine(out, "END:VEVENT");
     addLine(out, "END:VCALENDAR");
@@ -292,11 +344,14 @@ std::optional<CloudRecord> readRecordCalendar(std::string_view text, const std::
     icalerror_clear_errno();
     std::string copy(text); // the parser wants a terminated string
     ComponentPtr root(icalparser_parse_string(copy.c_str()));
-    if (!root) failIcal("not iCalendar");
-    icalcomponent* event = icalcomponent_isa(root.get()) == ICAL_VEVENT_COMPONENT
-                               ? root.get()
-                               : icalcomponent_get_first_component(root.get(), ICAL_VEVENT_COMPONENT);
-    if (event == nullptr) return std::nullopt;
+    if (!root)
+        failIcal("not iCalendar");
+    icalcomponent* event =
+        icalcomponent_isa(root.get()) == ICAL_VEVENT_COMPONENT
+            ? root.get()
+            : icalcomponent_get_first_component(root.get(), ICAL_VEVENT_COMPONENT);
+    if (event == nullptr)
+        return std::nullopt;
 
     CloudRecord record;
     bool typed = false;
@@ -304,24 +359,31 @@ std::optional<CloudRecord> readRecordCalendar(std::string_view text, const std::
          p = icalcomponent_get_next_property(event, ICAL_ANY_PROPERTY)) {
         const icalproperty_kind kind = icalproperty_isa(p);
         if (kind == ICAL_UID_PROPERTY) {
-            if (const char* uid = icalproperty_get_uid(p)) record.recordId.recordName = uid;
+            if (const char* uid = icalproperty_get_uid(p))
+                record.recordId.recordName = uid;
             continue;
         }
-        if (kind != ICAL_X_PROPERTY) continue;
+        if (kind != ICAL_X_PROPERTY)
+            continue;
         const char* name = icalproperty_get_x_name(p);
         const char* value = icalproperty_get_x(p);
-        if (name == nullptr || value == nullptr) continue;
+        if (name == nullptr || value == nullptr)
+            continue;
         if (strcasecmp(name, recordTypeProperty.data()) == 0) {
-            if (value != recordType) return std::nullopt;
+            if (value != recordType)
+                return std::nullopt;
             record.recordType = value;
             typed = true;
             continue;
         }
         std::string_view key = parameterOf(p, keyParameter);
-        if (key.empty()) continue;
-        if (auto v = readValue(parameterOf(p, typeParameter), value)) record.fields[std::string(key)] = std::move(*v);
+        if (key.empty())
+            continue;
+        if (auto v = readValue(parameterOf(p, typeParameter), value))
+            record.fields[std::string(key)] = std::move(*v);
     }
-    if (!typed || record.recordId.recordName.empty()) return std::nullopt;
+    if (!typed || record.recordId.recordName.empty())
+        return std::nullopt;
     record.recordId.zoneName = zoneName;
     return record;
 }

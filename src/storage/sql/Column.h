@@ -10,14 +10,14 @@ namespace almanor::sql {
 
 // What a column is without its value type: its name and its SQL text (the quoted name).
 class ColumnBase {
-public:
+  public:
     explicit ColumnBase(std::string name) : name_(std::move(name)), text_(quoteIdentifier(name_)) {}
 
     const std::string& name() const { return name_; }
     // The column as it is written in statements and in error messages: "name".
     const std::string& text() const { return text_; }
 
-private:
+  private:
     std::string name_;
     std::string text_;
 };
@@ -44,7 +44,7 @@ template <class T> Default(T) -> Default<T>;
 
 // A column of a table with the value type that fixes its SQL type and encoding.
 template <class T> class Column : public ColumnBase {
-public:
+  public:
     using Traits = ValueTraits<T>;
     using Value = T;
 
@@ -64,7 +64,7 @@ public:
         return {text(), Traits::literal(value), std::nullopt};
     }
 
-private:
+  private:
     ColumnDefinition define(bool isPrimaryKey, const typename Traits::Base* defaultValue) const {
         std::string out = text();
         out += ' ';

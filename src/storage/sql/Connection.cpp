@@ -96,7 +96,9 @@ Connection::DatabaseLock::DatabaseLock(sqlite3* db) : db_(db) {
     sqlite3_mutex_enter(sqlite3_db_mutex(db_));
 }
 
-Connection::DatabaseLock::~DatabaseLock() { sqlite3_mutex_leave(sqlite3_db_mutex(db_)); }
+Connection::DatabaseLock::~DatabaseLock() {
+    sqlite3_mutex_leave(sqlite3_db_mutex(db_));
+}
 
 void Connection::run(const Statement& statement) {
     sync([&] {

@@ -35,7 +35,7 @@ template <class T> struct ColumnIndex {
 
 // The current row of a result. Valid until the result steps again.
 class Row {
-public:
+  public:
     enum class Storage { integer, real, text, blob, null };
 
     template <class T> T get(const Column<T>& column) const;
@@ -49,7 +49,7 @@ public:
     // Valid until the row steps on.
     std::string_view text(int index) const;
 
-private:
+  private:
     friend class Rows;
     explicit Row(const Rows& rows) : rows_(rows) {}
     const Rows& rows_;
@@ -60,7 +60,7 @@ private:
 // directly instead of deadlocking), and the handle is opened in full-mutex mode as well, so the
 // connection may be used from any thread.
 class Connection {
-public:
+  public:
     // The command line and the tray write the same file; a writer waits this long for the other
     // to finish instead of failing at once with "database is locked".
     static constexpr int busyTimeoutMilliseconds = 5000;
@@ -72,13 +72,13 @@ public:
     Connection& operator=(const Connection&) = delete;
 
     class DatabaseLock {
-    public:
+      public:
         explicit DatabaseLock(sqlite3* db);
         ~DatabaseLock();
         DatabaseLock(const DatabaseLock&) = delete;
         DatabaseLock& operator=(const DatabaseLock&) = delete;
 
-    private:
+      private:
         sqlite3* db_;
     };
 
@@ -101,7 +101,7 @@ public:
     // For inspection (tracing in tests); statements go through run and prepare.
     sqlite3* handle() const { return handle_.get(); }
 
-private:
+  private:
     friend class Rows;
     ConnectionHandle handle_;
     std::recursive_mutex queue_;
@@ -110,7 +110,7 @@ private:
 // The rows of one prepared query, stepped through in order: range-for or next() and row().
 // Neither copyable nor movable: rows read from it refer back to it.
 class Rows {
-public:
+  public:
     Rows(Connection& connection, const Statement& statement);
     ~Rows();
     Rows(const Rows&) = delete;
@@ -153,7 +153,7 @@ public:
     Iterator begin() { return next() ? Iterator(this) : Iterator(nullptr); }
     std::default_sentinel_t end() const { return {}; }
 
-private:
+  private:
     friend class Row;
     Connection& connection_;
     std::string text_;

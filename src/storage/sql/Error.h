@@ -13,7 +13,7 @@ namespace almanor::sql {
 // raised by this layer itself rather than by SQLite (a NULL read into a non-optional value, a
 // missing column, text that is not a date) have code 0 and describe themselves by message alone.
 class Error : public std::runtime_error {
-public:
+  public:
     Error(std::string message, int code, std::string statement = {});
     explicit Error(std::string message) : Error(std::move(message), 0) {}
 
@@ -21,7 +21,7 @@ public:
     int code() const { return code_; }
     const std::string& statement() const { return statement_; }
 
-private:
+  private:
     std::string message_;
     int code_;
     std::string statement_;

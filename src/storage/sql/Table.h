@@ -18,7 +18,7 @@ struct Statement {
 
 // A table by name; builds the statements the store runs against it.
 class Table {
-public:
+  public:
     explicit Table(std::string name) : name_(std::move(name)), text_(quoteIdentifier(name_)) {}
 
     const std::string& name() const { return name_; }
@@ -39,7 +39,7 @@ public:
     // UPDATE "t" SET "c1" = ?, "c2" = ? WHERE condition
     Statement update(const std::vector<Setter>& values, const Expression& where) const;
 
-private:
+  private:
     std::string name_;
     std::string text_;
 };

@@ -6,7 +6,9 @@ namespace almanor {
 
 GlibMainThread::GlibMainThread() : owner_(std::this_thread::get_id()) {}
 
-bool GlibMainThread::isCurrent() const { return std::this_thread::get_id() == owner_; }
+bool GlibMainThread::isCurrent() const {
+    return std::this_thread::get_id() == owner_;
+}
 
 void GlibMainThread::post(Work work) {
     auto* heap = new Work(std::move(work));
@@ -25,7 +27,8 @@ GlibScheduler::~GlibScheduler() {
     }
 }
 
-void GlibScheduler::scheduleRepeating(double intervalSeconds, double, std::function<void()> action) {
+void GlibScheduler::scheduleRepeating(double intervalSeconds, double,
+                                      std::function<void()> action) {
     action_ = std::move(action);
     source_ = g_timeout_add_seconds(
         static_cast<guint>(intervalSeconds),
@@ -46,22 +49,23 @@ FileWatch::FileWatch(const std::filesystem::path& file, std::function<void()> ch
         return;
     }
     g_file_monitor_set_rate_limit(monitor_, 200);
-    g_signal_connect(monitor_, "changed",
-                     G_CALLBACK(+[](GFileMonitor*, GFile*, GFile*, GFileMonitorEvent event, gpointer data) {
-                         switch (event) {
-                         case G_FILE_MONITOR_EVENT_CHANGES_DONE_HINT:
-                         case G_FILE_MONITOR_EVENT_CREATED:
-                         case G_FILE_MONITOR_EVENT_DELETED:
-                         case G_FILE_MONITOR_EVENT_RENAMED:
-                         case G_FILE_MONITOR_EVENT_MOVED_IN:
-                         case G_FILE_MONITOR_EVENT_CHANGED:
-                             static_cast<FileWatch*>(data)->changed_();
-                             break;
-                         default:
-                             break;
-                         }
-                     }),
-                     this);
+    g_signal_connect(
+        monitor_, "changed",
+        G_CALLBACK(+[](GFileMonitor*, GFile*, GFile*, GFileMonitorEvent event, gpointer data) {
+            switch (event) {
+            case G_FILE_MONITOR_EVENT_CHANGES_DONE_HINT:
+            case G_FILE_MONITOR_EVENT_CREATED:
+            case G_FILE_MONITOR_EVENT_DELETED:
+            case G_FILE_MONITOR_EVENT_RENAMED:
+            case G_FILE_MONITOR_EVENT_MOVED_IN:
+            case G_FILE_MONITOR_EVENT_CHANGED:
+                static_cast<FileWatch*>(data)->changed_();
+                break;
+            default:
+                break;
+            }
+        }),
+        this);
 }
 
 FileWatch::~FileWatch() {
@@ -80,8 +84,8 @@ WakeWatch::WakeWatch(std::function<void()> woke) : woke_(std::move(woke)) {
     subscription_ = g_dbus_connection_signal_subscribe(
         bus_, "org.freedesktop.login1", "org.freedesktop.login1.Manager", "PrepareForSleep",
         "/org/freedesktop/login1", nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
-        [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* parameters,
-           gpointer data) {
+        [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
+           GVariant* parameters, gpointer data) {
             gboolean sleeping = TRUE;
             if (g_variant_is_of_type(parameters, G_VARIANT_TYPE("(b)"))) {
                 g_variant_get(parameters, "(b)", &sleeping);

@@ -14,35 +14,36 @@ namespace almanor {
 
 // The main thread is the one running GLib's default main context.
 class GlibMainThread final : public MainThread {
-public:
+  public:
     GlibMainThread();
     bool isCurrent() const override;
     void post(Work work) override;
 
-private:
+  private:
     std::thread::id owner_;
 };
 
 // Seconds-granularity timeouts, so the main loop can coalesce the tray's wake-ups with others.
 class GlibScheduler final : public Scheduler {
-public:
+  public:
     ~GlibScheduler() override;
-    void scheduleRepeating(double intervalSeconds, double toleranceSeconds, std::function<void()> action) override;
+    void scheduleRepeating(double intervalSeconds, double toleranceSeconds,
+                           std::function<void()> action) override;
 
-private:
+  private:
     unsigned source_ = 0;
     std::function<void()> action_;
 };
 
 // Calls `changed` when the file is written, created, replaced or removed (inotify, no polling).
 class FileWatch {
-public:
+  public:
     FileWatch(const std::filesystem::path& file, std::function<void()> changed);
     ~FileWatch();
     FileWatch(const FileWatch&) = delete;
     FileWatch& operator=(const FileWatch&) = delete;
 
-private:
+  private:
     GFileMonitor* monitor_ = nullptr;
     std::function<void()> changed_;
 };
@@ -50,13 +51,13 @@ private:
 // Calls `woke` when the system resumes from suspend (logind's PrepareForSleep(false) on the system
 // bus); does nothing where there is no system bus.
 class WakeWatch {
-public:
+  public:
     explicit WakeWatch(std::function<void()> woke);
     ~WakeWatch();
     WakeWatch(const WakeWatch&) = delete;
     WakeWatch& operator=(const WakeWatch&) = delete;
 
-private:
+  private:
     GDBusConnection* bus_ = nullptr;
     unsigned subscription_ = 0;
     std::function<void()> woke_;

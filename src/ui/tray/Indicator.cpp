@@ -20,7 +20,8 @@ Indicator::~Indicator() {
 }
 
 StatusItem& Indicator::createStatusItem() {
-    indicator_ = app_indicator_new(applicationId, applicationId, APP_INDICATOR_CATEGORY_APPLICATION_STATUS);
+    indicator_ =
+        app_indicator_new(applicationId, applicationId, APP_INDICATOR_CATEGORY_APPLICATION_STATUS);
     if (!iconThemePath_.empty()) {
         app_indicator_set_icon_theme_path(indicator_, iconThemePath_.c_str());
     }
@@ -41,7 +42,8 @@ void Indicator::setTitle(const std::string& title) {
 
 GtkMenuPresenter::GtkMenuPresenter(Actions actions) : actions_(std::move(actions)) {}
 
-std::unique_ptr<Gtk::MenuItem> GtkMenuPresenter::makeItem(const MenuItem& item, std::function<void()> clicked) {
+std::unique_ptr<Gtk::MenuItem> GtkMenuPresenter::makeItem(const MenuItem& item,
+                                                          std::function<void()> clicked) {
     std::unique_ptr<Gtk::MenuItem> widget;
     if (item.separator) {
         widget = std::make_unique<Gtk::SeparatorMenuItem>();

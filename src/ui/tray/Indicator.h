@@ -15,7 +15,7 @@ namespace almanor {
 // The status item in the panel: an application indicator whose label is the title. Panels that
 // show no labels get the same text as the indicator's title and accessible description.
 class Indicator final : public StatusBar, public StatusItem {
-public:
+  public:
     // `iconThemePath`: a folder holding hicolor/ icons, for runs from the build tree; empty when
     // the icon is installed.
     Indicator(Gtk::Menu& menu, const std::filesystem::path& iconThemePath);
@@ -25,7 +25,7 @@ public:
     void setTitle(const std::string& title) override;
     void setTag(std::size_t tag) override { tag_ = tag; }
 
-private:
+  private:
     AppIndicator* indicator_ = nullptr;
     Gtk::Menu& menu_;
     std::filesystem::path iconThemePath_;
@@ -35,11 +35,11 @@ private:
 // Draws the delegate's menus as GTK menus and forwards clicks to it. Labels are shown as they are
 // (no mnemonics), rows without an action are insensitive, rows that can be marked are check items.
 class GtkMenuPresenter final : public MenuPresenter {
-public:
+  public:
     struct Actions {
         std::function<void()> manageEvents;
         std::function<void(std::size_t)> updateSelectedEvent; // index in the events menu
-        std::function<void(std::size_t)> toggleLaunchAtLogin;  // index in the top menu
+        std::function<void(std::size_t)> toggleLaunchAtLogin; // index in the top menu
         std::function<void()> quit;
         // The delegate's rows after a click, whose marks the check items must show.
         std::function<const std::vector<MenuItem>&()> eventsMenu;
@@ -55,9 +55,10 @@ public:
     void setEventsMenuState(std::size_t index, bool on) override;
     void setMenuState(std::size_t index, bool on) override;
 
-private:
+  private:
     std::unique_ptr<Gtk::MenuItem> makeItem(const MenuItem& item, std::function<void()> clicked);
-    void showMarks(std::vector<std::unique_ptr<Gtk::MenuItem>>& items, const std::vector<MenuItem>& rows);
+    void showMarks(std::vector<std::unique_ptr<Gtk::MenuItem>>& items,
+                   const std::vector<MenuItem>& rows);
 
     Actions actions_;
     Gtk::Menu menu_;

@@ -38,7 +38,8 @@ std::filesystem::path iconThemePath(const std::filesystem::path& self) {
 
 // The almanor that login should start: the one that started this tray, else the one beside it.
 std::filesystem::path almanorProgram(const std::filesystem::path& self) {
-    if (const char* launcher = std::getenv("ALMANOR_LAUNCHER"); launcher != nullptr && *launcher != '\0') {
+    if (const char* launcher = std::getenv("ALMANOR_LAUNCHER");
+        launcher != nullptr && *launcher != '\0') {
         return launcher;
     }
     return self.parent_path() / "almanor";
@@ -69,7 +70,8 @@ struct Tray {
             scheduler,
             [this]() -> std::unique_ptr<ManageEventsWindow> {
                 auto window = std::make_unique<ManageEventsWindowGtk>(
-                    Repository::shared(), NotificationCenter::defaultCenter(), mainThread, SystemClock::shared());
+                    Repository::shared(), NotificationCenter::defaultCenter(), mainThread,
+                    SystemClock::shared());
                 application->add_window(window->window());
                 return window;
             },
@@ -88,19 +90,22 @@ struct Tray {
         delegate->applicationDidFinishLaunching();
         // The watches wait until the first title is out: they cost start-up time (the network
         // monitor loads GIO's modules) and nothing can change before the main loop runs anyway.
-        Glib::signal_idle().connect_once([this] {
-            // Changes that other processes write (the command line, a script) are followed through
-            // the files themselves; the delegate tells them from this process's own.
-            storeWatch.emplace(paths::databaseDirectory() / paths::databaseFileName,
-                               [this] { delegate->storeChangedOnDisk(); });
-            settingsWatch.emplace(UserDefaults::standard().file(), [this] { delegate->settingsChangedOnDisk(); });
-            wakeWatch.emplace([this] { delegate->systemDidWake(); });
-            // A cloud that could not be reached is asked again once the network is back.
-            network.emplace([] { Repository::shared().networkCameBack(); });
-            // A change written between the first title and now is not missed.
-            delegate->storeChangedOnDisk();
-            delegate->settingsChangedOnDisk();
-        }, Glib::PRIORITY_LOW);
+        Glib::signal_idle().connect_once(
+            [this] {
+                // Changes that other processes write (the command line, a script) are followed
+                // through the files themselves; the delegate tells them from this process's own.
+                storeWatch.emplace(paths::databaseDirectory() / paths::databaseFileName,
+                                   [this] { delegate->storeChangedOnDisk(); });
+                settingsWatch.emplace(UserDefaults::standard().file(),
+                                      [this] { delegate->settingsChangedOnDisk(); });
+                wakeWatch.emplace([this] { delegate->systemDidWake(); });
+                // A cloud that could not be reached is asked again once the network is back.
+                network.emplace([] { Repository::shared().networkCameBack(); });
+                // A change written between the first title and now is not missed.
+                delegate->storeChangedOnDisk();
+                delegate->settingsChangedOnDisk();
+            },
+            Glib::PRIORITY_LOW);
     }
 
     Glib::RefPtr<Gtk::Application> application;
@@ -127,7 +132,8 @@ int main(int argc, char** argv) {
         self = argv[0];
     }
     // The user's calendar server, when `almanor cloud login` has named one; else no account.
-    Repository::setCloudServiceProvider([] { return makeAccountCloudService(UserDefaults::standard()); });
+    Repository::setCloudServiceProvider(
+        [] { return makeAccountCloudService(UserDefaults::standard()); });
     // Neither the panel item nor the window draws with OpenGL, but GTK's X11 backend probes GLX
     // for its visuals at start, which loads the graphics driver (and with Mesa, LLVM): some
     // 50 MB and tens of milliseconds for nothing. A value the user set is left alone.

@@ -7,7 +7,8 @@
 
 namespace almanor {
 
-const std::array<std::string_view, 4> EventEditor::scheduleChoices{"None", "Weekly", "Monthly", "Annually"};
+const std::array<std::string_view, 4> EventEditor::scheduleChoices{"None", "Weekly", "Monthly",
+                                                                   "Annually"};
 const std::array<std::string_view, 4> EventEditor::countChoices{
     "Every day", "Exclude weekends", "Adjust weekend date to the Friday before",
     "Adjust weekend date to the Monday after"};
@@ -17,9 +18,11 @@ std::string_view EventEditor::countHelp(CountMethod method) {
     case CountMethod::excludeWeekends:
         return "Count only weekdays (Mon - Fri) until/since the event date.\n ";
     case CountMethod::weekendUsesFridayBefore:
-        return "When a recurring event date falls on a weekend, count \nuntil/from the Friday immediately before.";
+        return "When a recurring event date falls on a weekend, count \nuntil/from the Friday "
+               "immediately before.";
     case CountMethod::weekendUsesMondayAfter:
-        return "When a recurring event date falls on a weekend, count \nuntil/from the Monday immediately after.";
+        return "When a recurring event date falls on a weekend, count \nuntil/from the Monday "
+               "immediately after.";
     case CountMethod::standard:
         break;
     }
@@ -60,11 +63,13 @@ void EventEditor::setDay(const DayCalendar& calendar, int year, int month, int d
     using namespace std::chrono;
     LocalTime wall = calendar.localTime(date_);
     auto timeOfDay = wall - floor<days>(wall);
-    auto chosen = local_days(std::chrono::year(year) / std::chrono::month(unsigned(month)) / unsigned(day));
+    auto chosen =
+        local_days(std::chrono::year(year) / std::chrono::month(unsigned(month)) / unsigned(day));
     setDate(calendar.instant(LocalTime(chosen.time_since_epoch() + timeOfDay)));
 }
 
-void EventEditor::setDateText(const DateText& dates, const DayCalendar& calendar, std::string_view text) {
+void EventEditor::setDateText(const DateText& dates, const DayCalendar& calendar,
+                              std::string_view text) {
     int y = 0, m = 0, d = 0;
     if (dates.parseDay(text, y, m, d)) {
         setDay(calendar, y, m, d);
@@ -94,8 +99,9 @@ void EventEditor::checkDirty() {
         return;
     }
     std::string alias = trimmed(alias_);
-    dirty_ = name != event_->name() || alias != event_->alias().value_or("") || date_ != event_->date() ||
-             schedule_ != event_->schedule() || countMethod_ != event_->countMethod();
+    dirty_ = name != event_->name() || alias != event_->alias().value_or("") ||
+             date_ != event_->date() || schedule_ != event_->schedule() ||
+             countMethod_ != event_->countMethod();
 }
 
 bool EventEditor::save(const std::function<void()>& closeSheet) {

@@ -17,7 +17,7 @@ class Repository;
 // The event form's working copy and its rules, apart from the widgets: nothing reaches the event
 // until it is saved. Add mode has no event; edit mode edits the shared event itself on save.
 class EventEditor {
-public:
+  public:
     // Add mode: starts at the current instant.
     EventEditor(Repository& repository, const Clock& clock);
     // Edit mode.
@@ -66,7 +66,7 @@ public:
     // The title of an event: its name, " - " and its date as "MMM d, yyyy".
     static std::string titleOf(const Event& event, const DateText& dates);
 
-private:
+  private:
     void checkDirty();
 
     Repository& repository_;

@@ -1,21 +1,24 @@
 #include "ui/window/EventsModel.h"
 
-#include <algorithm>
-
 #include "platform/Fatal.h"
 #include "storage/LocalRepository.h"
 #include "storage/Repository.h"
 
+#include <algorithm>
+
 namespace almanor {
 
 Model::Model(Repository& repository, NotificationCenter& center, MainThread& mainThread)
-    : repository_(repository), center_(center), mainThread_(mainThread), events_(repository.fetchAll()) {
+    : repository_(repository), center_(center), mainThread_(mainThread),
+      events_(repository.fetchAll()) {
     // The store posts on whichever thread wrote; the list may only change on the main thread.
     observer_ = center_.addObserver(std::string(eventChangeNotification),
                                     [this] { mainThread_.run([this] { reload(); }); });
 }
 
-Model::~Model() { center_.removeObserver(observer_); }
+Model::~Model() {
+    center_.removeObserver(observer_);
+}
 
 void Model::reload() {
     auto events = repository_.fetchAll();
@@ -76,11 +79,14 @@ void ManageEventsState::pressAdd() {
     showAdd_ = true;
 }
 
-void ManageEventsState::pressDelete() { showDelete_ = selectedEvent() != nullptr; }
+void ManageEventsState::pressDelete() {
+    showDelete_ = selectedEvent() != nullptr;
+}
 
 ConfirmDelete::ConfirmDelete(EventPtr event, std::function<void()> dismiss,
                              std::function<void(const Event&)> performDelete)
-    : event_(std::move(event)), dismiss_(std::move(dismiss)), performDelete_(std::move(performDelete)) {
+    : event_(std::move(event)), dismiss_(std::move(dismiss)),
+      performDelete_(std::move(performDelete)) {
     if (!event_) {
         // The "-" button opens the sheet only for an event that exists.
         fatalError("Almanor/ConfirmDeleteSheet", __LINE__, "No event to delete");

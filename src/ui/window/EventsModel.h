@@ -17,7 +17,7 @@ class Repository;
 // The management window's list: every live event in the repository's order, reloaded on each
 // change notification. The list changes only on the main thread, where the views read it.
 class Model {
-public:
+  public:
     using Listener = std::function<void()>;
 
     Model(Repository& repository, NotificationCenter& center, MainThread& mainThread);
@@ -35,7 +35,7 @@ public:
 
     EventPtr find(const std::optional<Uuid>& id) const;
 
-private:
+  private:
     Repository& repository_;
     NotificationCenter& center_;
     MainThread& mainThread_;
@@ -67,7 +67,7 @@ std::string versionText(std::string_view version);
 
 // What the window shows and which sheet is up, apart from the widgets.
 class ManageEventsState {
-public:
+  public:
     explicit ManageEventsState(const Model& model) : model_(model) {}
 
     const std::optional<Uuid>& selection() const { return selection_; }
@@ -85,7 +85,7 @@ public:
     void dismissAdd() { showAdd_ = false; }
     void dismissDelete() { showDelete_ = false; }
 
-private:
+  private:
     const Model& model_;
     std::optional<Uuid> selection_;
     bool showAdd_ = false;
@@ -95,15 +95,16 @@ private:
 // The delete confirmation: "Confirm" dismisses the sheet first, then deletes, so the sheet is gone
 // before the store changes and the list reloads.
 class ConfirmDelete {
-public:
-    ConfirmDelete(EventPtr event, std::function<void()> dismiss, std::function<void(const Event&)> performDelete);
+  public:
+    ConfirmDelete(EventPtr event, std::function<void()> dismiss,
+                  std::function<void(const Event&)> performDelete);
 
     // Are you sure you want to remove "<name>"?
     std::string question() const;
     void cancel() { dismiss_(); }
     void confirm();
 
-private:
+  private:
     EventPtr event_;
     std::function<void()> dismiss_;
     std::function<void(const Event&)> performDelete_;

@@ -11,20 +11,20 @@
 #include <gtkmm/builder.h>
 #include <gtkmm/button.h>
 #include <gtkmm/calendar.h>
+#include <gtkmm/cellrenderertext.h>
 #include <gtkmm/comboboxtext.h>
 #include <gtkmm/cssprovider.h>
 #include <gtkmm/dialog.h>
 #include <gtkmm/entry.h>
 #include <gtkmm/label.h>
-#include <gtkmm/cellrenderertext.h>
-#include <gtkmm/scrolledwindow.h>
-#include <gtkmm/treestore.h>
-#include <gtkmm/treeview.h>
 #include <gtkmm/menubutton.h>
 #include <gtkmm/popover.h>
 #include <gtkmm/radiobutton.h>
+#include <gtkmm/scrolledwindow.h>
 #include <gtkmm/stack.h>
 #include <gtkmm/stylecontext.h>
+#include <gtkmm/treestore.h>
+#include <gtkmm/treeview.h>
 #include <gtkmm/window.h>
 #include <stdexcept>
 
@@ -62,7 +62,7 @@ void installStyle() {
 
 // The event form: the plain editor's working copy, drawn and fed by GTK widgets.
 class EditorView {
-public:
+  public:
     EditorView(std::unique_ptr<EventEditor> editor, std::function<void()> closeSheet)
         : editor_(std::move(editor)), closeSheet_(std::move(closeSheet)),
           builder_(Gtk::Builder::create_from_resource(std::string(resources) + "editor.ui")) {
@@ -78,7 +78,8 @@ public:
         save_ = widget<Gtk::Button>(builder_, "save");
         auto* cancel = widget<Gtk::Button>(builder_, "cancel");
         widget<Gtk::Label>(builder_, "alias-help")->set_text(std::string(EventEditor::aliasHelp));
-        const char* scheduleIds[] = {"schedule-none", "schedule-weekly", "schedule-monthly", "schedule-annually"};
+        const char* scheduleIds[] = {"schedule-none", "schedule-weekly", "schedule-monthly",
+                                     "schedule-annually"};
         for (std::size_t i = 0; i < 4; ++i) {
             schedules_[i] = widget<Gtk::RadioButton>(builder_, scheduleIds[i]);
         }
@@ -149,7 +150,7 @@ public:
     EventEditor& editor() { return *editor_; }
     Gtk::Button& saveButton() { return *save_; }
 
-private:
+  private:
     void showDate() {
         showingDate_ = true;
         date_->set_text(dates_.shortDate(editor_->date()));
@@ -240,8 +241,12 @@ struct ManageEventsWindowGtk::Impl {
         auto* scroll = widget<Gtk::ScrolledWindow>(builder, "list-scroll");
         detail = widget<Gtk::Stack>(builder, "detail");
         widget<Gtk::Label>(builder, "version")->set_text(versionText(ALMANOR_VERSION));
-        widget<Gtk::Button>(builder, "add-button")->signal_clicked().connect([this] { pressAdd(); });
-        widget<Gtk::Button>(builder, "delete-button")->signal_clicked().connect([this] { pressDelete(); });
+        widget<Gtk::Button>(builder, "add-button")->signal_clicked().connect([this] {
+            pressAdd();
+        });
+        widget<Gtk::Button>(builder, "delete-button")->signal_clicked().connect([this] {
+            pressDelete();
+        });
         // Closing keeps the window for the next "Manage Events".
         window->signal_delete_event().connect([this](GdkEventAny*) {
             window->hide();
@@ -263,7 +268,8 @@ struct ManageEventsWindowGtk::Impl {
         alias->property_foreground() = "gray";
         auto* aliasColumn = Gtk::make_managed<Gtk::TreeViewColumn>("Alias", *alias);
         aliasColumn->add_attribute(alias->property_text(), columns.alias);
-        // Rows of one height, laid out without measuring each: the name takes what the alias leaves.
+        // Rows of one height, laid out without measuring each: the name takes what the alias
+        // leaves.
         for (auto* column : {nameColumn, aliasColumn}) {
             column->set_sizing(Gtk::TREE_VIEW_COLUMN_FIXED);
             list->append_column(*column);
@@ -272,10 +278,9 @@ struct ManageEventsWindowGtk::Impl {
         aliasColumn->set_fixed_width(50);
         list->set_fixed_height_mode(true);
         // Section rows are headers: they fold, they are not chosen.
-        list->get_selection()->set_select_function(
-            [this](const Glib::RefPtr<Gtk::TreeModel>&, const Gtk::TreeModel::Path& path, bool) {
-                return path.size() > 1;
-            });
+        list->get_selection()->set_select_function([this](const Glib::RefPtr<Gtk::TreeModel>&,
+                                                          const Gtk::TreeModel::Path& path,
+                                                          bool) { return path.size() > 1; });
         list->get_selection()->signal_changed().connect([this] { rowSelected(); });
         scroll->add(*list);
         list->show();
@@ -284,16 +289,18 @@ struct ManageEventsWindowGtk::Impl {
             (*row)[columns.name] = std::string(section.header);
             (*row)[columns.weight] = Pango::WEIGHT_BOLD;
         }
-        list->signal_row_expanded().connect([this](const Gtk::TreeModel::iterator&, const Gtk::TreeModel::Path& path) {
-            if (!selecting && path.size() == 1) {
-                expanded[std::size_t(path[0])] = true;
-            }
-        });
-        list->signal_row_collapsed().connect([this](const Gtk::TreeModel::iterator&, const Gtk::TreeModel::Path& path) {
-            if (!selecting && path.size() == 1) {
-                expanded[std::size_t(path[0])] = false;
-            }
-        });
+        list->signal_row_expanded().connect(
+            [this](const Gtk::TreeModel::iterator&, const Gtk::TreeModel::Path& path) {
+                if (!selecting && path.size() == 1) {
+                    expanded[std::size_t(path[0])] = true;
+                }
+            });
+        list->signal_row_collapsed().connect(
+            [this](const Gtk::TreeModel::iterator&, const Gtk::TreeModel::Path& path) {
+                if (!selecting && path.size() == 1) {
+                    expanded[std::size_t(path[0])] = false;
+                }
+            });
 
         model.setDidChange([this] { reloaded(); });
         drawList();
@@ -360,7 +367,8 @@ struct ManageEventsWindowGtk::Impl {
             detail->set_visible_child("nothing");
             return;
         }
-        editor = std::make_unique<EditorView>(std::make_unique<EventEditor>(repository, event), nullptr);
+        editor =
+            std::make_unique<EditorView>(std::make_unique<EventEditor>(repository, event), nullptr);
         detail->add(editor->root(), "editor");
         detail->set_visible_child("editor");
     }
@@ -369,7 +377,8 @@ struct ManageEventsWindowGtk::Impl {
         drawList();
         // Keep a form the user is typing into; otherwise show the event as it is now.
         EventPtr event = state.selectedEvent();
-        if (editor && event && editor->editor().dirty() && editor->editor().event()->id() == event->id()) {
+        if (editor && event && editor->editor().dirty() &&
+            editor->editor().event()->id() == event->id()) {
             return;
         }
         showDetail();
@@ -392,7 +401,8 @@ struct ManageEventsWindowGtk::Impl {
 
     // Hides a sheet now and frees it (with what it shows) once GTK is done with the click that
     // closed it; a sheet opened again meanwhile is kept.
-    template <class Content> void closeSheet(std::unique_ptr<Gtk::Dialog>& dialog, std::unique_ptr<Content>& content) {
+    template <class Content>
+    void closeSheet(std::unique_ptr<Gtk::Dialog>& dialog, std::unique_ptr<Content>& content) {
         if (!dialog) {
             return;
         }
@@ -455,7 +465,9 @@ ManageEventsWindowGtk::ManageEventsWindowGtk(Repository& repository, Notificatio
 
 ManageEventsWindowGtk::~ManageEventsWindowGtk() = default;
 
-bool ManageEventsWindowGtk::isVisible() const { return impl_->window->get_visible(); }
+bool ManageEventsWindowGtk::isVisible() const {
+    return impl_->window->get_visible();
+}
 
 void ManageEventsWindowGtk::center() {
     auto& w = *impl_->window;
@@ -463,14 +475,21 @@ void ManageEventsWindowGtk::center() {
     int width = 0, height = 0;
     w.get_size(width, height);
     if (screen) {
-        w.move(std::max(0, (screen->get_width() - width) / 2), std::max(0, (screen->get_height() - height) / 2));
+        w.move(std::max(0, (screen->get_width() - width) / 2),
+               std::max(0, (screen->get_height() - height) / 2));
     }
 }
 
-void ManageEventsWindowGtk::makeKeyAndOrderFront() { impl_->window->present(); }
+void ManageEventsWindowGtk::makeKeyAndOrderFront() {
+    impl_->window->present();
+}
 
-Gtk::Window& ManageEventsWindowGtk::window() { return *impl_->window; }
+Gtk::Window& ManageEventsWindowGtk::window() {
+    return *impl_->window;
+}
 
-const Model& ManageEventsWindowGtk::model() const { return impl_->model; }
+const Model& ManageEventsWindowGtk::model() const {
+    return impl_->model;
+}
 
 } // namespace almanor

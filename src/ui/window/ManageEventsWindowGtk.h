@@ -20,9 +20,9 @@ class Repository;
 // selected event, the add sheet and the delete confirmation. It draws the plain state classes and
 // forwards to them; closing it only hides it.
 class ManageEventsWindowGtk final : public ManageEventsWindow {
-public:
-    ManageEventsWindowGtk(Repository& repository, NotificationCenter& center, MainThread& mainThread,
-                          const Clock& clock);
+  public:
+    ManageEventsWindowGtk(Repository& repository, NotificationCenter& center,
+                          MainThread& mainThread, const Clock& clock);
     ~ManageEventsWindowGtk() override;
 
     bool isVisible() const override;
@@ -34,7 +34,7 @@ public:
 
     struct Impl;
 
-private:
+  private:
     std::unique_ptr<Impl> impl_;
 };
 
