@@ -2,6 +2,7 @@
 
 #include "cloud/RecordId.h"
 #include "model/Event.h"
+#include "platform/Instant.h"
 
 #include <memory>
 #include <optional>
@@ -9,9 +10,11 @@
 namespace almanor {
 
 // One event as it lives in the cloud; `recordId` is absent until it has been saved there.
+// `updated` is when the event last changed (the row's `updated`, or the record's `modified`).
 struct CloudEvent {
     std::optional<RecordId> recordId;
     EventPtr event;
+    std::optional<Instant> updated;
 };
 
 using CloudEventPtr = std::shared_ptr<CloudEvent>;

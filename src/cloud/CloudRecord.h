@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <variant>
 
@@ -15,11 +16,13 @@ namespace almanor {
 using FieldValue = std::variant<std::string, std::int64_t, double, Instant>;
 
 // A record of the cloud database as the adapter stores it: a type, an identity and named fields.
-// A key that is absent has no value.
+// A key that is absent has no value. `modified` is when the record's event last changed: written
+// as the resource's LAST-MODIFIED, read from it (else from DTSTAMP); conflicts compare it.
 struct CloudRecord {
     std::string recordType;
     RecordId recordId;
     std::map<std::string, FieldValue> fields;
+    std::optional<Instant> modified;
 
     friend bool operator==(const CloudRecord&, const CloudRecord&) = default;
 };

@@ -62,6 +62,7 @@ CloudRecord recordFromEvent(const CloudEvent& cloudEvent) {
         std::int64_t{event.countMethod() == CountMethod::excludeWeekends ? 1 : 0};
     f["CD_countMethod"] = std::int64_t{rawValue(event.countMethod())};
     f["CD_version"] = std::int64_t{2};
+    record.modified = cloudEvent.updated;
     return record;
 }
 
@@ -72,12 +73,15 @@ CloudEvent eventFromRecord(const CloudRecord& record, const Clock& clock) {
     const auto* name = field<std::string>(record, "CD_name");
     const auto* alias = field<std::string>(record, "CD_alias");
     const auto* date = field<Instant>(record, "CD_date");
+    // A record without a usable id (a calendar app made it, or its id is garbled) maps to the same
+    // event on every read: its id is derived from the record's name.
+    Uuid eventId = id ? *id : Uuid::fromName(record.recordId.recordName);
     return CloudEvent{
         record.recordId,
-        makeEvent(id ? *id : Uuid::random(), date ? *date : clock.now(),
-                  name ? *name : std::string("Empty"),
+        makeEvent(eventId, date ? *date : clock.now(), name ? *name : std::string("Empty"),
                   alias ? std::optional<std::string>(*alias) : std::nullopt, scheduleOf(record),
                   countMethodOf(record)),
+        record.modified,
     };
 }
 

@@ -12,6 +12,15 @@ Uuid Uuid::random() {
     return Uuid(b);
 }
 
+Uuid Uuid::fromName(std::string_view name) {
+    // A fixed random namespace: ids derived here never collide with another program's.
+    static constexpr Bytes space = {0x6b, 0x1f, 0x3c, 0x52, 0x9e, 0x0d, 0x4a, 0x87,
+                                    0xb2, 0x44, 0x1d, 0x7a, 0x90, 0xc3, 0x5e, 0x21};
+    Bytes b;
+    uuid_generate_sha1(b.data(), space.data(), name.data(), name.size());
+    return Uuid(b);
+}
+
 std::optional<Uuid> Uuid::parse(std::string_view text) {
     // The same form libuuid's uuid_parse accepts, without its strtoul per group: ids are parsed
     // for every row of every listing.

@@ -18,6 +18,9 @@ class Uuid {
     explicit constexpr Uuid(const Bytes& bytes) : bytes_(bytes) {}
 
     static Uuid random();
+    // The same name always gives the same id (a name-based UUID, version 5, in a namespace of
+    // this program's own): for records that carry no id of their own.
+    static Uuid fromName(std::string_view name);
     // Accepts the 36-character form in either case; anything else is nullopt.
     static std::optional<Uuid> parse(std::string_view text);
     // For constants written in the source; a malformed literal is a programming error.

@@ -3,45 +3,45 @@
 #include "cloud/CloudService.h"
 
 #include <algorithm>
-#include <condition_variable>
+#include <atomic>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace almanor::test {
 
-// The cloud database in memory, behaving as the adapter does over a server: zones, conditional
-// saves, deletes of missing records that succeed, batched saves in the background whose refused
-// records are kept for flushUnsent(). Failures are injected per operation.
+// The cloud database in memory, behaving as the adapter does over a server: zones, resources with
+// version tags, a change log behind sync tokens, conditional writes (412 as PreconditionFailed),
+// deletions of missing resources that succeed. Failures are injected per call, before the call
+// takes effect or after it (a server that applies a write and drops the connection).
 class FakeCloudService : public CloudService {
   public:
     enum class Op {
         accountStatus,
         saveZone,
         fetchAllZones,
-        saveRecord,
-        deleteRecord,
-        modify,
-        query
+        query,
+        fetchChanges,
+        create,
+        replace,
+        remove,
+        fetch
     };
 
-    // Returns an error description to make the call fail, nullopt to let it through. `record` is
-    // set for saveRecord and modify (once per record), `recordId` for deleteRecord; `zone` is
-    // set for saveZone and query.
     struct Call {
         Op op;
-        const CloudRecord* record = nullptr;
-        const RecordId* recordId = nullptr;
-        const std::string* zone = nullptr;
+        std::string zone;
+        std::string resource; // create, replace, remove, fetch
     };
-    using FailureHook = std::function<std::optional<std::string>(const Call&)>;
+    // What an injected failure does: nothing, fail before the call has any effect, or fail after
+    // it took effect (the answer is lost).
+    enum class Failure { none, before, after };
+    using FailureHook = std::function<Failure(const Call&)>;
 
-    FakeCloudService() { zones_.push_back(std::string(defaultZoneName)); }
-    ~FakeCloudService() override { waitForBackgroundWork(); }
+    FakeCloudService() { zones_[std::string(defaultZoneName)]; }
 
     // ---- test controls ----
     void setAccountStatus(AccountStatus status) {
@@ -52,219 +52,302 @@ class FakeCloudService : public CloudService {
         std::lock_guard lock(mutex_);
         hook_ = std::move(hook);
     }
-    // Every call of `op` fails with `message` (until cleared with an empty hook).
-    void failAll(Op op, std::string message) {
-        setFailureHook([op, message](const Call& c) -> std::optional<std::string> {
-            if (c.op == op)
-                return message;
-            return std::nullopt;
-        });
+    // Every call of `op` fails before taking effect (until cleared).
+    void failAll(Op op) {
+        setFailureHook(
+            [op](const Call& c) { return c.op == op ? Failure::before : Failure::none; });
     }
     void clearFailures() { setFailureHook({}); }
-    // While held, batched saves started from now wait before they are answered.
-    void holdBackground(bool hold) {
-        {
-            std::lock_guard lock(mutex_);
-            held_ = hold;
-        }
-        changed_.notify_all();
+    // Called inside every call, before it takes effect (for cancelling or editing mid-pass).
+    void setOnCall(std::function<void(const Call&)> hook) {
+        std::lock_guard lock(mutex_);
+        onCall_ = std::move(hook);
     }
-    // The number of calls of each operation so far, failed ones included.
+    // Tokens issued so far stop being accepted (the server forgot them).
+    void expireTokens() {
+        std::lock_guard lock(mutex_);
+        oldestToken_ = sequence_;
+    }
+    // Whether the server supports sync tokens at all; without them every listing is complete.
+    void setTokensSupported(bool supported) {
+        std::lock_guard lock(mutex_);
+        tokens_ = supported;
+    }
+
     int calls(Op op) const {
         std::lock_guard lock(mutex_);
         auto it = calls_.find(op);
         return it == calls_.end() ? 0 : it->second;
     }
-    int totalCalls() const {
+    // Requests that reach the server: everything but accountStatus.
+    int requests() const {
         std::lock_guard lock(mutex_);
         int n = 0;
         for (const auto& [op, count] : calls_)
-            n += count;
+            if (op != Op::accountStatus)
+                n += count;
         return n;
     }
-    // The records stored in a zone, by record name.
-    std::vector<CloudRecord> stored(const std::string& zoneName) const {
+    // Bodies handed out: one per changed record of a listing, one per fetch.
+    int bodiesFetched() const {
         std::lock_guard lock(mutex_);
-        std::vector<CloudRecord> out;
-        for (const auto& [key, record] : records_)
-            if (key.first == zoneName)
-                out.push_back(record);
+        return bodies_;
+    }
+    void resetCounts() {
+        std::lock_guard lock(mutex_);
+        calls_.clear();
+        bodies_ = 0;
+    }
+
+    // What a zone holds, by resource.
+    std::map<std::string, RemoteRecord> stored(const std::string& zoneName) const {
+        std::lock_guard lock(mutex_);
+        std::map<std::string, RemoteRecord> out;
+        if (auto z = zones_.find(zoneName); z != zones_.end())
+            for (const auto& [resource, entry] : z->second)
+                out.emplace(resource, entry.remote);
         return out;
     }
-    std::optional<CloudRecord> stored(const RecordId& id) const {
+    std::optional<RemoteRecord> stored(const std::string& zoneName,
+                                       const std::string& resource) const {
         std::lock_guard lock(mutex_);
-        auto it = records_.find({id.zoneName, id.recordName});
-        if (it == records_.end())
+        auto z = zones_.find(zoneName);
+        if (z == zones_.end())
             return std::nullopt;
-        return it->second;
+        auto it = z->second.find(resource);
+        if (it == z->second.end())
+            return std::nullopt;
+        return it->second.remote;
     }
-    // Puts a record straight into the store, creating its zone.
-    void seed(const CloudRecord& record) {
+    // Writes a resource as another client would (a calendar app, another machine): unconditionally,
+    // with a new tag. Creates the zone.
+    std::string seed(const CloudRecord& record, std::string resource = {}) {
         std::lock_guard lock(mutex_);
-        addZone(record.recordId.zoneName);
-        records_[{record.recordId.zoneName, record.recordId.recordName}] = record;
+        if (resource.empty())
+            resource = record.recordId.recordName + ".ics";
+        return put(record.recordId.zoneName, resource, record);
+    }
+    // Removes a resource as another client would.
+    void unseed(const std::string& zoneName, const std::string& resource) {
+        std::lock_guard lock(mutex_);
+        erase(zoneName, resource);
     }
     void seedZone(const std::string& name) {
         std::lock_guard lock(mutex_);
-        addZone(name);
+        zones_[name];
     }
-    // Batched saves that ran so far, each with the settings it was given.
-    std::vector<std::pair<std::vector<CloudRecord>, ModifyOptions>> batches() const {
+    void dropZone(const std::string& name) {
         std::lock_guard lock(mutex_);
-        return batches_;
+        zones_.erase(name);
     }
 
     // ---- CloudService ----
     AccountStatus accountStatus() override {
         std::lock_guard lock(mutex_);
-        enter(Call{Op::accountStatus});
+        enter({Op::accountStatus, {}, {}});
+        leave({Op::accountStatus, {}, {}});
         return status_;
     }
 
     void saveZone(const std::string& zoneName) override {
+        Call call{Op::saveZone, zoneName, {}};
         std::lock_guard lock(mutex_);
-        enter(Call{Op::saveZone, nullptr, nullptr, &zoneName});
-        addZone(zoneName);
+        enter(call);
+        zones_[zoneName];
+        leave(call);
     }
 
     std::vector<RecordZone> fetchAllZones() override {
         std::lock_guard lock(mutex_);
-        enter(Call{Op::fetchAllZones});
+        enter({Op::fetchAllZones, {}, {}});
         std::vector<RecordZone> out;
-        for (const auto& z : zones_)
-            if (z != defaultZoneName)
-                out.push_back(RecordZone{z, "memory:/" + z + "/"});
+        for (const auto& name : zoneOrder())
+            if (name != defaultZoneName)
+                out.push_back(RecordZone{name, "memory:/" + name + "/"});
+        leave({Op::fetchAllZones, {}, {}});
         return out;
-    }
-
-    CloudRecord saveRecord(const CloudRecord& record) override {
-        std::lock_guard lock(mutex_);
-        enter(Call{Op::saveRecord, &record});
-        requireZone(record.recordId.zoneName);
-        auto key = std::pair{record.recordId.zoneName, record.recordId.recordName};
-        if (records_.count(key))
-            throw CloudError("record " + record.recordId.recordName + " exists");
-        records_[key] = record;
-        return record;
-    }
-
-    void deleteRecord(const RecordId& recordId) override {
-        std::lock_guard lock(mutex_);
-        enter(Call{Op::deleteRecord, nullptr, &recordId});
-        requireZone(recordId.zoneName);
-        records_.erase({recordId.zoneName, recordId.recordName});
-    }
-
-    void modifyRecords(std::vector<CloudRecord> records, const ModifyOptions& options) override {
-        std::lock_guard lock(mutex_);
-        ++calls_[Op::modify];
-        ++pending_;
-        workers_.emplace_back([this, records = std::move(records), options] {
-            std::unique_lock guard(mutex_);
-            changed_.wait(guard, [this] { return !held_; });
-            batches_.emplace_back(records, options);
-            applyBatch(records);
-            --pending_;
-            changed_.notify_all();
-        });
     }
 
     std::vector<CloudRecord> performQuery(const std::string& recordType,
                                           const std::string& zoneName) override {
+        Call call{Op::query, zoneName, {}};
         std::lock_guard lock(mutex_);
-        enter(Call{Op::query, nullptr, nullptr, &zoneName});
-        requireZone(zoneName);
+        enter(call);
         std::vector<CloudRecord> out;
-        for (const auto& [key, record] : records_)
-            if (key.first == zoneName && record.recordType == recordType)
-                out.push_back(record);
+        for (const auto& [resource, entry] : zone(zoneName))
+            if (entry.remote.record.recordType == recordType)
+                out.push_back(entry.remote.record);
+        leave(call);
         return out;
     }
 
-    void flushUnsent() override {
+    ZoneChanges fetchChanges(const std::string& zoneName, const std::string& token,
+                             const std::map<std::string, std::string>& known) override {
+        Call call{Op::fetchChanges, zoneName, {}};
         std::lock_guard lock(mutex_);
-        auto again = std::move(unsent_);
-        unsent_.clear();
-        if (!again.empty())
-            applyBatch(again);
+        enter(call);
+        const auto& resources = zone(zoneName);
+        ZoneChanges changes;
+        std::optional<long> since;
+        if (tokens_ && token.rfind("t", 0) == 0) {
+            long n = std::stol(token.substr(1));
+            if (n >= oldestToken_ && n <= sequence_)
+                since = n;
+        }
+        changes.complete = !since;
+        for (const auto& [resource, entry] : resources) {
+            if (since && entry.sequence <= *since)
+                continue;
+            auto k = known.find(resource);
+            if (k != known.end() && k->second == entry.remote.etag)
+                continue;
+            changes.changed.push_back(entry.remote);
+            ++bodies_;
+        }
+        for (const auto& [resource, etag] : known) {
+            if (resources.count(resource))
+                continue;
+            auto gone = deletedAt_.find({zoneName, resource});
+            if (!since || (gone != deletedAt_.end() && gone->second > *since))
+                changes.deleted.push_back(resource);
+        }
+        changes.token = tokens_ ? "t" + std::to_string(sequence_) : std::string();
+        leave(call);
+        return changes;
     }
 
-    void waitForBackgroundWork() override {
-        {
-            std::unique_lock lock(mutex_);
-            changed_.wait(lock, [this] { return pending_ == 0 || held_; });
-            if (pending_ != 0) {
-                // Held: a real adapter's requests time out; here the batch is given up as unsent.
-                held_ = false;
-                abandon_ = true;
-                changed_.notify_all();
-                changed_.wait(lock, [this] { return pending_ == 0; });
-                abandon_ = false;
-            }
-        }
-        std::vector<std::thread> done;
-        {
-            std::lock_guard lock(mutex_);
-            done.swap(workers_);
-        }
-        for (auto& t : done)
-            t.join();
+    std::string createRecord(const CloudRecord& record, const std::string& resource) override {
+        Call call{Op::create, record.recordId.zoneName, resource};
+        std::lock_guard lock(mutex_);
+        enter(call);
+        if (zone(record.recordId.zoneName).count(resource))
+            throw PreconditionFailed("PUT " + resource + ": the server answered 412");
+        std::string etag = put(record.recordId.zoneName, resource, record);
+        leave(call);
+        return etag;
     }
 
-    std::vector<CloudRecord> unsentRecords() override {
+    std::string replaceRecord(const CloudRecord& record, const std::string& resource,
+                              const std::string& etag) override {
+        Call call{Op::replace, record.recordId.zoneName, resource};
         std::lock_guard lock(mutex_);
-        return unsent_;
+        enter(call);
+        auto& resources = zone(record.recordId.zoneName);
+        auto it = resources.find(resource);
+        if (it == resources.end() || it->second.remote.etag != etag)
+            throw PreconditionFailed("PUT " + resource + ": the server answered 412");
+        std::string fresh = put(record.recordId.zoneName, resource, record);
+        leave(call);
+        return fresh;
     }
+
+    void deleteRecord(const std::string& zoneName, const std::string& resource,
+                      const std::string& etag) override {
+        Call call{Op::remove, zoneName, resource};
+        std::lock_guard lock(mutex_);
+        enter(call);
+        auto& resources = zone(zoneName);
+        auto it = resources.find(resource);
+        if (it != resources.end()) {
+            if (it->second.remote.etag != etag)
+                throw PreconditionFailed("DELETE " + resource + ": the server answered 412");
+            erase(zoneName, resource);
+        }
+        leave(call);
+    }
+
+    std::optional<RemoteRecord> fetchRecord(const std::string& zoneName,
+                                            const std::string& resource) override {
+        Call call{Op::fetch, zoneName, resource};
+        std::lock_guard lock(mutex_);
+        enter(call);
+        const auto& resources = zone(zoneName);
+        auto it = resources.find(resource);
+        std::optional<RemoteRecord> out;
+        if (it != resources.end()) {
+            out = it->second.remote;
+            ++bodies_;
+        }
+        leave(call);
+        return out;
+    }
+
+    void startPass() override {}
+
+    void cancel() override { cancelled_ = true; }
 
   private:
+    struct Entry {
+        RemoteRecord remote;
+        long sequence = 0;
+    };
+    using Resources = std::map<std::string, Entry>;
+
     void enter(const Call& call) {
         ++calls_[call.op];
-        if (hook_) {
-            if (auto message = hook_(call))
-                throw CloudError(*message);
-        }
-    }
-    void addZone(const std::string& name) {
-        if (std::find(zones_.begin(), zones_.end(), name) == zones_.end())
-            zones_.push_back(name);
-    }
-    void requireZone(const std::string& name) const {
-        if (std::find(zones_.begin(), zones_.end(), name) == zones_.end())
-            throw CloudError("zone " + name + " does not exist");
-    }
-    // Saves each record unless refused; refused ones (and all, when given up) stay unsent, the
-    // newest version of a record replacing an older unsent one.
-    void applyBatch(const std::vector<CloudRecord>& records) {
-        for (const auto& record : records) {
-            bool refused = abandon_;
-            if (!refused && hook_)
-                refused = hook_(Call{Op::modify, &record}).has_value();
-            if (!refused &&
-                std::find(zones_.begin(), zones_.end(), record.recordId.zoneName) == zones_.end())
-                refused = true;
-            if (refused) {
-                auto same = [&](const CloudRecord& r) { return r.recordId == record.recordId; };
-                unsent_.erase(std::remove_if(unsent_.begin(), unsent_.end(), same), unsent_.end());
-                unsent_.push_back(record);
-            } else {
-                records_[{record.recordId.zoneName, record.recordId.recordName}] = record;
+        if (onCall_) {
+            // Called without the lock: the hook may act as another client.
+            auto hook = onCall_;
+            mutex_.unlock();
+            try {
+                hook(call);
+            } catch (...) {
+                mutex_.lock();
+                throw;
             }
+            mutex_.lock();
         }
+        if (cancelled_)
+            throw CloudError("cancelled");
+        if (hook_ && hook_(call) == Failure::before)
+            throw CloudError("injected failure before the call");
+    }
+    void leave(const Call& call) {
+        if (hook_ && hook_(call) == Failure::after)
+            throw CloudError("injected failure: the answer was lost");
+    }
+    Resources& zone(const std::string& name) {
+        auto it = zones_.find(name);
+        if (it == zones_.end())
+            throw ZoneMissing("zone " + name + " does not exist");
+        return it->second;
+    }
+    std::vector<std::string> zoneOrder() const {
+        std::vector<std::string> names;
+        for (const auto& [name, resources] : zones_)
+            names.push_back(name);
+        return names;
+    }
+    std::string put(const std::string& zoneName, const std::string& resource,
+                    const CloudRecord& record) {
+        auto& entry = zones_[zoneName][resource];
+        entry.remote.record = record;
+        entry.remote.resource = resource;
+        entry.remote.etag = "\"e" + std::to_string(++etags_) + "\"";
+        entry.sequence = ++sequence_;
+        deletedAt_.erase({zoneName, resource});
+        return entry.remote.etag;
+    }
+    void erase(const std::string& zoneName, const std::string& resource) {
+        auto z = zones_.find(zoneName);
+        if (z == zones_.end() || z->second.erase(resource) == 0)
+            return;
+        deletedAt_[{zoneName, resource}] = ++sequence_;
     }
 
     mutable std::mutex mutex_;
-    std::condition_variable changed_;
     AccountStatus status_ = AccountStatus::available;
     FailureHook hook_;
-    std::vector<std::string> zones_;
-    std::map<std::pair<std::string, std::string>, CloudRecord> records_;
-    std::vector<CloudRecord> unsent_;
+    std::function<void(const Call&)> onCall_;
+    std::map<std::string, Resources> zones_;
+    std::map<std::pair<std::string, std::string>, long> deletedAt_;
     std::map<Op, int> calls_;
-    std::vector<std::pair<std::vector<CloudRecord>, ModifyOptions>> batches_;
-    std::vector<std::thread> workers_;
-    int pending_ = 0;
-    bool held_ = false;
-    bool abandon_ = false;
+    int bodies_ = 0;
+    long etags_ = 0;
+    long sequence_ = 0;
+    long oldestToken_ = 0;
+    bool tokens_ = true;
+    std::atomic<bool> cancelled_{false};
 };
 
 } // namespace almanor::test
