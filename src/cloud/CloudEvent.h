@@ -14,7 +14,7 @@ namespace almanor {
 struct CloudEvent {
     std::optional<RecordId> recordId;
     EventPtr event;
-    std::optional<Instant> updated;
+    std::optional<Instant> updated = std::nullopt;
 };
 
 using CloudEventPtr = std::shared_ptr<CloudEvent>;

@@ -22,7 +22,7 @@ struct CloudRecord {
     std::string recordType;
     RecordId recordId;
     std::map<std::string, FieldValue> fields;
-    std::optional<Instant> modified;
+    std::optional<Instant> modified = std::nullopt;
 
     friend bool operator==(const CloudRecord&, const CloudRecord&) = default;
 };

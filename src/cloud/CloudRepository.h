@@ -1,18 +1,14 @@
 #pragma once
 
-#include "cloud/CloudEvent.h"
-#include "cloud/CloudId.h"
 #include "cloud/CloudService.h"
 #include "cloud/CloudServiceProvider.h"
 
 #include <memory>
 #include <mutex>
-#include <vector>
 
 namespace almanor {
 
-// The event store in the user's cloud database. Never raises an error: each failure is one log
-// line and the event concerned is left out of the result.
+// The user's cloud database once it is known to be usable: the service, and the app's zone.
 class CloudRepository {
   public:
     explicit CloudRepository(std::shared_ptr<CloudService> service)
@@ -20,14 +16,9 @@ class CloudRepository {
 
     CloudService& service() { return *service_; }
 
-    // Saves each event as a new record, one after another; returns the saved ones' links.
-    std::vector<CloudId> insert(const std::vector<CloudEvent>& events);
-    // Starts one batched save and returns a link for every event at once; its outcome is not
-    // observed here (the service keeps what did not go through).
-    std::vector<CloudId> update(const std::vector<CloudEvent>& events);
-    // Deletes each linked record, one after another; returns the ids whose records are gone.
-    // An id without a record identity stops the process.
-    std::vector<CloudId> deleteRecords(const std::vector<CloudId>& ids);
+    // Creates the app's zone (one that exists counts as created). Logs "Failed to create zone: "
+    // with the reason and returns false when it cannot.
+    bool saveZone();
 
   private:
     std::shared_ptr<CloudService> service_;
@@ -40,11 +31,14 @@ class CloudRepositoryFactory {
     explicit CloudRepositoryFactory(CloudServiceProvider provider)
         : provider_(std::move(provider)) {}
 
-    // The repository, or null when the cloud cannot be used. Thread-safe; concurrent first
-    // callers wait for one creation.
+    // The repository, or null when the cloud cannot be used (no account, or the account's status
+    // cannot be had). Thread-safe; concurrent first callers wait for one creation.
     std::shared_ptr<CloudRepository> get();
     // The repository if one was created, without asking the cloud.
     std::shared_ptr<CloudRepository> existing();
+    // Gives up on a repository that turned out unusable (its zone cannot be created): get()
+    // answers null until the network comes back.
+    void giveUp();
     // Clears the gave-up flag, so the next get() asks the cloud again.
     void networkCameBack();
 

@@ -117,10 +117,14 @@ TEST(RecordMapping, MissingOrIllTypedFieldsTakeTheirDefaults) {
     EXPECT_EQ(e.event->date(), clock.now());
     EXPECT_EQ(e.event->schedule(), Schedule::none);
     EXPECT_EQ(e.event->countMethod(), CountMethod::standard);
-    // An unparsable id gets a fresh one each time: it must never match a local row.
-    CloudEvent again =
-        eventFromRecord(legacyRecord({{"CD_eventId", std::string("not-a-uuid")}}), clock);
-    EXPECT_NE(e.event->id(), again.event->id());
+    // Without a usable id, every read of one record gives the same event (a calendar app's
+    // record must not become a new event on every pull), and other records other events.
+    CloudRecord garbled = legacyRecord({{"CD_eventId", std::string("not-a-uuid")}});
+    EXPECT_EQ(eventFromRecord(garbled, clock).event->id(), e.event->id());
+    garbled.fields.erase("CD_eventId");
+    EXPECT_EQ(eventFromRecord(garbled, clock).event->id(), e.event->id());
+    garbled.recordId.recordName += "-other";
+    EXPECT_NE(eventFromRecord(garbled, clock).event->id(), e.event->id());
     EXPECT_EQ(eventFromRecord(legacyRecord({{"CD_recurring", std::int64_t{4}}})).event->schedule(),
               Schedule::none);
     EXPECT_EQ(eventFromRecord(legacyRecord({{"CD_recurring", std::int64_t{2}}})).event->schedule(),

@@ -41,7 +41,7 @@ class FakeCloudService : public CloudService {
     enum class Failure { none, before, after };
     using FailureHook = std::function<Failure(const Call&)>;
 
-    FakeCloudService() { zones_[std::string(defaultZoneName)]; }
+    FakeCloudService() { makeZone(std::string(defaultZoneName)); }
 
     // ---- test controls ----
     void setAccountStatus(AccountStatus status) {
@@ -52,12 +52,18 @@ class FakeCloudService : public CloudService {
         std::lock_guard lock(mutex_);
         hook_ = std::move(hook);
     }
-    // Every call of `op` fails before taking effect (until cleared).
-    void failAll(Op op) {
+    // Every call of `op` fails before taking effect with `message` (until cleared).
+    void failAll(Op op, std::string message = "injected failure before the call") {
         setFailureHook(
             [op](const Call& c) { return c.op == op ? Failure::before : Failure::none; });
+        std::lock_guard lock(mutex_);
+        message_ = std::move(message);
     }
-    void clearFailures() { setFailureHook({}); }
+    void clearFailures() {
+        setFailureHook({});
+        std::lock_guard lock(mutex_);
+        message_ = "injected failure before the call";
+    }
     // Called inside every call, before it takes effect (for cancelling or editing mid-pass).
     void setOnCall(std::function<void(const Call&)> hook) {
         std::lock_guard lock(mutex_);
@@ -134,7 +140,7 @@ class FakeCloudService : public CloudService {
     }
     void seedZone(const std::string& name) {
         std::lock_guard lock(mutex_);
-        zones_[name];
+        makeZone(name);
     }
     void dropZone(const std::string& name) {
         std::lock_guard lock(mutex_);
@@ -153,7 +159,7 @@ class FakeCloudService : public CloudService {
         Call call{Op::saveZone, zoneName, {}};
         std::lock_guard lock(mutex_);
         enter(call);
-        zones_[zoneName];
+        makeZone(zoneName);
         leave(call);
     }
 
@@ -300,7 +306,7 @@ class FakeCloudService : public CloudService {
         if (cancelled_)
             throw CloudError("cancelled");
         if (hook_ && hook_(call) == Failure::before)
-            throw CloudError("injected failure before the call");
+            throw CloudError(message_);
     }
     void leave(const Call& call) {
         if (hook_ && hook_(call) == Failure::after)
@@ -314,13 +320,19 @@ class FakeCloudService : public CloudService {
     }
     std::vector<std::string> zoneOrder() const {
         std::vector<std::string> names;
-        for (const auto& [name, resources] : zones_)
-            names.push_back(name);
+        for (const auto& name : created_)
+            if (zones_.count(name))
+                names.push_back(name);
         return names;
+    }
+    Resources& makeZone(const std::string& name) {
+        if (std::find(created_.begin(), created_.end(), name) == created_.end())
+            created_.push_back(name);
+        return zones_[name];
     }
     std::string put(const std::string& zoneName, const std::string& resource,
                     const CloudRecord& record) {
-        auto& entry = zones_[zoneName][resource];
+        auto& entry = makeZone(zoneName)[resource];
         entry.remote.record = record;
         entry.remote.resource = resource;
         entry.remote.etag = "\"e" + std::to_string(++etags_) + "\"";
@@ -338,8 +350,10 @@ class FakeCloudService : public CloudService {
     mutable std::mutex mutex_;
     AccountStatus status_ = AccountStatus::available;
     FailureHook hook_;
+    std::string message_ = "injected failure before the call";
     std::function<void(const Call&)> onCall_;
     std::map<std::string, Resources> zones_;
+    std::vector<std::string> created_; // zones in the order they were made
     std::map<std::pair<std::string, std::string>, long> deletedAt_;
     std::map<Op, int> calls_;
     int bodies_ = 0;
