@@ -7,9 +7,10 @@
 #include "cloud/caldav/CloudAccount.h"
 #include "platform/Settings.h"
 #include "platform/UserDefaults.h"
+#include "storage/LocalSyncLedger.h"
 #include "storage/MigrationManager.h"
 #include "storage/Repository.h"
-#include "storage/sql/Error.h"
+#include "sync/CloudSync.h"
 
 #include <cstdio>
 #include <iostream>
@@ -102,16 +103,51 @@ int cloudLogout() {
     return status;
 }
 
+namespace {
+
+// What is not yet on the server, counted as the push will send it.
+struct Pending {
+    std::size_t inserted = 0;
+    std::size_t updated = 0;
+    std::size_t deleted = 0;
+
+    std::size_t total() const { return inserted + updated + deleted; }
+};
+
+Pending countPending(SyncLedger& ledger) {
+    Pending p;
+    for (const auto& row : ledger.syncRows()) {
+        if (!row.pending())
+            continue;
+        if (!row.live())
+            ++p.deleted;
+        else if (!row.syncId)
+            ++p.inserted;
+        else
+            ++p.updated;
+    }
+    return p;
+}
+
+std::filesystem::path syncLockFile(LocalRepository& local) {
+    std::filesystem::path file = local.file();
+    file += ".sync-lock";
+    return file;
+}
+
+} // namespace
+
 int cloudStatus(bool json) {
     auto& defaults = UserDefaults::standard();
     auto account = CloudAccount::load(defaults);
     std::optional<std::string> zone = Settings(defaults).zoneName();
-    PendingChanges pending;
+    Pending pending;
     try {
         Settings(defaults).registerDefaults();
         MigrationManager::migrateIfNeeded(Repository::shared(), defaults);
-        pending = Repository::shared().local().pendingChanges();
-    } catch (const sql::Error& e) {
+        LocalSyncLedger ledger(Repository::shared().local());
+        pending = countPending(ledger);
+    } catch (const StoreError& e) {
         std::fprintf(stderr, "almanor: %s\n", e.what());
         return exitStoreFailed;
     }
@@ -128,9 +164,9 @@ int cloudStatus(bool json) {
         text(account ? std::optional(account->user) : std::nullopt);
         out += ",\"zone\":";
         text(zone);
-        out += ",\"pending\":{\"inserted\":" + std::to_string(pending.inserted.size()) +
-               ",\"updated\":" + std::to_string(pending.updated.size()) +
-               ",\"deleted\":" + std::to_string(pending.deleted.size()) + "}}";
+        out += ",\"pending\":{\"inserted\":" + std::to_string(pending.inserted) +
+               ",\"updated\":" + std::to_string(pending.updated) +
+               ",\"deleted\":" + std::to_string(pending.deleted) + "}}";
         std::printf("%s\n", out.c_str());
     } else {
         if (account)
@@ -145,8 +181,8 @@ int cloudStatus(bool json) {
         else
             std::printf("Zone: none found yet (new events go to %s)\n",
                         std::string(appZoneName).c_str());
-        std::printf("Pending: %zu inserted, %zu updated, %zu deleted\n", pending.inserted.size(),
-                    pending.updated.size(), pending.deleted.size());
+        std::printf("Pending: %zu inserted, %zu updated, %zu deleted\n", pending.inserted,
+                    pending.updated, pending.deleted);
     }
     return exitSuccess;
 }
@@ -157,27 +193,37 @@ int syncNow() {
         std::fprintf(stderr, "no cloud account; run almanor cloud login URL\n");
         return exitPending;
     }
-    Repository::setCloudServiceProvider([&defaults] { return makeAccountCloudService(defaults); });
     Settings(defaults).registerDefaults();
     Repository& repository = Repository::shared();
     MigrationManager::migrateIfNeeded(repository, defaults);
-    repository.populateFromCloud();
-    repository.sync();
-    repository.waitForSync();
-    repository.finishCloudWork();
-    PendingChanges pending;
+    PassResult result;
+    Pending pending;
     try {
-        pending = repository.local().pendingChanges();
-    } catch (const sql::Error& e) {
+        LocalSyncLedger ledger(repository.local());
+        {
+            CloudSync cloudSync(
+                ledger, [&defaults] { return makeAccountCloudService(defaults); }, defaults,
+                SystemClock::shared(), syncLockFile(repository.local()));
+            cloudSync.populateFromCloud();
+            result = cloudSync.waitForSync();
+        }
+        pending = countPending(ledger);
+    } catch (const StoreError& e) {
         std::fprintf(stderr, "almanor: %s\n", e.what());
         return exitStoreFailed;
     }
-    const std::size_t left =
-        pending.inserted.size() + pending.updated.size() + pending.deleted.size();
-    if (left == 0)
+    if (result.pulled && result.pushed && pending.total() == 0)
         return exitSuccess;
-    std::fprintf(stderr, "not yet in the cloud: %zu inserted, %zu updated, %zu deleted\n",
-                 pending.inserted.size(), pending.updated.size(), pending.deleted.size());
+    // One line: what did not complete, and what is still to send.
+    std::string line = !result.pulled   ? "sync incomplete: the pull did not complete"
+                       : !result.pushed ? "sync incomplete: the push did not complete"
+                                        : "sync incomplete";
+    if (!result.problem.empty())
+        line += " (" + result.problem + ")";
+    line += "; not yet in the cloud: " + std::to_string(pending.inserted) + " inserted, " +
+            std::to_string(pending.updated) + " updated, " + std::to_string(pending.deleted) +
+            " deleted";
+    std::fprintf(stderr, "%s\n", line.c_str());
     return exitPending;
 }
 

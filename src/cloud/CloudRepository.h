@@ -15,6 +15,7 @@ class CloudRepository {
         : service_(std::move(service)) {}
 
     CloudService& service() { return *service_; }
+    const std::shared_ptr<CloudService>& sharedService() const { return service_; }
 
     // Creates the app's zone (one that exists counts as created). Logs "Failed to create zone: "
     // with the reason and returns false when it cannot.

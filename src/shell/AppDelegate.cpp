@@ -8,6 +8,7 @@
 #include "storage/MigrationManager.h"
 #include "storage/Repository.h"
 #include "storage/sql/Error.h"
+#include "sync/CloudSync.h"
 
 #include <array>
 
@@ -88,11 +89,10 @@ void AppDelegate::applicationDidFinishLaunching() {
     s_.launchAtLogin.migrateIfNeeded();
     // 2.
     settings_.registerDefaults();
-    // 3. The table on first start, then the pull that the first title waits for.
+    // 3. The table on first start, then the pull that the first title waits for. 4. The push
+    // follows it in the same pass, in the background.
     MigrationManager::migrateIfNeeded(s_.repository, s_.defaults);
-    s_.repository.populateFromCloud();
-    // 4.
-    s_.repository.sync();
+    s_.cloudSync.populateFromCloud();
 
     // 5. The top-level menu, built once.
     bool launchesAtLogin = s_.launchAtLogin.isEnabled();
@@ -139,7 +139,7 @@ void AppDelegate::applicationDidFinishLaunching() {
 }
 
 void AppDelegate::recalculateEvents() {
-    s_.repository.sync();
+    s_.cloudSync.sync();
     Uuid selected = settings_.selectedEventId();
     if (selected == DisplayedEventSelection::cycleUpcomingEventId) {
         double now = secondsSinceReferenceDate(s_.clock.now());
@@ -158,7 +158,11 @@ void AppDelegate::recalculateEvents() {
 void AppDelegate::eventChangeNotification() {
     Uuid selected = settings_.selectedEventId();
     rebuildEventsMenu(selection_.resolveDisplayedEvent(selected));
-    s_.repository.sync();
+    s_.cloudSync.sync();
+}
+
+void AppDelegate::syncRequested() {
+    s_.cloudSync.sync();
 }
 
 void AppDelegate::storeChangedOnDisk() {

@@ -18,6 +18,7 @@
 
 namespace almanor {
 
+class CloudSync;
 class LaunchAtLogin;
 class Repository;
 class UserDefaults;
@@ -80,6 +81,7 @@ class AppDelegate {
   public:
     struct Services {
         Repository& repository;
+        CloudSync& cloudSync;
         UserDefaults& defaults;
         LaunchAtLogin& launchAtLogin;
         NotificationCenter& center;
@@ -121,6 +123,8 @@ class AppDelegate {
     void settingsChangedOnDisk();
     // Resume from suspend: a tick at once.
     void systemDidWake() { recalculateEvents(); }
+    // Asked from outside (the application's action "sync"): a pull, then a push.
+    void syncRequested();
 
     // Menu actions; the sender is the row's index in its menu.
     void manageEventsWithSender();

@@ -40,10 +40,6 @@ struct EventColumns {
     }
 };
 
-RecordId appZoneRecord(std::string recordName) {
-    return RecordId{std::move(recordName), std::string(Settings::appZoneName)};
-}
-
 } // namespace
 
 sql::Connection LocalRepository::open(const std::filesystem::path& directory,
@@ -125,86 +121,8 @@ void LocalRepository::deleteEvent(const Event& event) {
     center_.post(eventChangeNotification);
 }
 
-PendingChanges LocalRepository::pendingChanges() {
-    const auto& t = events_;
-    PendingChanges changes;
-    // Each list is kept only when its whole query succeeded.
-    try {
-        {
-            auto rows = connection_.prepare(
-                t.table.select(t.deleted == std::nullopt && t.syncId == std::nullopt));
-            EventColumns columns(rows, t);
-            std::vector<CloudEvent> inserted;
-            for (const auto& row : rows) {
-                inserted.push_back({std::nullopt, columns.event(row)});
-            }
-            changes.inserted = std::move(inserted);
-        }
-        {
-            auto rows = connection_.prepare(t.table.select(
-                t.deleted == std::nullopt && t.syncId != std::nullopt && t.syncDirty));
-            EventColumns columns(rows, t);
-            auto syncId = rows.resolve(t.syncId);
-            std::vector<CloudEvent> updated;
-            for (const auto& row : rows) {
-                updated.push_back({appZoneRecord(*row.get(syncId)), columns.event(row)});
-            }
-            changes.updated = std::move(updated);
-        }
-        {
-            auto rows = connection_.prepare(t.table.select(
-                t.deleted != std::nullopt && t.syncId != std::nullopt && !t.syncDeleted));
-            auto id = rows.resolve(t.id);
-            auto syncId = rows.resolve(t.syncId);
-            std::vector<CloudId> deleted;
-            for (const auto& row : rows) {
-                deleted.push_back({row.get(id), appZoneRecord(*row.get(syncId))});
-            }
-            changes.deleted = std::move(deleted);
-        }
-    } catch (const sql::Error& e) {
-        Log::line(std::string("Sync query error: ") + e.what());
-    }
-    return changes;
-}
-
-void LocalRepository::markInserted(const Uuid& id, std::string_view recordName) {
-    const auto& t = events_;
-    Instant now = clock_.now();
-    connection_.run(
-        t.table.update({t.syncId.set(std::string(recordName)), t.syncDate.set(now)}, t.id == id));
-}
-
-void LocalRepository::markUpdated(const Uuid& id) {
-    const auto& t = events_;
-    Instant now = clock_.now();
-    connection_.run(
-        t.table.update({t.syncDirty.setLiteral(false), t.syncDate.set(now)}, t.id == id));
-}
-
-void LocalRepository::markDeleted(const Uuid& id) {
-    const auto& t = events_;
-    Instant now = clock_.now();
-    connection_.run(
-        t.table.update({t.syncDeleted.setLiteral(true), t.syncDate.set(now)}, t.id == id));
-}
-
-std::vector<Uuid> LocalRepository::dirtyIds() {
-    const auto& t = events_;
-    return connection_.sync([&] {
-        auto rows = connection_.prepare(t.table.select(t.syncDirty));
-        auto id = rows.resolve(t.id);
-        std::vector<Uuid> result;
-        for (const auto& row : rows) {
-            result.push_back(row.get(id));
-        }
-        return result;
-    });
-}
-
-void LocalRepository::markDirty(const Uuid& id) {
-    const auto& t = events_;
-    connection_.run(t.table.update({t.syncDirty.setLiteral(true)}, t.id == id));
+void LocalRepository::postChange() {
+    center_.post(eventChangeNotification);
 }
 
 } // namespace almanor

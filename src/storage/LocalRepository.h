@@ -1,7 +1,5 @@
 #pragma once
 
-#include "cloud/CloudEvent.h"
-#include "cloud/CloudId.h"
 #include "model/Event.h"
 #include "platform/Clock.h"
 #include "platform/NotificationCenter.h"
@@ -17,13 +15,6 @@ namespace almanor {
 
 // Posted after every successful local change, so that the menu and the window reload.
 inline constexpr std::string_view eventChangeNotification = "com.vostrel.Almanor.eventChange";
-
-// The rows that the next push has to send, in three lists.
-struct PendingChanges {
-    std::vector<CloudEvent> inserted; // never pushed: no record identity yet
-    std::vector<CloudEvent> updated;  // pushed before and edited since
-    std::vector<CloudId> deleted;     // pushed before and deleted since
-};
 
 // The store of the user's events in one SQLite file, and the source of truth for them. Deletion is
 // soft: a deleted row stays with its deletion time until the cloud has been told.
@@ -54,22 +45,10 @@ class LocalRepository {
     // Throws sql::Error.
     std::int64_t dataVersion();
 
-    // What the next push has to send. A failing query is logged ("Sync query error: ...") and
-    // ends the collection: the lists gathered before it are returned, the others stay empty.
-    PendingChanges pendingChanges();
-
-    // The bookkeeping after a successful push of one row. Each throws sql::Error.
-    // Leaves sync_dirty alone: a row edited while its insert was on the way is pushed again as
-    // an update.
-    void markInserted(const Uuid& id, std::string_view recordName);
-    void markUpdated(const Uuid& id);
-    void markDeleted(const Uuid& id);
-
-    // Ids of the rows holding a change not yet pushed (sync_dirty = 1). Throws sql::Error.
-    std::vector<Uuid> dirtyIds();
-    // Marks a row as changed again, for an update that never reached the cloud. Throws
-    // sql::Error.
-    void markDirty(const Uuid& id);
+    // Posts the change notification, for changes written around insert, update and delete (the
+    // sync's pulls).
+    void postChange();
+    const Clock& clock() const { return clock_; }
 
     // The database file, beside which the push keeps its lock.
     const std::filesystem::path& file() const { return file_; }

@@ -185,4 +185,8 @@ std::string_view Row::text(int index) const {
             static_cast<std::size_t>(sqlite3_column_bytes(statement, index))};
 }
 
+std::int64_t Connection::changes() {
+    return sqlite3_changes64(handle_.get());
+}
+
 } // namespace almanor::sql

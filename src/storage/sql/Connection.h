@@ -98,6 +98,10 @@ class Connection {
     // Prepares a query, binds its values and returns its rows to iterate. Throws sql::Error.
     Rows prepare(const Statement& statement);
 
+    // Rows changed by the last INSERT, UPDATE or DELETE of this connection; call it inside the
+    // same sync() as the statement.
+    std::int64_t changes();
+
     // For inspection (tracing in tests); statements go through run and prepare.
     sqlite3* handle() const { return handle_.get(); }
 

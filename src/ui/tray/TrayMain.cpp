@@ -10,7 +10,9 @@
 #include "platform/Paths.h"
 #include "platform/UserDefaults.h"
 #include "shell/AppDelegate.h"
+#include "storage/LocalSyncLedger.h"
 #include "storage/Repository.h"
+#include "sync/CloudSync.h"
 #include "ui/tray/GlibServices.h"
 #include "ui/tray/Indicator.h"
 #include "ui/window/ManageEventsWindowGtk.h"
@@ -45,6 +47,13 @@ std::filesystem::path almanorProgram(const std::filesystem::path& self) {
     return self.parent_path() / "almanor";
 }
 
+// The file every process syncing the store locks for the length of a pass.
+std::filesystem::path syncLockFile() {
+    std::filesystem::path file = Repository::shared().local().file();
+    file += ".sync-lock";
+    return file;
+}
+
 struct Tray {
     explicit Tray(Glib::RefPtr<Gtk::Application> app, const std::filesystem::path& self)
         : application(std::move(app)), loginItems(paths::configHome(), almanorProgram(self)),
@@ -57,9 +66,13 @@ struct Tray {
               [this]() -> const std::vector<MenuItem>& { return delegate->eventsMenu(); },
               [this]() -> const std::vector<MenuItem>& { return delegate->menu(); },
           }),
-          indicator(presenter.menu(), iconThemePath(self)) {
+          indicator(presenter.menu(), iconThemePath(self)), ledger(Repository::shared().local()),
+          cloudSync(
+              ledger, [] { return makeAccountCloudService(UserDefaults::standard()); },
+              UserDefaults::standard(), SystemClock::shared(), syncLockFile()) {
         delegate.emplace(AppDelegate::Services{
             Repository::shared(),
+            cloudSync,
             UserDefaults::standard(),
             launchAtLogin,
             NotificationCenter::defaultCenter(),
@@ -100,7 +113,7 @@ struct Tray {
                                       [this] { delegate->settingsChangedOnDisk(); });
                 wakeWatch.emplace([this] { delegate->systemDidWake(); });
                 // A cloud that could not be reached is asked again once the network is back.
-                network.emplace([] { Repository::shared().networkCameBack(); });
+                network.emplace([this] { cloudSync.networkCameBack(); });
                 // A change written between the first title and now is not missed.
                 delegate->storeChangedOnDisk();
                 delegate->settingsChangedOnDisk();
@@ -115,6 +128,8 @@ struct Tray {
     LaunchAtLogin launchAtLogin;
     GtkMenuPresenter presenter;
     Indicator indicator;
+    LocalSyncLedger ledger;
+    CloudSync cloudSync;
     std::optional<AppDelegate> delegate;
     std::optional<FileWatch> storeWatch;
     std::optional<FileWatch> settingsWatch;
@@ -150,6 +165,8 @@ int main(int argc, char** argv) {
         }
         application->hold(); // a tray has no window to keep it alive
         tray = std::make_unique<Tray>(application, self);
+        // `gdbus call ... org.gtk.Actions.Activate sync [] {}` asks for a pull and a push.
+        application->add_action("sync", [&] { tray->delegate->syncRequested(); });
         tray->start();
     });
     // The first activation is this start; later ones come from `almanor` started again while this
@@ -160,9 +177,10 @@ int main(int argc, char** argv) {
         }
         launched = true;
     });
-    // Updates still on their way are waited for; those that never arrive are pushed next time.
+    // Quitting never waits on the network: a pass under way is cut off, and what the server did
+    // not acknowledge stays pending for the next start.
     application->signal_shutdown().connect([&] {
-        Repository::shared().finishCloudWork();
+        tray->cloudSync.stop();
         tray.reset();
     });
     // A session that ends sends SIGTERM: leave as "Quit" does.

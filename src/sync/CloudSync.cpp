@@ -1,0 +1,114 @@
+#include "sync/CloudSync.h"
+
+#include "platform/FileLock.h"
+#include "platform/Log.h"
+
+namespace almanor {
+
+CloudSync::CloudSync(SyncLedger& ledger, CloudServiceProvider provider, UserDefaults& defaults,
+                     const Clock& clock, std::filesystem::path lockFile)
+    : ledger_(ledger), defaults_(defaults), clock_(clock), lockFile_(std::move(lockFile)),
+      cloud_(std::move(provider)) {}
+
+CloudSync::~CloudSync() {
+    stop();
+}
+
+void CloudSync::populateFromCloud() {
+    std::unique_lock lock(mutex_);
+    if (stopping_)
+        return;
+    std::uint64_t mine = ++asked_;
+    if (!worker_.joinable())
+        worker_ = std::thread([this] { worker(); });
+    changed_.notify_all();
+    changed_.wait(lock, [&] { return pulled_ >= mine || stopping_; });
+}
+
+void CloudSync::sync() {
+    std::lock_guard lock(mutex_);
+    if (stopping_)
+        return;
+    ++asked_;
+    if (!worker_.joinable())
+        worker_ = std::thread([this] { worker(); });
+    changed_.notify_all();
+}
+
+PassResult CloudSync::waitForSync() {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return done_ >= asked_ || !worker_.joinable(); });
+    return last_;
+}
+
+void CloudSync::stop() {
+    {
+        std::lock_guard lock(mutex_);
+        stopping_ = true;
+    }
+    changed_.notify_all();
+    if (auto cloud = cloud_.existing())
+        cloud->service().cancel();
+    if (worker_.joinable())
+        worker_.join();
+    std::lock_guard lock(mutex_);
+    pulled_ = done_ = asked_;
+    changed_.notify_all();
+}
+
+void CloudSync::networkCameBack() {
+    cloud_.networkCameBack();
+    sync();
+}
+
+void CloudSync::worker() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+        changed_.wait(lock, [&] { return asked_ > done_ || stopping_; });
+        if (stopping_)
+            return;
+        std::uint64_t pass = asked_;
+        lock.unlock();
+        PassResult result = runPass(pass);
+        lock.lock();
+        last_ = result;
+        pulled_ = std::max(pulled_, pass);
+        done_ = pass;
+        changed_.notify_all();
+    }
+}
+
+PassResult CloudSync::runPass(std::uint64_t pass) {
+    PassResult result;
+    auto pulled = [&] {
+        std::lock_guard lock(mutex_);
+        pulled_ = pass;
+        changed_.notify_all();
+    };
+    std::shared_ptr<CloudRepository> cloud = cloud_.get();
+    if (!cloud) {
+        Log::line("Cloud not available for syncing");
+        result.problem = "the cloud is not available";
+        return result;
+    }
+    FileLock lock(lockFile_, [this] { return !stopping_; });
+    if (!lock.held()) {
+        if (!stopping_)
+            Log::line("Failed to lock the store for syncing: " + lock.error());
+        result.problem = "the store could not be locked for syncing: " + lock.error();
+        return result;
+    }
+    // A stop that came while this pass started must still reach its service.
+    if (stopping_)
+        return result;
+    cloud->service().startPass();
+    SyncPass syncPass(*cloud, ledger_, defaults_, clock_, stopping_);
+    result.pulled = syncPass.pull();
+    pulled();
+    if (!stopping_)
+        result.pushed = syncPass.push();
+    result.problem = syncPass.problem();
+    return result;
+}
+
+} // namespace almanor

@@ -1,0 +1,67 @@
+#pragma once
+
+#include "cloud/CloudRepository.h"
+#include "cloud/CloudServiceProvider.h"
+#include "platform/Clock.h"
+#include "storage/SyncLedger.h"
+#include "sync/SyncPass.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <filesystem>
+#include <mutex>
+#include <thread>
+
+namespace almanor {
+
+class UserDefaults;
+
+// Keeps the store and the user's cloud in step: passes of a pull followed by a push, run one at a
+// time on a worker of their own. Two processes on one store take turns through a lock file beside
+// it. A pass asked for while one runs is run once after it.
+class CloudSync {
+  public:
+    // `lockFile`: the file every process syncing this store locks for the length of a pass.
+    CloudSync(SyncLedger& ledger, CloudServiceProvider provider, UserDefaults& defaults,
+              const Clock& clock, std::filesystem::path lockFile);
+    // Stops as stop() does.
+    ~CloudSync();
+    CloudSync(const CloudSync&) = delete;
+    CloudSync& operator=(const CloudSync&) = delete;
+
+    // Start-up: a pass, returning once its pull has ended (its push goes on in the background),
+    // so that the first title is drawn from what the server holds.
+    void populateFromCloud();
+    // A pass in the background; returns at once.
+    void sync();
+    // Blocks until no pass runs or is asked for; the result of the last pass.
+    PassResult waitForSync();
+    // For a process that is quitting: the pass under way ends at once (its requests are cut
+    // off; what was not acknowledged stays pending), and no other starts. Returns when the
+    // worker has ended.
+    void stop();
+    // The cloud may be asked again after an earlier attempt gave up; a pass follows.
+    void networkCameBack();
+
+  private:
+    void worker();
+    PassResult runPass(std::uint64_t pass);
+
+    SyncLedger& ledger_;
+    UserDefaults& defaults_;
+    const Clock& clock_;
+    std::filesystem::path lockFile_;
+    CloudRepositoryFactory cloud_;
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::uint64_t asked_ = 0;  // passes asked for so far
+    std::uint64_t pulled_ = 0; // asks covered by a pass whose pull has ended
+    std::uint64_t done_ = 0;   // asks covered by a pass that has ended
+    PassResult last_;
+    std::atomic<bool> stopping_{false};
+    std::thread worker_;
+};
+
+} // namespace almanor

@@ -1,0 +1,83 @@
+#pragma once
+
+#include "cloud/CloudEvent.h"
+#include "cloud/CloudService.h"
+#include "platform/Clock.h"
+#include "storage/SyncLedger.h"
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace almanor {
+
+class CloudRepository;
+class UserDefaults;
+
+// How a pass ended.
+struct PassResult {
+    bool pulled = false; // the server's changes were read and written here
+    bool pushed = false; // every pending change was sent or settled
+    std::string problem; // the first thing that went wrong, one line
+};
+
+// Which side wins when both changed one event: the later change, ties to the server. Times
+// compare to the second, the grain of the record's LAST-MODIFIED; a server copy without a time
+// counts as the later one.
+enum class Side { here, server };
+Side laterChange(Instant here, std::optional<Instant> server);
+
+// One pass of the sync between the store and the app's zone: a pull of what changed on the
+// server since the last one, then a push of what changed here. Every write to the server is
+// conditional on the version last seen, so a pass cut off anywhere (a kill, a lost answer) is
+// finished by a later one without duplicating or overwriting anything; what the server reports
+// gone is removed here; when both sides changed one event the later change wins and the other is
+// named in one log line.
+class SyncPass {
+  public:
+    SyncPass(CloudRepository& cloud, SyncLedger& ledger, UserDefaults& defaults, const Clock& clock,
+             const std::atomic<bool>& stopping);
+
+    // Reads a zone of an older layout while discovery names one, then the app's zone's changes.
+    // Returns whether the app's zone was read and written here.
+    bool pull();
+    // Sends what is pending here. Returns whether nothing failed.
+    bool push();
+
+    const std::string& problem() const { return problem_; }
+
+  private:
+    struct Pending;
+
+    void copyOlderZone(const std::string& zoneName);
+    bool pullAppZone();
+    std::optional<ZoneChanges> fetchAppZoneChanges(const std::string& token,
+                                                   const std::map<std::string, std::string>& known);
+    void applyChanged(const RemoteRecord& remote);
+    void applyGone(const SyncRow& row);
+    void pushRow(SyncRow& row);
+    void create(SyncRow& row, const RecordState& state);
+    void replace(SyncRow& row, const RecordState& state);
+    void remove(SyncRow& row, const RecordState& state);
+    void settleWithServer(SyncRow& row, const RecordState& state, bool creating);
+    void keepServerCopy(const SyncRow& row, const RemoteRecord& remote, const CloudEvent& theirs);
+    void later(std::function<void()> write, std::string failureMessage);
+    void flush();
+    void fail(const std::string& problem);
+
+    CloudRepository& cloud_;
+    CloudService& service_;
+    SyncLedger& ledger_;
+    UserDefaults& defaults_;
+    const Clock& clock_;
+    const std::atomic<bool>& stopping_;
+    std::vector<SyncRow> rows_;
+    std::vector<std::pair<std::function<void()>, std::string>> marks_;
+    std::string problem_;
+};
+
+} // namespace almanor
