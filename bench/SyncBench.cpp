@@ -1,14 +1,16 @@
 // The cloud logic's own cost, with the cloud in memory so that only the mapping, the store's
-// writes and the bookkeeping are measured: the start-up pull of N records into an empty store,
-// and the first push of N new events.
+// writes and the bookkeeping are measured: a full pull of N records into an empty store, and
+// the first push of N new events.
 #include "FakeCloudService.h"
 #include "TempDir.h"
 #include "cloud/RecordMapping.h"
 #include "platform/Log.h"
 #include "platform/Settings.h"
 #include "platform/UserDefaults.h"
+#include "storage/LocalSyncLedger.h"
 #include "storage/MigrationManager.h"
 #include "storage/Repository.h"
+#include "sync/CloudSync.h"
 
 #include <benchmark/benchmark.h>
 
@@ -21,9 +23,16 @@ struct Store {
     NotificationCenter center;
     UserDefaults defaults{dir / "settings.ini"};
     std::shared_ptr<test::FakeCloudService> fake = std::make_shared<test::FakeCloudService>();
-    Repository repository{std::make_unique<LocalRepository>(dir / "Almanor", "EventsV1.db", center),
-                          [this] { return std::static_pointer_cast<CloudService>(fake); },
-                          &defaults};
+    Repository repository{
+        std::make_unique<LocalRepository>(dir / "Almanor", "EventsV1.db", center)};
+    LocalSyncLedger ledger{(createTable(), repository.local())};
+    CloudSync sync{ledger, [this] { return std::static_pointer_cast<CloudService>(fake); },
+                   defaults, SystemClock::shared(), dir / "Almanor/EventsV1.db.sync-lock"};
+    int createTable() {
+        repository.local().connection().run(
+            MigrationManager::createTableStatement(repository.local().events()));
+        return 0;
+    }
     Store() {
         Log::setSink([](std::string_view) {});
         repository.local().connection().run(
@@ -49,7 +58,7 @@ void pullIntoEmptyStore(benchmark::State& state) {
         for (int i = 0; i < n; ++i)
             store->fake->seed(recordFromEvent(CloudEvent{std::nullopt, someEvent(i)}));
         state.ResumeTiming();
-        store->repository.populateFromCloud();
+        store->sync.populateFromCloud();
         state.PauseTiming();
         store.reset();
         state.ResumeTiming();
@@ -65,8 +74,8 @@ void firstPush(benchmark::State& state) {
         for (int i = 0; i < n; ++i)
             store->repository.insert(*someEvent(i));
         state.ResumeTiming();
-        store->repository.sync();
-        store->repository.waitForSync();
+        store->sync.sync();
+        store->sync.waitForSync();
         state.PauseTiming();
         store.reset();
         state.ResumeTiming();

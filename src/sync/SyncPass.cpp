@@ -13,9 +13,11 @@ namespace almanor {
 
 namespace {
 
-// Marks are written in batches: each commit costs a sync of the file. A batch lost to a kill is
-// harmless: the next pass's conditional writes find the server already in step.
-constexpr std::size_t marksPerCommit = 25;
+// Marks are written in batches, each commit costing a sync of the file: every couple of seconds,
+// or sooner when many pile up (a fast server). A batch lost to a kill costs only a look at the
+// server: the next pass's conditional writes find it already in step.
+constexpr std::size_t marksPerCommit = 250;
+constexpr std::chrono::seconds marksAtMostEvery{2};
 
 const std::string appZone(appZoneName);
 
@@ -497,8 +499,11 @@ void SyncPass::keepServerCopy(const SyncRow& row, const RemoteRecord& remote,
 }
 
 void SyncPass::later(std::function<void()> write, std::string failureMessage) {
+    if (marks_.empty())
+        firstMark_ = std::chrono::steady_clock::now();
     marks_.emplace_back(std::move(write), std::move(failureMessage));
-    if (marks_.size() >= marksPerCommit)
+    if (marks_.size() >= marksPerCommit ||
+        std::chrono::steady_clock::now() - firstMark_ >= marksAtMostEvery)
         flush();
 }
 

@@ -6,6 +6,7 @@
 #include "storage/SyncLedger.h"
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -77,6 +78,7 @@ class SyncPass {
     const std::atomic<bool>& stopping_;
     std::vector<SyncRow> rows_;
     std::vector<std::pair<std::function<void()>, std::string>> marks_;
+    std::chrono::steady_clock::time_point firstMark_;
     std::string problem_;
 };
 

@@ -10,8 +10,10 @@
 #include "model/CivilCalendar.h"
 #include "platform/UserDefaults.h"
 #include "storage/LocalRepository.h"
+#include "storage/LocalSyncLedger.h"
 #include "storage/MigrationManager.h"
 #include "storage/Repository.h"
+#include "sync/CloudSync.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -42,16 +44,18 @@ class AppDelegateTest : public testing::Test {
   protected:
     AppDelegateTest()
         : defaults(dir / "config/settings.ini"), clock(at(2030, 1, 9, 12)), // a Wednesday, noon
-          repository(
-              std::make_unique<LocalRepository>(dir / "data", "EventsV1.db", center, clock),
-              [this] { return std::static_pointer_cast<CloudService>(cloud); }, &defaults),
+          repository(std::make_unique<LocalRepository>(dir / "data", "EventsV1.db", center, clock)),
+          ledger(repository.local()),
+          cloudSync(
+              ledger, [this] { return std::static_pointer_cast<CloudService>(cloud); }, defaults,
+              clock, dir / "data/EventsV1.db.sync-lock"),
           launchAtLogin(loginItems, defaults), presenter(journal), statusBar(journal),
           scheduler(journal) {}
 
     AppDelegate& start() {
         delegate = std::make_unique<AppDelegate>(
-            AppDelegate::Services{repository, defaults, launchAtLogin, center, mainThread, clock,
-                                  presenter, statusBar, scheduler,
+            AppDelegate::Services{repository, cloudSync, defaults, launchAtLogin, center,
+                                  mainThread, clock, presenter, statusBar, scheduler,
                                   [this] {
                                       auto w = std::make_unique<test::FakeWindow>();
                                       window = w.get();
@@ -105,6 +109,8 @@ class AppDelegateTest : public testing::Test {
     FixedClock clock;
     std::shared_ptr<test::FakeCloudService> cloud; // none: no account
     Repository repository;
+    LocalSyncLedger ledger;
+    CloudSync cloudSync;
     test::MemoryLoginItems loginItems;
     LaunchAtLogin launchAtLogin;
     test::Journal journal;
@@ -303,20 +309,20 @@ TEST_F(AppDelegateTest, ChangesFromOtherProcessesAreFollowedAndOwnOnesHandledOnc
     EXPECT_EQ(marked(), (std::vector<std::string>{"Mine - Jan 11, 2030"}));
 }
 
-TEST_F(AppDelegateTest, TheCloudIsPulledBeforeTheFirstTitleAndPushedAtStartOnChangesAndOnTicks) {
+TEST_F(AppDelegateTest, TheCloudIsPulledBeforeTheFirstTitleAndSyncedOnChangesTicksAndAsking) {
     cloud = std::make_shared<test::FakeCloudService>();
     const std::string appZone{appZoneName};
     cloud->saveZone(appZone);
     auto pulled = makeEvent(Uuid::random(), at(2030, 1, 11), "From the cloud", std::nullopt,
                             Schedule::none, CountMethod::standard);
-    cloud->saveRecord(recordFromEvent(CloudEvent{RecordId{"rec-1", appZone}, pulled}));
+    cloud->seed(recordFromEvent(CloudEvent{RecordId{"rec-1", appZone}, pulled}));
     add("Made offline", at(2031, 1, 1));
     auto inCloud = [&](const std::string& name) {
-        repository.waitForSync();
-        auto records = cloud->stored(appZone);
-        return std::any_of(records.begin(), records.end(), [&](const CloudRecord& r) {
-            return eventFromRecord(r).event->name() == name;
-        });
+        cloudSync.waitForSync();
+        for (const auto& [resource, remote] : cloud->stored(appZone))
+            if (eventFromRecord(remote.record).event->name() == name)
+                return true;
+        return false;
     };
 
     start();
@@ -336,6 +342,25 @@ TEST_F(AppDelegateTest, TheCloudIsPulledBeforeTheFirstTitleAndPushedAtStartOnCha
     EXPECT_FALSE(inCloud("Elsewhere"));
     scheduler.fire();
     EXPECT_TRUE(inCloud("Elsewhere"));
+
+    // Another machine's event and deletion reach the menu with a tick, and again when asked.
+    auto soon = makeEvent(Uuid::random(), at(2030, 1, 10), "Another machine's", std::nullopt,
+                          Schedule::none, CountMethod::standard);
+    cloud->seed(recordFromEvent(CloudEvent{RecordId{"rec-2", appZone}, soon}));
+    // Until the passes that the pulled changes' notices start have run too.
+    auto settle = [&] {
+        do
+            cloudSync.waitForSync();
+        while (mainThread.drain() > 0);
+    };
+    scheduler.fire();
+    settle();
+    EXPECT_NO_FATAL_FAILURE(indexOf("Another machine's - Jan 10, 2030"));
+    cloud->unseed(appZone, "rec-2.ics");
+    delegate->syncRequested();
+    settle();
+    for (const auto& row : delegate->eventsMenu())
+        EXPECT_NE(row.title, "Another machine's - Jan 10, 2030");
 }
 
 TEST_F(AppDelegateTest, RandomModeNeverFeedsOnItsOwnWrites) {

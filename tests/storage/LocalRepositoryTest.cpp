@@ -70,8 +70,6 @@ class LocalRepositoryTest : public ::testing::Test {
 TEST_F(LocalRepositoryTest, CreatesTheDirectoryWithItsParentsAndStartsEmpty) {
     EXPECT_TRUE(std::filesystem::is_regular_file(dir / "data/Almanor/EventsV1.db"));
     EXPECT_TRUE(store.fetchAll().empty());
-    auto changes = store.pendingChanges();
-    EXPECT_TRUE(changes.inserted.empty() && changes.updated.empty() && changes.deleted.empty());
 }
 
 TEST_F(LocalRepositoryTest, RunsExactlyTheseStatements) {
@@ -81,10 +79,6 @@ TEST_F(LocalRepositoryTest, RunsExactlyTheseStatements) {
     store.update(*e);
     store.deleteEvent(*e);
     store.fetchAll();
-    store.pendingChanges();
-    store.markInserted(e->id(), "record");
-    store.markUpdated(e->id());
-    store.markDeleted(e->id());
     EXPECT_EQ(
         trace.take(),
         (std::vector<std::string>{
@@ -92,12 +86,6 @@ TEST_F(LocalRepositoryTest, RunsExactlyTheseStatements) {
             R"(UPDATE "events" SET "name" = ?, "alias" = ?, "date" = ?, "schedule" = ?, "method" = ?, "updated" = ?, "sync_dirty" = 1 WHERE ("id" = ?))",
             R"(UPDATE "events" SET "deleted" = ? WHERE ("id" = ?))",
             R"(SELECT * FROM "events" WHERE ("deleted" IS ?) ORDER BY "date", "name")",
-            R"(SELECT * FROM "events" WHERE (("deleted" IS ?) AND ("sync_id" IS ?)))",
-            R"(SELECT * FROM "events" WHERE ((("deleted" IS ?) AND ("sync_id" IS NOT ?)) AND "sync_dirty"))",
-            R"(SELECT * FROM "events" WHERE ((("deleted" IS NOT ?) AND ("sync_id" IS NOT ?)) AND NOT ("sync_deleted")))",
-            R"(UPDATE "events" SET "sync_id" = ?, "sync_date" = ? WHERE ("id" = ?))",
-            R"(UPDATE "events" SET "sync_dirty" = 0, "sync_date" = ? WHERE ("id" = ?))",
-            R"(UPDATE "events" SET "sync_deleted" = 1, "sync_date" = ? WHERE ("id" = ?))",
         }));
 }
 
@@ -169,109 +157,6 @@ TEST_F(LocalRepositoryTest, StoredCodesOutOfRangeLoadAsTheFirstCase) {
     EXPECT_EQ(events[1]->countMethod(), CountMethod::weekendUsesMondayAfter);
 }
 
-TEST_F(LocalRepositoryTest, PendingChangesFollowTheRowStates) {
-    auto fresh = event("fresh", day);
-    store.insert(*fresh);
-
-    auto neverPushed = event("neverPushed", day);
-    store.insert(*neverPushed);
-    store.deleteEvent(*neverPushed);
-
-    auto editedTwice = event("editedTwice", day);
-    store.insert(*editedTwice);
-    store.markInserted(editedTwice->id(), "rec-edited");
-    editedTwice->setName("edited once");
-    store.update(*editedTwice);
-    editedTwice->setName("edited twice");
-    store.update(*editedTwice);
-
-    auto editedBeforeInsertPushed = event("racing", day);
-    store.insert(*editedBeforeInsertPushed);
-    store.update(*editedBeforeInsertPushed);
-    store.markInserted(editedBeforeInsertPushed->id(), "rec-racing");
-
-    auto clean = event("clean", day);
-    store.insert(*clean);
-    store.markInserted(clean->id(), "rec-clean");
-
-    auto removed = event("removed", day);
-    store.insert(*removed);
-    store.markInserted(removed->id(), "rec-removed");
-    store.deleteEvent(*removed);
-
-    auto changes = store.pendingChanges();
-    ASSERT_EQ(changes.inserted.size(), 1u);
-    EXPECT_EQ(changes.inserted[0].recordId, std::nullopt);
-    EXPECT_EQ(changes.inserted[0].event->id(), fresh->id());
-    EXPECT_EQ(changes.inserted[0].event->name(), "fresh");
-
-    std::vector<std::pair<std::string, RecordId>> updated;
-    for (const auto& c : changes.updated) {
-        ASSERT_TRUE(c.recordId);
-        updated.emplace_back(c.event->name(), *c.recordId);
-    }
-    std::sort(updated.begin(), updated.end(),
-              [](const auto& l, const auto& r) { return l.first < r.first; });
-    EXPECT_EQ(updated,
-              (std::vector<std::pair<std::string, RecordId>>{{"edited twice", {"rec-edited", zone}},
-                                                             {"racing", {"rec-racing", zone}}}));
-
-    EXPECT_EQ(changes.deleted,
-              (std::vector<CloudId>{{removed->id(), RecordId{"rec-removed", zone}}}));
-
-    clock.advance(1s);
-    store.markInserted(fresh->id(), "rec-fresh");
-    store.markUpdated(editedTwice->id());
-    store.markUpdated(editedBeforeInsertPushed->id());
-    store.markDeleted(removed->id());
-    changes = store.pendingChanges();
-    EXPECT_TRUE(changes.inserted.empty());
-    EXPECT_TRUE(changes.updated.empty());
-    EXPECT_TRUE(changes.deleted.empty());
-
-    EXPECT_EQ(row(*fresh, "sync_id,sync_date,sync_dirty"),
-              "'rec-fresh'|'2025-01-10T08:00:01.000'|0");
-    EXPECT_EQ(row(*removed, "sync_deleted,sync_date"), "1|'2025-01-10T08:00:01.000'");
-    EXPECT_EQ(row(*neverPushed, "sync_id,sync_deleted"), "NULL|0"); // stays as it is, forever
-    EXPECT_EQ(count(), "6");
-}
-
-TEST_F(LocalRepositoryTest, AFailingSyncQueryKeepsOnlyTheListsBeforeIt) {
-    auto fresh = event("fresh", day);
-    store.insert(*fresh);
-    for (const char* name : {"good", "bad"}) {
-        auto e = event(name, day);
-        store.insert(*e);
-        store.markInserted(e->id(), std::string("rec-") + name);
-        store.update(*e);
-    }
-    auto removed = event("removed", day);
-    store.insert(*removed);
-    store.markInserted(removed->id(), "rec-removed");
-    store.deleteEvent(*removed);
-    store.connection().run(R"(UPDATE "events" SET "date" = 'garbage' WHERE "name" = 'bad')");
-
-    test::LogCapture log;
-    auto changes = store.pendingChanges();
-    ASSERT_EQ(changes.inserted.size(), 1u);
-    EXPECT_EQ(changes.inserted[0].event->id(), fresh->id());
-    EXPECT_TRUE(changes.updated.empty()); // not even the good row read before the bad one
-    EXPECT_TRUE(changes.deleted.empty()); // the query after the failure never ran
-    EXPECT_EQ(log.lines(),
-              std::vector<std::string>{
-                  "Sync query error: Cannot read column `\"date\"` as a date: garbage"});
-}
-
-TEST_F(LocalRepositoryTest, AMissingTableFailsReadsAndIsLoggedBySyncQueries) {
-    store.connection().run(R"(DROP TABLE "events")");
-    EXPECT_THROW(store.fetchAll(), sql::Error);
-    test::LogCapture log;
-    auto changes = store.pendingChanges();
-    EXPECT_TRUE(changes.inserted.empty() && changes.updated.empty() && changes.deleted.empty());
-    EXPECT_EQ(log.lines(),
-              std::vector<std::string>{"Sync query error: no such table: events (code: 1)"});
-}
-
 TEST_F(LocalRepositoryTest, NotifiesOnceAfterEachSuccessfulChangeOnTheWritingThread) {
     std::vector<std::size_t> seen; // the list as an observer reads it, nested in the write
     std::vector<std::thread::id> threads;
@@ -283,9 +168,6 @@ TEST_F(LocalRepositoryTest, NotifiesOnceAfterEachSuccessfulChangeOnTheWritingThr
     auto e = event("E", day);
     store.insert(*e);
     store.update(*e);
-    store.markInserted(e->id(), "rec");
-    store.markUpdated(e->id());
-    store.markDeleted(e->id());
     store.deleteEvent(*e);
     EXPECT_EQ(seen, (std::vector<std::size_t>{1, 1, 0}));
 

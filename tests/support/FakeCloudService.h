@@ -279,6 +279,8 @@ class FakeCloudService : public CloudService {
     }
 
     void startPass() override {}
+    // A new process's service to the same server: cancel() no longer holds.
+    void resume() { cancelled_ = false; }
 
     void cancel() override { cancelled_ = true; }
 
