@@ -11,6 +11,8 @@ that file. Modes:
   503        answer every request with 503 Service Unavailable
   refuse-put forward everything but PUT, which gets 503 (or a closed connection with "refuse-put close")
   hang       accept, read, never answer
+  drop-put-answer  forward everything, but close the connection instead of passing on the answer
+             to a PUT: the server has applied it, the client never learns so
 Every request line seen is appended to FILE.log with its mode, so tests can count what went through.
 """
 import argparse
@@ -116,6 +118,10 @@ class Proxy:
         upstream = socket.create_connection(self.target, timeout=60)
         try:
             upstream.sendall(head + body)
+            if mode == "drop-put-answer" and method == "PUT":
+                while upstream.recv(BUF):
+                    pass
+                return
             while True:
                 chunk = upstream.recv(BUF)
                 if not chunk:

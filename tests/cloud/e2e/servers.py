@@ -85,6 +85,10 @@ type = none
             return []
         return sorted(n for n in os.listdir(path) if n.endswith(".ics"))
 
+    def resource_path(self, zone, resource):
+        return os.path.join(self.folder, "collections", "collection-root", self.user, zone,
+                            resource)
+
 
 class Xandikos(Process):
     user, password = "user", "any"
@@ -102,6 +106,9 @@ class Xandikos(Process):
         if not os.path.isdir(path):
             return []
         return sorted(n for n in os.listdir(path) if n.endswith(".ics"))
+
+    def resource_path(self, zone, resource):
+        return os.path.join(self.folder, "user", "calendars", zone, resource)
 
 
 class FaultProxy(Process):
