@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """Cloud figures against vdirsyncer doing the same work with the same Radicale on loopback:
-pushing 300 new events (client CPU), a fresh machine's first pull of them (wall), and almanor's
-pull of 1,000 records. Prints figures; asserts nothing.
+pushing 300 new events (client CPU), a fresh machine's first pull of them (wall), almanor's pull
+of 1,000 records, a sync with nothing to do over 1,000 events against vdirsyncer's (alternating),
+and a pull of 10 changes among 1,000. Prints figures; asserts nothing.
 
 usage: bench/cloud-bench.py PATH/TO/almanor"""
 import os
@@ -111,6 +112,35 @@ def almanor_figures(root, almanor, server, pwfile, count, tag):
     return push_wall, push_cpu, pull_wall, pull_cpu
 
 
+def idle_and_ten_changes(root, almanor, server, pwfile):
+    """Over the 1,000 events almanor_figures(..., "1000") left in the app's zone."""
+    a = home_env(root, "almanor-pull-1000")  # synced with all 1,000
+    vd = home_env(root, "vdir-idle")
+    vdir_config(vd, server, pwfile, "com.vostrel.almanor.zone", os.path.join(vd["HOME"], "cal"))
+    subprocess.run(["vdirsyncer", "discover"], env=vd, input="y\n" * 4, text=True,
+                   capture_output=True, check=True)
+    timed(["vdirsyncer", "sync"], vd)  # its first sync copies the 1,000
+    ours, theirs = [], []
+    for _ in range(5):
+        ours.append(timed([almanor, "sync"], a)[0])
+        theirs.append(timed(["vdirsyncer", "sync"], vd)[0])
+    o, t = sorted(ours)[2], sorted(theirs)[2]
+    print("Sync with nothing to do, 1,000 events (5 alternating pairs, medians)")
+    print(f"  almanor sync: {o * 1000:6.0f} ms wall; vdirsyncer sync: {t * 1000:6.0f} ms wall "
+          f"(almanor {o / t:.0%} of vdirsyncer's)")
+    # Ten changes made on another machine, then pulled here.
+    b = home_env(root, "almanor-push-1000")
+    listed = subprocess.run([almanor, "events", "list", "--json"], env=b, check=True,
+                            capture_output=True, text=True).stdout
+    import json
+    for i, e in enumerate(json.loads(listed)[:10]):
+        subprocess.run([almanor, "events", "edit", e["id"], "--name", f"changed {i}"], env=b,
+                       check=True, capture_output=True)
+    subprocess.run([almanor, "sync"], env=b, check=True, capture_output=True)
+    wall, cpu, _ = timed([almanor, "sync"], a)
+    print(f"Pull of 10 changes among 1,000: {wall * 1000:6.0f} ms wall, {cpu * 1000:6.0f} ms CPU")
+
+
 def main():
     almanor = os.path.abspath(sys.argv[1]) if len(sys.argv) > 1 else None
     with tempfile.TemporaryDirectory() as root:
@@ -136,6 +166,7 @@ def main():
             print("Pull of 1,000 records")
             _, _, bw, bc = almanor_figures(root, almanor, server, pwfile, 1000, "1000")
             print(f"  almanor sync, fresh machine: {bw:6.2f} s wall, {bc:6.2f} s CPU")
+            idle_and_ten_changes(root, almanor, server, pwfile)
         finally:
             server.stop()
     return 0

@@ -1,7 +1,8 @@
 #!/usr/bin/python3
-"""The time the start-up pull adds to the tray's first title: the tray of a fresh machine started
-with 1,000 records waiting on a Radicale on loopback, against the same tray with no account.
-Runs on a private X server and session bus.
+"""The time the start-up pull adds to the tray's first title, on a Radicale on loopback: a machine
+whose 1,000 events are already in step with the server (the pull finds nothing to do) and a fresh
+machine with 1,000 records waiting, against the same tray and 1,000 events with no account.
+Rounds alternate. Runs on a private X server and session bus.
 
 Usage: bench/tray-cloud-start.py [BUILD_DIR]   (default build/release, built when missing)"""
 
@@ -31,7 +32,7 @@ desktop.in_private_session(os.path.abspath(__file__))
 import servers  # noqa: E402
 
 BUILD = os.environ["ALMANOR_BENCH_BUILD"]
-ROUNDS = int(os.environ.get("ROUNDS", "3"))
+ROUNDS = int(os.environ.get("ROUNDS", "5"))
 
 
 def first_title_ms(env):
@@ -70,19 +71,26 @@ def main():
         subprocess.run(almanor + ["sync"], env=seed, check=True, capture_output=True)
         print("seeded 1,000 records with almanor sync in %.0f s" % (time.monotonic() - start))
 
-        results = {"no account": [], "pull of 1,000": []}
+        results = {"no account": [], "1,000 unchanged": [], "pull of 1,000": []}
         for _ in range(ROUNDS):
             for name in results:
                 home = tempfile.mkdtemp(dir=work)
                 env = dict(os.environ, HOME=home, XDG_CONFIG_HOME=home + "/config", XDG_DATA_HOME=home + "/data")
-                if name != "no account":
+                if name != "pull of 1,000":
+                    # The same 1,000 events, in step with the server.
+                    shutil.copytree(work + "/seed/data", home + "/data")
+                if name == "1,000 unchanged":
+                    shutil.copytree(work + "/seed/config", home + "/config")
+                elif name == "pull of 1,000":
                     subprocess.run(almanor + login, env=env, check=True, capture_output=True)
                 results[name].append(first_title_ms(env))
                 shutil.rmtree(home, ignore_errors=True)
         base = statistics.median(results["no account"])
+        same = statistics.median(results["1,000 unchanged"])
         pulled = statistics.median(results["pull of 1,000"])
-        print("tray exec to first title: %.0f ms with no account, %.0f ms pulling 1,000 records: the pull "
-              "adds %.0f ms (%d rounds, medians)" % (base, pulled, pulled - base, ROUNDS))
+        print("tray exec to first title (%d rounds, medians): %.0f ms with no account; %.0f ms with 1,000 "
+              "records unchanged on the server (%.2fx); %.0f ms for a fresh machine pulling 1,000"
+              % (ROUNDS, base, same, same / base, pulled))
     finally:
         server.stop()
         d.close()
