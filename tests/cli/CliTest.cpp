@@ -9,9 +9,11 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <poll.h>
 #include <spawn.h>
+#include <sstream>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -317,20 +319,100 @@ TEST_F(CliTest, ConcurrentWritersLoseNoEvent) {
     EXPECT_EQ(list().size(), 32u);
 }
 
-TEST_F(CliTest, AStoreWithoutItsTableIsReportedOnStandardError) {
+TEST_F(CliTest, ALostStoreFileStartsEmptyAndTheNextAddWorks) {
     add({"Gone", "--date", "2030-01-01"});
     std::filesystem::remove(home / "data/Almanor/EventsV1.db");
-    // The table was created once (the defaults remember it), so it is not created again.
+    // The settings still say the table was made once; the store makes it again all the same.
     Result status = run({"status"});
     EXPECT_EQ(status.status, 0);
     EXPECT_EQ(status.out, "Almanor  \xF0\x9F\x8E\x89\n");
-    EXPECT_NE(status.err.find("Failed to fetch records: "), std::string::npos) << status.err;
-    Result listing = run({"events", "list"});
-    EXPECT_EQ(listing.status, 3);
-    EXPECT_EQ(listing.out, "");
-    Result adding = run({"events", "add", "New", "--date", "2030-01-01"});
-    EXPECT_EQ(adding.status, 3);
-    EXPECT_NE(adding.err.find("Failed to insert record: "), std::string::npos);
+    EXPECT_EQ(status.err, "");
+    EXPECT_EQ(list(), Json::array());
+    std::string id = add({"New", "--date", localDate("America/New_York", 2)});
+    EXPECT_EQ(run({"status"}).out, "New 2 days\n");
+    EXPECT_EQ(list()[0]["id"], id);
+}
+
+std::string slurp(const std::filesystem::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+// The bytes and the time of every file under a folder, to see that nothing was written.
+std::map<std::string, std::string> snapshot(const std::filesystem::path& folder) {
+    std::map<std::string, std::string> files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
+        if (entry.is_regular_file()) {
+            auto stamp = entry.last_write_time().time_since_epoch().count();
+            files[entry.path().string()] = slurp(entry.path()) + "@" + std::to_string(stamp);
+        }
+    }
+    return files;
+}
+
+TEST_F(CliTest, ADamagedStoreIsExitThreeAndOneLineForEveryCommandAndNothingIsWritten) {
+    std::string id = add({"Kept", "--date", "2030-01-01"});
+    for (int i = 0; i < 40; ++i) {
+        add({"Filler " + std::to_string(i), "--date", "2030-02-01"});
+    }
+    std::filesystem::path db = home / "data/Almanor/EventsV1.db";
+    std::string whole = slurp(db);
+    ASSERT_GT(whole.size(), 3 * 4096u);
+    // An account, so that sync gets as far as the store; nothing listens on port 9.
+    {
+        std::ofstream(home / "config/Almanor/settings.ini", std::ios::app)
+            << "cloudServer=http://127.0.0.1:9/\ncloudUser=me\ncloudPasswordCommand=echo pw\n";
+    }
+    std::string garbage;
+    for (int i = 0; i < 5000; ++i) {
+        garbage += char((i * 7919 + 13) % 251);
+    }
+    const std::vector<std::vector<std::string>> commands = {
+        {"status"},
+        {"status", "--json"},
+        {"select", "next"},
+        {"select", id},
+        {"events", "list"},
+        {"events", "list", "--json"},
+        {"events", "add", "New", "--date", "2030-01-01"},
+        {"events", "edit", id, "--name", "Renamed"},
+        {"events", "delete", id},
+        {"cloud", "status"},
+        {"cloud", "status", "--json"},
+        {"sync"},
+    };
+    for (const auto& [what, bytes] : std::vector<std::pair<std::string, std::string>>{
+             {"garbage", garbage},
+             {"truncated", whole.substr(0, whole.size() / 2)},
+             {"cut mid-page", whole.substr(0, whole.size() - 4096 - 1000)}}) {
+        { std::ofstream(db, std::ios::binary | std::ios::trunc) << bytes; }
+        auto before = snapshot(home.path());
+        for (const auto& args : commands) {
+            std::string joined = what + ":";
+            for (const auto& a : args) {
+                joined += " " + a;
+            }
+            Result r = run(args);
+            EXPECT_EQ(r.status, 3) << joined << "\n" << r.err;
+            EXPECT_EQ(r.out, "") << joined;
+            EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << joined << "\n" << r.err;
+            EXPECT_EQ(
+                r.err.rfind("almanor: The event store " + db.string() + " could not be read: ", 0),
+                0u)
+                << joined << "\n"
+                << r.err;
+            EXPECT_NE(r.err.find("restore it from a backup, or move it away to start afresh\n"),
+                      std::string::npos)
+                << joined;
+        }
+        EXPECT_EQ(snapshot(home.path()), before) << what;
+    }
+    // The way out that the line names: moved away, the store starts afresh.
+    std::filesystem::rename(db, home / "damaged.db");
+    EXPECT_EQ(run({"status"}).out, "Almanor  \xF0\x9F\x8E\x89\n");
+    EXPECT_EQ(run({"events", "add", "New", "--date", "2030-01-01"}).status, 0);
 }
 
 TEST_F(CliTest, ACorruptSettingsFileIsReportedAndLosesNoEvent) {
