@@ -180,7 +180,8 @@ TEST_F(CliTest, NamesWithQuotesAndControlsListAsValidJson) {
     Json events = list();
     EXPECT_EQ(events[0]["name"], name);
     EXPECT_EQ(events[0]["alias"], "Mum\tday");
-    EXPECT_EQ(events[0]["title"].get<std::string>().substr(0, 7), "Mum\tday");
+    EXPECT_EQ(events[0]["title"].get<std::string>().substr(0, 7),
+              "Mum day"); // the title's one line
 }
 
 TEST_F(CliTest, PlainListingKeepsOneLinePerEventWhateverTheNames) {
@@ -192,9 +193,28 @@ TEST_F(CliTest, PlainListingKeepsOneLinePerEventWhateverTheNames) {
     EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 3);
     EXPECT_EQ(r.out.find('\t'), std::string::npos);
     EXPECT_EQ(r.out.find('\x1b'), std::string::npos);
-    EXPECT_NE(r.out.find("Two\\nlines (Tab\\there): Tab\\there "), std::string::npos);
+    EXPECT_NE(r.out.find("Two\\nlines (Tab\\there): Tab here "), std::string::npos);
     // The stored text is unchanged: only the listing escapes.
     EXPECT_EQ(list()[0]["name"], "Two\nlines");
+}
+
+TEST_F(CliTest, StatusAndSelectPrintOneLineWhateverTheName) {
+    std::string name = "Line\r\nbreak\tand\x1b[31mcolour\xE2\x80\xA8sep\xC2\x85nel\x7F";
+    std::string id = add({name, "--date", localDate("America/New_York", 4)});
+    std::string title = "Line  break and [31mcolour sep nel  4 days\n";
+    Result selected = run({"select", id});
+    EXPECT_EQ(selected.status, 0) << selected.err;
+    EXPECT_EQ(selected.out, title);
+    EXPECT_EQ(run({"status"}).out, title);
+    Result json = run({"status", "--json"});
+    EXPECT_EQ(std::count(json.out.begin(), json.out.end(), '\n'), 1);
+    EXPECT_EQ(Json::parse(json.out)["text"], title.substr(0, title.size() - 1));
+    EXPECT_EQ(list()[0]["name"], name); // stored as given
+
+    Result edit = run({"events", "edit", id, "--alias", "Short\nalias"});
+    ASSERT_EQ(edit.status, 0) << edit.err;
+    EXPECT_EQ(run({"status"}).out, "Short alias 4 days\n");
+    EXPECT_EQ(list()[0]["alias"], "Short\nalias");
 }
 
 TEST_F(CliTest, UnknownIdsExitOneWithOneLineAndChangeNothing) {
