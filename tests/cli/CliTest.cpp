@@ -435,17 +435,38 @@ TEST_F(CliTest, ADamagedStoreIsExitThreeAndOneLineForEveryCommandAndNothingIsWri
     EXPECT_EQ(run({"events", "add", "New", "--date", "2030-01-01"}).status, 0);
 }
 
-TEST_F(CliTest, ACorruptSettingsFileIsReportedAndLosesNoEvent) {
-    std::string id = add({"Kept", "--date", localDate("America/New_York", 5)});
-    { std::ofstream(home / "config/Almanor/settings.ini") << "\x01garbage without a group\n"; }
-    Result r = run({"status"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, "Kept 5 days\n");
-    EXPECT_NE(r.err.find("settings.ini"), std::string::npos) << r.err;
-    EXPECT_EQ(list()[0]["id"], id);
-    // Written afresh; what could not be read is kept beside it.
-    EXPECT_TRUE(std::filesystem::exists(home / "config/Almanor/settings.ini.corrupt"));
-    EXPECT_EQ(run({"status"}).err, "");
+TEST_F(CliTest, ADamagedSettingsFileTwiceOverKeepsTheAccountAndTheSelection) {
+    std::string later = add({"Later", "--date", localDate("America/New_York", 9)});
+    add({"Soon", "--date", localDate("America/New_York", 5)});
+    ASSERT_EQ(run({"select", later}).status, 0);
+    std::filesystem::path settings = home / "config/Almanor/settings.ini";
+    {
+        std::ofstream(settings, std::ios::app)
+            << "cloudServer=https://dav.example.org/\ncloudUser=me\ncloudPasswordCommand=echo pw\n";
+    }
+    std::string whole = slurp(settings);
+    std::string first = whole + "\x01garbage\n";
+    std::string second = "[com.vostrel.Alma\x01nor]" + whole.substr(whole.find('\n'));
+    int copies = 0;
+    for (const std::string& damaged : {first, second}) {
+        { std::ofstream(settings, std::ios::trunc) << damaged; }
+        Result r = run({"status"});
+        EXPECT_EQ(r.status, 0);
+        EXPECT_EQ(r.out, "Later 9 days\n"); // the selection survived
+        // Each line dropped is named, then the copy; once, not on the next read.
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 2) << r.err;
+        EXPECT_NE(r.err.find("settings.ini: line "), std::string::npos) << r.err;
+        EXPECT_EQ(run({"status"}).err, "");
+        std::string copy = settings.string() + ".corrupt" +
+                           (copies == 0 ? std::string() : "." + std::to_string(copies));
+        EXPECT_EQ(slurp(copy), damaged);
+        ++copies;
+        Result account = run({"cloud", "status"});
+        EXPECT_EQ(account.status, 0) << account.err;
+        EXPECT_EQ(account.out.rfind("Server: https://dav.example.org/\nUser: me\n", 0), 0u)
+            << account.out;
+    }
+    EXPECT_FALSE(std::filesystem::exists(settings.string() + ".corrupt.2"));
 }
 
 TEST_F(CliTest, AnUnopenableStoreStopsWithTheFatalMessage) {
