@@ -104,6 +104,8 @@ int cloudLogout() {
 
 int cloudStatus(bool json) {
     auto& defaults = UserDefaults::standard();
+    if (!storeIsReadable(Repository::shared()))
+        return exitStoreFailed;
     auto account = CloudAccount::load(defaults);
     std::optional<std::string> zone = Settings(defaults).zoneName();
     PendingChanges pending;
@@ -160,6 +162,8 @@ int syncNow() {
     Repository::setCloudServiceProvider([&defaults] { return makeAccountCloudService(defaults); });
     Settings(defaults).registerDefaults();
     Repository& repository = Repository::shared();
+    if (!storeIsReadable(repository))
+        return exitStoreFailed;
     MigrationManager::migrateIfNeeded(repository, defaults);
     repository.populateFromCloud();
     repository.sync();
