@@ -146,7 +146,7 @@ void removePassword(const std::string& server, const std::string& user) {
 
 } // namespace keyring
 
-std::string passwordFromCommand(const std::string& command) {
+std::string passwordFromCommand(const std::string& command, PasswordCommandLimits limits) {
     using Clock = std::chrono::steady_clock;
     int pipeFds[2];
     if (::pipe2(pipeFds, O_CLOEXEC) != 0)
@@ -173,7 +173,7 @@ std::string passwordFromCommand(const std::string& command) {
     ::close(writeEnd.fd);
     writeEnd.fd = -1;
 
-    const auto deadline = Clock::now() + passwordCommandTimeLimit;
+    const auto deadline = Clock::now() + limits.time;
     std::string output;
     std::string failure;
     int status = 0;
@@ -188,7 +188,7 @@ std::string passwordFromCommand(const std::string& command) {
         const auto now = Clock::now();
         if (now >= deadline) {
             failure = "the password command did not finish within " +
-                      std::to_string(passwordCommandTimeLimit.count()) + " s";
+                      std::to_string(limits.time.count()) + " s";
             break;
         }
         if (!open) {
@@ -209,9 +209,9 @@ std::string passwordFromCommand(const std::string& command) {
                 open = false;
             else if (n > 0)
                 output.append(buffer, std::size_t(n));
-            if (output.size() > passwordCommandOutputLimit)
+            if (output.size() > limits.output)
                 failure = "the password command printed more than " +
-                          std::to_string(passwordCommandOutputLimit / 1024) + " KiB";
+                          std::to_string(limits.output / 1024) + " KiB";
         } else if (exited) {
             open = false; // exited, nothing more to read now
         }

@@ -50,9 +50,11 @@ void removePassword(const std::string& server, const std::string& user);
 // Runs `command` through /bin/sh and returns the first line it prints. Throws CloudError when it
 // fails, prints nothing, runs longer than the time limit or prints more than the output limit (its
 // process group is then killed).
-inline constexpr std::chrono::seconds passwordCommandTimeLimit{30};
-inline constexpr std::size_t passwordCommandOutputLimit = 64 * 1024;
-std::string passwordFromCommand(const std::string& command);
+struct PasswordCommandLimits {
+    std::chrono::seconds time{30};
+    std::size_t output = 64 * 1024;
+};
+std::string passwordFromCommand(const std::string& command, PasswordCommandLimits limits = {});
 
 // The CalDAV service of the account in `defaults`; one that reports noAccount when there is none.
 std::shared_ptr<CloudService> makeAccountCloudService(UserDefaults& defaults);
