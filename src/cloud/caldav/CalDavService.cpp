@@ -17,12 +17,21 @@ bool success(long status) {
     return status >= 200 && status <= 299;
 }
 
-[[noreturn]] void failStatus(const std::string& what, const HttpResponse& response) {
+// One line naming what was asked of which server (its origin, never user information).
+[[noreturn]] void failStatus(const std::string& what, const std::string& url,
+                             const HttpResponse& response) {
+    std::string server = url;
+    try {
+        server = Url::parse(url).origin();
+    } catch (const CloudError&) {
+        server = redactUrl(url);
+    }
     if (response.status == 401)
-        throw CloudError("the server refused the user name or password");
+        throw CloudError("the server at " + server + " refused the user name or password");
     if (response.status == 403)
-        throw CloudError(what + ": access refused by the server (403)");
-    throw CloudError(what + ": the server answered " + std::to_string(response.status));
+        throw CloudError(what + ": access refused by the server at " + server + " (403)");
+    throw CloudError(what + ": the server at " + server + " answered " +
+                     std::to_string(response.status));
 }
 
 std::string xmlEscape(std::string_view text) {
@@ -226,7 +235,7 @@ std::string CalDavService::discoverHome() {
                 break;
             }
             if (r.status == 401)
-                failStatus(candidate, r);
+                failStatus("PROPFIND", candidate, r);
             if (r.status >= 300 && r.status <= 399 && !r.location.empty()) {
                 candidate = Url::resolve(candidate, r.location);
                 continue;
@@ -265,7 +274,7 @@ std::string CalDavService::discoverHome() {
                 defaultCalendar = d;
         });
     if (!success(r.status))
-        failStatus("PROPFIND " + pathOf(principal), r);
+        failStatus("PROPFIND " + pathOf(principal), principal, r);
     if (home.empty())
         throw CloudError("no CalDAV calendar home for this user at " + shown);
     home = withSlash(named(principal, Url::resolve(principal, home)));
@@ -356,7 +365,7 @@ void CalDavService::saveZone(const std::string& zoneName) {
         return;
     if (r.status == 207 && (exists || !failed))
         return;
-    failStatus("creating zone " + zoneName, r);
+    failStatus("creating zone " + zoneName, url, r);
 }
 
 std::vector<RecordZone> CalDavService::fetchAllZones() {
@@ -373,7 +382,7 @@ std::vector<RecordZone> CalDavService::fetchAllZones() {
                 zones.push_back(RecordZone{lastSegment(url), url});
         });
     if (r.status != 207)
-        failStatus("listing the calendars", r);
+        failStatus("listing the calendars", homeUrl, r);
     return zones;
 }
 
@@ -389,7 +398,7 @@ void CalDavService::put(const CloudRecord& record, bool onlyIfNew) {
         return;
     if (onlyIfNew && r.status == 412)
         throw CloudError("record " + record.recordId.recordName + " exists already");
-    failStatus("saving record " + record.recordId.recordName, r);
+    failStatus("saving record " + record.recordId.recordName, url, r);
 }
 
 CloudRecord CalDavService::saveRecord(const CloudRecord& record) {
@@ -401,7 +410,7 @@ void CalDavService::deleteRecord(const RecordId& recordId) {
     HttpResponse r = send({"DELETE", recordUrl(recordId), {}, {}});
     if (success(r.status) || r.status == 404)
         return;
-    failStatus("deleting record " + recordId.recordName, r);
+    failStatus("deleting record " + recordId.recordName, recordUrl(recordId), r);
 }
 
 std::vector<CloudRecord> CalDavService::performQuery(const std::string& recordType,
@@ -437,7 +446,7 @@ std::vector<CloudRecord> CalDavService::performQuery(const std::string& recordTy
     if (r.status == 404)
         throw CloudError("zone " + zoneName + " does not exist");
     if (r.status != 207)
-        failStatus("reading zone " + zoneName, r);
+        failStatus("reading zone " + zoneName, url, r);
     return records;
 }
 

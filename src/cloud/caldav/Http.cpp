@@ -234,7 +234,7 @@ Url Url::parse(const std::string& text) {
     if (url.scheme != "http" && url.scheme != "https")
         throw CloudError("not an http or https URL: " + redactUrl(text));
     if (!part(u.get(), CURLUPART_USER).empty())
-        throw CloudError("a URL must not hold a user name or password");
+        throw CloudError("a URL must not hold a user name or password: " + redactUrl(text));
     url.host = lower(part(u.get(), CURLUPART_HOST));
     if (url.host.size() > 1 && url.host.front() == '[')
         url.host = url.host.substr(1, url.host.size() - 2);
