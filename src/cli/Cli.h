@@ -1,5 +1,9 @@
 #pragma once
 
+namespace almanor {
+class Repository;
+}
+
 namespace almanor::cli {
 
 // Exit statuses of the command line.
@@ -7,6 +11,10 @@ inline constexpr int exitSuccess = 0;
 inline constexpr int exitNoSuchEvent = 1;
 inline constexpr int exitUsage = 2;
 inline constexpr int exitStoreFailed = 3;
+
+// The check that every command reading the store makes first: false, after one line on standard
+// error naming the file and what to do, when the store cannot be read. Writes nothing.
+bool storeIsReadable(Repository& repository);
 
 // Runs one command (`almanor events list`, `almanor status`, ...) and returns its exit status.
 int run(int argc, char** argv);

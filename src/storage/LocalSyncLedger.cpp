@@ -53,25 +53,19 @@ void deleteRecord(sql::Connection& db, const Uuid& eventId) {
 
 } // namespace
 
-// Every call turns the SQL layer's errors into the store's own.
+// Every call turns the SQL layer's errors into the store's own, the line naming the file.
 template <class Work> auto LocalSyncLedger::guarded(Work&& work) {
     try {
-        return local_.connection().sync(std::forward<Work>(work));
+        return local_.connection().sync([&] {
+            local_.ensureSchema();
+            return std::forward<Work>(work)();
+        });
     } catch (const sql::Error& e) {
         throw StoreError(e.what());
     }
 }
 
-LocalSyncLedger::LocalSyncLedger(LocalRepository& local) : local_(local) {
-    guarded([&] {
-        auto& db = local_.connection();
-        db.run("CREATE TABLE IF NOT EXISTS \"sync_records\" (\"id\" TEXT PRIMARY KEY NOT NULL, "
-               "\"record_name\" TEXT NOT NULL, \"resource\" TEXT NOT NULL, \"etag\" TEXT NOT "
-               "NULL)");
-        db.run("CREATE TABLE IF NOT EXISTS \"sync_zones\" (\"zone\" TEXT PRIMARY KEY NOT NULL, "
-               "\"token\" TEXT NOT NULL)");
-    });
-}
+LocalSyncLedger::LocalSyncLedger(LocalRepository& local) : local_(local) {}
 
 std::vector<SyncRow> LocalSyncLedger::syncRows() {
     return guarded([&] {

@@ -11,7 +11,7 @@ class LocalRepository;
 // and the zones' sync tokens ("sync_zones"). The events table keeps its own schema.
 class LocalSyncLedger final : public SyncLedger {
   public:
-    // Creates the two tables when they are missing. Throws StoreError.
+    // The tables are the store's own (its schema's second step).
     explicit LocalSyncLedger(LocalRepository& local);
 
     std::vector<SyncRow> syncRows() override;
