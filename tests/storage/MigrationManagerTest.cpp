@@ -131,7 +131,7 @@ TEST_F(MigrationManagerTest, ADatabaseFileLostAfterTheMigrationStartsEmptyAndTak
 TEST_F(MigrationManagerTest, AFileWithoutAVersionGetsOneAndKeepsItsRows) {
     oldStoreWithOneEvent();
     auto r = open();
-    EXPECT_EQ(fileVersion(*r), "1");
+    EXPECT_EQ(fileVersion(*r), std::to_string(schemaVersions(EventsTable{}).back().version));
     ASSERT_EQ(r->fetchAll().size(), 1u);
     EXPECT_EQ(r->fetchAll()[0]->name(), "Kept");
     // The preferences were deleted: the migration runs again and changes nothing in the file.
