@@ -11,6 +11,7 @@
 #include "platform/Log.h"
 #include "platform/Paths.h"
 #include "platform/Settings.h"
+#include "platform/UrlText.h"
 #include "platform/UserDefaults.h"
 #include "shell/DisplayedEventSelection.h"
 #include "storage/MigrationManager.h"
@@ -453,7 +454,8 @@ int run(int argc, char** argv) {
         if (e.get_exit_code() == 0) {
             return app.exit(e); // --help, --version
         }
-        std::fprintf(stderr, "almanor: %s\n", e.what());
+        // The parser quotes what it was given, which may be a URL holding a password.
+        std::fprintf(stderr, "almanor: %s\n", redactUrls(e.what()).c_str());
         return exitUsage;
     }
 

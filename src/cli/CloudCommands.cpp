@@ -6,6 +6,7 @@
 #include "cloud/caldav/CalDavService.h"
 #include "cloud/caldav/CloudAccount.h"
 #include "platform/Settings.h"
+#include "platform/UrlText.h"
 #include "platform/UserDefaults.h"
 #include "storage/LocalSyncLedger.h"
 #include "storage/MigrationManager.h"
@@ -14,6 +15,7 @@
 
 #include <cstdio>
 #include <iostream>
+#include <mutex>
 #include <termios.h>
 #include <unistd.h>
 
@@ -60,7 +62,7 @@ int cloudLogin(const std::string& url, const std::string& userOption,
         // A URL that could never be used is refused before the password is asked for.
         if (url.empty())
             throw CloudError("no server given");
-        caldav::HttpClient(url, account.user, nullptr, {});
+        caldav::HttpClient(url, account.user, nullptr);
         std::string password = passwordCommand.empty()
                                    ? readPassword("Password for " + account.user + ": ")
                                    : passwordFromCommand(passwordCommand);
@@ -70,15 +72,16 @@ int cloudLogin(const std::string& url, const std::string& userOption,
         caldav::CalDavService service(url, account.user, [password] { return password; });
         if (service.accountStatus() == AccountStatus::noAccount)
             throw CloudError("no server given");
-        std::string home = service.discoverHome();
+        account.home = service.discoverHome();
+        account.origins = service.trustedOrigins();
         if (passwordCommand.empty())
             keyring::storePassword(url, account.user, password);
         account.store(UserDefaults::standard());
         std::fprintf(stderr, "Logged in as %s; calendars at %s\n", account.user.c_str(),
-                     home.c_str());
+                     redactUrl(account.home).c_str());
         return exitSuccess;
     } catch (const CloudError& e) {
-        std::fprintf(stderr, "almanor: cloud login failed: %s\n", e.what());
+        std::fprintf(stderr, "almanor: cloud login failed: %s\n", redactUrls(e.what()).c_str());
         return exitUsage;
     }
 }
@@ -159,7 +162,7 @@ int cloudStatus(bool json) {
             else
                 out += "null";
         };
-        text(account ? std::optional(account->server) : std::nullopt);
+        text(account ? std::optional(redactUrl(account->server)) : std::nullopt);
         out += ",\"user\":";
         text(account ? std::optional(account->user) : std::nullopt);
         out += ",\"zone\":";
@@ -170,7 +173,8 @@ int cloudStatus(bool json) {
         std::printf("%s\n", out.c_str());
     } else {
         if (account)
-            std::printf("Server: %s\nUser: %s\n", account->server.c_str(), account->user.c_str());
+            std::printf("Server: %s\nUser: %s\n", redactUrl(account->server).c_str(),
+                        account->user.c_str());
         else
             std::printf("No cloud account\n");
         // The zone is learnt from the server's listing at the next pull; pushes always go to ours.
