@@ -98,6 +98,16 @@ void CloudAccount::store(UserDefaults& defaults) const {
         defaults.setString(originsKey, joined);
 }
 
+void CloudAccount::rememberDiscovery(UserDefaults& defaults, const std::string& home,
+                                     const std::vector<std::string>& origins) {
+    auto account = load(defaults);
+    if (!account)
+        return; // logged out meanwhile
+    account->home = home;
+    account->origins = origins;
+    account->store(defaults);
+}
+
 void CloudAccount::forget(UserDefaults& defaults) {
     defaults.remove(serverKey);
     defaults.remove(userKey);
