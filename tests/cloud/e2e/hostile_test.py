@@ -192,9 +192,18 @@ class Hostile(unittest.TestCase):
             self.assertNotIn("cloudServer", a.stored())
         with open(pid_file) as f:
             child = int(f.read())
-        self.assertFalse(os.path.exists(f"/proc/{child}") and
-                         open(f"/proc/{child}/stat").read().split()[2] != "Z",
-                         "the command's child still runs")
+
+        def running():
+            try:
+                with open(f"/proc/{child}/stat") as f:
+                    return f.read().split()[2] != "Z"
+            except OSError:
+                return False
+        for _ in range(100):  # SIGKILL lands when the process is next scheduled
+            if not running():
+                break
+            time.sleep(0.02)
+        self.assertFalse(running(), "the command's child still runs")
         self.assertEqual(server.requests(), [], "asked the server without a password")
 
         # Once per command: login, then sync (a pull and a push).
