@@ -333,6 +333,7 @@ std::string CalDavService::discoverHome() {
         defaultCalendar_ =
             defaultCalendar.empty() ? std::string() : Url::resolve(principal, defaultCalendar);
         listener = listener_;
+        discovered_ = true;
     }
     if (listener)
         listener(home, http.trustedOrigins());
@@ -350,9 +351,20 @@ std::string CalDavService::zoneUrl(const std::string& zoneName) {
 }
 
 std::string CalDavService::defaultCalendarUrl() {
-    const std::string homeUrl = home();
     std::string inbox;
+    bool askPrincipal = false;
     {
+        std::lock_guard lock(mutex_);
+        if (!defaultCalendar_.empty())
+            return withSlash(defaultCalendar_);
+        inbox = principal_;
+        // A remembered home says nothing of the default calendar: the principal does.
+        askPrincipal = !discovered_;
+        if (askPrincipal)
+            home_.clear();
+    }
+    if (askPrincipal) {
+        discoverHome();
         std::lock_guard lock(mutex_);
         if (!defaultCalendar_.empty())
             return withSlash(defaultCalendar_);

@@ -113,6 +113,7 @@ class CalDavService : public CloudService {
     std::string principal_;
     std::string defaultCalendar_;
     bool rediscovered_ = false;
+    bool discovered_ = false; // by this service, not remembered
     bool noSyncCollection_ = false;
     HomeListener listener_;
 

@@ -255,6 +255,13 @@ std::shared_ptr<CloudService> makeAccountCloudService(UserDefaults& defaults) {
     auto service = std::make_shared<caldav::CalDavService>(account->server, account->user,
                                                            [a = *account] { return a.password(); });
     service->trustOrigins(account->origins);
+    // An ordinary pull goes straight to the collection; discovery runs again only when the
+    // collection is missing, and what it finds is kept for the next process.
+    service->rememberHome(account->home);
+    service->setHomeListener(
+        [&defaults](const std::string& home, const std::vector<std::string>& origins) {
+            CloudAccount::rememberDiscovery(defaults, home, origins);
+        });
     return service;
 }
 

@@ -506,16 +506,21 @@ ReadEvent readEvent(std::string_view text, const std::string& recordType,
             if (auto at = instantOf(*start))
                 record.fields["CD_date"] = *at;
     } else {
-        // A calendar app's edits of what it shows. Parsers and servers may drop the blanks at
-        // either end of a value, which is no edit.
-        auto trim = [](std::string_view v) {
+        // A calendar app's edits of what it shows. What servers do to a value is no edit: some
+        // drop the blanks at either end, one turns a backslash before an n into a line break.
+        auto plain = [](std::string v) {
+            for (auto at = v.find('\\'); at != std::string::npos; at = v.find('\\', at))
+                if (at + 1 < v.size() && (v[at + 1] == 'n' || v[at + 1] == 'N'))
+                    v.replace(at, 2, "\n");
+                else
+                    ++at;
             const auto blank = " \t\r\n";
             auto first = v.find_first_not_of(blank);
-            return first == std::string_view::npos
-                       ? std::string_view()
+            return first == std::string::npos
+                       ? std::string()
                        : v.substr(first, v.find_last_not_of(blank) - first + 1);
         };
-        if (summary && summaryCopy && trim(*summary) != trim(*summaryCopy))
+        if (summary && summaryCopy && plain(*summary) != plain(*summaryCopy))
             record.fields["CD_name"] = *summary;
         auto field = record.fields.find("CD_date");
         auto* date = field == record.fields.end() ? nullptr : std::get_if<Instant>(&field->second);
