@@ -733,7 +733,15 @@ ZoneChanges CalDavService::fetchChanges(const std::string& zoneName, const std::
                     if (status == 404 || moved(status))
                         return std::nullopt;
                 }
-                // No sync-collection here: tags it is, from now on.
+                // A refusal of the report itself means no sync-collection here: tags it is, from
+                // now on. Anything else (a server error, a refused password) is the pull's end.
+                const bool refused = status == 400 || status == 403 || status == 405 ||
+                                     status == 415 || status == 422 || status == 501;
+                if (!refused) {
+                    HttpResponse answer;
+                    answer.status = status;
+                    failStatus("reading zone " + zoneName, url, answer);
+                }
                 std::lock_guard lock(mutex_);
                 noSyncCollection_ = true;
             }
