@@ -17,7 +17,7 @@ packages=(
   desktop-file-utils appstream
   xvfb xauth x11-utils imagemagick dbus-x11 at-spi2-core python3-dogtail xdotool
   ayatana-indicator-application xfce4-panel xfce4-indicator-plugin
-  python3-radicale xandikos gnome-keyring libsecret-tools vdirsyncer khal
+  python3-radicale xandikos python3-caldav gnome-keyring libsecret-tools vdirsyncer khal
   glib-networking librsvg2-common
 )
 

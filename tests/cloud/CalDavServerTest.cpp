@@ -3,35 +3,67 @@
 #include "cloud/caldav/CalDavService.h"
 
 #include <atomic>
+#include <ctime>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <thread>
 
 namespace almanor::test {
 namespace {
 
 using caldav::CalDavService;
+using namespace std::chrono_literals;
 
+// A service over its own server; the server outlives the service that talks to it.
 template <typename Server>
-std::shared_ptr<CloudService> serviceOver(std::string user, std::string password) {
+std::shared_ptr<CalDavService> serviceOver(std::string user, std::string password,
+                                           std::vector<std::string> options = {},
+                                           Server** server = nullptr) {
     struct Holder {
+        explicit Holder(std::vector<std::string> o) : server(std::move(o)) {}
         Server server;
         std::unique_ptr<CalDavService> service;
     };
-    auto holder = std::make_shared<Holder>();
+    auto holder = std::make_shared<Holder>(std::move(options));
     holder->service = std::make_unique<CalDavService>(holder->server.url(), user,
                                                       [password] { return password; });
-    // The server outlives the service that talks to it.
-    return std::shared_ptr<CloudService>(holder, holder->service.get());
+    if (server)
+        *server = &holder->server;
+    return std::shared_ptr<CalDavService>(holder, holder->service.get());
 }
 
+struct RealServer : RadicaleServer {
+    explicit RealServer(const std::vector<std::string>&) {}
+};
+struct Xandikos : XandikosServer {
+    explicit Xandikos(const std::vector<std::string>&) {}
+};
+
+int requestsOf(CloudService& s) {
+    return dynamic_cast<CalDavService&>(s).requestsSent();
+}
+int bodiesOf(CloudService& s) {
+    return dynamic_cast<CalDavService&>(s).bodiesRead();
+}
+
+// The same contract over two real servers with sync-collection and a scripted one without it,
+// which lists by getctag and getetag.
 INSTANTIATE_TEST_SUITE_P(
     Servers, CloudServiceContract,
     testing::Values(
-        CloudServiceFactory{"radicale",
-                            [] { return serviceOver<RadicaleServer>("alice", "s3cret"); }},
-        CloudServiceFactory{"xandikos", [] { return serviceOver<XandikosServer>("user", "any"); }}),
+        CloudServiceFactory{"radicale", [] { return serviceOver<RealServer>("alice", "s3cret"); },
+                            requestsOf, bodiesOf},
+        CloudServiceFactory{"xandikos", [] { return serviceOver<Xandikos>("user", "any"); },
+                            requestsOf, bodiesOf},
+        CloudServiceFactory{"tags_only",
+                            [] {
+                                return serviceOver<ScriptedDavServer>("alice", "s3cret",
+                                                                      {"--no-sync-collection"});
+                            },
+                            requestsOf, bodiesOf}),
     CloudServiceFactory::name);
 
 CloudRecord eventRecord(const std::string& zone, const std::string& name, std::string title) {
@@ -39,61 +71,208 @@ CloudRecord eventRecord(const std::string& zone, const std::string& name, std::s
     CloudRecord r;
     r.recordType = "CD_Event";
     r.recordId = RecordId{name, zone};
+    r.fields["CD_eventId"] = std::string("0B1C2D3E-0000-4000-8000-000000000001");
     r.fields["CD_name"] = std::move(title);
-    r.fields["CD_date"] = Instant{sys_days{year{2027} / 1 / 31}};
+    r.fields["CD_date"] = Instant{sys_days{year{2027} / 1 / 31} + hours{9} + minutes{30}};
     r.fields["CD_recurring"] = std::int64_t{2};
+    r.modified = Instant{sys_days{year{2026} / 11 / 1} + milliseconds{5}};
     return r;
+}
+
+const std::string appZone = "com.vostrel.almanor.zone";
+
+// Runs tests/support/calendar_app.py (python3-caldav) against the account, as a user's calendar
+// app would act on the zone.
+void calendarApp(const std::string& url, const std::string& user, const std::string& password,
+                 const std::string& collection, std::vector<std::string> action) {
+    std::vector<std::string> args = {"/usr/bin/python3",
+                                     std::string(ALMANOR_TEST_SUPPORT_DIR) + "/calendar_app.py",
+                                     url,
+                                     user,
+                                     password,
+                                     collection};
+    args.insert(args.end(), action.begin(), action.end());
+    std::vector<char*> argv;
+    for (auto& a : args)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+    pid_t pid = 0;
+    ASSERT_EQ(posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ), 0);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "calendar_app.py failed";
 }
 
 class CalDavServers : public testing::TestWithParam<CloudServiceFactory> {};
 
 TEST_P(CalDavServers, ZoneCreationTwiceAndTheUsersOtherEventsBeside) {
     auto service = GetParam().make();
-    const std::string zone = "com.vostrel.almanor.zone";
-    service->saveZone(zone);
-    service->saveZone(zone); // each server's "exists" answer is success
+    service->saveZone(appZone);
+    service->saveZone(appZone); // each server's "exists" answer is success
     auto zones = service->fetchAllZones();
     auto it = std::find_if(zones.begin(), zones.end(),
-                           [&](const RecordZone& z) { return z.name == zone; });
+                           [&](const RecordZone& z) { return z.name == appZone; });
     ASSERT_NE(it, zones.end());
     EXPECT_NE(it->url.find("/com.vostrel.almanor.zone/"), std::string::npos);
-
-    const std::vector<std::string> hostile = {"Trip, day 1; \\back\\ \"q\"", "multi\nline\n\nend",
-                                              "🎉🎂 " + std::string(200, 'e') + "é",
-                                              std::string(90, 'x') + "€€€€€€€€€€", "x-ical:\\N,;"};
-    for (std::size_t i = 0; i < hostile.size(); ++i)
-        service->saveRecord(eventRecord(zone, "rec-" + std::to_string(i), hostile[i]));
-    auto back = service->performQuery("CD_Event", zone);
-    ASSERT_EQ(back.size(), hostile.size());
-    for (const auto& r : back) {
-        std::size_t i = std::stoul(r.recordId.recordName.substr(4));
-        EXPECT_EQ(r, eventRecord(zone, r.recordId.recordName, hostile[i]))
-            << r.recordId.recordName << ": " << std::get<std::string>(r.fields.at("CD_name"));
-    }
-}
-
-TEST_P(CalDavServers, BatchedSavesThatCannotGoThroughAreKeptAndSentLater) {
-    auto service = GetParam().make();
-    // A zone that does not exist yet: the server refuses the PUTs.
-    const std::string zone = "later-zone";
-    service->modifyRecords({eventRecord(zone, "a", "A"), eventRecord(zone, "b", "B")},
-                           ModifyOptions{});
-    service->waitForBackgroundWork();
-    EXPECT_EQ(service->unsentRecords().size(), 2u);
-    service->saveZone(zone);
-    service->flushUnsent();
-    service->waitForBackgroundWork();
-    EXPECT_TRUE(service->unsentRecords().empty());
-    EXPECT_EQ(service->performQuery("CD_Event", zone).size(), 2u);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Servers, CalDavServers,
-    testing::Values(
-        CloudServiceFactory{"radicale",
-                            [] { return serviceOver<RadicaleServer>("alice", "s3cret"); }},
-        CloudServiceFactory{"xandikos", [] { return serviceOver<XandikosServer>("user", "any"); }}),
+    testing::Values(CloudServiceFactory{"radicale",
+                                        [] { return serviceOver<RealServer>("alice", "s3cret"); },
+                                        requestsOf, bodiesOf},
+                    CloudServiceFactory{"xandikos",
+                                        [] { return serviceOver<Xandikos>("user", "any"); },
+                                        requestsOf, bodiesOf}),
     CloudServiceFactory::name);
+
+std::string localMidnight(int y, int m, int d, std::tm* out = nullptr) {
+    std::tm tm{};
+    tm.tm_year = y - 1900;
+    tm.tm_mon = m - 1;
+    tm.tm_mday = d;
+    tm.tm_isdst = -1;
+    std::time_t t = std::mktime(&tm);
+    if (out)
+        *out = tm;
+    return std::to_string(t);
+}
+
+TEST(CalendarApps, AnEventAnAppMadeReadsOnceAsARecordNamedByItsUid) {
+    setenv("TZ", "America/New_York", 1);
+    tzset();
+    RealServer* server = nullptr;
+    auto service = serviceOver<RealServer>("alice", "s3cret", {}, &server);
+    service->saveZone(appZone);
+    const std::string collection = service->discoverHome() + appZone + "/";
+    calendarApp(server->url(), "alice", "s3cret", collection,
+                {"create", "dentist-uid-1", "Dentist, 9:30", "20270410"});
+    std::map<std::string, std::string> known;
+    ZoneChanges first = service->fetchChanges(appZone, {}, known);
+    ASSERT_EQ(first.changed.size(), 1u);
+    const CloudRecord& r = first.changed[0].record;
+    EXPECT_EQ(r.recordType, "CD_Event");
+    EXPECT_EQ(r.recordId, (RecordId{"dentist-uid-1", appZone}));
+    EXPECT_EQ(std::get<std::string>(r.fields.at("CD_name")), "Dentist, 9:30");
+    EXPECT_EQ(std::to_string(std::chrono::duration_cast<std::chrono::seconds>(
+                                 std::get<Instant>(r.fields.at("CD_date")).time_since_epoch())
+                                 .count()),
+              localMidnight(2027, 4, 10));
+    EXPECT_EQ(r.fields.count("CD_eventId"), 0u);
+    EXPECT_TRUE(r.modified.has_value());
+    for (const auto& c : first.changed)
+        known[c.resource] = c.etag;
+    ZoneChanges again = service->fetchChanges(appZone, first.token, known);
+    EXPECT_TRUE(again.changed.empty());
+    setenv("TZ", "UTC", 1);
+    tzset();
+}
+
+TEST(CalendarApps, AnAppsRenameAndMoveOfOurEventReadAsTheChange) {
+    // Written in one zone, read where the local day differs: only what the app moved counts.
+    setenv("TZ", "Pacific/Auckland", 1);
+    tzset();
+    RealServer* server = nullptr;
+    auto service = serviceOver<RealServer>("alice", "s3cret", {}, &server);
+    service->saveZone(appZone);
+    CloudRecord ours = eventRecord(appZone, "ours", "Trip; day 1");
+    const std::string tag = service->createRecord(ours, "ours.ics");
+    setenv("TZ", "America/Los_Angeles", 1);
+    tzset();
+    std::map<std::string, std::string> known{{"ours.ics", tag}};
+    ZoneChanges untouched = service->fetchChanges(appZone, {}, known);
+    EXPECT_TRUE(untouched.changed.empty());
+
+    const std::string collection = service->discoverHome() + appZone + "/";
+    calendarApp(server->url(), "alice", "s3cret", collection,
+                {"edit", "ours.ics", "Trip, renamed in the app", "3"});
+    ZoneChanges edited = service->fetchChanges(appZone, untouched.token, known);
+    ASSERT_EQ(edited.changed.size(), 1u);
+    const CloudRecord& r = edited.changed[0].record;
+    EXPECT_EQ(r.recordId.recordName, "ours");
+    EXPECT_EQ(std::get<std::string>(r.fields.at("CD_name")), "Trip, renamed in the app");
+    EXPECT_EQ(std::get<Instant>(r.fields.at("CD_date")),
+              std::get<Instant>(ours.fields.at("CD_date")) + std::chrono::hours(72));
+    EXPECT_EQ(r.fields.at("CD_eventId"), ours.fields.at("CD_eventId"));
+    ASSERT_TRUE(r.modified.has_value());
+    EXPECT_GT(*r.modified, *ours.modified);
+    setenv("TZ", "UTC", 1);
+    tzset();
+}
+
+TEST(CalendarApps, AnUnreadableBodyIsListedAsSuchAndTheRestIsRead) {
+    ScriptedDavServer* server = nullptr;
+    auto service = serviceOver<ScriptedDavServer>("alice", "s3cret", {}, &server);
+    service->saveZone(appZone);
+    service->createRecord(eventRecord(appZone, "fine", "Fine"), "fine.ics");
+    const std::string collection = service->discoverHome() + appZone + "/";
+    calendarApp(server->url(), "alice", "s3cret", collection,
+                {"put-raw", "broken.ics", "BEGIN:VCALENDAR\r\nthis is not iCalendar\r\n"});
+    calendarApp(server->url(), "alice", "s3cret", collection,
+                {"put-raw", "task.ics",
+                 "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nBEGIN:VTODO\r\nUID:t\r\nEND:VTODO\r\n"
+                 "END:VCALENDAR\r\n"});
+    ZoneChanges all = service->fetchChanges(appZone, {}, {});
+    ASSERT_EQ(all.changed.size(), 1u);
+    EXPECT_EQ(all.changed[0].resource, "fine.ics");
+    std::set<std::string> unreadable;
+    for (const auto& [resource, reason] : all.unreadable)
+        unreadable.insert(resource);
+    EXPECT_EQ(unreadable, (std::set<std::string>{"broken.ics", "task.ics"}));
+}
+
+TEST(CalDavAccount, AMovedCollectionRunsDiscoveryOnceAndIsRemembered) {
+    RadicaleServer server;
+    std::string heardHome;
+    {
+        CalDavService first(server.url(), "alice", [] { return std::string("s3cret"); });
+        first.saveZone(appZone);
+        first.createRecord(eventRecord(appZone, "a", "A"), "a.ics");
+    }
+    CalDavService service(server.url(), "alice", [] { return std::string("s3cret"); });
+    service.rememberHome(server.url() + "alice/somewhere-old/");
+    service.setHomeListener(
+        [&](const std::string& home, const std::vector<std::string>&) { heardHome = home; });
+    EXPECT_EQ(service.fetchChanges(appZone, {}, {}).changed.size(), 1u);
+    EXPECT_EQ(heardHome, server.url() + "alice/");
+    // Remembered and right: an ordinary pull asks nothing but the listing.
+    CalDavService later(server.url(), "alice", [] { return std::string("s3cret"); });
+    later.rememberHome(heardHome);
+    later.fetchChanges(appZone, {}, {});
+    EXPECT_EQ(later.requestsSent(), 2); // the listing, the bodies
+    // A zone that is missing even after discovery is ZoneMissing, once discovery has run.
+    EXPECT_THROW(later.fetchChanges("no-such-zone", {}, {}), ZoneMissing);
+    EXPECT_THROW(later.fetchChanges("no-such-zone", {}, {}), ZoneMissing);
+}
+
+TEST(CalDavAccount, CancelEndsARequestToASilentServerWithinASecond) {
+    ScriptedDavServer server;
+    CalDavService service(server.url(), "alice", [] { return std::string("s3cret"); });
+    service.rememberHome(server.url() + "calendars/alice/");
+    server.setFault("fault=hang");
+    std::atomic<bool> failed = false;
+    std::chrono::steady_clock::time_point ended;
+    std::thread pull([&] {
+        try {
+            service.fetchChanges(appZone, {}, {});
+        } catch (const CloudError&) {
+            failed = true;
+        }
+        ended = std::chrono::steady_clock::now();
+    });
+    std::this_thread::sleep_for(500ms);
+    const auto cancelled = std::chrono::steady_clock::now();
+    service.cancel();
+    pull.join();
+    EXPECT_TRUE(failed);
+    EXPECT_LT(ended - cancelled, 1s);
+    // New requests fail at once, a new pass included.
+    service.startPass();
+    server.setFault("fault=pass");
+    const auto before = server.requests().size();
+    EXPECT_THROW(service.fetchChanges(appZone, {}, {}), CloudError);
+    EXPECT_EQ(server.requests().size(), before);
+}
 
 TEST(CalDavAccount, StatusNeedsNoNetworkAndReportsPasswordFailures) {
     CalDavService none("", "", nullptr);
@@ -148,23 +327,18 @@ TEST(CalDavAccount, ASilentServerCostsOneBoundedWaitPerPass) {
         }
     });
     const std::string url = "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/";
-    caldav::Limits quick{std::chrono::seconds(2), std::chrono::seconds(2),
-                         std::chrono::seconds(120), std::chrono::seconds(0)};
     CalDavService service(
-        url, "u", [] { return std::string("pw"); }, quick);
-    EXPECT_THROW(service.discoverHome(), CloudError);
+        url, "u", [] { return std::string("pw"); }, caldav::Limits{2s, 2s, 120s});
+    service.rememberHome(url + "home/");
+    EXPECT_THROW(service.fetchChanges(appZone, {}, {}), CloudError);
     EXPECT_EQ(connections, 1);
-    // Right after that, the rest of the work gives up without waiting again, and keeps its records.
-    EXPECT_THROW(service.saveRecord(eventRecord("z", "x", "X")), CloudError);
-    service.modifyRecords({eventRecord("z", "a", "A"), eventRecord("z", "b", "B")},
-                          ModifyOptions{});
-    service.waitForBackgroundWork();
-    EXPECT_EQ(service.unsentRecords().size(), 2u);
+    // Right after that, the rest of the pass gives up without waiting again.
+    EXPECT_THROW(service.createRecord(eventRecord(appZone, "x", "X"), "x.ics"), CloudError);
+    EXPECT_THROW(service.deleteRecord(appZone, "y.ics", "\"e\""), CloudError);
     EXPECT_EQ(connections, 1);
     // The next pass asks the server again, once.
-    service.flushUnsent();
-    service.waitForBackgroundWork();
-    EXPECT_EQ(service.unsentRecords().size(), 2u);
+    service.startPass();
+    EXPECT_THROW(service.fetchChanges(appZone, {}, {}), CloudError);
     EXPECT_EQ(connections, 2);
     stop = true;
     acceptor.join();

@@ -71,6 +71,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         (void)almanor::caldav::readRecordCalendar(input, "CD_Event", "zone");
     } catch (const almanor::CloudError&) {
     }
+    try {
+        (void)almanor::caldav::readZoneResource(input, "CD_Event", "zone");
+    } catch (const almanor::CloudError&) {
+    }
     (void)almanor::redactUrls(input);
     (void)almanor::redactUrl(input);
     return 0;

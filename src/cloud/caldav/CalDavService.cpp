@@ -1,10 +1,12 @@
 #include "cloud/caldav/CalDavService.h"
 
+#include "cloud/RecordMapping.h"
 #include "cloud/caldav/RecordCalendar.h"
 #include "platform/UrlText.h"
 
 #include <algorithm>
 #include <chrono>
+#include <set>
 
 namespace almanor::caldav {
 
@@ -79,6 +81,42 @@ bool contains(const std::vector<XmlName>& names, std::string_view ns, std::strin
                        [&](const XmlName& n) { return n.ns == ns && n.local == local; });
 }
 
+bool moved(long status) {
+    return status == 301 || status == 302 || status == 307 || status == 308;
+}
+
+// The name of a resource directly inside `collection` that `href` names; empty for anything else
+// (the collection itself, a resource elsewhere).
+std::string childName(const std::string& collection, const std::string& href) {
+    if (href.empty())
+        return {};
+    std::string path;
+    try {
+        path = pathOf(Url::resolve(collection, href));
+    } catch (const CloudError&) {
+        return {};
+    }
+    std::string base = pathOf(collection);
+    if (base.empty() || base.back() != '/')
+        base += '/';
+    if (path.size() <= base.size() || path.compare(0, base.size(), base) != 0)
+        return {};
+    std::string rest = path.substr(base.size());
+    if (rest.find('/') != std::string::npos)
+        return {};
+    return rest;
+}
+
+std::string trimmedText(std::string_view s) {
+    auto notSpace = [](unsigned char c) { return !std::isspace(c); };
+    auto begin = std::find_if(s.begin(), s.end(), notSpace);
+    auto end = std::find_if(s.rbegin(), s.rend(), notSpace).base();
+    return begin < end ? std::string(begin, end) : std::string();
+}
+
+constexpr std::string_view syncPrefix = "sync:";
+constexpr std::string_view ctagPrefix = "ctag:";
+
 std::string withSlash(std::string url) {
     if (url.empty() || url.back() != '/')
         url += '/';
@@ -121,17 +159,9 @@ CalDavService::CalDavService(std::string server, std::string user, PasswordSourc
             setupError_ = e.what(); // reported by every request, the status request included
         }
     }
-    worker_ = std::thread([this] { worker(); });
 }
 
-CalDavService::~CalDavService() {
-    {
-        std::lock_guard lock(queueMutex_);
-        stopping_ = true;
-    }
-    queueChanged_.notify_all();
-    worker_.join();
-}
+CalDavService::~CalDavService() = default;
 
 const HttpClient& CalDavService::client() const {
     if (!setupError_.empty())
@@ -141,12 +171,15 @@ const HttpClient& CalDavService::client() const {
     return *client_;
 }
 
-HttpResponse CalDavService::send(HttpRequest request) const {
-    return client().perform(request);
+HttpResponse CalDavService::send(const HttpRequest& request) const {
+    const HttpClient& http = client();
+    ++requests_;
+    return http.perform(request);
 }
 
 HttpResponse CalDavService::sendReading(HttpRequest request,
-                                        const std::function<void(DavResponse&&)>& each) const {
+                                        const std::function<void(DavResponse&&)>& each,
+                                        std::string* syncToken) const {
     MultistatusReader reader(each);
     request.stream = [&reader](std::string_view chunk) { reader.feed(chunk); };
     HttpResponse r = send(request);
@@ -156,26 +189,39 @@ HttpResponse CalDavService::sendReading(HttpRequest request,
         } catch (const CloudError& e) {
             throw UnreadableAnswer(request.method + " " + redactUrl(request.url) + ": " + e.what());
         }
+        if (syncToken)
+            *syncToken = reader.syncToken();
     }
     return r;
 }
 
 HttpResponse CalDavService::propfind(const std::string& url, int depth, const std::string& props,
                                      const std::function<void(DavResponse&&)>& each) const {
-    return sendReading(
-        {"PROPFIND",
-         url,
-         {xmlType, "Depth: " + std::to_string(depth)},
-         "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
-         "<d:propfind xmlns:d=\"DAV:\" xmlns:c=\"urn:ietf:params:xml:ns:caldav\"><d:prop>" +
-             props + "</d:prop></d:propfind>"},
-        each);
+    return sendReading({"PROPFIND",
+                        url,
+                        {xmlType, "Depth: " + std::to_string(depth)},
+                        "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
+                        "<d:propfind xmlns:d=\"DAV:\" xmlns:c=\"urn:ietf:params:xml:ns:caldav\" "
+                        "xmlns:cs=\"http://calendarserver.org/ns/\"><d:prop>" +
+                            props + "</d:prop></d:propfind>"},
+                       each);
 }
 
 void CalDavService::trustOrigins(const std::vector<std::string>& origins) {
     if (client_)
         for (const auto& origin : origins)
             client_->trustOrigin(origin);
+}
+
+void CalDavService::rememberHome(const std::string& home) {
+    std::lock_guard lock(mutex_);
+    if (!home.empty())
+        home_ = withSlash(home);
+}
+
+void CalDavService::setHomeListener(HomeListener listener) {
+    std::lock_guard lock(mutex_);
+    listener_ = std::move(listener);
 }
 
 std::vector<std::string> CalDavService::trustedOrigins() const {
@@ -278,13 +324,20 @@ std::string CalDavService::discoverHome() {
     if (home.empty())
         throw CloudError("no CalDAV calendar home for this user at " + shown);
     home = withSlash(named(principal, Url::resolve(principal, home)));
-    std::lock_guard lock(mutex_);
-    home_ = home;
-    // Where the default calendar is asked for, when the principal did not say.
-    principal_ = inbox.empty() ? std::string() : Url::resolve(principal, inbox);
-    defaultCalendar_ =
-        defaultCalendar.empty() ? std::string() : Url::resolve(principal, defaultCalendar);
-    return home_;
+    HomeListener listener;
+    {
+        std::lock_guard lock(mutex_);
+        home_ = home;
+        // Where the default calendar is asked for, when the principal did not say.
+        principal_ = inbox.empty() ? std::string() : Url::resolve(principal, inbox);
+        defaultCalendar_ =
+            defaultCalendar.empty() ? std::string() : Url::resolve(principal, defaultCalendar);
+        listener = listener_;
+        discovered_ = true;
+    }
+    if (listener)
+        listener(home, http.trustedOrigins());
+    return home;
 }
 
 std::string CalDavService::home() {
@@ -298,9 +351,20 @@ std::string CalDavService::zoneUrl(const std::string& zoneName) {
 }
 
 std::string CalDavService::defaultCalendarUrl() {
-    const std::string homeUrl = home();
     std::string inbox;
+    bool askPrincipal = false;
     {
+        std::lock_guard lock(mutex_);
+        if (!defaultCalendar_.empty())
+            return withSlash(defaultCalendar_);
+        inbox = principal_;
+        // A remembered home says nothing of the default calendar: the principal does.
+        askPrincipal = !discovered_;
+        if (askPrincipal)
+            home_.clear();
+    }
+    if (askPrincipal) {
+        discoverHome();
         std::lock_guard lock(mutex_);
         if (!defaultCalendar_.empty())
             return withSlash(defaultCalendar_);
@@ -327,10 +391,6 @@ std::string CalDavService::defaultCalendarUrl() {
         return withSlash(defaultCalendar_);
     }
     throw CloudError("the server has no default calendar for this user");
-}
-
-std::string CalDavService::recordUrl(const RecordId& id) {
-    return zoneUrl(id.zoneName) + percentEncodeSegment(id.recordName) + ".ics";
 }
 
 void CalDavService::saveZone(const std::string& zoneName) {
@@ -369,53 +429,77 @@ void CalDavService::saveZone(const std::string& zoneName) {
 }
 
 std::vector<RecordZone> CalDavService::fetchAllZones() {
-    const std::string homeUrl = home();
-    std::vector<RecordZone> zones;
-    HttpResponse r =
-        propfind(homeUrl, 1, "<d:resourcetype/><d:displayname/>", [&](DavResponse&& a) {
-            const auto* type = a.property(davNs, "resourcetype");
-            if (type == nullptr || !contains(type->children, calDavNs, "calendar") ||
-                a.href.empty())
-                return;
-            std::string url = withSlash(Url::resolve(homeUrl, a.href));
-            if (!samePath(url, homeUrl))
-                zones.push_back(RecordZone{lastSegment(url), url});
-        });
+    for (int round = 0;; ++round) {
+        const std::string homeUrl = home();
+        std::vector<RecordZone> zones;
+        HttpResponse r =
+            propfind(homeUrl, 1, "<d:resourcetype/><d:displayname/>", [&](DavResponse&& a) {
+                const auto* type = a.property(davNs, "resourcetype");
+                if (type == nullptr || !contains(type->children, calDavNs, "calendar") ||
+                    a.href.empty())
+                    return;
+                std::string url = withSlash(Url::resolve(homeUrl, a.href));
+                if (!samePath(url, homeUrl))
+                    zones.push_back(RecordZone{lastSegment(url), url});
+            });
+        // A home remembered from an earlier login may have moved.
+        if ((r.status == 404 || moved(r.status)) && round == 0 && rediscover())
+            continue;
+        if (r.status != 207)
+            failStatus("listing the calendars", homeUrl, r);
+        return zones;
+    }
+}
+
+bool CalDavService::exists(const std::string& url) {
+    // Some servers answer for a missing resource with a multistatus whose only status is 404.
+    bool found = false;
+    HttpResponse r = propfind(url, 0, "<d:resourcetype/>", [&](DavResponse&& a) {
+        if (a.effectiveStatus() != 404 && a.effectiveStatus() != 410)
+            found = true;
+    });
+    if (r.status == 404 || r.status == 410 || moved(r.status))
+        return false;
     if (r.status != 207)
-        failStatus("listing the calendars", homeUrl, r);
-    return zones;
+        failStatus("PROPFIND", url, r);
+    return found;
 }
 
-void CalDavService::put(const CloudRecord& record, bool onlyIfNew) {
-    const std::string url = recordUrl(record.recordId);
-    std::vector<std::string> headers = {calendarType};
-    if (onlyIfNew)
-        headers.push_back("If-None-Match: *");
-    auto now =
-        std::chrono::time_point_cast<std::chrono::milliseconds>(std::chrono::system_clock::now());
-    HttpResponse r = send({"PUT", url, headers, writeRecordCalendar(record, now)});
-    if (success(r.status))
-        return;
-    if (onlyIfNew && r.status == 412)
-        throw CloudError("record " + record.recordId.recordName + " exists already");
-    failStatus("saving record " + record.recordId.recordName, url, r);
+bool CalDavService::rediscover() {
+    std::string before;
+    {
+        std::lock_guard lock(mutex_);
+        if (rediscovered_)
+            return false;
+        rediscovered_ = true;
+        before = home_;
+        home_.clear();
+        principal_.clear();
+        defaultCalendar_.clear();
+    }
+    return discoverHome() != before;
 }
 
-CloudRecord CalDavService::saveRecord(const CloudRecord& record) {
-    put(record, true);
-    return record;
-}
-
-void CalDavService::deleteRecord(const RecordId& recordId) {
-    HttpResponse r = send({"DELETE", recordUrl(recordId), {}, {}});
-    if (success(r.status) || r.status == 404)
-        return;
-    failStatus("deleting record " + recordId.recordName, recordUrl(recordId), r);
+template <typename Result, typename Attempt>
+Result CalDavService::onCollection(const std::string& zoneName, Attempt attempt) {
+    for (int round = 0;; ++round) {
+        const std::string url = zoneUrl(zoneName);
+        std::optional<Result> result = attempt(url);
+        if (result)
+            return std::move(*result);
+        if (round == 0 && rediscover())
+            continue;
+        std::string where;
+        try {
+            where = " at " + Url::parse(url).origin();
+        } catch (const CloudError&) {
+        }
+        throw ZoneMissing("zone " + zoneName + " does not exist" + where);
+    }
 }
 
 std::vector<CloudRecord> CalDavService::performQuery(const std::string& recordType,
                                                      const std::string& zoneName) {
-    const std::string url = zoneUrl(zoneName);
     const std::string head =
         "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
         "<c:calendar-query xmlns:d=\"DAV:\" xmlns:c=\"urn:ietf:params:xml:ns:caldav\">"
@@ -438,81 +522,314 @@ std::vector<CloudRecord> CalDavService::performQuery(const std::string& recordTy
             // Not iCalendar: no record of ours, like the user's other events.
         }
     };
-    HttpResponse r =
-        sendReading({"REPORT", url, {xmlType, "Depth: 1"}, head + typeFilter + tail}, each);
-    // A server that cannot filter on the type is asked for every event; the reader sorts them.
-    if (r.status == 400 || r.status == 403 || r.status == 501)
-        r = sendReading({"REPORT", url, {xmlType, "Depth: 1"}, head + tail}, each);
-    if (r.status == 404)
-        throw CloudError("zone " + zoneName + " does not exist");
+    return onCollection<std::vector<CloudRecord>>(
+        zoneName, [&](const std::string& url) -> std::optional<std::vector<CloudRecord>> {
+            records.clear();
+            HttpResponse r =
+                sendReading({"REPORT", url, {xmlType, "Depth: 1"}, head + typeFilter + tail}, each);
+            // A server that cannot filter on the type is asked for every event; the reader
+            // sorts them.
+            if (r.status == 400 || r.status == 403 || r.status == 501)
+                r = sendReading({"REPORT", url, {xmlType, "Depth: 1"}, head + tail}, each);
+            if (r.status == 404 || moved(r.status))
+                return std::nullopt;
+            if (r.status != 207)
+                failStatus("reading zone " + zoneName, url, r);
+            return std::move(records);
+        });
+}
+
+std::optional<ZoneChanges>
+CalDavService::syncCollection(const std::string& url, const std::string& zoneName,
+                              const std::string& token,
+                              const std::map<std::string, std::string>& known, long& status) {
+    ZoneChanges changes;
+    std::map<std::string, std::string> wanted;
+    std::set<std::string> present;
+    std::set<std::string> gone;
+    std::string next;
+    HttpResponse r = sendReading(
+        {"REPORT",
+         url,
+         {xmlType, "Depth: 1"},
+         "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
+         "<d:sync-collection xmlns:d=\"DAV:\"><d:sync-token>" +
+             xmlEscape(token) +
+             "</d:sync-token><d:sync-level>1</d:sync-level><d:prop><d:getetag/></d:prop>"
+             "</d:sync-collection>"},
+        [&](DavResponse&& a) {
+            std::string name = childName(url, a.href);
+            if (name.empty())
+                return;
+            if (a.status == 404) {
+                gone.insert(name);
+                return;
+            }
+            const auto* tag = a.property(davNs, "getetag");
+            if (tag == nullptr)
+                return; // not a calendar object (a collection inside, say)
+            present.insert(name);
+            gone.erase(name);
+            std::string etag = trimmedText(tag->text);
+            auto k = known.find(name);
+            if (k == known.end() || k->second != etag)
+                wanted[name] = etag;
+        },
+        &next);
+    status = r.status;
+    if (r.status != 207)
+        return std::nullopt;
+    changes.token = next.empty() ? std::string() : std::string(syncPrefix) + next;
+    // Without a token the server listed the whole collection.
+    changes.complete = token.empty();
+    for (const auto& [name, etag] : known)
+        if (gone.count(name) || (changes.complete && !present.count(name)))
+            changes.deleted.push_back(name);
+    fetchBodies(url, zoneName, wanted, known, changes);
+    return changes;
+}
+
+std::optional<ZoneChanges>
+CalDavService::listByTags(const std::string& url, const std::string& zoneName,
+                          const std::string& ctag,
+                          const std::map<std::string, std::string>& known) {
+    std::string current;
+    bool missing = false;
+    HttpResponse r = propfind(url, 0, "<cs:getctag/>", [&](DavResponse&& a) {
+        if (const auto* p = a.property(calendarServerNs, "getctag"))
+            current = trimmedText(p->text);
+        if (a.status == 404)
+            missing = true;
+    });
+    if (r.status == 404 || moved(r.status) || missing)
+        return std::nullopt;
     if (r.status != 207)
         failStatus("reading zone " + zoneName, url, r);
-    return records;
-}
+    ZoneChanges changes;
+    changes.token = current.empty() ? std::string() : std::string(ctagPrefix) + current;
+    if (!current.empty() && current == ctag)
+        return changes; // nothing changed since the last listing
 
-void CalDavService::modifyRecords(std::vector<CloudRecord> records, const ModifyOptions&) {
-    {
-        std::lock_guard lock(queueMutex_);
-        for (auto& r : records)
-            queue_.push_back(std::move(r));
-    }
-    queueChanged_.notify_all();
-}
-
-void CalDavService::flushUnsent() {
-    if (client_)
-        client_->retryServer(); // a new pass asks the server afresh
-    {
-        std::lock_guard lock(queueMutex_);
-        for (auto& r : unsent_)
-            queue_.push_back(std::move(r));
-        unsent_.clear();
-    }
-    queueChanged_.notify_all();
-}
-
-void CalDavService::waitForBackgroundWork() {
-    std::unique_lock lock(queueMutex_);
-    queueChanged_.wait(lock, [&] { return (queue_.empty() && !busy_) || stopping_; });
-}
-
-std::vector<CloudRecord> CalDavService::unsentRecords() {
-    std::lock_guard lock(queueMutex_);
-    std::vector<CloudRecord> out = unsent_;
-    out.insert(out.end(), queue_.begin(), queue_.end());
-    return out;
-}
-
-void CalDavService::worker() {
-    std::unique_lock lock(queueMutex_);
-    for (;;) {
-        queueChanged_.wait(lock, [&] { return !queue_.empty() || stopping_; });
-        if (stopping_)
+    std::map<std::string, std::string> wanted;
+    std::set<std::string> present;
+    r = propfind(url, 1, "<d:getetag/>", [&](DavResponse&& a) {
+        std::string name = childName(url, a.href);
+        if (name.empty() && a.status == 404)
+            missing = true;
+        const auto* tag = a.property(davNs, "getetag");
+        if (name.empty() || tag == nullptr)
             return;
-        CloudRecord record = std::move(queue_.front());
-        queue_.pop_front();
-        busy_ = true;
-        lock.unlock();
-        bool sent = false;
-        try {
-            put(record, false);
-            sent = true;
-        } catch (const CloudError&) {
-            // Kept for flushUnsent; the batched save itself reports nothing.
+        present.insert(name);
+        std::string etag = trimmedText(tag->text);
+        auto k = known.find(name);
+        if (k == known.end() || k->second != etag)
+            wanted[name] = etag;
+    });
+    if (r.status == 404 || moved(r.status) || missing)
+        return std::nullopt;
+    if (r.status != 207)
+        failStatus("reading zone " + zoneName, url, r);
+    changes.complete = true;
+    for (const auto& [name, etag] : known)
+        if (!present.count(name))
+            changes.deleted.push_back(name);
+    fetchBodies(url, zoneName, wanted, known, changes);
+    return changes;
+}
+
+void CalDavService::fetchBodies(const std::string& url, const std::string& zoneName,
+                                const std::map<std::string, std::string>& wanted,
+                                const std::map<std::string, std::string>& known,
+                                ZoneChanges& changes) {
+    const std::string path = Url::parse(url).path;
+    auto next = wanted.begin();
+    while (next != wanted.end()) {
+        std::set<std::string> asked;
+        std::string hrefs;
+        for (; next != wanted.end() && asked.size() < multigetChunk; ++next) {
+            asked.insert(next->first);
+            hrefs += "<d:href>" + xmlEscape(withSlash(path) + percentEncodeSegment(next->first)) +
+                     "</d:href>";
         }
-        lock.lock();
-        if (!sent) {
-            // A later version of the same record replaces an earlier one that failed.
-            std::erase_if(unsent_,
-                          [&](const CloudRecord& r) { return r.recordId == record.recordId; });
-            unsent_.push_back(std::move(record));
-        } else {
-            std::erase_if(unsent_,
-                          [&](const CloudRecord& r) { return r.recordId == record.recordId; });
-        }
-        busy_ = false;
-        queueChanged_.notify_all();
+        std::set<std::string> answered;
+        HttpResponse r = sendReading(
+            {"REPORT",
+             url,
+             {xmlType, "Depth: 1"},
+             "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
+             "<c:calendar-multiget xmlns:d=\"DAV:\" xmlns:c=\"urn:ietf:params:xml:ns:caldav\">"
+             "<d:prop><d:getetag/><c:calendar-data/></d:prop>" +
+                 hrefs + "</c:calendar-multiget>"},
+            [&](DavResponse&& a) {
+                std::string name = childName(url, a.href);
+                if (!asked.count(name) || !answered.insert(name).second)
+                    return;
+                if (a.effectiveStatus() == 404) {
+                    // Gone between the listing and now.
+                    if (known.count(name))
+                        changes.deleted.push_back(name);
+                    return;
+                }
+                if (a.oversized) {
+                    changes.unreadable.emplace_back(name, "the event is too large to read");
+                    return;
+                }
+                const auto* data = a.property(calDavNs, "calendar-data");
+                if (data == nullptr) {
+                    changes.unreadable.emplace_back(name, "the server sent no event data");
+                    return;
+                }
+                const auto* tag = a.property(davNs, "getetag");
+                try {
+                    RemoteRecord remote{
+                        readZoneResource(data->text, std::string(eventRecordType), zoneName), name,
+                        tag ? trimmedText(tag->text) : wanted.at(name)};
+                    ++bodies_;
+                    changes.changed.push_back(std::move(remote));
+                } catch (const CloudError& e) {
+                    changes.unreadable.emplace_back(name, e.what());
+                }
+            });
+        if (r.status == 404 || moved(r.status))
+            throw ZoneMissing("zone " + zoneName + " went away while it was read");
+        if (r.status != 207)
+            failStatus("reading zone " + zoneName, url, r);
+        for (const auto& name : asked)
+            if (!answered.count(name))
+                changes.unreadable.emplace_back(name, "the server did not send it");
     }
+}
+
+ZoneChanges CalDavService::fetchChanges(const std::string& zoneName, const std::string& token,
+                                        const std::map<std::string, std::string>& known) {
+    return onCollection<ZoneChanges>(
+        zoneName, [&](const std::string& url) -> std::optional<ZoneChanges> {
+            if (token.rfind(ctagPrefix, 0) == 0)
+                return listByTags(url, zoneName, token.substr(ctagPrefix.size()), known);
+            bool offered = false;
+            {
+                std::lock_guard lock(mutex_);
+                offered = !noSyncCollection_;
+            }
+            if (offered) {
+                const std::string given =
+                    token.rfind(syncPrefix, 0) == 0 ? token.substr(syncPrefix.size()) : "";
+                long status = 0;
+                try {
+                    if (auto changes = syncCollection(url, zoneName, given, known, status))
+                        return changes;
+                } catch (const UnreadableAnswer&) {
+                    if (given.empty())
+                        throw;
+                }
+                if (status == 404 || moved(status))
+                    return std::nullopt;
+                // A token the server no longer takes (Radicale: 403 valid-sync-token; Xandikos:
+                // 500): one full listing instead.
+                if (!given.empty()) {
+                    status = 0;
+                    if (auto changes = syncCollection(url, zoneName, {}, known, status))
+                        return changes;
+                    if (status == 404 || moved(status))
+                        return std::nullopt;
+                }
+                // A refusal of the report itself means no sync-collection here: tags it is, from
+                // now on. Anything else (a server error, a refused password) is the pull's end.
+                const bool refused = status == 400 || status == 403 || status == 405 ||
+                                     status == 415 || status == 422 || status == 501;
+                if (!refused) {
+                    HttpResponse answer;
+                    answer.status = status;
+                    failStatus("reading zone " + zoneName, url, answer);
+                }
+                std::lock_guard lock(mutex_);
+                noSyncCollection_ = true;
+            }
+            return listByTags(url, zoneName, {}, known);
+        });
+}
+
+std::string CalDavService::put(const CloudRecord& record, const std::string& resource,
+                               const std::string& condition) {
+    return onCollection<std::string>(
+        record.recordId.zoneName, [&](const std::string& url) -> std::optional<std::string> {
+            const std::string target = url + percentEncodeSegment(resource);
+            std::vector<std::string> headers = {calendarType};
+            if (!condition.empty())
+                headers.push_back(condition);
+            auto now = std::chrono::time_point_cast<std::chrono::milliseconds>(
+                std::chrono::system_clock::now());
+            HttpResponse r = send({"PUT", target, headers, writeRecordCalendar(record, now)});
+            if (success(r.status))
+                return r.etag;
+            const std::string what = "saving record " + record.recordId.recordName;
+            if (r.status == 412)
+                throw PreconditionFailed(what + ": the server holds another version (412)");
+            if (r.status == 404 || r.status == 409 || moved(r.status)) {
+                // The collection, or only the resource (If-Match on a deleted one)?
+                if (!exists(url))
+                    return std::nullopt;
+                if (r.status == 404)
+                    throw PreconditionFailed(what + ": the resource is gone (404)");
+            }
+            failStatus(what, target, r);
+        });
+}
+
+std::string CalDavService::createRecord(const CloudRecord& record, const std::string& resource) {
+    return put(record, resource, "If-None-Match: *");
+}
+
+std::string CalDavService::replaceRecord(const CloudRecord& record, const std::string& resource,
+                                         const std::string& etag) {
+    // A server that gives no tags cannot be written conditionally.
+    return put(record, resource, etag.empty() ? std::string() : "If-Match: " + etag);
+}
+
+void CalDavService::deleteRecord(const std::string& zoneName, const std::string& resource,
+                                 const std::string& etag) {
+    const std::string target = zoneUrl(zoneName) + percentEncodeSegment(resource);
+    std::vector<std::string> headers;
+    if (!etag.empty())
+        headers.push_back("If-Match: " + etag);
+    HttpResponse r = send({"DELETE", target, headers});
+    if (success(r.status) || r.status == 404)
+        return;
+    if (r.status == 412) {
+        // Some servers answer 412 for a resource that is gone: that is deleted too.
+        if (!exists(target))
+            return;
+        throw PreconditionFailed("deleting record " + resource +
+                                 ": the server holds another version (412)");
+    }
+    failStatus("deleting record " + resource, target, r);
+}
+
+std::optional<RemoteRecord> CalDavService::fetchRecord(const std::string& zoneName,
+                                                       const std::string& resource) {
+    const std::string target = zoneUrl(zoneName) + percentEncodeSegment(resource);
+    HttpRequest request("GET", target, {"Accept: text/calendar"});
+    request.maxBody = MultistatusLimits{}.responseBytes;
+    HttpResponse r = send(request);
+    if (r.status == 404 || r.status == 410)
+        return std::nullopt;
+    if (r.status != 200)
+        failStatus("reading record " + resource, target, r);
+    if (r.truncated)
+        throw CloudError("reading record " + resource + ": the event is too large to read");
+    ++bodies_;
+    return RemoteRecord{readZoneResource(r.body, std::string(eventRecordType), zoneName), resource,
+                        r.etag};
+}
+
+void CalDavService::startPass() {
+    if (client_)
+        client_->forgetUnreachable();
+}
+
+void CalDavService::cancel() {
+    if (client_)
+        client_->cancel();
 }
 
 } // namespace almanor::caldav

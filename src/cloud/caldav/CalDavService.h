@@ -4,22 +4,26 @@
 #include "cloud/caldav/Http.h"
 #include "cloud/caldav/Multistatus.h"
 
-#include <condition_variable>
-#include <deque>
+#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <thread>
 
 namespace almanor::caldav {
 
 // The user's cloud database over a CalDAV server: zones are calendar collections in the user's
-// calendar home, records are event resources "<recordName>.ics".
+// calendar home, records are event resources. Changes are listed with sync-collection (RFC 6578)
+// where the server offers it, else by comparing getctag and getetag; bodies come through
+// calendar-multiget, only for what changed. Writes are conditional (If-None-Match, If-Match).
 class CalDavService : public CloudService {
   public:
     using PasswordSource = HttpClient::PasswordSource;
+    // Told whenever discovery finds the calendar home, with the origins besides the server's own
+    // that get the credentials; the account keeps both, so that later processes skip discovery.
+    using HomeListener =
+        std::function<void(const std::string& home, const std::vector<std::string>& origins)>;
 
     // An empty server stands for "no account": its status is noAccount, every request fails.
     // `password` throws CloudError with the reason when the password cannot be had.
@@ -29,60 +33,92 @@ class CalDavService : public CloudService {
     CalDavService(const CalDavService&) = delete;
     CalDavService& operator=(const CalDavService&) = delete;
 
-    // Finds the calendar home from the server URL with authenticated requests; a refused
-    // password, an unreachable server or a server without CalDAV throws CloudError with one
-    // clear line. Returns the calendar home's URL.
+    // Finds the calendar home from the server URL with authenticated requests (or gives the one
+    // known already); a refused password, an unreachable server or a server without CalDAV
+    // throws CloudError with one clear line. Returns the calendar home's URL.
     std::string discoverHome();
+    // The home remembered with the account: requests go there without discovery, until a
+    // collection under it is missing.
+    void rememberHome(const std::string& home);
+    void setHomeListener(HomeListener listener);
     // Origins besides the server's own that get the credentials: those remembered with the
     // account, and those the server names in discovery (trustedOrigins()).
     void trustOrigins(const std::vector<std::string>& origins);
     std::vector<std::string> trustedOrigins() const;
 
+    // What went over the network, for tests and benchmarks: requests sent, event bodies read.
+    int requestsSent() const { return requests_; }
+    int bodiesRead() const { return bodies_; }
+    // How many resources one calendar-multiget asks for.
+    static constexpr std::size_t multigetChunk = 100;
+
     AccountStatus accountStatus() override;
     void saveZone(const std::string& zoneName) override;
     std::vector<RecordZone> fetchAllZones() override;
-    CloudRecord saveRecord(const CloudRecord& record) override;
-    void deleteRecord(const RecordId& recordId) override;
-    void modifyRecords(std::vector<CloudRecord> records, const ModifyOptions& options) override;
     std::vector<CloudRecord> performQuery(const std::string& recordType,
                                           const std::string& zoneName) override;
-    void flushUnsent() override;
-    void waitForBackgroundWork() override;
-    std::vector<CloudRecord> unsentRecords() override;
+    ZoneChanges fetchChanges(const std::string& zoneName, const std::string& token,
+                             const std::map<std::string, std::string>& known) override;
+    std::string createRecord(const CloudRecord& record, const std::string& resource) override;
+    std::string replaceRecord(const CloudRecord& record, const std::string& resource,
+                              const std::string& etag) override;
+    void deleteRecord(const std::string& zoneName, const std::string& resource,
+                      const std::string& etag) override;
+    std::optional<RemoteRecord> fetchRecord(const std::string& zoneName,
+                                            const std::string& resource) override;
+    void startPass() override;
+    void cancel() override;
 
   private:
+    struct Listing;
+
     const HttpClient& client() const;
-    HttpResponse send(HttpRequest request) const;
+    HttpResponse send(const HttpRequest& request) const;
     // A request whose 207 answer is read as it arrives, each response handed to `each`.
-    HttpResponse sendReading(HttpRequest request,
-                             const std::function<void(DavResponse&&)>& each) const;
+    HttpResponse sendReading(HttpRequest request, const std::function<void(DavResponse&&)>& each,
+                             std::string* syncToken = nullptr) const;
     HttpResponse propfind(const std::string& url, int depth, const std::string& props,
                           const std::function<void(DavResponse&&)>& each) const;
     std::string home();
     std::string zoneUrl(const std::string& zoneName);
     std::string defaultCalendarUrl();
-    std::string recordUrl(const RecordId& id);
-    void put(const CloudRecord& record, bool onlyIfNew);
-    void worker();
+    // Runs `attempt` on the zone's collection; when it finds the collection missing (404, or
+    // moved: 301), discovery runs once more and, if the home moved, `attempt` again. Throws
+    // ZoneMissing when the collection is still missing.
+    template <typename Result, typename Attempt>
+    Result onCollection(const std::string& zoneName, Attempt attempt);
+    bool rediscover();
+    // Whether the server holds something at `url`.
+    bool exists(const std::string& url);
+    std::optional<ZoneChanges> syncCollection(const std::string& url, const std::string& zoneName,
+                                              const std::string& token,
+                                              const std::map<std::string, std::string>& known,
+                                              long& status);
+    std::optional<ZoneChanges> listByTags(const std::string& url, const std::string& zoneName,
+                                          const std::string& ctag,
+                                          const std::map<std::string, std::string>& known);
+    void fetchBodies(const std::string& url, const std::string& zoneName,
+                     const std::map<std::string, std::string>& wanted,
+                     const std::map<std::string, std::string>& known, ZoneChanges& changes);
+    std::string put(const CloudRecord& record, const std::string& resource,
+                    const std::string& condition);
 
     std::string server_;
     std::optional<HttpClient> client_;
     std::string setupError_;
     PasswordSource password_;
 
-    std::mutex mutex_; // guards the discovered addresses
+    mutable std::mutex mutex_; // guards the discovered addresses and the listener
     std::string home_;
     std::string principal_;
     std::string defaultCalendar_;
+    bool rediscovered_ = false;
+    bool discovered_ = false; // by this service, not remembered
+    bool noSyncCollection_ = false;
+    HomeListener listener_;
 
-    // Batched saves: a queue worked off by one thread; what fails is kept in `unsent_`.
-    std::mutex queueMutex_;
-    std::condition_variable queueChanged_;
-    std::deque<CloudRecord> queue_;
-    std::vector<CloudRecord> unsent_;
-    bool busy_ = false;
-    bool stopping_ = false;
-    std::thread worker_;
+    mutable std::atomic<int> requests_ = 0;
+    std::atomic<int> bodies_ = 0;
 };
 
 } // namespace almanor::caldav

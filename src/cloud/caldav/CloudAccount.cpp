@@ -98,6 +98,16 @@ void CloudAccount::store(UserDefaults& defaults) const {
         defaults.setString(originsKey, joined);
 }
 
+void CloudAccount::rememberDiscovery(UserDefaults& defaults, const std::string& home,
+                                     const std::vector<std::string>& origins) {
+    auto account = load(defaults);
+    if (!account)
+        return; // logged out meanwhile
+    account->home = home;
+    account->origins = origins;
+    account->store(defaults);
+}
+
 void CloudAccount::forget(UserDefaults& defaults) {
     defaults.remove(serverKey);
     defaults.remove(userKey);
@@ -245,6 +255,13 @@ std::shared_ptr<CloudService> makeAccountCloudService(UserDefaults& defaults) {
     auto service = std::make_shared<caldav::CalDavService>(account->server, account->user,
                                                            [a = *account] { return a.password(); });
     service->trustOrigins(account->origins);
+    // An ordinary pull goes straight to the collection; discovery runs again only when the
+    // collection is missing, and what it finds is kept for the next process.
+    service->rememberHome(account->home);
+    service->setHomeListener(
+        [&defaults](const std::string& home, const std::vector<std::string>& origins) {
+            CloudAccount::rememberDiscovery(defaults, home, origins);
+        });
     return service;
 }
 

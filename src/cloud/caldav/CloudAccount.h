@@ -34,6 +34,10 @@ struct CloudAccount {
     static std::optional<CloudAccount> load(const UserDefaults& defaults);
     void store(UserDefaults& defaults) const;
     static void forget(UserDefaults& defaults);
+    // What discovery found (the calendar home, the origins the server named), kept with the
+    // account in `defaults` when there is one.
+    static void rememberDiscovery(UserDefaults& defaults, const std::string& home,
+                                  const std::vector<std::string>& origins);
 
     // The password, from the command or the keyring. Throws CloudError with the reason.
     std::string password() const;

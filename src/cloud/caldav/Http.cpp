@@ -166,7 +166,6 @@ struct HttpClient::HandlePool {
     // Why the server could not be reached, and when: requests after that fail at once until the
     // next pass, so that a pass over a silent server costs one wait, not one per record.
     std::string unreachable;
-    std::chrono::steady_clock::time_point unreachableAt;
     std::string ownOrigin;
     std::vector<std::string> trusted; // origins the server named, besides its own
     std::atomic<bool> cancelled = false;
@@ -521,7 +520,6 @@ HttpResponse HttpClient::perform(const HttpRequest& request) const {
         {
             std::lock_guard lock(pool_->mutex);
             pool_->unreachable = unreachable;
-            pool_->unreachableAt = Clock::now();
         }
         if (reason.empty())
             reason = unreachable;
@@ -530,12 +528,6 @@ HttpResponse HttpClient::perform(const HttpRequest& request) const {
         throw CloudError(redactUrls(what + ": " + reason));
     check(curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &response.status));
     return response;
-}
-
-void HttpClient::retryServer() const {
-    std::lock_guard lock(pool_->mutex);
-    if (std::chrono::steady_clock::now() - pool_->unreachableAt >= limits_.retryGap)
-        pool_->unreachable.clear();
 }
 
 void HttpClient::forgetUnreachable() const {

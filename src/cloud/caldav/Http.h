@@ -12,14 +12,11 @@
 namespace almanor::caldav {
 
 // What one request may cost. A server that trickles, stalls or never answers ends each request
-// within `deadline`, and makes the rest of the pass fail at once.
+// within `deadline`, and makes the rest of the pass fail at once (until forgetUnreachable()).
 struct Limits {
     std::chrono::seconds connect{10};
     std::chrono::seconds stall{30};     // no byte either way
     std::chrono::seconds deadline{120}; // the whole request, however it trickles
-    // After the server could not be reached, requests fail at once until a new pass begins, or
-    // for this long whatever begins: a pull and the push right after it cost one wait.
-    std::chrono::seconds retryGap{1};
     // The largest answer read (a full listing of 100,000 events is about 120 MB).
     std::size_t answerBytes = std::size_t(256) << 20;
 };
@@ -97,10 +94,8 @@ class HttpClient {
     // The origins trusted besides the server's own, in the order they were added.
     std::vector<std::string> trustedOrigins() const;
 
-    // A new pass: a server that could not be reached is asked again, unless that was less than
-    // `retryGap` ago (the same command's next step).
-    void retryServer() const;
-    // A new pass that asks the server again in any case.
+    // After the server could not be reached, requests fail at once until this is called: a new
+    // pass asks again.
     void forgetUnreachable() const;
     // Ends every request in flight within a tenth of a second and refuses new ones.
     void cancel() const;

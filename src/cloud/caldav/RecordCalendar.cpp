@@ -15,6 +15,11 @@ namespace almanor::caldav {
 namespace {
 
 constexpr std::string_view recordTypeProperty = "X-CD-RECORD-TYPE";
+// What this program last wrote into the properties a calendar app edits, and LAST-MODIFIED to the
+// millisecond: a SUMMARY or DTSTART that differs from its copy was edited by an app.
+constexpr std::string_view summaryCopyProperty = "X-CD-SHOWN-SUMMARY";
+constexpr std::string_view dateCopyProperty = "X-CD-SHOWN-DATE";
+constexpr std::string_view modifiedCopyProperty = "X-CD-MODIFIED-MS";
 constexpr const char* keyParameter = "X-CD-KEY";
 constexpr const char* typeParameter = "X-CD-TYPE";
 
@@ -290,6 +295,12 @@ std::string writeRecordCalendar(const CloudRecord& record, Instant now) {
     addLine(out, "BEGIN:VEVENT");
     addLine(out, "UID:" + escapeText(record.recordId.recordName));
     addLine(out, "DTSTAMP:" + utcStamp(now));
+    if (record.modified) {
+        // LAST-MODIFIED has whole seconds; the private copy keeps the milliseconds.
+        addLine(out, "LAST-MODIFIED:" + utcStamp(*record.modified));
+        addLine(out, std::string(modifiedCopyProperty) + ":" +
+                         std::to_string(record.modified->time_since_epoch().count()));
+    }
     if (const auto* date = field<Instant>(record, "CD_date")) {
         std::time_t secs =
             std::chrono::floor<std::chrono::seconds>(*date).time_since_epoch().count();
@@ -298,6 +309,7 @@ std::string writeRecordCalendar(const CloudRecord& record, Instant now) {
         std::array<char, 16> buf{};
         std::strftime(buf.data(), buf.size(), "%Y%m%d", &day);
         addLine(out, std::string("DTSTART;VALUE=DATE:") + buf.data());
+        addLine(out, std::string(dateCopyProperty) + ":" + buf.data());
         if (const auto* schedule = field<std::int64_t>(record, "CD_recurring")) {
             if (std::string rule = recurrenceRule(*schedule, day); !rule.empty())
                 addLine(out, "RRULE:" + rule);
@@ -307,7 +319,10 @@ std::string writeRecordCalendar(const CloudRecord& record, Instant now) {
         std::string shown;
         for (char c : *name)
             shown += (static_cast<unsigned char>(c) < 0x20 && c != '\n') ? ' ' : c;
-        addLine(out, "SUMMARY:" + escapeText(isValidUtf8(shown) ? shown : std::string("?")));
+        if (!isValidUtf8(shown))
+            shown = "?";
+        addLine(out, "SUMMARY:" + escapeText(shown));
+        addLine(out, std::string(summaryCopyProperty) + ":" + base64(shown));
     }
     addLine(out, std::string(recordTypeProperty) + ":" + escapeText(record.recordType));
     for (const auto& [key, value] : record.fields) {
@@ -338,8 +353,63 @@ std::string writeRecordCalendar(const CloudRecord& record, Instant now) {
     return out;
 }
 
-std::optional<CloudRecord> readRecordCalendar(std::string_view text, const std::string& recordType,
-                                              const std::string& zoneName) {
+namespace {
+
+std::optional<Instant> instantOf(const icaltimetype& t) {
+    if (icaltime_is_null_time(t) || !icaltime_is_valid_time(t))
+        return std::nullopt;
+    std::time_t secs = 0;
+    if (!t.is_date && icaltime_is_utc(t)) {
+        secs = icaltime_as_timet_with_zone(t, icaltimezone_get_utc_timezone());
+    } else if (!t.is_date && t.zone != nullptr) {
+        secs = icaltime_as_timet_with_zone(t, t.zone);
+    } else {
+        // A day, or a floating time: this machine's local time.
+        std::tm tm{};
+        tm.tm_year = t.year - 1900;
+        tm.tm_mon = t.month - 1;
+        tm.tm_mday = t.day;
+        tm.tm_hour = t.is_date ? 0 : t.hour;
+        tm.tm_min = t.is_date ? 0 : t.minute;
+        tm.tm_sec = t.is_date ? 0 : t.second;
+        tm.tm_isdst = -1;
+        secs = std::mktime(&tm);
+    }
+    return Instant(std::chrono::seconds(secs));
+}
+
+std::optional<std::chrono::sys_days> dayOf(std::string_view yyyymmdd) {
+    auto y = number<int>(yyyymmdd.substr(0, 4));
+    auto m = number<unsigned>(yyyymmdd.substr(4, 2));
+    auto d = number<unsigned>(yyyymmdd.substr(6, 2));
+    if (yyyymmdd.size() != 8 || !y || !m || !d)
+        return std::nullopt;
+    std::chrono::year_month_day day{std::chrono::year{*y}, std::chrono::month{*m},
+                                    std::chrono::day{*d}};
+    if (!day.ok())
+        return std::nullopt;
+    return std::chrono::sys_days(day);
+}
+
+// The same local time of day, `days` calendar days later (DST changes keep the wall time).
+Instant movedByDays(Instant at, long days) {
+    auto secs = std::chrono::floor<std::chrono::seconds>(at);
+    auto rest = at - secs;
+    std::time_t t = secs.time_since_epoch().count();
+    std::tm tm{};
+    localtime_r(&t, &tm);
+    tm.tm_mday += int(days);
+    tm.tm_isdst = -1;
+    return Instant(std::chrono::seconds(std::mktime(&tm))) + rest;
+}
+
+struct ReadEvent {
+    std::optional<CloudRecord> record; // nullopt: no VEVENT, or one of another type
+    bool foreign = false;              // a VEVENT without the record's fields
+};
+
+ReadEvent readEvent(std::string_view text, const std::string& recordType,
+                    const std::string& zoneName) {
     quietOnce();
     icalerror_clear_errno();
     std::string copy(text); // the parser wants a terminated string
@@ -351,16 +421,40 @@ std::optional<CloudRecord> readRecordCalendar(std::string_view text, const std::
             ? root.get()
             : icalcomponent_get_first_component(root.get(), ICAL_VEVENT_COMPONENT);
     if (event == nullptr)
-        return std::nullopt;
+        return {};
 
     CloudRecord record;
     bool typed = false;
+    std::optional<std::string> summary;
+    std::optional<icaltimetype> start;
+    std::optional<Instant> stamp;
+    std::optional<Instant> lastModified;
+    std::optional<std::string> summaryCopy;
+    std::optional<std::string> dateCopy;
+    std::optional<std::int64_t> modifiedCopy;
     for (icalproperty* p = icalcomponent_get_first_property(event, ICAL_ANY_PROPERTY); p != nullptr;
          p = icalcomponent_get_next_property(event, ICAL_ANY_PROPERTY)) {
         const icalproperty_kind kind = icalproperty_isa(p);
         if (kind == ICAL_UID_PROPERTY) {
             if (const char* uid = icalproperty_get_uid(p))
                 record.recordId.recordName = uid;
+            continue;
+        }
+        if (kind == ICAL_SUMMARY_PROPERTY) {
+            if (const char* value = icalproperty_get_summary(p))
+                summary = value;
+            continue;
+        }
+        if (kind == ICAL_DTSTART_PROPERTY) {
+            start = icalproperty_get_dtstart(p);
+            continue;
+        }
+        if (kind == ICAL_DTSTAMP_PROPERTY) {
+            stamp = instantOf(icalproperty_get_dtstamp(p));
+            continue;
+        }
+        if (kind == ICAL_LASTMODIFIED_PROPERTY) {
+            lastModified = instantOf(icalproperty_get_lastmodified(p));
             continue;
         }
         if (kind != ICAL_X_PROPERTY)
@@ -371,9 +465,21 @@ std::optional<CloudRecord> readRecordCalendar(std::string_view text, const std::
             continue;
         if (strcasecmp(name, recordTypeProperty.data()) == 0) {
             if (value != recordType)
-                return std::nullopt;
+                return {};
             record.recordType = value;
             typed = true;
+            continue;
+        }
+        if (strcasecmp(name, summaryCopyProperty.data()) == 0) {
+            summaryCopy = unbase64(value);
+            continue;
+        }
+        if (strcasecmp(name, dateCopyProperty.data()) == 0) {
+            dateCopy = value;
+            continue;
+        }
+        if (strcasecmp(name, modifiedCopyProperty.data()) == 0) {
+            modifiedCopy = number<std::int64_t>(value);
             continue;
         }
         std::string_view key = parameterOf(p, keyParameter);
@@ -382,10 +488,73 @@ std::optional<CloudRecord> readRecordCalendar(std::string_view text, const std::
         if (auto v = readValue(parameterOf(p, typeParameter), value))
             record.fields[std::string(key)] = std::move(*v);
     }
-    if (!typed || record.recordId.recordName.empty())
-        return std::nullopt;
     record.recordId.zoneName = zoneName;
-    return record;
+    // LAST-MODIFIED has whole seconds: the copy with milliseconds stands for it while they agree.
+    if (lastModified && modifiedCopy &&
+        std::chrono::floor<std::chrono::seconds>(
+            Instant(std::chrono::milliseconds(*modifiedCopy))) == *lastModified)
+        record.modified = Instant(std::chrono::milliseconds(*modifiedCopy));
+    else
+        record.modified = lastModified ? lastModified : stamp;
+    ReadEvent read;
+    read.foreign = !typed;
+    if (!typed) {
+        record.recordType = recordType;
+        if (summary)
+            record.fields["CD_name"] = *summary;
+        if (start)
+            if (auto at = instantOf(*start))
+                record.fields["CD_date"] = *at;
+    } else {
+        // A calendar app's edits of what it shows. What servers do to a value is no edit: some
+        // drop the blanks at either end, one turns a backslash before an n into a line break.
+        auto plain = [](std::string v) {
+            for (auto at = v.find('\\'); at != std::string::npos; at = v.find('\\', at))
+                if (at + 1 < v.size() && (v[at + 1] == 'n' || v[at + 1] == 'N'))
+                    v.replace(at, 2, "\n");
+                else
+                    ++at;
+            const auto blank = " \t\r\n";
+            auto first = v.find_first_not_of(blank);
+            return first == std::string::npos
+                       ? std::string()
+                       : v.substr(first, v.find_last_not_of(blank) - first + 1);
+        };
+        if (summary && summaryCopy && plain(*summary) != plain(*summaryCopy))
+            record.fields["CD_name"] = *summary;
+        auto field = record.fields.find("CD_date");
+        auto* date = field == record.fields.end() ? nullptr : std::get_if<Instant>(&field->second);
+        if (date != nullptr && start && !icaltime_is_null_time(*start) && dateCopy) {
+            std::chrono::year_month_day now{std::chrono::year{start->year},
+                                            std::chrono::month{unsigned(start->month)},
+                                            std::chrono::day{unsigned(start->day)}};
+            auto before = dayOf(*dateCopy);
+            if (now.ok() && before && std::chrono::sys_days(now) != *before)
+                *date = movedByDays(*date, (std::chrono::sys_days(now) - *before).count());
+        }
+    }
+    read.record = std::move(record);
+    return read;
+}
+
+} // namespace
+
+std::optional<CloudRecord> readRecordCalendar(std::string_view text, const std::string& recordType,
+                                              const std::string& zoneName) {
+    ReadEvent read = readEvent(text, recordType, zoneName);
+    if (!read.record || read.foreign || read.record->recordId.recordName.empty())
+        return std::nullopt;
+    return read.record;
+}
+
+CloudRecord readZoneResource(std::string_view text, const std::string& recordType,
+                             const std::string& zoneName) {
+    ReadEvent read = readEvent(text, recordType, zoneName);
+    if (!read.record)
+        throw CloudError("unreadable event from the server: no event of this zone's kind");
+    if (read.record->recordId.recordName.empty())
+        throw CloudError("unreadable event from the server: an event without a UID");
+    return std::move(*read.record);
 }
 
 } // namespace almanor::caldav

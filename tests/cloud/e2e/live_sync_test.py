@@ -26,7 +26,8 @@ def event_ids(server):
     ids = []
     for res in server.resources(APP_ZONE):
         text = open(server.resource_path(APP_ZONE, res), encoding="utf-8").read()
-        found = re.search(r"X-CD-EVENTID[^:]*:([0-9A-Fa-f-]{36})", text.replace("\r\n ", ""))
+        found = re.search(r"X-CD-EVENTID[^:]*:([0-9A-Fa-f-]{36})",
+                          text.replace("\r\n ", "").replace("\n ", ""))
         ids.append(found.group(1).upper() if found else None)
     return ids
 
@@ -192,8 +193,9 @@ class RadicaleLiveSync(LiveSync, unittest.TestCase):
         # calendar app made without any of Almanor's properties.
         status, body = dav(self.server, "GET", zone + [r for r in self.server.resources(APP_ZONE)
                                                       if dup in open(self.server.resource_path(
-                                                          APP_ZONE, r)).read()][0])
+                                                          APP_ZONE, r)).read().replace("\n ", "")][0])
         self.assertEqual(status, 200)
+        body = body.replace(b"\r\n ", b"").replace(b"\n ", b"")  # unfolded, to edit by line
         copy = re.sub(rb"UID:[^\r\n]+", b"UID:the-copy", body)
         dav(self.server, "PUT", zone + "the-copy.ics", copy, {"Content-Type": "text/calendar"})
         far = re.sub(rb"X-CD-DATE([^:]*):\d+", rb"X-CD-DATE\1:999999999999999", copy)
