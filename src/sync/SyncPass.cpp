@@ -258,7 +258,7 @@ void SyncPass::applyChanged(const RemoteRecord& remote) {
             takeServers();
         } else {
             // The deletion is the later change: it goes to this version of the record.
-            conflictLine(*event, "this machine's deletion", row.deleted, "the server's edit",
+            conflictLine(*row.event, "this machine's deletion", row.deleted, "the server's edit",
                          theirs.updated);
             ledger_.setRecord(row.event->id(), state);
             row.record = state;
@@ -285,7 +285,7 @@ void SyncPass::applyChanged(const RemoteRecord& remote) {
         return;
     }
     Log::line("  keeping local change...");
-    conflictLine(*event, "this machine's version", row.updated, "the server's version",
+    conflictLine(*row.event, "this machine's version", row.updated, "the server's version",
                  theirs.updated);
     // Linked to the server's version, so that the push replaces exactly that one.
     ledger_.link(row.event->id(), state);
@@ -479,6 +479,8 @@ void SyncPass::settleWithServer(SyncRow& row, const RecordState& state, bool cre
         return;
     }
     if (laterChange(*row.deleted, theirs.updated) == Side::here) {
+        conflictLine(*row.event, "this machine's deletion", row.deleted, "the server's edit",
+                     theirs.updated);
         service_.deleteRecord(appZone, seen.resource, seen.etag);
         later([this, id] { ledger_.markDeletionSent(id); }, "Failed to sync deleted: ");
         return;

@@ -281,6 +281,7 @@ class FakeCloudService : public CloudService {
     void startPass() override {}
     // A new process's service to the same server: cancel() no longer holds.
     void resume() { cancelled_ = false; }
+    bool cancelled() const { return cancelled_; }
 
     void cancel() override { cancelled_ = true; }
 

@@ -215,8 +215,12 @@ TEST_F(CloudSyncTest, QuittingCutsThePassOffAndTheNextFinishesItWithoutCopies) {
     auto p = open();
     for (int i = 0; i < 50; ++i)
         p->repository.insert(*event("E" + std::to_string(i), at(2030y / May / 1)));
-    // Each request takes a while, as over a slow link: the whole push would take some 20 s.
-    fake->setOnCall([](const FakeCloudService::Call&) { std::this_thread::sleep_for(200ms); });
+    // Each request takes a while, as over a slow link, unless cut off: the whole push would take
+    // minutes.
+    fake->setOnCall([this](const FakeCloudService::Call&) {
+        for (int i = 0; i < 300 && !fake->cancelled(); ++i)
+            std::this_thread::sleep_for(10ms);
+    });
     p->sync.sync();
     while (fake->calls(Op::create) < 3)
         std::this_thread::sleep_for(10ms);

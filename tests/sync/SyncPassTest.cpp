@@ -438,3 +438,43 @@ INSTANTIATE_TEST_SUITE_P(Ledgers, SyncRules, ::testing::Values(false, true), led
 
 } // namespace
 } // namespace almanor
+
+namespace almanor {
+namespace {
+
+// A pass whose marks cannot be written (a full disk) sent its changes all the same: the next
+// pass finds them on the server and sends nothing twice.
+TEST(SyncMarks, AFailedMarkTransactionDuplicatesNothing) {
+    FixedClock clock{test::utc(2026, 11, 23, 9)};
+    test::TempDir dir;
+    UserDefaults defaults(dir / "settings.ini");
+    defaults.setBoolean(Settings::appZoneUsed, true);
+    test::MemoryLedger ledger(clock);
+    auto server = std::make_shared<FakeCloudService>();
+    CloudRepository cloud(server);
+    std::atomic<bool> stopping{false};
+    auto pass = [&] {
+        SyncPass p(cloud, ledger, defaults, clock, stopping);
+        bool ok = p.pull();
+        ok = p.push() && ok;
+        clock.advance(std::chrono::seconds(1));
+        return ok;
+    };
+    auto e = event("Full disk");
+    ledger.insert(*e);
+    ledger.failNext("markPushed");
+    test::LogCapture log;
+    EXPECT_FALSE(pass());
+    EXPECT_EQ(server->stored(zone).size(), 1u);
+    EXPECT_TRUE(ledger.row(e->id())->pending());
+    EXPECT_EQ(log.lines().back().rfind("Failed to sync inserted: disk full", 0), 0u)
+        << log.lines().back();
+
+    EXPECT_TRUE(pass());
+    EXPECT_EQ(server->stored(zone).size(), 1u);
+    EXPECT_EQ(server->calls(Op::create), 1);
+    EXPECT_FALSE(ledger.row(e->id())->pending());
+}
+
+} // namespace
+} // namespace almanor

@@ -146,9 +146,6 @@ int main(int argc, char** argv) {
     if (ec) {
         self = argv[0];
     }
-    // The user's calendar server, when `almanor cloud login` has named one; else no account.
-    Repository::setCloudServiceProvider(
-        [] { return makeAccountCloudService(UserDefaults::standard()); });
     // Neither the panel item nor the window draws with OpenGL, but GTK's X11 backend probes GLX
     // for its visuals at start, which loads the graphics driver (and with Mesa, LLVM): some
     // 50 MB and tens of milliseconds for nothing. A value the user set is left alone.
