@@ -379,10 +379,13 @@ std::optional<Instant> instantOf(const icaltimetype& t) {
 }
 
 std::optional<std::chrono::sys_days> dayOf(std::string_view yyyymmdd) {
+    // What a server sends is checked before it is cut up.
+    if (yyyymmdd.size() != 8)
+        return std::nullopt;
     auto y = number<int>(yyyymmdd.substr(0, 4));
     auto m = number<unsigned>(yyyymmdd.substr(4, 2));
     auto d = number<unsigned>(yyyymmdd.substr(6, 2));
-    if (yyyymmdd.size() != 8 || !y || !m || !d)
+    if (!y || !m || !d)
         return std::nullopt;
     std::chrono::year_month_day day{std::chrono::year{*y}, std::chrono::month{*m},
                                     std::chrono::day{*d}};
