@@ -7,6 +7,7 @@ endif()
 foreach(path
     bin/almanor
     libexec/almanor/almanor-tray
+    libexec/almanor/almanor-window.so
     share/applications/com.vostrel.Almanor.desktop
     share/metainfo/com.vostrel.Almanor.metainfo.xml
     share/icons/hicolor/scalable/apps/com.vostrel.Almanor.svg
@@ -15,14 +16,19 @@ foreach(path
     message(FATAL_ERROR "missing after install: ${path}")
   endif()
 endforeach()
-# The installed almanor starts the installed tray (which, without a display, stops at once).
-execute_process(COMMAND env -u DISPLAY -u WAYLAND_DISPLAY ${PREFIX}/bin/almanor
+# The installed almanor starts the installed tray (which, without a session bus, stops at once and
+# touches nothing).
+execute_process(COMMAND env -u DISPLAY -u WAYLAND_DISPLAY -u DBUS_SESSION_BUS_ADDRESS
+                        XDG_RUNTIME_DIR=${PREFIX}/no-runtime HOME=${PREFIX}/home ${PREFIX}/bin/almanor
                 RESULT_VARIABLE result ERROR_VARIABLE err OUTPUT_QUIET TIMEOUT 20)
 if(err MATCHES "not installed" OR err MATCHES "cannot start the tray")
   message(FATAL_ERROR "the installed almanor did not find its tray: ${err}")
 endif()
-if(NOT err MATCHES "display")
-  message(FATAL_ERROR "expected the tray to complain about the missing display, got: ${err}")
+if(NOT err MATCHES "needs a session bus" OR result EQUAL 0)
+  message(FATAL_ERROR "expected the tray to stop for the missing session bus, got ${result}: ${err}")
+endif()
+if(EXISTS ${PREFIX}/home)
+  message(FATAL_ERROR "the tray wrote to the home folder although it could not start")
 endif()
 file(READ ${PREFIX}/share/metainfo/com.vostrel.Almanor.metainfo.xml metainfo)
 if(metainfo MATCHES "@PROJECT_VERSION@")

@@ -127,8 +127,8 @@ void AppDelegate::applicationDidFinishLaunching() {
     impl_->storeChangedElsewhere(s_.repository);
     s_.defaults.changedElsewhere();
 
-    // 9. Posts come from any thread (the store posts where it writes); GTK is touched only on the
-    // main thread.
+    // 9. Posts come from any thread (the store posts where it writes); the item, the menus and
+    // the window are touched only on the main thread.
     observer_ = s_.center.addObserver(std::string(almanor::eventChangeNotification), [this] {
         s_.mainThread.run([this] { eventChangeNotification(); });
     });
@@ -161,6 +161,10 @@ void AppDelegate::eventChangeNotification() {
     s_.repository.sync();
 }
 
+void AppDelegate::syncRequested() {
+    s_.repository.sync();
+}
+
 void AppDelegate::storeChangedOnDisk() {
     // Posted rather than handled here, so that the window's list follows too.
     if (impl_->storeChangedElsewhere(s_.repository)) {
@@ -177,6 +181,9 @@ void AppDelegate::settingsChangedOnDisk() {
 void AppDelegate::manageEventsWithSender() {
     if (!manageEventsWindow_) {
         manageEventsWindow_ = s_.makeManageEventsWindow();
+        if (!manageEventsWindow_) {
+            return; // it said why it cannot be made (no display); asked again next time
+        }
         manageEventsWindow_->center();
     }
     s_.activateApplication();

@@ -36,7 +36,7 @@ struct MenuItem {
     friend bool operator==(const MenuItem&, const MenuItem&) = default;
 };
 
-// What draws the menus (GTK in the tray, a recorder in tests).
+// What draws the menus (the menu protocol in the tray, a recorder in tests).
 class MenuPresenter {
   public:
     virtual ~MenuPresenter() = default;
@@ -75,7 +75,7 @@ class Scheduler {
 };
 
 // The tray's behaviour, as plain C++: start-up, the refresh timer and its gating, the change
-// notification, the menus and their actions. GTK code draws what it is told and forwards clicks.
+// notification, the menus and their actions. The tray draws what it is told and forwards clicks.
 class AppDelegate {
   public:
     struct Services {
@@ -88,7 +88,7 @@ class AppDelegate {
         MenuPresenter& menuPresenter;
         StatusBar& statusBar;
         Scheduler& scheduler;
-        // Makes the management window on first use.
+        // Makes the management window on first use; null when it cannot be made.
         std::function<std::unique_ptr<ManageEventsWindow>()> makeManageEventsWindow;
         // Brings the application to the front (all windows, ignoring other applications).
         std::function<void()> activateApplication;
@@ -121,6 +121,8 @@ class AppDelegate {
     void settingsChangedOnDisk();
     // Resume from suspend: a tick at once.
     void systemDidWake() { recalculateEvents(); }
+    // The application action "sync", asked for by another program over D-Bus.
+    void syncRequested();
 
     // Menu actions; the sender is the row's index in its menu.
     void manageEventsWithSender();
