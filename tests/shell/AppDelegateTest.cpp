@@ -52,7 +52,10 @@ class AppDelegateTest : public testing::Test {
         delegate = std::make_unique<AppDelegate>(
             AppDelegate::Services{repository, defaults, launchAtLogin, center, mainThread, clock,
                                   presenter, statusBar, scheduler,
-                                  [this] {
+                                  [this]() -> std::unique_ptr<ManageEventsWindow> {
+                                      if (refuseWindow) {
+                                          return nullptr;
+                                      }
                                       auto w = std::make_unique<test::FakeWindow>();
                                       window = w.get();
                                       ++windowsMade;
@@ -114,6 +117,7 @@ class AppDelegateTest : public testing::Test {
     test::QueueMainThread mainThread;
     test::FakeWindow* window = nullptr;
     int windowsMade = 0, activations = 0, terminations = 0, draws = 0;
+    bool refuseWindow = false; // as when GTK cannot start
     std::unique_ptr<AppDelegate> delegate;
 };
 
@@ -374,6 +378,38 @@ TEST_F(AppDelegateTest, TheWindowIsMadeOnceAndCentredWhenBroughtBack) {
     EXPECT_EQ(window->centred, centred + 1);
     EXPECT_EQ(window->fronted, 2);
     EXPECT_EQ(activations, 3);
+}
+
+TEST_F(AppDelegateTest, AWindowThatCannotBeMadeIsAskedForAgainNextTime) {
+    start();
+    refuseWindow = true;
+    delegate->manageEventsWithSender();
+    delegate->manageEventsWithSender();
+    EXPECT_EQ(activations, 0);
+    refuseWindow = false;
+    delegate->manageEventsWithSender();
+    ASSERT_NE(window, nullptr);
+    EXPECT_TRUE(window->visible);
+    EXPECT_EQ(windowsMade, 1);
+    EXPECT_EQ(activations, 1);
+}
+
+TEST_F(AppDelegateTest, TheSyncActionPushesWhatAnotherProcessWrote) {
+    cloud = std::make_shared<test::FakeCloudService>();
+    start();
+    NotificationCenter otherCenter;
+    Repository other(
+        std::make_unique<LocalRepository>(dir / "data", "EventsV1.db", otherCenter, clock));
+    other.insert(*makeEvent(Uuid::random(), at(2031, 3, 3), "Elsewhere", std::nullopt,
+                            Schedule::none, CountMethod::standard));
+    repository.waitForSync();
+    EXPECT_EQ(repository.local().pendingChanges().inserted.size(), 1u);
+    delegate->syncRequested();
+    repository.waitForSync();
+    EXPECT_EQ(repository.local().pendingChanges().inserted.size(), 0u);
+    auto records = cloud->stored(std::string(appZoneName));
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(eventFromRecord(records[0]).event->name(), "Elsewhere");
 }
 
 TEST_F(AppDelegateTest, TheLoginRowFollowsTheRequestEvenWhenRefused) {
