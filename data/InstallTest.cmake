@@ -8,6 +8,7 @@ foreach(path
     bin/almanor
     libexec/almanor/almanor-tray
     libexec/almanor/almanor-window.so
+    libexec/almanor/almanor-caldav.so
     share/applications/com.vostrel.Almanor.desktop
     share/metainfo/com.vostrel.Almanor.metainfo.xml
     share/icons/hicolor/scalable/apps/com.vostrel.Almanor.svg
@@ -29,6 +30,14 @@ if(NOT err MATCHES "needs a session bus" OR result EQUAL 0)
 endif()
 if(EXISTS ${PREFIX}/home)
   message(FATAL_ERROR "the tray wrote to the home folder although it could not start")
+endif()
+# The installed almanor finds the installed CalDAV module (logging out without an account loads it
+# and says there is none).
+execute_process(COMMAND env XDG_CONFIG_HOME=${PREFIX}/config XDG_DATA_HOME=${PREFIX}/data
+                        ${PREFIX}/bin/almanor cloud logout
+                RESULT_VARIABLE result ERROR_VARIABLE err OUTPUT_QUIET TIMEOUT 20)
+if(NOT result EQUAL 0 OR NOT err STREQUAL "no cloud account\n")
+  message(FATAL_ERROR "the installed almanor did not load its CalDAV module: ${result}: ${err}")
 endif()
 file(READ ${PREFIX}/share/metainfo/com.vostrel.Almanor.metainfo.xml metainfo)
 if(metainfo MATCHES "@PROJECT_VERSION@")

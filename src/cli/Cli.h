@@ -7,6 +7,7 @@ inline constexpr int exitSuccess = 0;
 inline constexpr int exitNoSuchEvent = 1;
 inline constexpr int exitUsage = 2;
 inline constexpr int exitStoreFailed = 3;
+inline constexpr int exitModuleMissing = 4; // the CalDAV adapter's module could not be loaded
 
 // Runs one command (`almanor events list`, `almanor status`, ...) and returns its exit status.
 int run(int argc, char** argv);

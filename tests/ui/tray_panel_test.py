@@ -13,6 +13,7 @@ import desktop  # noqa: E402
 desktop.in_private_session(os.path.abspath(__file__))
 BIN = os.environ["ALMANOR_BINARY_DIR"]
 GTK = ("libgtk-3.so", "libgdk-3.so", "libgtkmm-3.0.so", "libatk-bridge-2.0.so")
+NETWORK = ("libcurl", "libxml2", "libical", "libsecret", "libgnutls", "libssl", "libkrb5", "libldap")
 
 
 def settings_file():
@@ -94,6 +95,8 @@ class TrayPanelTest(unittest.TestCase):
                 self.d.wait_for(lambda: [i for i in desktop.panel_items()
                                          if i["label"] == status and i["title"] == status], "the panel's copy")
             self.assertEqual(desktop.item_property("IconName"), "com.vostrel.Almanor")
+            # Without an account the CalDAV adapter stays unloaded.
+            self.assertEqual([lib for lib in desktop.mapped_libraries(tray.pid) if lib.startswith(NETWORK)], [])
         finally:
             self.d.almanor("select", self.trip)
             self.quit(tray)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "cloud/CloudAccount.h"
 #include "cloud/CloudService.h"
 
 #include <memory>
@@ -9,25 +10,6 @@
 namespace almanor {
 
 class UserDefaults;
-
-// The configured cloud account: where, who, and how the password is had (the keyring, or a
-// command whose first line of output is the password). The password itself is never kept here.
-struct CloudAccount {
-    static constexpr const char* serverKey = "cloudServer";
-    static constexpr const char* userKey = "cloudUser";
-    static constexpr const char* passwordCommandKey = "cloudPasswordCommand";
-
-    std::string server;
-    std::string user;
-    std::string passwordCommand; // empty: the keyring
-
-    static std::optional<CloudAccount> load(const UserDefaults& defaults);
-    void store(UserDefaults& defaults) const;
-    static void forget(UserDefaults& defaults);
-
-    // The password, from the command or the keyring. Throws CloudError with the reason.
-    std::string password() const;
-};
 
 // The desktop keyring's item of an account (schema "com.vostrel.Almanor.CloudAccount"). Each
 // throws CloudError with the keyring's reason.

@@ -1,7 +1,7 @@
 // almanor-tray: the tray application that `almanor` with no command starts. The panel item and
 // its menu need GLib and GIO only; GTK comes with the window, loaded the first time it is opened.
 
-#include "cloud/caldav/CloudAccount.h"
+#include "cloud/CloudModule.h"
 #include "login/LaunchAtLogin.h"
 #include "login/XdgAutostartService.h"
 #include "platform/Clock.h"
@@ -65,11 +65,11 @@ std::filesystem::path countIconFolder() {
 struct Tray {
     Tray(GApplication* app, const std::filesystem::path& self)
         : application(app), defaults(paths::settingsFile()),
-          repository(
-              std::make_unique<LocalRepository>(paths::databaseDirectory(), paths::databaseFileName,
-                                                center, clock),
-              // The user's calendar server, when `almanor cloud login` has named one.
-              [this] { return makeAccountCloudService(defaults); }, &defaults),
+          repository(std::make_unique<LocalRepository>(paths::databaseDirectory(),
+                                                       paths::databaseFileName, center, clock),
+                     // The user's calendar server, when `almanor cloud login` has named one; the
+                     // adapter is loaded only then.
+                     accountCloudServiceProvider(defaults, "."), &defaults),
           loginItems(paths::configHome(), almanorProgram(self)),
           launchAtLogin(loginItems, defaults),
           presenter(std::string(itemPath) + "/Menu",

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace almanor {
+
+class UserDefaults;
+
+// The configured cloud account: where, who, and how the password is had (the keyring, or a
+// command whose first line of output is the password). The password itself is never kept here.
+// Reading and writing the account needs only the settings; the password needs the CalDAV
+// adapter's module, which defines password().
+struct CloudAccount {
+    static constexpr const char* serverKey = "cloudServer";
+    static constexpr const char* userKey = "cloudUser";
+    static constexpr const char* passwordCommandKey = "cloudPasswordCommand";
+
+    std::string server;
+    std::string user;
+    std::string passwordCommand; // empty: the keyring
+
+    static std::optional<CloudAccount> load(const UserDefaults& defaults);
+    void store(UserDefaults& defaults) const;
+    static void forget(UserDefaults& defaults);
+
+    // The password, from the command or the keyring. Throws CloudError with the reason.
+    std::string password() const;
+};
+
+} // namespace almanor
