@@ -140,6 +140,9 @@ class AppDelegate {
     DisplayedEventSelection& selection() { return selection_; }
 
   private:
+    // The repository's events, or those of the reading in progress.
+    std::vector<EventPtr> events() const;
+
     struct Impl;
     Services s_;
     Settings settings_;

@@ -5,6 +5,7 @@
 #include <libdbusmenu-glib/client.h>
 #include <libdbusmenu-glib/menuitem.h>
 #include <libdbusmenu-glib/server.h>
+#include <optional>
 
 namespace almanor {
 
@@ -62,20 +63,12 @@ Item makeItem(const MenuItem& row) {
 
 struct DbusMenuPresenter::Impl {
     Actions actions;
-    glib::Object<DbusmenuServer> server;
     Item root{dbusmenu_menuitem_new()};
+    glib::Object<DbusmenuServer> server; // goes before the tree it serves
     std::vector<Item> topItems;
     std::vector<Item> eventItems;
-    DbusmenuMenuitem* eventsParent = nullptr; // one of topItems
-
-    void clearEvents() {
-        if (eventsParent != nullptr) {
-            for (auto& item : eventItems) {
-                dbusmenu_menuitem_child_delete(eventsParent, item.get());
-            }
-        }
-        eventItems.clear();
-    }
+    std::optional<std::size_t> eventsRow; // the top row that holds the events submenu
+    MenuItem eventsRowItem;
 };
 
 DbusMenuPresenter::DbusMenuPresenter(const std::string& objectPath, Actions actions)
@@ -87,12 +80,8 @@ DbusMenuPresenter::DbusMenuPresenter(const std::string& objectPath, Actions acti
     dbusmenu_server_set_root(impl_->server.get(), impl_->root.get());
 }
 
-DbusMenuPresenter::~DbusMenuPresenter() {
-    impl_->clearEvents();
-    for (auto& item : impl_->topItems) {
-        dbusmenu_menuitem_child_delete(impl_->root.get(), item.get());
-    }
-}
+// The rows go with the root, all at once; the server lets go of the tree first.
+DbusMenuPresenter::~DbusMenuPresenter() = default;
 
 std::string DbusMenuPresenter::label(const std::string& title) {
     std::string out;
@@ -124,7 +113,8 @@ void DbusMenuPresenter::buildMenu(const std::vector<MenuItem>& menu) {
             break;
         }
         if (row.hasSubmenu) {
-            impl_->eventsParent = item.get();
+            impl_->eventsRow = i;
+            impl_->eventsRowItem = row;
         }
         dbusmenu_menuitem_child_append(impl_->root.get(), item.get());
         impl_->topItems.push_back(std::move(item));
@@ -132,18 +122,27 @@ void DbusMenuPresenter::buildMenu(const std::vector<MenuItem>& menu) {
 }
 
 void DbusMenuPresenter::rebuildEventsMenu(const std::vector<MenuItem>& rows) {
-    impl_->clearEvents();
-    if (impl_->eventsParent == nullptr) {
+    Impl& d = *impl_;
+    if (!d.eventsRow) {
         return;
     }
-    for (std::size_t i = 0; i < rows.size(); ++i) {
-        Item item = makeItem(rows[i]);
+    // The new submenu is put together under a row of its own, out of the server's sight, and then
+    // takes the old row's place in one step: the server follows one change instead of one per
+    // row. Rows go in from the last, as prepending does not walk the list.
+    Item parent = makeItem(d.eventsRowItem);
+    std::vector<Item> items(rows.size());
+    for (std::size_t i = rows.size(); i-- > 0;) {
+        items[i] = makeItem(rows[i]);
         if (rows[i].action == MenuItem::Action::updateSelectedEvent) {
-            onClicked(item.get(), [this, i] { impl_->actions.updateSelectedEvent(i); });
+            onClicked(items[i].get(), [this, i] { impl_->actions.updateSelectedEvent(i); });
         }
-        dbusmenu_menuitem_child_append(impl_->eventsParent, item.get());
-        impl_->eventItems.push_back(std::move(item));
+        dbusmenu_menuitem_child_prepend(parent.get(), items[i].get());
     }
+    const std::size_t at = *d.eventsRow;
+    dbusmenu_menuitem_child_delete(d.root.get(), d.topItems[at].get());
+    dbusmenu_menuitem_child_add_position(d.root.get(), parent.get(), guint(at));
+    d.topItems[at] = std::move(parent);
+    d.eventItems = std::move(items);
 }
 
 void DbusMenuPresenter::setEventsMenuState(std::size_t index, bool on) {

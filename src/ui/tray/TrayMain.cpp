@@ -1,6 +1,7 @@
 // almanor-tray: the tray application that `almanor` with no command starts. The panel item and
 // its menu need GLib and GIO only; GTK comes with the window, loaded the first time it is opened.
 
+#include "cloud/CloudAccount.h"
 #include "cloud/CloudModule.h"
 #include "login/LaunchAtLogin.h"
 #include "login/XdgAutostartService.h"
@@ -26,6 +27,7 @@
 #include <cstdlib>
 #include <gio/gio.h>
 #include <glib-unix.h>
+#include <malloc.h>
 #include <memory>
 #include <optional>
 #include <unistd.h>
@@ -131,13 +133,26 @@ struct Tray {
         // the files themselves; the delegate tells them from this process's own.
         storeWatch.emplace(paths::databaseDirectory() / paths::databaseFileName,
                            [this] { delegate->storeChangedOnDisk(); });
-        settingsWatch.emplace(defaults.file(), [this] { delegate->settingsChangedOnDisk(); });
+        settingsWatch.emplace(defaults.file(), [this] {
+            delegate->settingsChangedOnDisk();
+            watchNetworkIfNeeded();
+        });
         wakeWatch.emplace([this] { delegate->systemDidWake(); });
-        // A cloud that could not be reached is asked again once the network is back.
-        network.emplace([this] { repository.networkCameBack(); });
+        watchNetworkIfNeeded();
         // A change written between the first title and now is not missed.
         delegate->storeChangedOnDisk();
         delegate->settingsChangedOnDisk();
+        // What start-up read and dropped (the store's rows, the menu's drafts) goes back to the
+        // system rather than waiting in the heap for a reuse that may never come.
+        malloc_trim(0);
+    }
+
+    // A cloud that could not be reached is asked again once the network is back; without an
+    // account there is nothing to ask, and nothing to watch.
+    void watchNetworkIfNeeded() {
+        if (!network && CloudAccount::load(defaults)) {
+            network.emplace([this] { repository.networkCameBack(); });
+        }
     }
 
     // The window's module, loaded on first use; null after one line saying why it cannot be.
