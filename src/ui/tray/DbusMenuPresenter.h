@@ -11,7 +11,9 @@ namespace almanor {
 
 // Serves the delegate's menus over the menu protocol (com.canonical.dbusmenu) that panels read,
 // and forwards clicks to it. Rows are shown as they are (underscores are text, not mnemonics),
-// rows without an action are disabled, rows that can be marked carry a check mark.
+// rows without an action are disabled, rows that can be marked carry a check mark. The first
+// events submenu is served a moment after start-up, once the main loop runs: the title reaches
+// the panel first.
 class DbusMenuPresenter final : public MenuPresenter {
   public:
     struct Actions {
