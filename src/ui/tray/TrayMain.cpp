@@ -59,8 +59,11 @@ std::filesystem::path almanorProgram(const std::filesystem::path& self) {
 // This process's own folder for the icons it draws: the runtime folder (a tmpfs, emptied at
 // logout), else the cache.
 std::filesystem::path countIconFolder() {
-    return std::filesystem::path(g_get_user_runtime_dir()) / "almanor" /
-           ("count-icons-" + std::to_string(::getpid()));
+    const char* runtime = g_getenv("XDG_RUNTIME_DIR");
+    std::filesystem::path base = runtime != nullptr && *runtime == '/'
+                                     ? std::filesystem::path(runtime)
+                                     : std::filesystem::path(g_get_user_cache_dir());
+    return base / "almanor" / ("count-icons-" + std::to_string(::getpid()));
 }
 
 // The process's services, built once here and handed down.
