@@ -11,13 +11,16 @@
 #include "platform/Log.h"
 #include "platform/Paths.h"
 #include "platform/Settings.h"
+#include "platform/UrlText.h"
 #include "platform/UserDefaults.h"
 #include "shell/DisplayedEventSelection.h"
 #include "storage/MigrationManager.h"
 #include "storage/Repository.h"
 #include "storage/sql/Date.h"
+#include "storage/sql/Error.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <iostream>
@@ -128,23 +131,29 @@ void reserveForReading(double bytesPerStoreByte) {
     }
 }
 
-// The store as the tray opens it: defaults registered, table created on first use.
+// The store as the tray opens it: defaults registered, table created on first use. One that
+// cannot be read ends the command (exit 3) before anything is written.
 class Store {
   public:
     Store() : settings_(UserDefaults::standard()) {
         settings_.registerDefaults();
         repository_ = &Repository::shared();
+        if (!storeIsReadable(*repository_)) {
+            throw Failed{};
+        }
         MigrationManager::migrateIfNeeded(*repository_, settings_.defaults());
     }
     Repository& repository() { return *repository_; }
     const Settings& settings() const { return settings_; }
 
     std::vector<EventPtr> events() {
-        auto events = repository_->tryFetchAll();
-        if (!events) {
+        try {
+            return repository_->local().fetchAll();
+        } catch (const sql::Error& e) {
+            // A damaged page that opening the file did not reach.
+            std::fprintf(stderr, "almanor: %s\n", repository_->local().unusableLine(e).c_str());
             throw Failed{};
         }
-        return std::move(*events);
     }
     EventPtr event(const Uuid& id) {
         for (auto& e : events()) {
@@ -291,9 +300,12 @@ int deleteEvent(const Options& o) {
     return store.repository().deleteEvent(*event) ? exitSuccess : exitStoreFailed;
 }
 
-DisplayedEventSelection makeSelection(Store& store, StatusItem& item) {
-    DisplayedEventSelection selection([&store] { return store.repository().fetchAll(); },
-                                      store.settings(), SystemClock::shared());
+// The selection over the events read once, so that a store that cannot be read is an error here
+// and never the no-events title.
+DisplayedEventSelection makeSelection(Store& store, StatusItem& item,
+                                      const std::vector<EventPtr>& events) {
+    DisplayedEventSelection selection([&events] { return events; }, store.settings(),
+                                      SystemClock::shared());
     selection.setStatusItem(&item);
     return selection;
 }
@@ -313,12 +325,15 @@ int selectEvent(const Options& o) {
     }
     reserveForReading(3.0);
     Store store;
-    if (o.target != "next" && o.target != "random" && o.target != "rotate") {
-        store.event(id); // must name a live event
+    auto events = store.events();
+    bool fixed = o.target != "next" && o.target != "random" && o.target != "rotate";
+    if (fixed && std::none_of(events.begin(), events.end(),
+                              [&](const EventPtr& e) { return e->id() == id; })) {
+        throw Store::NotFound{id}; // must name a live event
     }
     store.settings().setSelectedEventId(id);
     RecordedStatusItem item;
-    auto selection = makeSelection(store, item);
+    auto selection = makeSelection(store, item, events);
     selection.resolveDisplayedEvent(id);
     std::printf("%s\n", item.title().c_str());
     return exitSuccess;
@@ -327,8 +342,9 @@ int selectEvent(const Options& o) {
 int status(const Options& o) {
     reserveForReading(3.0);
     Store store;
+    auto events = store.events();
     RecordedStatusItem item;
-    auto selection = makeSelection(store, item);
+    auto selection = makeSelection(store, item, events);
     selection.resolveDisplayedEvent(store.settings().selectedEventId());
     if (!o.json) {
         std::printf("%s\n", item.title().c_str());
@@ -366,11 +382,19 @@ template <class Command> int handled(Command&& command) {
         std::fprintf(stderr, "no event with id %s\n", e.id.uuidString().c_str());
         return exitNoSuchEvent;
     } catch (const Store::Failed&) {
-        return exitStoreFailed; // the repository has said why on standard error
+        return exitStoreFailed; // one line on standard error has said why
     }
 }
 
 } // namespace
+
+bool storeIsReadable(Repository& repository) {
+    if (auto problem = repository.local().unusable()) {
+        std::fprintf(stderr, "almanor: %s\n", problem->c_str());
+        return false;
+    }
+    return true;
+}
 
 int run(int argc, char** argv) {
     // Standard output carries only results; the system's log lines go to standard error.
@@ -478,7 +502,8 @@ int run(int argc, char** argv) {
         if (e.get_exit_code() == 0) {
             return app.exit(e); // --help, --version
         }
-        std::fprintf(stderr, "almanor: %s\n", e.what());
+        // The parser quotes what it was given, which may be a URL holding a password.
+        std::fprintf(stderr, "almanor: %s\n", redactUrls(e.what()).c_str());
         return exitUsage;
     }
 

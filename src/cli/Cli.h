@@ -1,5 +1,9 @@
 #pragma once
 
+namespace almanor {
+class Repository;
+}
+
 namespace almanor::cli {
 
 // Exit statuses of the command line.
@@ -8,6 +12,10 @@ inline constexpr int exitNoSuchEvent = 1;
 inline constexpr int exitUsage = 2;
 inline constexpr int exitStoreFailed = 3;
 inline constexpr int exitModuleMissing = 4; // the CalDAV adapter's module could not be loaded
+
+// The check that every command reading the store makes first: false, after one line on standard
+// error naming the file and what to do, when the store cannot be read. Writes nothing.
+bool storeIsReadable(Repository& repository);
 
 // Runs one command (`almanor events list`, `almanor status`, ...) and returns its exit status.
 int run(int argc, char** argv);

@@ -7,12 +7,14 @@
 #include "cloud/RecordMapping.h"
 #include "platform/Module.h"
 #include "platform/Settings.h"
+#include "platform/UrlText.h"
 #include "platform/UserDefaults.h"
 #include "storage/MigrationManager.h"
 #include "storage/Repository.h"
 #include "storage/sql/Error.h"
 
 #include <cstdio>
+#include <mutex>
 
 namespace almanor::cli {
 
@@ -51,6 +53,8 @@ int cloudLogout() {
 
 int cloudStatus(bool json) {
     auto& defaults = UserDefaults::standard();
+    if (!storeIsReadable(Repository::shared()))
+        return exitStoreFailed;
     auto account = CloudAccount::load(defaults);
     std::optional<std::string> zone = Settings(defaults).zoneName();
     PendingChanges pending;
@@ -70,7 +74,7 @@ int cloudStatus(bool json) {
             else
                 out += "null";
         };
-        text(account ? std::optional(account->server) : std::nullopt);
+        text(account ? std::optional(redactUrl(account->server)) : std::nullopt);
         out += ",\"user\":";
         text(account ? std::optional(account->user) : std::nullopt);
         out += ",\"zone\":";
@@ -81,7 +85,8 @@ int cloudStatus(bool json) {
         std::printf("%s\n", out.c_str());
     } else {
         if (account)
-            std::printf("Server: %s\nUser: %s\n", account->server.c_str(), account->user.c_str());
+            std::printf("Server: %s\nUser: %s\n", redactUrl(account->server).c_str(),
+                        account->user.c_str());
         else
             std::printf("No cloud account\n");
         // The zone is learnt from the server's listing at the next pull; pushes always go to ours.
@@ -104,9 +109,24 @@ int syncNow() {
         std::fprintf(stderr, "no cloud account; run almanor cloud login URL\n");
         return exitPending;
     }
-    Repository::setCloudServiceProvider(accountCloudServiceProvider(defaults, modulesDir));
+    // One service for the pull and the push: the password is had once, and a server found
+    // unreachable by the pull is not waited for again by the push.
+    struct Slot {
+        std::mutex mutex;
+        std::shared_ptr<CloudService> service;
+    };
+    auto slot = std::make_shared<Slot>();
+    Repository::setCloudServiceProvider(
+        [provider = accountCloudServiceProvider(defaults, modulesDir), slot] {
+            std::lock_guard lock(slot->mutex);
+            if (!slot->service)
+                slot->service = provider();
+            return slot->service;
+        });
     Settings(defaults).registerDefaults();
     Repository& repository = Repository::shared();
+    if (!storeIsReadable(repository))
+        return exitStoreFailed;
     MigrationManager::migrateIfNeeded(repository, defaults);
     repository.populateFromCloud();
     repository.sync();

@@ -6,6 +6,7 @@
 #include "cli/Cli.h"
 #include "cloud/caldav/CalDavService.h"
 #include "cloud/caldav/CloudAccount.h"
+#include "platform/UrlText.h"
 #include "platform/UserDefaults.h"
 
 #include <cstdio>
@@ -56,7 +57,7 @@ int cloudLogin(UserDefaults& defaults, const std::string& url, const std::string
         // A URL that could never be used is refused before the password is asked for.
         if (url.empty())
             throw CloudError("no server given");
-        caldav::HttpClient(url, account.user, nullptr, {});
+        caldav::HttpClient(url, account.user, nullptr);
         std::string password = passwordCommand.empty()
                                    ? readPassword("Password for " + account.user + ": ")
                                    : passwordFromCommand(passwordCommand);
@@ -66,15 +67,16 @@ int cloudLogin(UserDefaults& defaults, const std::string& url, const std::string
         caldav::CalDavService service(url, account.user, [password] { return password; });
         if (service.accountStatus() == AccountStatus::noAccount)
             throw CloudError("no server given");
-        std::string home = service.discoverHome();
+        account.home = service.discoverHome();
+        account.origins = service.trustedOrigins();
         if (passwordCommand.empty())
             keyring::storePassword(url, account.user, password);
         account.store(defaults);
         std::fprintf(stderr, "Logged in as %s; calendars at %s\n", account.user.c_str(),
-                     home.c_str());
+                     redactUrl(account.home).c_str());
         return exitSuccess;
     } catch (const CloudError& e) {
-        std::fprintf(stderr, "almanor: cloud login failed: %s\n", e.what());
+        std::fprintf(stderr, "almanor: cloud login failed: %s\n", redactUrls(e.what()).c_str());
         return exitUsage;
     }
 }

@@ -2,6 +2,8 @@
 
 #include "platform/UserDefaults.h"
 
+#include <sstream>
+
 namespace almanor {
 
 std::optional<CloudAccount> CloudAccount::load(const UserDefaults& defaults) {
@@ -12,6 +14,10 @@ std::optional<CloudAccount> CloudAccount::load(const UserDefaults& defaults) {
     account.server = *server;
     account.user = defaults.string(userKey).value_or("");
     account.passwordCommand = defaults.string(passwordCommandKey).value_or("");
+    account.home = defaults.string(homeKey).value_or("");
+    std::istringstream origins(defaults.string(originsKey).value_or(""));
+    for (std::string origin; origins >> origin;)
+        account.origins.push_back(origin);
     return account;
 }
 
@@ -22,12 +28,25 @@ void CloudAccount::store(UserDefaults& defaults) const {
         defaults.remove(passwordCommandKey);
     else
         defaults.setString(passwordCommandKey, passwordCommand);
+    if (home.empty())
+        defaults.remove(homeKey);
+    else
+        defaults.setString(homeKey, home);
+    std::string joined;
+    for (const auto& origin : origins)
+        joined += (joined.empty() ? "" : " ") + origin;
+    if (joined.empty())
+        defaults.remove(originsKey);
+    else
+        defaults.setString(originsKey, joined);
 }
 
 void CloudAccount::forget(UserDefaults& defaults) {
     defaults.remove(serverKey);
     defaults.remove(userKey);
     defaults.remove(passwordCommandKey);
+    defaults.remove(homeKey);
+    defaults.remove(originsKey);
 }
 
 } // namespace almanor

@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace almanor {
 
@@ -15,10 +16,17 @@ struct CloudAccount {
     static constexpr const char* serverKey = "cloudServer";
     static constexpr const char* userKey = "cloudUser";
     static constexpr const char* passwordCommandKey = "cloudPasswordCommand";
+    // Learnt from the server at login: the calendar home, and the origins besides the server's
+    // own that the server named in its discovery answers (space-separated), which get the
+    // credentials too.
+    static constexpr const char* homeKey = "cloudHome";
+    static constexpr const char* originsKey = "cloudOrigins";
 
     std::string server;
     std::string user;
     std::string passwordCommand; // empty: the keyring
+    std::string home;
+    std::vector<std::string> origins;
 
     static std::optional<CloudAccount> load(const UserDefaults& defaults);
     void store(UserDefaults& defaults) const;

@@ -9,4 +9,8 @@ namespace almanor {
 // no-break and ideographic spaces go too). Invalid UTF-8 is left as it is.
 std::string trimmed(std::string_view text);
 
+// The text with each control character (C0, DEL, C1) and each line or paragraph separator turned
+// into a space, for places that promise one line. Invalid UTF-8 is left as it is.
+std::string controlsAsSpaces(std::string_view text);
+
 } // namespace almanor

@@ -1,5 +1,6 @@
 #include "model/Utility.h"
 
+#include "model/Text.h"
 #include "platform/Fatal.h"
 
 namespace almanor {
@@ -150,7 +151,8 @@ std::string Utility::statusText(std::string_view label, int count) {
     if (past) {
         count = sub(0, count);
     }
-    std::string text(label);
+    // Status bars read the first line only: a name pasted with a line break stays on one.
+    std::string text = controlsAsSpaces(label);
     if (count == 0) {
         text += " today!";
         return text;

@@ -32,7 +32,8 @@ class Utility {
     static int weekendAdjustedCount(const DayCalendar& calendar, Instant start, Instant end,
                                     int step);
 
-    // "Holiday 12 days", "Holiday today!", "Holiday 3 days ago".
+    // "Holiday 12 days", "Holiday today!", "Holiday 3 days ago"; one line whatever the label
+    // holds, its control characters written as spaces.
     static std::string statusText(std::string_view label, int count);
     static std::string statusText(const DayCalendar& calendar, std::string_view label,
                                   Instant today, Instant target, CountMethod countMethod);

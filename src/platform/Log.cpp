@@ -1,5 +1,7 @@
 #include "platform/Log.h"
 
+#include "platform/UrlText.h"
+
 #include <cstdio>
 #include <mutex>
 #include <string>
@@ -22,13 +24,14 @@ Destination& destination() {
 } // namespace
 
 void Log::line(std::string_view text) {
+    // Lines carry the server's address and errors that quote it: never a password within it.
+    std::string out = redactUrls(text);
     auto& d = destination();
     std::lock_guard lock(d.mutex);
     if (d.sink) {
-        d.sink(text);
+        d.sink(out);
         return;
     }
-    std::string out(text);
     out += '\n';
     std::fwrite(out.data(), 1, out.size(), d.stream);
     std::fflush(d.stream);

@@ -10,6 +10,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace almanor {
 
@@ -51,24 +52,154 @@ Identity identityOf(const std::filesystem::path& file) {
     return {true, st.st_dev, st.st_ino, st.st_size, st.st_mtim};
 }
 
-// Loads the file; a missing file is an empty store, an unreadable one is reported and empty.
-KeyFile load(const std::filesystem::path& file, bool keepComments, bool* unreadable = nullptr) {
-    KeyFile k(g_key_file_new());
-    GError* raw = nullptr;
-    auto flags = keepComments
-                     ? GKeyFileFlags(G_KEY_FILE_KEEP_COMMENTS | G_KEY_FILE_KEEP_TRANSLATIONS)
-                     : G_KEY_FILE_NONE;
-    if (!g_key_file_load_from_file(k.get(), file.c_str(), flags, &raw)) {
-        Error error(raw);
-        if (!(error->domain == G_FILE_ERROR && error->code == G_FILE_ERROR_NOENT)) {
-            Log::line("Ignoring settings file " + file.string() + ": " + error->message);
-            if (unreadable != nullptr) {
-                *unreadable = true;
-            }
+// The file's bytes: none when there is no file, and with `error` set when it cannot be read.
+struct FileText {
+    std::optional<std::string> bytes;
+    std::string error;
+};
+
+FileText readFile(const std::filesystem::path& file) {
+    gchar* raw = nullptr;
+    gsize length = 0;
+    GError* rawError = nullptr;
+    if (!g_file_get_contents(file.c_str(), &raw, &length, &rawError)) {
+        Error error(rawError);
+        if (error->domain == G_FILE_ERROR && error->code == G_FILE_ERROR_NOENT) {
+            return {};
         }
-        return KeyFile(g_key_file_new());
+        return {std::nullopt, error->message};
+    }
+    GString_ owned(raw);
+    return {std::string(raw, length), {}};
+}
+
+// The keys of `text`, or none when GKeyFile cannot read all of it.
+KeyFile parse(std::string_view text, GKeyFileFlags flags) {
+    KeyFile k(g_key_file_new());
+    if (!g_key_file_load_from_data(k.get(), text.data(), text.size(), flags, nullptr)) {
+        return nullptr;
     }
     return k;
+}
+
+bool parses(const std::string& text) {
+    return parse(text, G_KEY_FILE_NONE) != nullptr;
+}
+
+// What is left of a damaged file: the lines that GKeyFile reads, each judged on its own, and one
+// message per line dropped.
+struct Salvage {
+    std::string text;
+    std::vector<std::string> dropped;
+};
+
+// Beyond these many, dropped lines are counted in one message: a binary file is no list of lines.
+constexpr std::size_t reportedLines = 5;
+
+// The file holds our one group, so keys whose header was lost (damaged, or the first line gone)
+// are read as keys of `ownGroup` rather than dropped.
+Salvage salvage(std::string_view text, const std::filesystem::path& file,
+                std::string_view ownGroup) {
+    Salvage result;
+    std::size_t unreported = 0;
+    auto drop = [&](std::size_t number, const char* why) {
+        if (result.dropped.size() < reportedLines) {
+            result.dropped.push_back("Settings file " + file.string() + ": line " +
+                                     std::to_string(number) + " dropped: " + why);
+        } else {
+            ++unreported;
+        }
+    };
+    bool inGroup = false;
+    for (std::size_t number = 1; !text.empty(); ++number) {
+        std::size_t end = text.find('\n');
+        std::string line(text.substr(0, end));
+        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+        std::size_t start = 0;
+        while (start < line.size() && g_ascii_isspace(line[start])) {
+            ++start;
+        }
+        if (start < line.size() && line[start] == '[') {
+            inGroup = parses(line + "\n");
+            if (!inGroup) {
+                drop(number, "a damaged group header");
+                continue;
+            }
+        } else if (start < line.size() && line[start] != '#') {
+            if (!parses("[g]\n" + line + "\n")) {
+                drop(number, "not a key, group or comment");
+                continue;
+            }
+            if (!inGroup) {
+                result.text += "[" + std::string(ownGroup) + "]\n";
+                inGroup = true;
+            }
+        }
+        result.text += line + "\n";
+    }
+    if (unreported > 0) {
+        result.dropped.push_back("Settings file " + file.string() + ": " +
+                                 std::to_string(unreported) + " more damaged lines dropped");
+    }
+    if (!parses(result.text)) {
+        result.text.clear(); // lines fine on their own that GKeyFile refuses together
+    }
+    return result;
+}
+
+bool writeAll(int fd, std::string_view bytes) {
+    while (!bytes.empty()) {
+        ssize_t n = ::write(fd, bytes.data(), bytes.size());
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        bytes.remove_prefix(std::size_t(n));
+    }
+    return true;
+}
+
+// Keeps the file as it is under the first free name of name.corrupt, name.corrupt.1, ...: an
+// earlier copy is never replaced. A hard link keeps the very bytes, even of a file that cannot be
+// read; where the file system has no links, `bytes` is written out instead.
+std::optional<std::filesystem::path> keepAside(const std::filesystem::path& file,
+                                               const std::string* bytes, std::string& error) {
+    for (int n = 0; n < 1000; ++n) {
+        std::filesystem::path aside = file.string() + ".corrupt";
+        if (n > 0) {
+            aside += "." + std::to_string(n);
+        }
+        if (::link(file.c_str(), aside.c_str()) == 0) {
+            return aside;
+        }
+        if (errno == EEXIST) {
+            continue;
+        }
+        if (bytes == nullptr || (errno != EPERM && errno != ENOTSUP && errno != EOPNOTSUPP)) {
+            error = std::strerror(errno);
+            return std::nullopt;
+        }
+        int fd = ::open(aside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        if (fd < 0 && errno == EEXIST) {
+            continue;
+        }
+        if (fd < 0) {
+            error = std::strerror(errno);
+            return std::nullopt;
+        }
+        if (!writeAll(fd, *bytes) || ::fsync(fd) != 0) {
+            error = std::strerror(errno);
+            ::close(fd);
+            ::unlink(aside.c_str());
+            return std::nullopt;
+        }
+        ::close(fd);
+        return aside;
+    }
+    error = "no free name for a copy";
+    return std::nullopt;
 }
 
 // Serialises writers of the same file across processes: a lock on its folder, which leaves no
@@ -118,6 +249,11 @@ struct UserDefaults::Snapshot {
     KeyFile keys;
 };
 
+struct UserDefaults::Loaded {
+    KeyFile keys;
+    bool settled; // false: a damaged or unreadable file that could not be kept aside
+};
+
 UserDefaults::UserDefaults(std::filesystem::path file)
     : file_(std::move(file)), written_(std::make_unique<Version>()),
       seen_(std::make_unique<Version>(Version{Version::read(file_)})) {}
@@ -137,14 +273,77 @@ void UserDefaults::registerDefaults(const std::map<std::string, std::string>& st
 
 std::shared_ptr<const UserDefaults::Snapshot> UserDefaults::current() const {
     Identity now = identityOf(file_);
-    std::lock_guard lock(mutex_);
-    if (!cache_ || !(cache_->identity == now)) {
-        auto s = std::make_shared<Snapshot>();
-        s->identity = now;
-        s->keys = now.exists ? load(file_, false) : KeyFile(g_key_file_new());
-        cache_ = std::move(s);
+    {
+        std::lock_guard lock(mutex_);
+        if (cache_ && cache_->identity == now) {
+            return cache_;
+        }
     }
-    return cache_;
+    // Loaded without the mutex: a damaged file is repaired under the writers' lock, and write()
+    // takes that lock before the mutex.
+    auto s = std::make_shared<Snapshot>();
+    s->identity = now;
+    s->keys = now.exists ? load(false, false).keys : KeyFile(g_key_file_new());
+    std::lock_guard lock(mutex_);
+    cache_ = s;
+    return s;
+}
+
+UserDefaults::Loaded UserDefaults::load(bool keepComments, bool locked) const {
+    auto flags = keepComments
+                     ? GKeyFileFlags(G_KEY_FILE_KEEP_COMMENTS | G_KEY_FILE_KEEP_TRANSLATIONS)
+                     : G_KEY_FILE_NONE;
+    FileText file = readFile(file_);
+    if (!file.bytes && file.error.empty()) {
+        return {KeyFile(g_key_file_new()), true}; // no file yet
+    }
+    if (!file.bytes) {
+        Log::line("Ignoring settings file " + file_.string() + ": " + file.error);
+        std::string error;
+        // A writer is about to replace it: what could not be read is kept, not overwritten.
+        auto aside = locked ? keepAside(file_, nullptr, error) : std::nullopt;
+        if (aside) {
+            Log::line("The unreadable settings file was kept as " + aside->string());
+        }
+        return {KeyFile(g_key_file_new()), aside.has_value()};
+    }
+    if (KeyFile keys = parse(*file.bytes, flags)) {
+        return {std::move(keys), true};
+    }
+    if (!locked) {
+        // Again under the lock: another process may have repaired it in the meantime.
+        FileLock lock(file_.parent_path());
+        return load(keepComments, true);
+    }
+    Salvage salvaged = salvage(*file.bytes, file_, group);
+    for (const auto& line : salvaged.dropped) {
+        Log::line(line);
+    }
+    bool settled = replaceDamaged(*file.bytes, salvaged.text);
+    KeyFile keys = parse(salvaged.text, flags);
+    return {keys ? std::move(keys) : KeyFile(g_key_file_new()), settled};
+}
+
+bool UserDefaults::replaceDamaged(const std::string& damaged, const std::string& readable) const {
+    std::string error;
+    auto aside = keepAside(file_, &damaged, error);
+    if (!aside) {
+        Log::line("The damaged settings file " + file_.string() + " could not be kept aside (" +
+                  error + "), so it is left as it is");
+        return false;
+    }
+    GError* raw = nullptr;
+    if (!g_file_set_contents(file_.c_str(), readable.data(), gssize(readable.size()), &raw)) {
+        Error e(raw);
+        Log::line("Failed to save settings to " + file_.string() + ": " + e->message);
+        // The original is still in place: the next reader tries again, without a second copy.
+        ::unlink(aside->c_str());
+        return false;
+    }
+    Log::line("The damaged settings file was kept as " + aside->string());
+    std::lock_guard guard(mutex_);
+    written_->content = readable;
+    return true;
 }
 
 std::optional<std::string> UserDefaults::string(std::string_view key) const {
@@ -224,16 +423,13 @@ void UserDefaults::write(std::string_view key, std::optional<std::string> text) 
     }
     FileLock lock(file_.parent_path());
 
-    bool unreadable = false;
-    KeyFile keys = load(file_, true, &unreadable);
-    if (unreadable) {
-        // Keep what could not be read rather than overwrite it silently.
-        std::filesystem::path aside = file_.string() + ".corrupt";
-        std::filesystem::rename(file_, aside, ec);
-        if (!ec) {
-            Log::line("The unreadable settings file was kept as " + aside.string());
-        }
+    Loaded loaded = load(true, true);
+    if (!loaded.settled) {
+        Log::line("Failed to save settings to " + file_.string() +
+                  ": the file as it is could not be kept");
+        return;
     }
+    KeyFile& keys = loaded.keys;
 
     std::string k(key);
     GString_ old(g_key_file_get_value(keys.get(), group, k.c_str(), nullptr));

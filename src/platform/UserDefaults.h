@@ -14,7 +14,10 @@ namespace almanor {
 // The per-user defaults store: flat keys in one key file, read and written with GLib's GKeyFile.
 // Every read sees the file as it is now (the tray and the command line share it); every write
 // re-reads the file under a lock and replaces it atomically, so a concurrent writer's other keys
-// are kept. A file that cannot be parsed is reported in one line and treated as empty.
+// are kept. In a damaged file only the lines that cannot be read are lost: the first reader keeps
+// the file as it was under a name that no earlier copy has (settings.ini.corrupt, then
+// .corrupt.1, ...), writes back the lines that could be read and names each line dropped, once.
+// Keys whose group header was lost are read as keys of `group`, the one group the file holds.
 class UserDefaults {
   public:
     explicit UserDefaults(std::filesystem::path file);
@@ -48,7 +51,14 @@ class UserDefaults {
 
   private:
     struct Snapshot;
+    struct Loaded;
     std::shared_ptr<const Snapshot> current() const;
+    // The file's keys; a damaged file is repaired on the way, under the writers' lock (which the
+    // caller holds when `locked`).
+    Loaded load(bool keepComments, bool locked) const;
+    // Keeps the damaged bytes aside and puts the readable lines in their place; false when either
+    // could not be done, leaving the file as it is.
+    bool replaceDamaged(const std::string& damaged, const std::string& readable) const;
     // Writes `text` as the key's raw value, or removes the key when nullopt.
     void write(std::string_view key, std::optional<std::string> text);
 

@@ -102,7 +102,11 @@ void AppDelegate::applicationDidFinishLaunching() {
     s_.launchAtLogin.migrateIfNeeded();
     // 2.
     settings_.registerDefaults();
-    // 3. The table on first start, then the pull that the first title waits for.
+    // 3. The table on first start, then the pull that the first title waits for. A store that
+    // cannot be read leaves the no-events title; the user is told once, here.
+    if (auto problem = s_.repository.local().unusable()) {
+        Log::line(*problem);
+    }
     MigrationManager::migrateIfNeeded(s_.repository, s_.defaults);
     s_.repository.populateFromCloud();
     // 4.

@@ -3,8 +3,10 @@
 #include "platform/Fatal.h"
 #include "platform/Log.h"
 #include "platform/Settings.h"
+#include "storage/StoreSchema.h"
 #include "storage/sql/Error.h"
 
+#include <sqlite3.h>
 #include <system_error>
 
 namespace almanor {
@@ -65,9 +67,56 @@ sql::Connection LocalRepository::open(const std::filesystem::path& directory,
 LocalRepository::LocalRepository(const std::filesystem::path& directory, std::string_view fileName,
                                  NotificationCenter& center, const Clock& clock)
     : file_(directory / fileName), connection_(open(directory, fileName)), center_(center),
-      clock_(clock) {}
+      clock_(clock) {
+    try {
+        ensureSchema();
+    } catch (const sql::Error&) {
+        // Told by unusable(), and by every call that needs the tables.
+    }
+}
+
+void LocalRepository::ensureSchema() {
+    if (schemaReady_) {
+        return;
+    }
+    prepareSchema(connection_, events_);
+    schemaReady_ = true;
+}
+
+std::optional<std::string> LocalRepository::unusable() {
+    try {
+        ensureSchema();
+        return std::nullopt;
+    } catch (const sql::Error& e) {
+        return unusableLine(e);
+    }
+}
+
+std::string LocalRepository::unusableLine(const std::exception& error) const {
+    const auto* sqlError = dynamic_cast<const sql::Error*>(&error);
+    const char* remedy = "restore it from a backup, or move it away to start afresh";
+    switch (sqlError != nullptr ? sqlError->code() : 0) {
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+        remedy = "another program holds it: try again when it is done";
+        break;
+    case SQLITE_READONLY:
+    case SQLITE_PERM:
+    case SQLITE_CANTOPEN:
+        remedy = "make it and its folder writable";
+        break;
+    case SQLITE_FULL:
+        remedy = "free some disk space";
+        break;
+    default:
+        break;
+    }
+    return "The event store " + file_.string() + " could not be read: " + error.what() + "; " +
+           remedy;
+}
 
 std::vector<EventPtr> LocalRepository::fetchAll() {
+    ensureSchema();
     const auto& t = events_;
     return connection_.sync([&] {
         auto rows =
@@ -90,6 +139,7 @@ std::int64_t LocalRepository::dataVersion() {
 }
 
 void LocalRepository::insert(const Event& event) {
+    ensureSchema();
     const auto& t = events_;
     Instant now = clock_.now();
     connection_.run(t.table.insert({
@@ -106,6 +156,7 @@ void LocalRepository::insert(const Event& event) {
 }
 
 void LocalRepository::update(const Event& event) {
+    ensureSchema();
     const auto& t = events_;
     Instant now = clock_.now();
     connection_.run(t.table.update(
@@ -120,6 +171,7 @@ void LocalRepository::update(const Event& event) {
 }
 
 void LocalRepository::deleteEvent(const Event& event) {
+    ensureSchema();
     const auto& t = events_;
     connection_.run(t.table.update({t.deleted.set(clock_.now())}, t.id == event.id()));
     center_.post(eventChangeNotification);
@@ -130,6 +182,7 @@ PendingChanges LocalRepository::pendingChanges() {
     PendingChanges changes;
     // Each list is kept only when its whole query succeeded.
     try {
+        ensureSchema();
         {
             auto rows = connection_.prepare(
                 t.table.select(t.deleted == std::nullopt && t.syncId == std::nullopt));

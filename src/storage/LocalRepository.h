@@ -8,8 +8,12 @@
 #include "storage/EventsTable.h"
 #include "storage/sql/Connection.h"
 
+#include <atomic>
 #include <cstdint>
+#include <exception>
 #include <filesystem>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -30,8 +34,9 @@ struct PendingChanges {
 class LocalRepository {
   public:
     // Opens (creating when missing) directory/fileName; the directory is created with its parents.
-    // A failure stops the process: nothing can work without the store. The table is created by
-    // the start-up migration, not here.
+    // A failure to open stops the process: nothing can work without the store. The tables are
+    // created when the file lacks them; a file that cannot take them (damaged, not a database)
+    // is left as it is, and unusable() says why.
     LocalRepository(const std::filesystem::path& directory, std::string_view fileName,
                     NotificationCenter& center = NotificationCenter::defaultCenter(),
                     const Clock& clock = SystemClock::shared());
@@ -40,6 +45,12 @@ class LocalRepository {
 
     sql::Connection& connection() { return connection_; }
     const EventsTable& events() const { return events_; }
+
+    // Nothing when the file serves as the store (its tables made now if the open could not), else
+    // one line for the user naming the file, what is wrong with it and what to do.
+    std::optional<std::string> unusable();
+    // That line for a failure of this store met later, by a read that found a damaged page.
+    std::string unusableLine(const std::exception& error) const;
 
     // Live events ordered by date, then name. Throws sql::Error.
     std::vector<EventPtr> fetchAll();
@@ -77,12 +88,15 @@ class LocalRepository {
   private:
     // Makes sure the directory exists, then opens the connection; stops the process on failure.
     static sql::Connection open(const std::filesystem::path& directory, std::string_view fileName);
+    // The tables, unless the file has them already. Throws sql::Error.
+    void ensureSchema();
 
     EventsTable events_;
     std::filesystem::path file_;
     sql::Connection connection_;
     NotificationCenter& center_;
     const Clock& clock_;
+    std::atomic<bool> schemaReady_ = false;
 };
 
 } // namespace almanor

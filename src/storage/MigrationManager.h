@@ -8,20 +8,21 @@ class Repository;
 class UserDefaults;
 struct EventsTable;
 
-// Prepares the database the first time this storage format is used: creates the "events" table
-// and records that in the defaults store (buildVersion = 1). There is no later step; a changed
-// format goes into a new file.
+// Records in the defaults store (buildVersion = 1) that the store has been prepared for this
+// storage format. The store itself makes its tables whenever it opens a file that lacks them, so
+// a database file lost after this ran starts empty instead of failing.
 class MigrationManager {
   public:
     // CREATE TABLE IF NOT EXISTS "events" (...), built from the table's columns.
     static sql::Statement createTableStatement(const EventsTable& events);
 
-    // Creates the table (harmless over an existing one) and sets buildVersion to 1. A table that
-    // cannot be created stops the process, leaving buildVersion as it was for the next start.
-    static void migrate(Repository& repository, UserDefaults& defaults);
+    // Makes sure the store has its table and sets buildVersion to 1. A store that cannot be read
+    // leaves buildVersion as it was for the next start and returns false; the store's unusable()
+    // says why.
+    static bool migrate(Repository& repository, UserDefaults& defaults);
 
-    // migrate() when buildVersion is still 0.
-    static void migrateIfNeeded(Repository& repository, UserDefaults& defaults);
+    // migrate() when buildVersion is still 0; false only when it ran and failed.
+    static bool migrateIfNeeded(Repository& repository, UserDefaults& defaults);
 };
 
 } // namespace almanor

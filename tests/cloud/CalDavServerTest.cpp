@@ -148,7 +148,8 @@ TEST(CalDavAccount, ASilentServerCostsOneBoundedWaitPerPass) {
         }
     });
     const std::string url = "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/";
-    caldav::Timeouts quick{std::chrono::seconds(2), std::chrono::seconds(2)};
+    caldav::Limits quick{std::chrono::seconds(2), std::chrono::seconds(2),
+                         std::chrono::seconds(120), std::chrono::seconds(0)};
     CalDavService service(
         url, "u", [] { return std::string("pw"); }, quick);
     EXPECT_THROW(service.discoverHome(), CloudError);

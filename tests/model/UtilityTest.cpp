@@ -158,6 +158,25 @@ TEST(StatusText, Forms) {
     EXPECT_EQ(Utility::statusText("", 2), " 2 days");
 }
 
+TEST(StatusText, ALabelOfSeveralLinesGivesOneLine) {
+    // CR LF, tab, escape, DEL, the C1 next-line, line and paragraph separators: one space each.
+    EXPECT_EQ(Utility::statusText("Two\r\nlines\tand\x1b[2Jmore\x7F", 3),
+              "Two  lines and [2Jmore  3 days");
+    EXPECT_EQ(Utility::statusText("a\xC2\x85"
+                                  "b\xE2\x80\xA8"
+                                  "c\xE2\x80\xA9"
+                                  "d",
+                                  0),
+              "a b c d today!");
+    // Not controls: a zero-width joiner inside an emoji, no-break and ideographic spaces.
+    std::string family = "\xF0\x9F\x91\xA8\xE2\x80\x8D\xF0\x9F\x91\xA7";
+    EXPECT_EQ(Utility::statusText(family + "\xC2\xA0\xE3\x80\x80x", 1),
+              family + "\xC2\xA0\xE3\x80\x80x 1 day");
+    // Bytes that are no UTF-8 are no control characters either: left as they are.
+    EXPECT_EQ(Utility::statusText("bad\xC2\xFF\xE2\x80", 2), "bad\xC2\xFF\xE2\x80 2 days");
+    EXPECT_EQ(Utility::statusText(std::string("nul\0byte", 8), 2), "nul byte 2 days");
+}
+
 TEST(StatusText, AliasReplacesTheNameUnlessEmpty) {
     auto cal = CivilCalendar::forZone("Europe/Prague");
     Instant today = cal->instant(LocalTime(local_days(year(2025) / 12 / 20).time_since_epoch()));

@@ -15,7 +15,9 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <sstream>
 #include <sys/stat.h>
 #include <thread>
 
@@ -50,7 +52,7 @@ class AppDelegateTest : public testing::Test {
 
     AppDelegate& start() {
         delegate = std::make_unique<AppDelegate>(
-            AppDelegate::Services{repository, defaults, launchAtLogin, center, mainThread, clock,
+            AppDelegate::Services{*store, defaults, launchAtLogin, center, mainThread, clock,
                                   presenter, statusBar, scheduler,
                                   [this]() -> std::unique_ptr<ManageEventsWindow> {
                                       if (refuseWindow) {
@@ -108,6 +110,7 @@ class AppDelegateTest : public testing::Test {
     FixedClock clock;
     std::shared_ptr<test::FakeCloudService> cloud; // none: no account
     Repository repository;
+    Repository* store = &repository; // what the delegate is given
     test::MemoryLoginItems loginItems;
     LaunchAtLogin launchAtLogin;
     test::Journal journal;
@@ -120,6 +123,35 @@ class AppDelegateTest : public testing::Test {
     bool refuseWindow = false; // as when GTK cannot start
     std::unique_ptr<AppDelegate> delegate;
 };
+
+TEST_F(AppDelegateTest, AStoreThatCannotBeReadShowsTheNoEventsTitleAndSaysSoOnce) {
+    std::filesystem::create_directories(dir / "damaged");
+    const std::string garbage(4096, 'x');
+    { std::ofstream(dir / "damaged/EventsV1.db") << garbage; }
+    Repository damaged(
+        std::make_unique<LocalRepository>(dir / "damaged", "EventsV1.db", center, clock));
+    store = &damaged;
+    test::LogCapture log;
+    start();
+    EXPECT_EQ(title(), DisplayedEventSelection::noEventsTitle);
+    auto lines = log.lines();
+    auto told = std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
+        return line.find((dir / "damaged/EventsV1.db").string()) != std::string::npos;
+    });
+    EXPECT_EQ(told, 1);
+    EXPECT_NE(std::find(lines.begin(), lines.end(),
+                        "The event store " + (dir / "damaged/EventsV1.db").string() +
+                            " could not be read: file is not a database (code: 26); restore it "
+                            "from a backup, or move it away to start afresh"),
+              lines.end());
+    // Nothing recorded as done, and the file left as it was.
+    EXPECT_EQ(defaults.integer(Settings::buildVersion), 0);
+    std::ifstream in(dir / "damaged/EventsV1.db", std::ios::binary);
+    std::ostringstream bytes;
+    bytes << in.rdbuf();
+    EXPECT_EQ(bytes.str(), garbage);
+    delegate.reset();
+}
 
 TEST_F(AppDelegateTest, StartUpSetsTheFirstTitleBeforeTheObserverAndTheTimerExist) {
     test::LogCapture log;

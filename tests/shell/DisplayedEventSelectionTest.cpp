@@ -53,6 +53,17 @@ class SelectionTest : public testing::Test {
     DisplayedEventSelection selection;
 };
 
+TEST_F(SelectionTest, TheTitleIsOneLineAndTheEventKeepsItsName) {
+    auto e = add("Mum's\r\nbirthday", at(2024, 3, 9));
+    selection.resolveDisplayedEvent(e->id());
+    EXPECT_EQ(item.title(), "Mum's  birthday 3 days");
+    e->setAlias(std::string("Mum\n\xE2\x80\xA8"));
+    selection.resolveDisplayedEvent(DisplayedEventSelection::nextEventId);
+    EXPECT_EQ(item.title(), "Mum   3 days");
+    EXPECT_EQ(selection.displayedEvent()->name(), "Mum's\r\nbirthday");
+    EXPECT_EQ(selection.displayedEvent()->alias(), "Mum\n\xE2\x80\xA8");
+}
+
 TEST_F(SelectionTest, NextUpcomingSkipsTodayAndKeepsTheEarlierOfATie) {
     add("Midnight today", at(2024, 3, 6)); // occurs at today's start: not upcoming
     auto first = add("First", at(2024, 3, 9));

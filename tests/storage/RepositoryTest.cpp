@@ -3,9 +3,9 @@
 #include "LogCapture.h"
 #include "StorageTesting.h"
 #include "TempDir.h"
-#include "storage/MigrationManager.h"
 
 #include <cstdlib>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <thread>
 
@@ -24,17 +24,9 @@ class RepositoryTest : public ::testing::Test {
     }
     ~RepositoryTest() override { center.removeObserver(token); }
 
-    Repository& withTable() {
-        repository.local().connection().run(
-            MigrationManager::createTableStatement(repository.local().events()));
-        return repository;
-    }
-
     test::TempDir dir;
     NotificationCenter center;
     FixedClock clock{at(2025y / May / 1)};
-    // A store whose file exists without the table: the defaults say migrated, the file was
-    // deleted by hand.
     Repository repository{
         std::make_unique<LocalRepository>(dir / "Almanor", "EventsV1.db", center, clock)};
     NotificationCenter::Token token;
@@ -44,25 +36,28 @@ class RepositoryTest : public ::testing::Test {
 } // namespace
 
 TEST_F(RepositoryTest, FailuresAreLoggedAndSwallowed) {
+    // Another file, which is no database: the store opens it and every call fails.
+    std::filesystem::create_directories(dir / "Other");
+    std::ofstream(dir / "Other/EventsV1.db") << std::string(4096, 'x');
+    Repository damaged(std::make_unique<LocalRepository>(dir / "Other", "EventsV1.db", center));
     auto e = event("E", at(2024y / March / 5));
     test::LogCapture log;
-    EXPECT_TRUE(repository.fetchAll().empty());
-    EXPECT_EQ(repository.tryFetchAll(), std::nullopt);
-    EXPECT_FALSE(repository.insert(*e));
-    EXPECT_FALSE(repository.update(*e));
-    EXPECT_FALSE(repository.deleteEvent(*e));
+    EXPECT_TRUE(damaged.fetchAll().empty());
+    EXPECT_EQ(damaged.tryFetchAll(), std::nullopt);
+    EXPECT_FALSE(damaged.insert(*e));
+    EXPECT_FALSE(damaged.update(*e));
+    EXPECT_FALSE(damaged.deleteEvent(*e));
     EXPECT_EQ(log.lines(), (std::vector<std::string>{
-                               "Failed to fetch records: no such table: events (code: 1)",
-                               "Failed to fetch records: no such table: events (code: 1)",
-                               "Failed to insert record: no such table: events (code: 1)",
-                               "Failed to update record: no such table: events (code: 1)",
-                               "Failed to delete record: no such table: events (code: 1)",
+                               "Failed to fetch records: file is not a database (code: 26)",
+                               "Failed to fetch records: file is not a database (code: 26)",
+                               "Failed to insert record: file is not a database (code: 26)",
+                               "Failed to update record: file is not a database (code: 26)",
+                               "Failed to delete record: file is not a database (code: 26)",
                            }));
     EXPECT_EQ(notifications, 0);
 }
 
 TEST_F(RepositoryTest, SuccessesReachTheStoreQuietly) {
-    withTable();
     test::LogCapture log;
     auto tried = repository.tryFetchAll();
     ASSERT_TRUE(tried); // an empty list, which is not a failure

@@ -5,9 +5,11 @@
 
 #include "TempDir.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <netinet/in.h>
 #include <spawn.h>
@@ -142,6 +144,51 @@ class XandikosServer : public LoopbackServer {
                         "127.0.0.1", "-p", std::to_string(port)},
                        (dir_ / "log").string(), port);
     }
+};
+
+// The scripted CalDAV server of tests/support/scripted_dav.py: a small server in memory (user
+// "alice", password "s3cret") that misbehaves on demand (setFault("fault=trickle every=0.5")).
+class ScriptedDavServer : public LoopbackServer {
+  public:
+    static constexpr const char* user = "alice";
+    static constexpr const char* password = "s3cret";
+
+    explicit ScriptedDavServer(std::vector<std::string> options = {}) {
+        const int port = freePort();
+        setFault("fault=pass");
+        std::vector<std::string> args = {"/usr/bin/python3",
+                                         std::string(ALMANOR_TEST_SUPPORT_DIR) + "/scripted_dav.py",
+                                         "--port",
+                                         std::to_string(port),
+                                         "--control",
+                                         (dir_ / "control").string(),
+                                         "--log",
+                                         (dir_ / "requests").string()};
+        args.insert(args.end(), options.begin(), options.end());
+        process_.start(args, (dir_ / "log").string(), port);
+        probes_ = allRequests().size(); // those of the start-up poll
+    }
+    int port() const { return process_.port(); }
+    void setFault(const std::string& words) {
+        std::ofstream(dir_ / "control.tmp") << words;
+        std::filesystem::rename(dir_ / "control.tmp", dir_ / "control");
+    }
+    // Each request so far: "METHOD PATH USER" (USER "-" when no credentials came).
+    std::vector<std::string> requests() const {
+        auto lines = allRequests();
+        lines.erase(lines.begin(), lines.begin() + long(std::min(probes_, lines.size())));
+        return lines;
+    }
+
+  private:
+    std::vector<std::string> allRequests() const {
+        std::vector<std::string> lines;
+        std::ifstream in(dir_ / "requests");
+        for (std::string line; std::getline(in, line);)
+            lines.push_back(line);
+        return lines;
+    }
+    std::size_t probes_ = 0;
 };
 
 } // namespace almanor::test

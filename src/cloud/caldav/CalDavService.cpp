@@ -1,7 +1,7 @@
 #include "cloud/caldav/CalDavService.h"
 
-#include "cloud/caldav/Multistatus.h"
 #include "cloud/caldav/RecordCalendar.h"
+#include "platform/UrlText.h"
 
 #include <algorithm>
 #include <chrono>
@@ -17,12 +17,21 @@ bool success(long status) {
     return status >= 200 && status <= 299;
 }
 
-[[noreturn]] void failStatus(const std::string& what, const HttpResponse& response) {
+// One line naming what was asked of which server (its origin, never user information).
+[[noreturn]] void failStatus(const std::string& what, const std::string& url,
+                             const HttpResponse& response) {
+    std::string server = url;
+    try {
+        server = Url::parse(url).origin();
+    } catch (const CloudError&) {
+        server = redactUrl(url);
+    }
     if (response.status == 401)
-        throw CloudError("the server refused the user name or password");
+        throw CloudError("the server at " + server + " refused the user name or password");
     if (response.status == 403)
-        throw CloudError(what + ": access refused by the server (403)");
-    throw CloudError(what + ": the server answered " + std::to_string(response.status));
+        throw CloudError(what + ": access refused by the server at " + server + " (403)");
+    throw CloudError(what + ": the server at " + server + " answered " +
+                     std::to_string(response.status));
 }
 
 std::string xmlEscape(std::string_view text) {
@@ -79,21 +88,35 @@ std::string withSlash(std::string url) {
 } // namespace
 
 CalDavService::CalDavService(std::string server, std::string user, PasswordSource password,
-                             Timeouts timeouts)
+                             Limits limits)
     : server_(std::move(server)), password_(std::move(password)) {
     if (!server_.empty()) {
-        // The password is asked for once per service, when the first request needs it.
-        auto cached = std::make_shared<std::optional<std::string>>();
-        auto lock = std::make_shared<std::mutex>();
-        PasswordSource source = [source = password_, cached, lock] {
-            std::lock_guard guard(*lock);
-            if (!*cached)
-                *cached = source ? source() : std::string();
-            return **cached;
+        // The password is asked for once per service, when the first request needs it; a
+        // source that failed (a password command that hung) is not asked again either.
+        struct Cache {
+            std::mutex mutex;
+            bool asked = false;
+            std::string password;
+            std::string failure;
+        };
+        auto cache = std::make_shared<Cache>();
+        PasswordSource source = [source = password_, cache] {
+            std::lock_guard guard(cache->mutex);
+            if (!cache->asked) {
+                cache->asked = true;
+                try {
+                    cache->password = source ? source() : std::string();
+                } catch (const CloudError& e) {
+                    cache->failure = e.what();
+                }
+            }
+            if (!cache->failure.empty())
+                throw CloudError(cache->failure);
+            return cache->password;
         };
         password_ = source;
         try {
-            client_.emplace(server_, std::move(user), std::move(source), timeouts);
+            client_.emplace(server_, std::move(user), std::move(source), limits);
         } catch (const CloudError& e) {
             setupError_ = e.what(); // reported by every request, the status request included
         }
@@ -122,14 +145,41 @@ HttpResponse CalDavService::send(HttpRequest request) const {
     return client().perform(request);
 }
 
-HttpResponse CalDavService::propfind(const std::string& url, int depth,
-                                     const std::string& props) const {
-    return send({"PROPFIND",
-                 url,
-                 {xmlType, "Depth: " + std::to_string(depth)},
-                 "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
-                 "<d:propfind xmlns:d=\"DAV:\" xmlns:c=\"urn:ietf:params:xml:ns:caldav\"><d:prop>" +
-                     props + "</d:prop></d:propfind>"});
+HttpResponse CalDavService::sendReading(HttpRequest request,
+                                        const std::function<void(DavResponse&&)>& each) const {
+    MultistatusReader reader(each);
+    request.stream = [&reader](std::string_view chunk) { reader.feed(chunk); };
+    HttpResponse r = send(request);
+    if (r.status == 207) {
+        try {
+            reader.finish();
+        } catch (const CloudError& e) {
+            throw UnreadableAnswer(request.method + " " + redactUrl(request.url) + ": " + e.what());
+        }
+    }
+    return r;
+}
+
+HttpResponse CalDavService::propfind(const std::string& url, int depth, const std::string& props,
+                                     const std::function<void(DavResponse&&)>& each) const {
+    return sendReading(
+        {"PROPFIND",
+         url,
+         {xmlType, "Depth: " + std::to_string(depth)},
+         "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
+         "<d:propfind xmlns:d=\"DAV:\" xmlns:c=\"urn:ietf:params:xml:ns:caldav\"><d:prop>" +
+             props + "</d:prop></d:propfind>"},
+        each);
+}
+
+void CalDavService::trustOrigins(const std::vector<std::string>& origins) {
+    if (client_)
+        for (const auto& origin : origins)
+            client_->trustOrigin(origin);
+}
+
+std::vector<std::string> CalDavService::trustedOrigins() const {
+    return client_ ? client_->trustedOrigins() : std::vector<std::string>{};
 }
 
 AccountStatus CalDavService::accountStatus() {
@@ -150,46 +200,57 @@ std::string CalDavService::discoverHome() {
     const HttpClient& http = client();
     const std::string server = http.server();
     const Url url = Url::parse(server);
+    const std::string shown = redactUrl(server);
+    // Credentials go to another origin only when the configured server itself names it.
+    auto named = [&](const std::string& answeredBy, const std::string& href) {
+        if (Url::parse(answeredBy).origin() == url.origin())
+            http.trustOrigin(href);
+        return href;
+    };
+    auto firstHref = [](const DavResponse& a, std::string_view ns, std::string_view local) {
+        const auto* p = a.property(ns, local);
+        return p && !p->hrefs.empty() ? p->hrefs.front() : std::string();
+    };
     // The URL the user gave, then the well-known address (whose redirect is followed by hand so
     // that each hop passes the same checks).
-    std::vector<std::string> candidates = {
-        server, url.scheme + "://" +
-                    (url.host.find(':') != std::string::npos ? "[" + url.host + "]" : url.host) +
-                    ":" + std::to_string(url.port) + "/.well-known/caldav"};
+    std::vector<std::string> candidates = {server, url.origin() + "/.well-known/caldav"};
     std::string principal;
-    std::string lastProblem = "no CalDAV server at " + server;
+    std::string lastProblem = "no CalDAV server at " + shown;
     for (std::string candidate : candidates) {
         for (int hop = 0; hop < 5 && principal.empty(); ++hop) {
-            HttpResponse r =
-                propfind(candidate, 0, "<d:current-user-principal/><c:calendar-home-set/>");
+            std::string home;
+            std::string named_principal;
+            HttpResponse r;
+            try {
+                r = propfind(
+                    candidate, 0, "<d:current-user-principal/><c:calendar-home-set/>",
+                    [&](DavResponse&& a) {
+                        if (auto h = firstHref(a, calDavNs, "calendar-home-set"); !h.empty())
+                            home = h;
+                        if (auto p = firstHref(a, davNs, "current-user-principal"); !p.empty())
+                            named_principal = p;
+                    });
+            } catch (const UnreadableAnswer& e) {
+                lastProblem = "no CalDAV server at " + shown + " (" + e.what() + ")";
+                break;
+            }
             if (r.status == 401)
-                failStatus(candidate, r);
+                failStatus("PROPFIND", candidate, r);
             if (r.status >= 300 && r.status <= 399 && !r.location.empty()) {
                 candidate = Url::resolve(candidate, r.location);
                 continue;
             }
             if (r.status != 207) {
-                lastProblem = "no CalDAV server at " + server + " (the server answered " +
+                lastProblem = "no CalDAV server at " + shown + " (the server answered " +
                               std::to_string(r.status) + ")";
                 break;
             }
-            std::vector<DavResponse> answers;
-            try {
-                answers = readMultistatus(r.body);
-            } catch (const CloudError&) {
-                lastProblem = "no CalDAV server at " + server + " (its answer is not WebDAV)";
-                break;
+            if (!home.empty()) {
+                std::lock_guard lock(mutex_);
+                home_ = withSlash(named(candidate, Url::resolve(candidate, home)));
             }
-            for (const auto& a : answers) {
-                if (const auto* home = a.property(calDavNs, "calendar-home-set");
-                    home && !home->hrefs.empty()) {
-                    std::lock_guard lock(mutex_);
-                    home_ = withSlash(Url::resolve(candidate, home->hrefs.front()));
-                }
-                if (const auto* p = a.property(davNs, "current-user-principal");
-                    p && !p->hrefs.empty())
-                    principal = Url::resolve(candidate, p->hrefs.front());
-            }
+            if (!named_principal.empty())
+                principal = named(candidate, Url::resolve(candidate, named_principal));
             break;
         }
         if (!principal.empty())
@@ -198,29 +259,31 @@ std::string CalDavService::discoverHome() {
     if (principal.empty())
         throw CloudError(lastProblem);
 
-    HttpResponse r =
-        propfind(principal, 0,
-                 "<c:calendar-home-set/><c:schedule-inbox-URL/><c:schedule-default-calendar-URL/>");
-    if (!success(r.status))
-        failStatus("PROPFIND " + pathOf(principal), r);
     std::string home;
     std::string inbox;
     std::string defaultCalendar;
-    for (const auto& a : readMultistatus(r.body)) {
-        if (const auto* h = a.property(calDavNs, "calendar-home-set"); h && !h->hrefs.empty())
-            home = withSlash(Url::resolve(principal, h->hrefs.front()));
-        if (const auto* i = a.property(calDavNs, "schedule-inbox-URL"); i && !i->hrefs.empty())
-            inbox = Url::resolve(principal, i->hrefs.front());
-        if (const auto* d = a.property(calDavNs, "schedule-default-calendar-URL");
-            d && !d->hrefs.empty())
-            defaultCalendar = Url::resolve(principal, d->hrefs.front());
-    }
+    HttpResponse r = propfind(
+        principal, 0,
+        "<c:calendar-home-set/><c:schedule-inbox-URL/><c:schedule-default-calendar-URL/>",
+        [&](DavResponse&& a) {
+            if (auto h = firstHref(a, calDavNs, "calendar-home-set"); !h.empty())
+                home = h;
+            if (auto i = firstHref(a, calDavNs, "schedule-inbox-URL"); !i.empty())
+                inbox = i;
+            if (auto d = firstHref(a, calDavNs, "schedule-default-calendar-URL"); !d.empty())
+                defaultCalendar = d;
+        });
+    if (!success(r.status))
+        failStatus("PROPFIND " + pathOf(principal), principal, r);
     if (home.empty())
-        throw CloudError("no CalDAV calendar home for this user at " + server);
+        throw CloudError("no CalDAV calendar home for this user at " + shown);
+    home = withSlash(named(principal, Url::resolve(principal, home)));
     std::lock_guard lock(mutex_);
     home_ = home;
-    principal_ = inbox; // where the default calendar is asked for, when the principal did not say
-    defaultCalendar_ = defaultCalendar;
+    // Where the default calendar is asked for, when the principal did not say.
+    principal_ = inbox.empty() ? std::string() : Url::resolve(principal, inbox);
+    defaultCalendar_ =
+        defaultCalendar.empty() ? std::string() : Url::resolve(principal, defaultCalendar);
     return home_;
 }
 
@@ -244,15 +307,18 @@ std::string CalDavService::defaultCalendarUrl() {
         inbox = principal_;
     }
     if (!inbox.empty()) {
-        HttpResponse r = propfind(inbox, 0, "<c:schedule-default-calendar-URL/>");
-        if (r.status == 207)
-            for (const auto& a : readMultistatus(r.body))
+        std::string named;
+        HttpResponse r =
+            propfind(inbox, 0, "<c:schedule-default-calendar-URL/>", [&](DavResponse&& a) {
                 if (const auto* d = a.property(calDavNs, "schedule-default-calendar-URL");
-                    d && !d->hrefs.empty()) {
-                    std::lock_guard lock(mutex_);
-                    defaultCalendar_ = Url::resolve(inbox, d->hrefs.front());
-                    return withSlash(defaultCalendar_);
-                }
+                    d && !d->hrefs.empty())
+                    named = d->hrefs.front();
+            });
+        if (r.status == 207 && !named.empty()) {
+            std::lock_guard lock(mutex_);
+            defaultCalendar_ = Url::resolve(inbox, named);
+            return withSlash(defaultCalendar_);
+        }
     }
     // Without a default named by the server, the first calendar of the home stands for it.
     for (const auto& zone : fetchAllZones()) {
@@ -270,7 +336,9 @@ std::string CalDavService::recordUrl(const RecordId& id) {
 void CalDavService::saveZone(const std::string& zoneName) {
     const std::string url = zoneUrl(zoneName);
     const std::string displayName = zoneName == "com.vostrel.almanor.zone" ? "Almanor" : zoneName;
-    HttpResponse r = send(
+    bool exists = false;
+    bool failed = false;
+    HttpResponse r = sendReading(
         {"MKCALENDAR",
          url,
          {xmlType},
@@ -281,44 +349,40 @@ void CalDavService::saveZone(const std::string& zoneName) {
              "</d:displayname>"
              "<c:supported-calendar-component-set><c:comp "
              "name=\"VEVENT\"/></c:supported-calendar-component-set>"
-             "</d:prop></d:set></c:mkcalendar>"});
+             "</d:prop></d:set></c:mkcalendar>"},
+        [&](DavResponse&& a) {
+            if (contains(a.errors, davNs, "resource-must-be-null") ||
+                contains(a.errors, calDavNs, "resource-must-be-null"))
+                exists = true;
+            else if (!success(a.effectiveStatus()))
+                failed = true;
+        });
     if (success(r.status) && r.status != 207)
         return;
     // "It exists already", in each server's words: 405 (not allowed on an existing resource),
     // 409, or a multistatus whose error is resource-must-be-null.
     if (r.status == 405 || r.status == 409)
         return;
-    if (r.status == 207) {
-        bool exists = false;
-        bool failed = false;
-        for (const auto& a : readMultistatus(r.body)) {
-            if (contains(a.errors, davNs, "resource-must-be-null") ||
-                contains(a.errors, calDavNs, "resource-must-be-null"))
-                exists = true;
-            else if (!success(a.effectiveStatus()))
-                failed = true;
-        }
-        if (exists || !failed)
-            return;
-    }
-    failStatus("creating zone " + zoneName, r);
+    if (r.status == 207 && (exists || !failed))
+        return;
+    failStatus("creating zone " + zoneName, url, r);
 }
 
 std::vector<RecordZone> CalDavService::fetchAllZones() {
     const std::string homeUrl = home();
-    HttpResponse r = propfind(homeUrl, 1, "<d:resourcetype/><d:displayname/>");
-    if (r.status != 207)
-        failStatus("listing the calendars", r);
     std::vector<RecordZone> zones;
-    for (const auto& a : readMultistatus(r.body)) {
-        const auto* type = a.property(davNs, "resourcetype");
-        if (type == nullptr || !contains(type->children, calDavNs, "calendar"))
-            continue;
-        std::string url = withSlash(Url::resolve(homeUrl, a.href));
-        if (samePath(url, homeUrl))
-            continue;
-        zones.push_back(RecordZone{lastSegment(url), url});
-    }
+    HttpResponse r =
+        propfind(homeUrl, 1, "<d:resourcetype/><d:displayname/>", [&](DavResponse&& a) {
+            const auto* type = a.property(davNs, "resourcetype");
+            if (type == nullptr || !contains(type->children, calDavNs, "calendar") ||
+                a.href.empty())
+                return;
+            std::string url = withSlash(Url::resolve(homeUrl, a.href));
+            if (!samePath(url, homeUrl))
+                zones.push_back(RecordZone{lastSegment(url), url});
+        });
+    if (r.status != 207)
+        failStatus("listing the calendars", homeUrl, r);
     return zones;
 }
 
@@ -334,7 +398,7 @@ void CalDavService::put(const CloudRecord& record, bool onlyIfNew) {
         return;
     if (onlyIfNew && r.status == 412)
         throw CloudError("record " + record.recordId.recordName + " exists already");
-    failStatus("saving record " + record.recordId.recordName, r);
+    failStatus("saving record " + record.recordId.recordName, url, r);
 }
 
 CloudRecord CalDavService::saveRecord(const CloudRecord& record) {
@@ -346,7 +410,7 @@ void CalDavService::deleteRecord(const RecordId& recordId) {
     HttpResponse r = send({"DELETE", recordUrl(recordId), {}, {}});
     if (success(r.status) || r.status == 404)
         return;
-    failStatus("deleting record " + recordId.recordName, r);
+    failStatus("deleting record " + recordId.recordName, recordUrl(recordId), r);
 }
 
 std::vector<CloudRecord> CalDavService::performQuery(const std::string& recordType,
@@ -361,22 +425,28 @@ std::vector<CloudRecord> CalDavService::performQuery(const std::string& recordTy
     const std::string typeFilter =
         "<c:prop-filter name=\"X-CD-RECORD-TYPE\"><c:text-match collation=\"i;octet\">" +
         xmlEscape(recordType) + "</c:text-match></c:prop-filter>";
-    HttpResponse r = send({"REPORT", url, {xmlType, "Depth: 1"}, head + typeFilter + tail});
+    // Each event is read as its response arrives: memory holds records, not the answer.
+    std::vector<CloudRecord> records;
+    auto each = [&](DavResponse&& a) {
+        const auto* data = a.property(calDavNs, "calendar-data");
+        if (data == nullptr)
+            return;
+        try {
+            if (auto record = readRecordCalendar(data->text, recordType, zoneName))
+                records.push_back(std::move(*record));
+        } catch (const CloudError&) {
+            // Not iCalendar: no record of ours, like the user's other events.
+        }
+    };
+    HttpResponse r =
+        sendReading({"REPORT", url, {xmlType, "Depth: 1"}, head + typeFilter + tail}, each);
     // A server that cannot filter on the type is asked for every event; the reader sorts them.
     if (r.status == 400 || r.status == 403 || r.status == 501)
-        r = send({"REPORT", url, {xmlType, "Depth: 1"}, head + tail});
+        r = sendReading({"REPORT", url, {xmlType, "Depth: 1"}, head + tail}, each);
     if (r.status == 404)
         throw CloudError("zone " + zoneName + " does not exist");
     if (r.status != 207)
-        failStatus("reading zone " + zoneName, r);
-    std::vector<CloudRecord> records;
-    for (const auto& a : readMultistatus(r.body)) {
-        const auto* data = a.property(calDavNs, "calendar-data");
-        if (data == nullptr)
-            continue;
-        if (auto record = readRecordCalendar(data->text, recordType, zoneName))
-            records.push_back(std::move(*record));
-    }
+        failStatus("reading zone " + zoneName, url, r);
     return records;
 }
 

@@ -2,9 +2,11 @@
 
 #include "cloud/CloudService.h"
 #include "cloud/caldav/Http.h"
+#include "cloud/caldav/Multistatus.h"
 
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -22,7 +24,7 @@ class CalDavService : public CloudService {
     // An empty server stands for "no account": its status is noAccount, every request fails.
     // `password` throws CloudError with the reason when the password cannot be had.
     CalDavService(std::string server, std::string user, PasswordSource password,
-                  Timeouts timeouts = {});
+                  Limits limits = {});
     ~CalDavService() override;
     CalDavService(const CalDavService&) = delete;
     CalDavService& operator=(const CalDavService&) = delete;
@@ -31,6 +33,10 @@ class CalDavService : public CloudService {
     // password, an unreachable server or a server without CalDAV throws CloudError with one
     // clear line. Returns the calendar home's URL.
     std::string discoverHome();
+    // Origins besides the server's own that get the credentials: those remembered with the
+    // account, and those the server names in discovery (trustedOrigins()).
+    void trustOrigins(const std::vector<std::string>& origins);
+    std::vector<std::string> trustedOrigins() const;
 
     AccountStatus accountStatus() override;
     void saveZone(const std::string& zoneName) override;
@@ -47,7 +53,11 @@ class CalDavService : public CloudService {
   private:
     const HttpClient& client() const;
     HttpResponse send(HttpRequest request) const;
-    HttpResponse propfind(const std::string& url, int depth, const std::string& props) const;
+    // A request whose 207 answer is read as it arrives, each response handed to `each`.
+    HttpResponse sendReading(HttpRequest request,
+                             const std::function<void(DavResponse&&)>& each) const;
+    HttpResponse propfind(const std::string& url, int depth, const std::string& props,
+                          const std::function<void(DavResponse&&)>& each) const;
     std::string home();
     std::string zoneUrl(const std::string& zoneName);
     std::string defaultCalendarUrl();

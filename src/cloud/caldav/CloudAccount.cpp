@@ -4,9 +4,12 @@
 #include "platform/UserDefaults.h"
 
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <libsecret/secret.h>
+#include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -99,7 +102,8 @@ void removePassword(const std::string& server, const std::string& user) {
 
 } // namespace keyring
 
-std::string passwordFromCommand(const std::string& command) {
+std::string passwordFromCommand(const std::string& command, PasswordCommandLimits limits) {
+    using Clock = std::chrono::steady_clock;
     int pipeFds[2];
     if (::pipe2(pipeFds, O_CLOEXEC) != 0)
         throw CloudError(std::string("password command: ") + std::strerror(errno));
@@ -108,33 +112,79 @@ std::string passwordFromCommand(const std::string& command) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, writeEnd.fd, STDOUT_FILENO);
+    // A group of its own, so that what it starts is ended with it.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+    posix_spawnattr_setpgroup(&attributes, 0);
     const char* argv[] = {"sh", "-c", command.c_str(), nullptr};
     pid_t pid = 0;
-    int spawned =
-        posix_spawn(&pid, "/bin/sh", &actions, nullptr, const_cast<char* const*>(argv), environ);
+    int spawned = posix_spawn(&pid, "/bin/sh", &actions, &attributes,
+                              const_cast<char* const*>(argv), environ);
     posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
     if (spawned != 0)
         throw CloudError(std::string("password command could not start: ") +
                          std::strerror(spawned));
     ::close(writeEnd.fd);
     writeEnd.fd = -1;
+
+    const auto deadline = Clock::now() + limits.time;
     std::string output;
-    char buffer[4096];
-    for (;;) {
-        ssize_t n = ::read(readEnd.fd, buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break;
-        output.append(buffer, std::size_t(n));
-    }
+    std::string failure;
     int status = 0;
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    bool exited = false;
+    bool open = true;
+    char buffer[4096];
+    while (failure.empty() && (open || !exited)) {
+        if (!exited) {
+            pid_t done = ::waitpid(pid, &status, WNOHANG);
+            exited = done == pid;
+        }
+        const auto now = Clock::now();
+        if (now >= deadline) {
+            failure = "the password command did not finish within " +
+                      std::to_string(limits.time.count()) + " s";
+            break;
+        }
+        if (!open) {
+            ::usleep(20000);
+            continue;
+        }
+        pollfd p{readEnd.fd, POLLIN, 0};
+        // Short waits: a command that exits while something it started keeps the pipe open is
+        // done once it has exited and its output is drained.
+        int ready = ::poll(&p, 1, exited ? 0 : 50);
+        if (ready < 0 && errno != EINTR) {
+            failure = std::string("password command: ") + std::strerror(errno);
+        } else if (ready > 0) {
+            ssize_t n = ::read(readEnd.fd, buffer, sizeof buffer);
+            if (n < 0 && errno != EINTR && errno != EAGAIN)
+                failure = std::string("password command: ") + std::strerror(errno);
+            else if (n == 0)
+                open = false;
+            else if (n > 0)
+                output.append(buffer, std::size_t(n));
+            if (output.size() > limits.output)
+                failure = "the password command printed more than " +
+                          std::to_string(limits.output / 1024) + " KiB";
+        } else if (exited) {
+            open = false; // exited, nothing more to read now
+        }
+    }
+    if (!failure.empty()) {
+        ::kill(-pid, SIGKILL);
+        while (!exited && ::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
     }
     std::string first = output.substr(0, output.find('\n'));
     if (!first.empty() && first.back() == '\r')
         first.pop_back();
     std::fill(output.begin(), output.end(), '\0');
+    if (!failure.empty()) {
+        std::fill(first.begin(), first.end(), '\0');
+        throw CloudError(failure);
+    }
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
         throw CloudError("the password command failed" +
                          (WIFEXITED(status) ? " with status " + std::to_string(WEXITSTATUS(status))
@@ -148,8 +198,10 @@ std::shared_ptr<CloudService> makeAccountCloudService(UserDefaults& defaults) {
     auto account = CloudAccount::load(defaults);
     if (!account)
         return std::make_shared<caldav::CalDavService>(std::string(), std::string(), nullptr);
-    return std::make_shared<caldav::CalDavService>(account->server, account->user,
-                                                   [a = *account] { return a.password(); });
+    auto service = std::make_shared<caldav::CalDavService>(account->server, account->user,
+                                                           [a = *account] { return a.password(); });
+    service->trustOrigins(account->origins);
+    return service;
 }
 
 } // namespace almanor

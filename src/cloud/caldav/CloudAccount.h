@@ -3,9 +3,12 @@
 #include "cloud/CloudAccount.h"
 #include "cloud/CloudService.h"
 
+#include <chrono>
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace almanor {
 
@@ -20,8 +23,13 @@ void removePassword(const std::string& server, const std::string& user);
 } // namespace keyring
 
 // Runs `command` through /bin/sh and returns the first line it prints. Throws CloudError when it
-// fails or prints nothing.
-std::string passwordFromCommand(const std::string& command);
+// fails, prints nothing, runs longer than the time limit or prints more than the output limit (its
+// process group is then killed).
+struct PasswordCommandLimits {
+    std::chrono::seconds time{30};
+    std::size_t output = 64 * 1024;
+};
+std::string passwordFromCommand(const std::string& command, PasswordCommandLimits limits = {});
 
 // The CalDAV service of the account in `defaults`; one that reports noAccount when there is none.
 std::shared_ptr<CloudService> makeAccountCloudService(UserDefaults& defaults);

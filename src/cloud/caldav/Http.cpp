@@ -1,11 +1,15 @@
 #include "cloud/caldav/Http.h"
 
 #include "cloud/CloudService.h"
+#include "cloud/caldav/Multistatus.h"
+#include "platform/UrlText.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <curl/curl.h>
+#include <exception>
 #include <memory>
 #include <mutex>
 
@@ -15,6 +19,9 @@ namespace {
 
 struct EasyDeleter {
     void operator()(CURL* h) const { curl_easy_cleanup(h); }
+};
+struct MultiDeleter {
+    void operator()(CURLM* h) const { curl_multi_cleanup(h); }
 };
 struct SlistDeleter {
     void operator()(curl_slist* l) const { curl_slist_free_all(l); }
@@ -26,6 +33,7 @@ struct CurlTextDeleter {
     void operator()(char* p) const { curl_free(p); }
 };
 using EasyPtr = std::unique_ptr<CURL, EasyDeleter>;
+using MultiPtr = std::unique_ptr<CURLM, MultiDeleter>;
 using SlistPtr = std::unique_ptr<curl_slist, SlistDeleter>;
 using UrlPtr = std::unique_ptr<CURLU, UrlDeleter>;
 using CurlText = std::unique_ptr<char, CurlTextDeleter>;
@@ -41,7 +49,7 @@ void check(CURLcode code, const char* detail = nullptr) {
 }
 void check(CURLUcode code, const std::string& url) {
     if (code != CURLUE_OK)
-        throw CloudError("not a usable URL: " + url);
+        throw CloudError("not a usable URL: " + redactUrl(url));
 }
 
 void initOnce() {
@@ -63,13 +71,59 @@ std::string lower(std::string s) {
     return s;
 }
 
-std::size_t appendBody(char* data, std::size_t size, std::size_t count, void* target) {
-    static_cast<std::string*>(target)->append(data, size * count);
-    return size * count;
+// One request's state, seen by libcurl's callbacks and by the loop that drives it.
+struct Transfer {
+    CURL* easy = nullptr;
+    const HttpRequest* request = nullptr;
+    HttpResponse* response = nullptr;
+    std::size_t answerLimit = 0;
+    std::size_t received = 0;
+    enum class Mode { undecided, stream, keep } mode = Mode::undecided;
+    std::string refused;            // why the reader stopped reading the answer
+    std::exception_ptr streamError; // what the stream threw
+    std::chrono::steady_clock::time_point lastActivity = std::chrono::steady_clock::now();
+    std::string_view upload;
+    std::size_t uploaded = 0;
+};
+
+std::size_t receiveBody(char* data, std::size_t size, std::size_t count, void* target) {
+    auto* t = static_cast<Transfer*>(target);
+    const std::size_t n = size * count;
+    t->lastActivity = std::chrono::steady_clock::now();
+    t->received += n;
+    if (t->received > t->answerLimit) {
+        t->refused =
+            "the answer is larger than " + std::to_string(t->answerLimit >> 20) + " MiB; refused";
+        return 0;
+    }
+    if (t->mode == Transfer::Mode::undecided) {
+        long status = 0;
+        curl_easy_getinfo(t->easy, CURLINFO_RESPONSE_CODE, &status);
+        t->mode =
+            status == 207 && t->request->stream ? Transfer::Mode::stream : Transfer::Mode::keep;
+        t->response->streamed = t->mode == Transfer::Mode::stream;
+    }
+    if (t->mode == Transfer::Mode::stream) {
+        try {
+            t->request->stream(std::string_view(data, n));
+        } catch (...) {
+            t->streamError = std::current_exception();
+            return 0;
+        }
+        return n;
+    }
+    if (t->response->body.size() + n > t->request->maxBody) {
+        t->response->truncated = true;
+        return 0;
+    }
+    t->response->body.append(data, n);
+    return n;
 }
 
 std::size_t readHeader(char* data, std::size_t size, std::size_t count, void* target) {
-    auto* response = static_cast<HttpResponse*>(target);
+    auto* t = static_cast<Transfer*>(target);
+    HttpResponse* response = t->response;
+    t->lastActivity = std::chrono::steady_clock::now();
     std::string_view line(data, size * count);
     auto colon = line.find(':');
     if (colon != std::string_view::npos) {
@@ -92,51 +146,30 @@ std::size_t readHeader(char* data, std::size_t size, std::size_t count, void* ta
     return size * count;
 }
 
-struct Progress {
-    std::chrono::seconds stall;
-    std::chrono::steady_clock::time_point last = std::chrono::steady_clock::now();
-    curl_off_t down = 0;
-    curl_off_t up = 0;
-    bool stalled = false;
-};
-
-int onProgress(void* data, curl_off_t, curl_off_t down, curl_off_t, curl_off_t up) {
-    auto* p = static_cast<Progress*>(data);
-    auto now = std::chrono::steady_clock::now();
-    if (down != p->down || up != p->up) {
-        p->down = down;
-        p->up = up;
-        p->last = now;
-        return 0;
-    }
-    p->stalled = now - p->last > p->stall;
-    return p->stalled ? 1 : 0;
-}
-
-struct Body {
-    std::string_view data;
-    std::size_t offset = 0;
-};
-
 std::size_t sendBody(char* buffer, std::size_t size, std::size_t count, void* source) {
-    auto* body = static_cast<Body*>(source);
-    std::size_t n = std::min(size * count, body->data.size() - body->offset);
-    std::copy_n(body->data.data() + body->offset, n, buffer);
-    body->offset += n;
+    auto* t = static_cast<Transfer*>(source);
+    t->lastActivity = std::chrono::steady_clock::now();
+    std::size_t n = std::min(size * count, t->upload.size() - t->uploaded);
+    std::copy_n(t->upload.data() + t->uploaded, n, buffer);
+    t->uploaded += n;
     return n;
 }
 
 } // namespace
 
 // Handles kept between requests keep their connections open: a pass of hundreds of PUTs then
-// costs one connection (and one TLS handshake) instead of one each.
+// costs one connection (and one TLS handshake) instead of one each. Each request runs in a multi
+// handle of its own, so that the loop driving it can end it at its deadline or on cancel().
 struct HttpClient::HandlePool {
     std::mutex mutex;
-    std::vector<EasyPtr> idle;
-    // Why the server could not be reached, and when: requests soon after fail at once, so that a
-    // pass of many records over a silent server costs one wait, not one per record.
+    std::vector<std::pair<MultiPtr, EasyPtr>> idle;
+    // Why the server could not be reached, and when: requests after that fail at once until the
+    // next pass, so that a pass over a silent server costs one wait, not one per record.
     std::string unreachable;
     std::chrono::steady_clock::time_point unreachableAt;
+    std::string ownOrigin;
+    std::vector<std::string> trusted; // origins the server named, besides its own
+    std::atomic<bool> cancelled = false;
 };
 
 namespace {
@@ -147,28 +180,45 @@ class HandleLease {
         {
             std::lock_guard lock(pool_.mutex);
             if (!pool_.idle.empty()) {
-                handle_ = std::move(pool_.idle.back());
+                handles_ = std::move(pool_.idle.back());
                 pool_.idle.pop_back();
             }
         }
-        if (handle_)
-            curl_easy_reset(handle_.get()); // options go, connections stay
+        if (handles_.second)
+            curl_easy_reset(handles_.second.get()); // options go, connections stay
         else
-            handle_.reset(curl_easy_init());
-        if (!handle_)
+            handles_ = {MultiPtr(curl_multi_init()), EasyPtr(curl_easy_init())};
+        if (!handles_.first || !handles_.second)
             throw CloudError("out of memory");
     }
     ~HandleLease() {
         std::lock_guard lock(pool_.mutex);
-        pool_.idle.push_back(std::move(handle_));
+        pool_.idle.push_back(std::move(handles_));
     }
     HandleLease(const HandleLease&) = delete;
     HandleLease& operator=(const HandleLease&) = delete;
-    CURL* get() const { return handle_.get(); }
+    CURLM* multi() const { return handles_.first.get(); }
+    CURL* easy() const { return handles_.second.get(); }
 
   private:
     HttpClient::HandlePool& pool_;
-    EasyPtr handle_;
+    std::pair<MultiPtr, EasyPtr> handles_;
+};
+
+// The easy handle is in the multi handle while it lives.
+class Attached {
+  public:
+    Attached(CURLM* multi, CURL* easy) : multi_(multi), easy_(easy) {
+        if (curl_multi_add_handle(multi_, easy_) != CURLM_OK)
+            throw CloudError("out of memory");
+    }
+    ~Attached() { curl_multi_remove_handle(multi_, easy_); }
+    Attached(const Attached&) = delete;
+    Attached& operator=(const Attached&) = delete;
+
+  private:
+    CURLM* multi_;
+    CURL* easy_;
 };
 
 } // namespace
@@ -182,9 +232,9 @@ Url Url::parse(const std::string& text) {
     Url url;
     url.scheme = lower(part(u.get(), CURLUPART_SCHEME));
     if (url.scheme != "http" && url.scheme != "https")
-        throw CloudError("not an http or https URL: " + text);
+        throw CloudError("not an http or https URL: " + redactUrl(text));
     if (!part(u.get(), CURLUPART_USER).empty())
-        throw CloudError("a URL must not hold a user name or password");
+        throw CloudError("a URL must not hold a user name or password: " + redactUrl(text));
     url.host = lower(part(u.get(), CURLUPART_HOST));
     if (url.host.size() > 1 && url.host.front() == '[')
         url.host = url.host.substr(1, url.host.size() - 2);
@@ -208,11 +258,16 @@ std::string Url::resolve(const std::string& base, const std::string& href) {
         throw CloudError("out of memory");
     check(curl_url_set(u.get(), CURLUPART_URL, base.c_str(), 0), base);
     check(curl_url_set(u.get(), CURLUPART_URL, target.c_str(), 0), href);
+    // Credentials come from the account alone, never from an address a server sent.
+    curl_url_set(u.get(), CURLUPART_USER, nullptr, 0);
+    curl_url_set(u.get(), CURLUPART_PASSWORD, nullptr, 0);
+    curl_url_set(u.get(), CURLUPART_OPTIONS, nullptr, 0);
     return part(u.get(), CURLUPART_URL);
 }
 
 std::string Url::origin() const {
-    return scheme + "://" + host + ":" + std::to_string(port);
+    const bool v6 = host.find(':') != std::string::npos;
+    return scheme + "://" + (v6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
 }
 
 bool Url::isLoopback() const {
@@ -273,32 +328,57 @@ std::string lastSegment(const std::string& url) {
     return percentDecode(slash == std::string::npos ? path : path.substr(slash + 1));
 }
 
-HttpClient::HttpClient(std::string server, std::string user, PasswordSource password,
-                       Timeouts timeouts)
+HttpClient::HttpClient(std::string server, std::string user, PasswordSource password, Limits limits)
     : server_(std::move(server)), user_(std::move(user)), password_(std::move(password)),
-      timeouts_(timeouts) {
+      limits_(limits) {
     Url url = Url::parse(server_);
     if (url.scheme == "http" && !url.isLoopback())
         throw CloudError("plain http is accepted only for this machine; use https://");
-    origin_ = url.origin();
     pool_ = std::make_shared<HandlePool>();
+    pool_->ownOrigin = url.origin();
+}
+
+bool HttpClient::trustOrigin(const std::string& url) const {
+    Url parsed;
+    try {
+        parsed = Url::parse(url);
+    } catch (const CloudError&) {
+        return false;
+    }
+    if (parsed.scheme != "https" && !parsed.isLoopback())
+        return false;
+    const std::string origin = parsed.origin();
+    std::lock_guard lock(pool_->mutex);
+    if (origin != pool_->ownOrigin &&
+        std::find(pool_->trusted.begin(), pool_->trusted.end(), origin) == pool_->trusted.end())
+        pool_->trusted.push_back(origin);
+    return true;
+}
+
+std::vector<std::string> HttpClient::trustedOrigins() const {
+    std::lock_guard lock(pool_->mutex);
+    return pool_->trusted;
 }
 
 HttpResponse HttpClient::perform(const HttpRequest& request) const {
     initOnce();
-    Url target = Url::parse(request.url);
+    const Url target = Url::parse(request.url);
+    const std::string what = request.method + " " + target.origin() + target.path;
     if (target.scheme == "http" && !target.isLoopback())
         throw CloudError("refusing plain http to " + target.host);
-
+    if (pool_->cancelled)
+        throw CloudError(what + ": cancelled");
+    bool credentials = false;
     {
         std::lock_guard lock(pool_->mutex);
-        if (!pool_->unreachable.empty() &&
-            std::chrono::steady_clock::now() - pool_->unreachableAt < unreachableWindow)
-            throw CloudError(request.method + " " + target.origin() + target.path + ": " +
-                             pool_->unreachable + " (not tried again so soon)");
+        if (!pool_->unreachable.empty())
+            throw CloudError(what + ": " + pool_->unreachable + " (not tried again in this pass)");
+        credentials = target.origin() == pool_->ownOrigin ||
+                      std::find(pool_->trusted.begin(), pool_->trusted.end(), target.origin()) !=
+                          pool_->trusted.end();
     }
     HandleLease lease(*pool_);
-    CURL* h = lease.get();
+    CURL* h = lease.easy();
     char errorText[CURL_ERROR_SIZE] = {};
     check(curl_easy_setopt(h, CURLOPT_ERRORBUFFER, errorText));
     check(curl_easy_setopt(h, CURLOPT_URL, request.url.c_str()));
@@ -307,23 +387,21 @@ HttpResponse HttpClient::perform(const HttpRequest& request) const {
     check(curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L));
     check(curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 1L));
     check(curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L));
-    check(curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT, long(timeouts_.connect.count())));
-    // No byte moved either way for the stall time ends the request, however long it has run.
-    // (libcurl's low-speed limit averages over several seconds, which stretches the wait.)
-    Progress progress{timeouts_.stall};
-    check(curl_easy_setopt(h, CURLOPT_NOPROGRESS, 0L));
-    check(curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, onProgress));
-    check(curl_easy_setopt(h, CURLOPT_XFERINFODATA, &progress));
+    check(curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT, long(limits_.connect.count())));
     check(curl_easy_setopt(h, CURLOPT_USERAGENT, "Almanor"));
     check(curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, request.method.c_str()));
 
     std::string password;
-    if (target.origin() == origin_ && !user_.empty()) {
+    if (credentials && !user_.empty()) {
         password = password_ ? password_() : std::string();
         check(curl_easy_setopt(h, CURLOPT_HTTPAUTH, long(CURLAUTH_BASIC)));
         check(curl_easy_setopt(h, CURLOPT_USERNAME, user_.c_str()));
         check(curl_easy_setopt(h, CURLOPT_PASSWORD, password.c_str()));
     }
+    struct Wipe {
+        std::string& s;
+        ~Wipe() { std::fill(s.begin(), s.end(), '\0'); }
+    } wipe{password};
 
     SlistPtr headers;
     auto addHeader = [&](const std::string& line) {
@@ -339,47 +417,134 @@ HttpResponse HttpClient::perform(const HttpRequest& request) const {
         addHeader(line);
     check(curl_easy_setopt(h, CURLOPT_HTTPHEADER, headers.get()));
 
-    Body body{request.body};
+    HttpResponse response;
+    Transfer transfer;
+    transfer.easy = h;
+    transfer.request = &request;
+    transfer.response = &response;
+    transfer.answerLimit = limits_.answerBytes;
+    transfer.upload = request.body;
     if (!request.body.empty() || request.method == "PUT") {
         check(curl_easy_setopt(h, CURLOPT_UPLOAD, 1L));
         check(curl_easy_setopt(h, CURLOPT_READFUNCTION, sendBody));
-        check(curl_easy_setopt(h, CURLOPT_READDATA, &body));
+        check(curl_easy_setopt(h, CURLOPT_READDATA, &transfer));
         check(curl_easy_setopt(h, CURLOPT_INFILESIZE_LARGE, curl_off_t(request.body.size())));
         // CURLOPT_UPLOAD turns the method into PUT; the custom method above still applies.
     }
-
-    HttpResponse response;
-    check(curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, appendBody));
-    check(curl_easy_setopt(h, CURLOPT_WRITEDATA, &response.body));
+    check(curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, receiveBody));
+    check(curl_easy_setopt(h, CURLOPT_WRITEDATA, &transfer));
     check(curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, readHeader));
-    check(curl_easy_setopt(h, CURLOPT_HEADERDATA, &response));
+    check(curl_easy_setopt(h, CURLOPT_HEADERDATA, &transfer));
 
-    CURLcode code = curl_easy_perform(h);
-    std::fill(password.begin(), password.end(), '\0');
-    if (progress.stalled) {
-        code = CURLE_OPERATION_TIMEDOUT;
-        std::snprintf(errorText, sizeof errorText, "nothing from the server for %lld s",
-                      static_cast<long long>(timeouts_.stall.count()));
-    }
-    if (code != CURLE_OK) {
-        std::string detail = errorText;
-        std::string reason =
-            curl_easy_strerror(code) + (detail.empty() ? std::string() : " (" + detail + ")");
-        if (code == CURLE_COULDNT_CONNECT || code == CURLE_COULDNT_RESOLVE_HOST ||
-            code == CURLE_OPERATION_TIMEDOUT) {
-            std::lock_guard lock(pool_->mutex);
-            pool_->unreachable = curl_easy_strerror(code);
-            pool_->unreachableAt = std::chrono::steady_clock::now();
+    // The loop checks the deadline, the stall and cancel() at least every tenth of a second.
+    using Clock = std::chrono::steady_clock;
+    const auto started = Clock::now();
+    transfer.lastActivity = started;
+    enum class Ended { done, deadline, stall, cancelled } ended = Ended::done;
+    CURLcode code = CURLE_OK;
+    {
+        Attached attached(lease.multi(), h);
+        for (;;) {
+            int running = 0;
+            CURLMcode mc = curl_multi_perform(lease.multi(), &running);
+            if (mc != CURLM_OK)
+                throw CloudError(what + ": " + curl_multi_strerror(mc));
+            bool finished = false;
+            int queued = 0;
+            while (CURLMsg* message = curl_multi_info_read(lease.multi(), &queued)) {
+                if (message->msg == CURLMSG_DONE && message->easy_handle == h) {
+                    code = message->data.result;
+                    finished = true;
+                }
+            }
+            if (finished)
+                break;
+            const auto now = Clock::now();
+            if (pool_->cancelled) {
+                ended = Ended::cancelled;
+                break;
+            }
+            if (now - started >= limits_.deadline) {
+                ended = Ended::deadline;
+                break;
+            }
+            if (now - transfer.lastActivity >= limits_.stall) {
+                ended = Ended::stall;
+                break;
+            }
+            const auto left = std::min(limits_.deadline - (now - started),
+                                       Clock::duration(std::chrono::milliseconds(100)));
+            const int waitMs = int(
+                std::max<long long>(1, std::chrono::ceil<std::chrono::milliseconds>(left).count()));
+            if (curl_multi_poll(lease.multi(), nullptr, 0, waitMs, nullptr) != CURLM_OK)
+                throw CloudError(what + ": the network could not be watched");
         }
-        throw CloudError(request.method + " " + target.origin() + target.path + ": " + reason);
     }
+
+    std::string unreachable;
+    std::string reason;
+    switch (ended) {
+    case Ended::cancelled:
+        throw CloudError(what + ": cancelled");
+    case Ended::deadline:
+        unreachable = "the server did not finish its answer within " +
+                      std::to_string(limits_.deadline.count()) + " s";
+        break;
+    case Ended::stall:
+        unreachable = "nothing from the server for " + std::to_string(limits_.stall.count()) + " s";
+        break;
+    case Ended::done:
+        if (code == CURLE_OK)
+            break;
+        if (transfer.streamError) {
+            try {
+                std::rethrow_exception(transfer.streamError);
+            } catch (const UnreadableAnswer& e) {
+                throw UnreadableAnswer(what + ": " + e.what());
+            } catch (const CloudError& e) {
+                throw CloudError(what + ": " + e.what());
+            }
+        }
+        if (!transfer.refused.empty())
+            throw UnreadableAnswer(what + ": " + transfer.refused);
+        if (code == CURLE_WRITE_ERROR && response.truncated)
+            break; // the status is what counts; the body was cut at its limit
+        reason = curl_easy_strerror(code);
+        if (errorText[0] != '\0')
+            reason += std::string(" (") + errorText + ")";
+        if (code == CURLE_COULDNT_CONNECT || code == CURLE_COULDNT_RESOLVE_HOST ||
+            code == CURLE_OPERATION_TIMEDOUT)
+            unreachable = curl_easy_strerror(code);
+        break;
+    }
+    if (!unreachable.empty()) {
+        {
+            std::lock_guard lock(pool_->mutex);
+            pool_->unreachable = unreachable;
+            pool_->unreachableAt = Clock::now();
+        }
+        if (reason.empty())
+            reason = unreachable;
+    }
+    if (!reason.empty())
+        throw CloudError(redactUrls(what + ": " + reason));
     check(curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &response.status));
     return response;
 }
 
 void HttpClient::retryServer() const {
     std::lock_guard lock(pool_->mutex);
+    if (std::chrono::steady_clock::now() - pool_->unreachableAt >= limits_.retryGap)
+        pool_->unreachable.clear();
+}
+
+void HttpClient::forgetUnreachable() const {
+    std::lock_guard lock(pool_->mutex);
     pool_->unreachable.clear();
+}
+
+void HttpClient::cancel() const {
+    pool_->cancelled = true;
 }
 
 } // namespace almanor::caldav

@@ -4,24 +4,17 @@
 
 #include <algorithm>
 #include <charconv>
-#include <climits>
+#include <exception>
 #include <libxml/parser.h>
-#include <libxml/tree.h>
 #include <libxml/xmlerror.h>
-#include <memory>
 #include <mutex>
 
 namespace almanor::caldav {
 
 namespace {
 
-struct DocDeleter {
-    void operator()(xmlDoc* doc) const { xmlFreeDoc(doc); }
-};
-using DocPtr = std::unique_ptr<xmlDoc, DocDeleter>;
-
-struct XmlCharDeleter {
-    void operator()(xmlChar* text) const { xmlFree(text); }
+struct ParserDeleter {
+    void operator()(xmlParserCtxt* ctxt) const { xmlFreeParserCtxt(ctxt); }
 };
 
 // No document a server sends may make the parser open anything.
@@ -37,96 +30,337 @@ void hardenOnce() {
     });
 }
 
-// The one place that turns libxml2's failure into an error.
-[[noreturn]] void failXml(const char* what) {
-    std::string message = std::string("unreadable answer from the server: ") + what;
-    if (const xmlError* error = xmlGetLastError(); error != nullptr && error->message != nullptr) {
-        std::string detail = error->message;
-        while (!detail.empty() && (detail.back() == '\n' || detail.back() == ' '))
-            detail.pop_back();
-        message += " (" + detail + ")";
-    }
-    xmlResetLastError();
-    throw CloudError(message);
-}
-
 std::string_view text(const xmlChar* s) {
     return s ? std::string_view(reinterpret_cast<const char*>(s)) : std::string_view();
 }
 
-bool is(const xmlNode* node, std::string_view ns, std::string_view local) {
-    return node->type == XML_ELEMENT_NODE && node->ns != nullptr && text(node->ns->href) == ns &&
-           text(node->name) == local;
-}
-
-XmlName nameOf(const xmlNode* node) {
-    return XmlName{std::string(node->ns ? text(node->ns->href) : std::string_view()),
-                   std::string(text(node->name))};
-}
-
-std::string contentOf(const xmlNode* node) {
-    std::unique_ptr<xmlChar, XmlCharDeleter> content(xmlNodeGetContent(node));
-    return std::string(text(content.get()));
-}
-
-std::string trimmed(std::string s) {
+std::string trimmed(std::string_view s) {
     auto notSpace = [](unsigned char c) { return !std::isspace(c); };
-    s.erase(s.begin(), std::find_if(s.begin(), s.end(), notSpace));
-    s.erase(std::find_if(s.rbegin(), s.rend(), notSpace).base(), s.end());
-    return s;
+    auto begin = std::find_if(s.begin(), s.end(), notSpace);
+    auto end = std::find_if(s.rbegin(), s.rend(), notSpace).base();
+    return begin < end ? std::string(begin, end) : std::string();
 }
 
-template <typename F> void forChildren(const xmlNode* node, F f) {
-    for (const xmlNode* child = node->children; child != nullptr; child = child->next)
-        if (child->type == XML_ELEMENT_NODE)
-            f(child);
-}
+// An href or a status line longer than this is no address the adapter could use.
+constexpr std::size_t maxShortText = 8192;
 
-DavProperty readProperty(const xmlNode* node) {
-    DavProperty property;
-    property.name = nameOf(node);
-    property.text = contentOf(node);
-    forChildren(node, [&](const xmlNode* child) {
-        property.children.push_back(nameOf(child));
-        if (is(child, davNs, "href"))
-            property.hrefs.push_back(trimmed(contentOf(child)));
-        std::unique_ptr<xmlChar, XmlCharDeleter> attr(
-            xmlGetProp(child, reinterpret_cast<const xmlChar*>("name")));
-        if (attr)
-            property.childNameAttributes.emplace_back(text(attr.get()));
-    });
-    return property;
-}
+} // namespace
 
-DavResponse readResponse(const xmlNode* node) {
+struct MultistatusReader::State {
+    Handler handler;
+    MultistatusLimits limits;
+    std::unique_ptr<xmlParserCtxt, ParserDeleter> ctxt;
+    std::string failure;  // why the reader stopped the parser
+    std::string xmlError; // libxml2's first complaint
+    std::exception_ptr handlerError;
+    std::string syncToken;
+
+    int depth = 0;
+    std::size_t responses = 0;
+    bool inResponse = false;
+    bool inPropstat = false;
+    bool inProp = false;
+    bool inResponseError = false;
+    bool inPropstatError = false;
+    int propertyDepth = 0; // where the current property began; 0 outside one
+    bool inPropertyHref = false;
+    std::size_t responseBytes = 0;
+    std::size_t responseElements = 0;
     DavResponse response;
-    forChildren(node, [&](const xmlNode* child) {
-        if (is(child, davNs, "href")) {
-            if (response.href.empty())
-                response.href = trimmed(contentOf(child));
-        } else if (is(child, davNs, "status")) {
-            response.status = statusCodeOf(trimmed(contentOf(child)));
-        } else if (is(child, davNs, "error")) {
-            forChildren(child, [&](const xmlNode* e) { response.errors.push_back(nameOf(e)); });
-        } else if (is(child, davNs, "propstat")) {
-            DavPropstat propstat;
-            forChildren(child, [&](const xmlNode* p) {
-                if (is(p, davNs, "status"))
-                    propstat.status = statusCodeOf(trimmed(contentOf(p)));
-                else if (is(p, davNs, "prop"))
-                    forChildren(p, [&](const xmlNode* q) {
-                        propstat.properties.push_back(readProperty(q));
-                    });
-                else if (is(p, davNs, "error"))
-                    forChildren(p, [&](const xmlNode* e) { response.errors.push_back(nameOf(e)); });
-            });
-            response.propstats.push_back(std::move(propstat));
+    DavPropstat propstat;
+    DavProperty property;
+    std::string shortText; // href, status or sync-token being read; empty when too long
+    bool collectingShort = false;
+    bool shortTooLong = false;
+    std::string propertyHref;
+
+    void stop(std::string why) {
+        if (failure.empty())
+            failure = std::move(why);
+        xmlStopParser(ctxt.get());
+    }
+
+    void dropResponseParts() {
+        response.oversized = true;
+        response.propstats = {};
+        response.errors = {};
+        propstat = {};
+        property = {};
+        propertyDepth = 0;
+        inPropertyHref = false;
+    }
+
+    void startShort() {
+        shortText.clear();
+        collectingShort = true;
+        shortTooLong = false;
+    }
+
+    void start(const XmlName& name, const xmlChar** attributes, int attributeCount) {
+        ++depth;
+        if (depth > limits.depth)
+            return stop("elements nested too deeply");
+        const bool dav = name.ns == davNs;
+        if (depth == 1) {
+            if (!dav || name.local != "multistatus")
+                stop("not a WebDAV multistatus");
+            return;
         }
+        if (depth == 2) {
+            if (dav && name.local == "response") {
+                if (++responses > limits.responses)
+                    return stop("more than " + std::to_string(limits.responses) + " responses");
+                inResponse = true;
+                response = {};
+                responseBytes = 0;
+                responseElements = 0;
+            } else if (dav && name.local == "sync-token") {
+                startShort();
+            }
+            return;
+        }
+        if (!inResponse)
+            return;
+        if (++responseElements > limits.responseElements && !response.oversized)
+            dropResponseParts();
+        if (depth == 3) {
+            if (dav && (name.local == "href" || name.local == "status"))
+                startShort();
+            else if (dav && name.local == "propstat")
+                inPropstat = true, propstat = {};
+            else if (dav && name.local == "error")
+                inResponseError = true;
+            return;
+        }
+        if (response.oversized)
+            return;
+        if (depth == 4) {
+            if (inResponseError)
+                response.errors.push_back(name);
+            else if (inPropstat && dav && name.local == "status")
+                startShort();
+            else if (inPropstat && dav && name.local == "prop")
+                inProp = true;
+            else if (inPropstat && dav && name.local == "error")
+                inPropstatError = true;
+            return;
+        }
+        if (depth == 5) {
+            if (inPropstatError) {
+                response.errors.push_back(name);
+            } else if (inProp) {
+                property = {};
+                property.name = name;
+                propertyDepth = depth;
+            }
+            return;
+        }
+        if (depth == 6 && propertyDepth == 5) {
+            property.children.push_back(name);
+            for (int i = 0; i < attributeCount; ++i) {
+                const xmlChar** a = attributes + 5 * i; // local name, prefix, URI, value, end
+                if (text(a[0]) == "name" && a[2] == nullptr)
+                    property.childNameAttributes.emplace_back(reinterpret_cast<const char*>(a[3]),
+                                                              std::size_t(a[4] - a[3]));
+            }
+            if (dav && name.local == "href") {
+                inPropertyHref = true;
+                propertyHref.clear();
+            }
+        }
+    }
+
+    void characters(std::string_view chunk) {
+        if (inResponse && (responseBytes += chunk.size()) > limits.responseBytes &&
+            !response.oversized)
+            dropResponseParts();
+        if (collectingShort && !shortTooLong) {
+            shortTooLong = shortText.size() + chunk.size() > maxShortText;
+            if (shortTooLong)
+                shortText.clear();
+            else
+                shortText.append(chunk);
+        }
+        if (propertyDepth != 0 && !response.oversized) {
+            property.text.append(chunk);
+            if (inPropertyHref)
+                propertyHref.append(chunk);
+        }
+    }
+
+    void end(const XmlName& name) {
+        const int at = depth--;
+        const bool dav = name.ns == davNs;
+        const bool shortEnds = collectingShort && dav;
+        if (at == 2 && inResponse && dav && name.local == "response") {
+            inResponse = false;
+            handler(std::move(response));
+            response = {};
+        } else if (at == 2 && shortEnds && name.local == "sync-token") {
+            syncToken = trimmed(shortText);
+        } else if (at == 3 && inResponse) {
+            if (shortEnds && name.local == "href" && response.href.empty())
+                response.href = trimmed(shortText);
+            else if (shortEnds && name.local == "status")
+                response.status = statusCodeOf(trimmed(shortText));
+            else if (dav && name.local == "propstat" && inPropstat) {
+                inPropstat = false;
+                if (!response.oversized)
+                    response.propstats.push_back(std::move(propstat));
+                propstat = {};
+            } else if (dav && name.local == "error")
+                inResponseError = false;
+        } else if (at == 4 && inPropstat) {
+            if (shortEnds && name.local == "status")
+                propstat.status = statusCodeOf(trimmed(shortText));
+            else if (dav && name.local == "prop")
+                inProp = false;
+            else if (dav && name.local == "error")
+                inPropstatError = false;
+        } else if (at == 5 && propertyDepth == 5) {
+            propertyDepth = 0;
+            if (!response.oversized)
+                propstat.properties.push_back(std::move(property));
+            property = {};
+        } else if (at == 6 && inPropertyHref) {
+            inPropertyHref = false;
+            property.hrefs.push_back(trimmed(propertyHref));
+        }
+        if (at <= 4)
+            collectingShort = false;
+    }
+};
+
+namespace {
+
+MultistatusReader::State& stateOf(void* ctx) {
+    return *static_cast<MultistatusReader::State*>(ctx);
+}
+
+// Exceptions must not cross libxml2's C frames: the first one stops the parser and is kept.
+template <typename F> void guarded(void* ctx, F f) {
+    auto& s = stateOf(ctx);
+    try {
+        f(s);
+    } catch (...) {
+        if (!s.handlerError)
+            s.handlerError = std::current_exception();
+        xmlStopParser(s.ctxt.get());
+    }
+}
+
+void onStart(void* ctx, const xmlChar* local, const xmlChar*, const xmlChar* uri, int,
+             const xmlChar**, int attributeCount, int, const xmlChar** attributes) {
+    guarded(ctx, [&](MultistatusReader::State& s) {
+        s.start(XmlName{std::string(text(uri)), std::string(text(local))}, attributes,
+                attributeCount);
     });
-    return response;
+}
+
+void onEnd(void* ctx, const xmlChar* local, const xmlChar*, const xmlChar* uri) {
+    guarded(ctx, [&](MultistatusReader::State& s) {
+        s.end(XmlName{std::string(text(uri)), std::string(text(local))});
+    });
+}
+
+void onCharacters(void* ctx, const xmlChar* chars, int length) {
+    guarded(ctx, [&](MultistatusReader::State& s) {
+        s.characters(std::string_view(reinterpret_cast<const char*>(chars), std::size_t(length)));
+    });
+}
+
+// Entities could only come from a DTD; refusing any DTD keeps expansion attacks out.
+void onDtd(void* ctx, const xmlChar*, const xmlChar*, const xmlChar*) {
+    stateOf(ctx).stop("a DTD in a multistatus");
+}
+
+void onEntityDeclaration(void* ctx, const xmlChar*, int, const xmlChar*, const xmlChar*, xmlChar*) {
+    stateOf(ctx).stop("an entity declaration in a multistatus");
+}
+
+xmlEntityPtr noEntity(void*, const xmlChar*) {
+    return nullptr;
+}
+
+void onError(void* ctx, xmlErrorPtr error) {
+    auto& s = stateOf(ctx);
+    if (error == nullptr || error->level < XML_ERR_ERROR || !s.xmlError.empty())
+        return;
+    std::string message = error->message ? error->message : "malformed";
+    while (!message.empty() && (message.back() == '\n' || message.back() == ' '))
+        message.pop_back();
+    s.xmlError = message.empty() ? "malformed" : message;
 }
 
 } // namespace
+
+MultistatusReader::MultistatusReader(Handler handler, MultistatusLimits limits)
+    : state_(std::make_unique<State>()) {
+    hardenOnce();
+    state_->handler = std::move(handler);
+    state_->limits = limits;
+    xmlSAXHandler sax{};
+    sax.initialized = XML_SAX2_MAGIC;
+    sax.startElementNs = onStart;
+    sax.endElementNs = onEnd;
+    sax.characters = onCharacters;
+    sax.cdataBlock = onCharacters;
+    sax.internalSubset = onDtd;
+    sax.externalSubset = onDtd;
+    sax.entityDecl = onEntityDeclaration;
+    sax.getEntity = noEntity;
+    sax.getParameterEntity = noEntity;
+    sax.serror = onError;
+    state_->ctxt.reset(xmlCreatePushParserCtxt(&sax, state_.get(), nullptr, 0, "multistatus.xml"));
+    if (!state_->ctxt)
+        throw CloudError("out of memory");
+    xmlCtxtUseOptions(state_->ctxt.get(), XML_PARSE_NONET | XML_PARSE_NOCDATA);
+}
+
+MultistatusReader::~MultistatusReader() = default;
+
+namespace {
+
+void check(MultistatusReader::State& s, int rc) {
+    if (s.handlerError)
+        std::rethrow_exception(s.handlerError);
+    if (!s.failure.empty())
+        throw UnreadableAnswer("unreadable answer from the server: " + s.failure);
+    if (rc != 0 || !s.ctxt->wellFormed)
+        throw UnreadableAnswer("unreadable answer from the server: not well-formed XML" +
+                               (s.xmlError.empty() ? std::string() : " (" + s.xmlError + ")"));
+}
+
+} // namespace
+
+void MultistatusReader::feed(std::string_view chunk) {
+    check(*state_, 0);
+    // libxml2 takes an int: big chunks go in pieces.
+    constexpr std::size_t piece = std::size_t(1) << 20;
+    for (std::size_t at = 0; at < chunk.size(); at += piece) {
+        std::size_t n = std::min(piece, chunk.size() - at);
+        check(*state_, xmlParseChunk(state_->ctxt.get(), chunk.data() + at, int(n), 0));
+    }
+}
+
+void MultistatusReader::finish() {
+    check(*state_, 0);
+    check(*state_, xmlParseChunk(state_->ctxt.get(), nullptr, 0, 1));
+    if (state_->depth != 0 || state_->ctxt->nameNr != 0)
+        throw UnreadableAnswer("unreadable answer from the server: the document ends early");
+}
+
+const std::string& MultistatusReader::syncToken() const {
+    return state_->syncToken;
+}
+
+std::vector<DavResponse> readMultistatus(std::string_view body) {
+    std::vector<DavResponse> responses;
+    MultistatusReader reader([&](DavResponse&& r) { responses.push_back(std::move(r)); });
+    reader.feed(body);
+    reader.finish();
+    return responses;
+}
 
 int statusCodeOf(std::string_view line) {
     // "HTTP/1.1 200 OK": the number after the first space.
@@ -160,30 +394,6 @@ int DavResponse::effectiveStatus() const {
     for (const auto& p : propstats)
         worst = std::max(worst, p.status);
     return worst;
-}
-
-std::vector<DavResponse> readMultistatus(std::string_view body) {
-    hardenOnce();
-    if (body.size() > std::size_t(INT_MAX))
-        throw CloudError("unreadable answer from the server: too large");
-    xmlResetLastError();
-    const int options =
-        XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NOCDATA;
-    DocPtr doc(xmlReadMemory(body.data(), int(body.size()), "multistatus.xml", nullptr, options));
-    if (!doc)
-        failXml("not well-formed XML");
-    // Entities could only come from a DTD; refusing any DTD keeps expansion attacks out.
-    if (doc->intSubset != nullptr || doc->extSubset != nullptr)
-        throw CloudError("unreadable answer from the server: a DTD in a multistatus");
-    const xmlNode* root = xmlDocGetRootElement(doc.get());
-    if (root == nullptr || !is(root, davNs, "multistatus"))
-        throw CloudError("unreadable answer from the server: not a WebDAV multistatus");
-    std::vector<DavResponse> responses;
-    forChildren(root, [&](const xmlNode* child) {
-        if (is(child, davNs, "response"))
-            responses.push_back(readResponse(child));
-    });
-    return responses;
 }
 
 } // namespace almanor::caldav

@@ -1,0 +1,163 @@
+// The adapter against a scripted server that trickles, sends too much, or keeps the calendars
+// on other hosts.
+#include "CalDavServers.h"
+#include "cloud/caldav/CalDavService.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <thread>
+
+namespace almanor::test {
+namespace {
+
+using caldav::CalDavService;
+using namespace std::chrono_literals;
+
+std::shared_ptr<CalDavService> over(const std::string& url, caldav::Limits limits = {}) {
+    return std::make_shared<CalDavService>(
+        url, ScriptedDavServer::user, [] { return std::string(ScriptedDavServer::password); },
+        limits);
+}
+
+CloudRecord record(const std::string& name) {
+    CloudRecord r;
+    r.recordType = "CD_Event";
+    r.recordId = RecordId{name, "com.vostrel.almanor.zone"};
+    r.fields["CD_name"] = std::string("Trip");
+    r.fields["CD_date"] = Instant{std::chrono::sys_days{std::chrono::year{2027} / 3 / 14}};
+    return r;
+}
+
+std::string failureOf(const std::function<void()>& call) {
+    try {
+        call();
+    } catch (const CloudError& e) {
+        return e.what();
+    }
+    return "no failure";
+}
+
+std::size_t countWith(const std::vector<std::string>& lines, const std::string& part) {
+    return std::size_t(std::count_if(lines.begin(), lines.end(), [&](const std::string& l) {
+        return l.find(part) != std::string::npos;
+    }));
+}
+
+TEST(HostileServer, ATricklingServerCostsOneDeadlinePerPass) {
+    ScriptedDavServer server;
+    server.setFault("fault=trickle every=0.4");
+    // One byte every 0.4 s never trips the 2 s stall; the deadline ends the request.
+    auto service = over(server.url(), {2s, 2s, 3s, 1s});
+    const std::string first = failureOf([&] { service->discoverHome(); });
+    EXPECT_NE(first.find("127.0.0.1:" + std::to_string(server.port())), std::string::npos) << first;
+    EXPECT_NE(first.find("did not finish its answer within 3 s"), std::string::npos) << first;
+    // The rest of the pass, and the push that follows at once, give up without asking again.
+    EXPECT_NE(failureOf([&] { service->saveRecord(record("a")); }), "no failure");
+    EXPECT_NE(failureOf([&] { service->fetchAllZones(); }), "no failure");
+    service->flushUnsent();
+    service->modifyRecords({record("b")}, ModifyOptions{});
+    service->waitForBackgroundWork();
+    EXPECT_EQ(service->unsentRecords().size(), 1u);
+    EXPECT_EQ(server.requests().size(), 1u);
+    // A later pass asks again, once.
+    std::this_thread::sleep_for(1100ms);
+    service->flushUnsent();
+    service->waitForBackgroundWork();
+    EXPECT_EQ(server.requests().size(), 2u);
+    EXPECT_EQ(service->unsentRecords().size(), 1u);
+}
+
+TEST(HostileServer, AnAnswerPastTheCapIsRefusedInOneLine) {
+    ScriptedDavServer server;
+    caldav::Limits small;
+    small.answerBytes = 1 << 20;
+    auto service = over(server.url(), small);
+    service->discoverHome();
+    service->saveZone("com.vostrel.almanor.zone");
+    service->saveRecord(record("a"));
+    server.setFault("fault=big method=REPORT size=3000000");
+    const std::string why =
+        failureOf([&] { service->performQuery("CD_Event", "com.vostrel.almanor.zone"); });
+    EXPECT_NE(why.find("larger than 1 MiB; refused"), std::string::npos) << why;
+    EXPECT_EQ(why.find('\n'), std::string::npos);
+    // Just below the cap the same answer is read.
+    server.setFault("fault=big method=REPORT size=1000000");
+    EXPECT_TRUE(service->performQuery("CD_Event", "com.vostrel.almanor.zone").empty());
+}
+
+TEST(HostileServer, HtmlWhereAMultistatusShouldBeIsOneClearError) {
+    ScriptedDavServer server;
+    auto service = over(server.url());
+    service->saveZone("com.vostrel.almanor.zone");
+    service->saveRecord(record("a"));
+    server.setFault("fault=html207 method=REPORT");
+    const std::string why =
+        failureOf([&] { service->performQuery("CD_Event", "com.vostrel.almanor.zone"); });
+    EXPECT_NE(why.find("unreadable answer"), std::string::npos) << why;
+    server.setFault("fault=html method=REPORT");
+    const std::string plain =
+        failureOf([&] { service->performQuery("CD_Event", "com.vostrel.almanor.zone"); });
+    EXPECT_NE(plain.find("answered 200"), std::string::npos) << plain;
+    server.setFault("fault=pass");
+    EXPECT_EQ(service->performQuery("CD_Event", "com.vostrel.almanor.zone").size(), 1u);
+}
+
+TEST(HostileServer, ACalendarHomeOnASecondServerGetsTheCredentials) {
+    ScriptedDavServer second;
+    ScriptedDavServer first({"--home", second.url() + "calendars/alice/"});
+    auto service = over(first.url());
+    EXPECT_EQ(service->discoverHome(), second.url() + "calendars/alice/");
+    EXPECT_EQ(service->trustedOrigins(),
+              std::vector<std::string>{"http://127.0.0.1:" + std::to_string(second.port())});
+    service->saveZone("com.vostrel.almanor.zone");
+    service->saveRecord(record("on-the-second"));
+    EXPECT_EQ(service->performQuery("CD_Event", "com.vostrel.almanor.zone").size(), 1u);
+    const auto seen = second.requests();
+    EXPECT_EQ(countWith(seen, " alice"), seen.size());
+    EXPECT_EQ(countWith(seen, "PUT "), 1u);
+
+    // Remembered with the account, the origin is trusted before any discovery.
+    auto later = over(first.url());
+    later->trustOrigins(service->trustedOrigins());
+    EXPECT_EQ(later->trustedOrigins(), service->trustedOrigins());
+}
+
+TEST(HostileServer, OriginsNamedByOthersOrReachedByRedirectGetNoCredentials) {
+    // The configured server names a principal on a second host, which names a home on a third:
+    // only what the configured server named is trusted.
+    ScriptedDavServer third;
+    ScriptedDavServer second({"--home", third.url() + "calendars/alice/"});
+    ScriptedDavServer first({"--principal", second.url() + "principals/alice/"});
+    auto service = over(first.url());
+    EXPECT_EQ(service->discoverHome(), third.url() + "calendars/alice/");
+    EXPECT_NE(failureOf([&] { service->saveZone("com.vostrel.almanor.zone"); }), "no failure");
+    EXPECT_EQ(countWith(second.requests(), " alice"), second.requests().size());
+    EXPECT_FALSE(third.requests().empty());
+    EXPECT_EQ(countWith(third.requests(), " alice"), 0u);
+
+    // A redirect to another origin is followed without the credentials.
+    ScriptedDavServer elsewhere;
+    ScriptedDavServer moved;
+    moved.setFault("fault=redirect to=" + elsewhere.url());
+    const std::string why = failureOf([&] { over(moved.url())->discoverHome(); });
+    EXPECT_NE(why.find("refused the user name or password"), std::string::npos) << why;
+    EXPECT_FALSE(elsewhere.requests().empty());
+    EXPECT_EQ(countWith(elsewhere.requests(), " alice"), 0u);
+}
+
+TEST(HostileServer, APasswordSourceIsAskedOncePerServiceEvenWhenItFails) {
+    ScriptedDavServer server;
+    int asked = 0;
+    CalDavService service(server.url(), "alice", [&]() -> std::string {
+        ++asked;
+        throw CloudError("the password command did not finish within 30 s");
+    });
+    EXPECT_EQ(failureOf([&] { service.accountStatus(); }),
+              "the password command did not finish within 30 s");
+    EXPECT_EQ(failureOf([&] { service.discoverHome(); }),
+              "the password command did not finish within 30 s");
+    EXPECT_EQ(asked, 1);
+}
+
+} // namespace
+} // namespace almanor::test

@@ -1,0 +1,447 @@
+#!/usr/bin/python3
+"""A small CalDAV server in memory for tests, which misbehaves on demand.
+
+Usage: scripted_dav.py (--port N | --port-file FILE) --control FILE [--user U --password P]
+                       [--principal URL] [--home URL] [--no-sync-collection] [--log FILE]
+
+It listens on 127.0.0.1, on --port or on a free port that it writes to --port-file. It holds one user's
+calendars: principal /principals/U/, calendar home /calendars/U/ (or --home, a URL that may name
+another server: the principal then sends clients there). Every request needs Basic credentials
+U:P (--principal names the principal elsewhere the same way). It answers PROPFIND (current-user-principal, calendar-home-set, resourcetype, displayname,
+getetag, getctag, sync-token), MKCALENDAR, PUT and DELETE with If-Match / If-None-Match, GET, and
+REPORT calendar-query, calendar-multiget and, unless --no-sync-collection, sync-collection.
+
+Before each request it reads the control file, words of the form key=value:
+  fault=pass | trickle | hang | html | html207 | junk-elements | junk-responses | junk-text |
+        junk-tag | big | redirect
+  method=M   only requests with this method get the fault (default: every request)
+  every=S    trickle: one byte every S seconds (default 1)
+  size=N     junk and big: bytes in the answer (default 200000000)
+  to=URL     redirect: where a 301 sends the client
+Each request is appended to --log as "METHOD PATH AUTH" (AUTH: the user name sent, or "-").
+"""
+import argparse
+import base64
+import hashlib
+import http.server
+import os
+import socketserver
+import sys
+import threading
+import time
+import urllib.parse
+import xml.etree.ElementTree as ET
+
+D = "DAV:"
+C = "urn:ietf:params:xml:ns:caldav"
+CS = "http://calendarserver.org/ns/"
+NS = f'xmlns:d="{D}" xmlns:c="{C}" xmlns:cs="{CS}"'
+
+
+def esc(text):
+    return text.replace("&", "&amp;").replace("<", "&lt;").replace(">", "&gt;")
+
+
+class Store:
+    def __init__(self):
+        self.lock = threading.Lock()
+        self.collections = {}  # path -> {"name": displayname, "resources": {name: (etag, body)}}
+        self.seq = 0
+        self.changes = []  # (seq, collection path, resource name)
+
+    def bump(self, collection, name):
+        self.seq += 1
+        self.changes.append((self.seq, collection, name))
+
+    def ctag(self, collection):
+        seqs = [s for s, c, _ in self.changes if c == collection]
+        return str(max(seqs) if seqs else 0)
+
+
+class Handler(http.server.BaseHTTPRequestHandler):
+    protocol_version = "HTTP/1.1"
+    server_version = "ScriptedDav"
+
+    def log_message(self, *args):
+        pass
+
+    # -- plumbing -------------------------------------------------------------------------------
+    def control(self):
+        words = {"fault": "pass", "method": None, "every": "1", "size": "200000000", "to": "/"}
+        try:
+            with open(self.server.control_file, encoding="utf-8") as f:
+                for word in f.read().split():
+                    key, _, value = word.partition("=")
+                    words[key] = value
+        except OSError:
+            pass
+        if words["method"] and words["method"] != self.command:
+            words["fault"] = "pass"
+        return words
+
+    def user_sent(self):
+        header = self.headers.get("Authorization", "")
+        if not header.startswith("Basic "):
+            return None
+        try:
+            user, _, password = base64.b64decode(header[6:]).decode().partition(":")
+        except (ValueError, UnicodeDecodeError):
+            return None
+        return user, password
+
+    def send(self, status, body=b"", content_type="application/xml; charset=utf-8", headers=None):
+        if isinstance(body, str):
+            body = body.encode()
+        self.send_response(status)
+        self.send_header("Content-Type", content_type)
+        self.send_header("Content-Length", str(len(body)))
+        for k, v in (headers or {}).items():
+            self.send_header(k, v)
+        self.end_headers()
+        if self.command != "HEAD":
+            self.wfile.write(body)
+
+    def multistatus(self, parts, token=None):
+        extra = f"<d:sync-token>{esc(token)}</d:sync-token>" if token is not None else ""
+        self.send(207, f'<?xml version="1.0" encoding="utf-8"?><d:multistatus {NS}>'
+                  + "".join(parts) + extra + "</d:multistatus>")
+
+    @staticmethod
+    def response(href, props=None, status=None):
+        if status is not None:
+            return f"<d:response><d:href>{esc(href)}</d:href><d:status>HTTP/1.1 {status}</d:status></d:response>"
+        found = "".join(f"{v}" for v in props.values() if v is not None)
+        missing = "".join(f"<{k}/>" for k, v in props.items() if v is None)
+        out = f"<d:response><d:href>{esc(href)}</d:href>"
+        if found:
+            out += f"<d:propstat><d:prop>{found}</d:prop><d:status>HTTP/1.1 200 OK</d:status></d:propstat>"
+        if missing:
+            out += f"<d:propstat><d:prop>{missing}</d:prop><d:status>HTTP/1.1 404 Not Found</d:status></d:propstat>"
+        return out + "</d:response>"
+
+    # -- faults ---------------------------------------------------------------------------------
+    def stream(self, status, head, unit, tail, size):
+        self.send_response(status)
+        self.send_header("Content-Type", "application/xml; charset=utf-8")
+        total = len(head) + len(tail) + (size // len(unit)) * len(unit)
+        self.send_header("Content-Length", str(total))
+        self.end_headers()
+        self.wfile.write(head)
+        block = unit * max(1, 65536 // len(unit))
+        left = size // len(unit) * len(unit)
+        try:
+            while left > 0:
+                piece = block[:left]
+                self.wfile.write(piece)
+                left -= len(piece)
+            self.wfile.write(tail)
+        except OSError:
+            pass
+        self.close_connection = True
+
+    def fault(self, words):
+        fault = words["fault"]
+        size = int(words["size"])
+        ms = b'<?xml version="1.0"?><d:multistatus xmlns:d="DAV:">'
+        if fault == "hang":
+            time.sleep(3600)
+            return True
+        if fault == "trickle":
+            every = float(words["every"])
+            self.send_response(207)
+            self.send_header("Content-Type", "application/xml; charset=utf-8")
+            self.send_header("Content-Length", "100000")
+            self.end_headers()
+            try:
+                for byte in (ms * 2000)[:100000]:
+                    self.wfile.write(bytes([byte]))
+                    self.wfile.flush()
+                    time.sleep(every)
+            except OSError:
+                pass
+            self.close_connection = True
+            return True
+        if fault == "redirect":
+            self.send(301, "", headers={"Location": words["to"]})
+            return True
+        if fault == "html":
+            self.send(200, "<!DOCTYPE html><html><body><h1>Sign in to the network</h1></body></html>",
+                      "text/html; charset=utf-8")
+            return True
+        if fault == "html207":
+            self.send(207, "<!DOCTYPE html><html><body><h1>Sign in</h1></body></html>",
+                      "text/html; charset=utf-8")
+            return True
+        if fault == "junk-elements":
+            self.stream(207, ms + b"<d:response><d:href>/</d:href><d:propstat><d:prop>"
+                        b"<d:current-user-principal>", b"<a/>", b"", size)
+            return True
+        if fault == "junk-responses":
+            self.stream(207, ms, b"<d:response><d:href>/x</d:href></d:response>", b"</d:multistatus>", size)
+            return True
+        if fault == "junk-text":
+            self.stream(207, ms + b"<d:response><d:href>", b"a", b"", size)
+            return True
+        if fault == "junk-tag":
+            self.stream(207, ms + b"<d:response a0=''", b" a=''", b"", size)
+            return True
+        if fault == "big":
+            self.stream(207, ms, b" ", b"</d:multistatus>", size)
+            return True
+        return False
+
+    # -- requests -------------------------------------------------------------------------------
+    def handle_any(self):
+        length = int(self.headers.get("Content-Length") or 0)
+        body = self.rfile.read(length) if length else b""
+        sent = self.user_sent()
+        with open(self.server.log_file, "a", encoding="utf-8") as f:
+            f.write(f"{self.command} {self.path} {sent[0] if sent else '-'}\n")
+        if self.fault(self.control()):
+            return
+        if sent != (self.server.user, self.server.password):
+            self.send(401, "", headers={"WWW-Authenticate": 'Basic realm="test"'})
+            return
+        path = urllib.parse.unquote(urllib.parse.urlsplit(self.path).path)
+        getattr(self, "do_dav_" + self.command, self.not_allowed)(path, body)
+
+    def not_allowed(self, path, body):
+        self.send(405)
+
+    def principal(self):
+        return self.server.principal or f"/principals/{self.server.user}/"
+
+    def home(self):
+        return self.server.home or f"/calendars/{self.server.user}/"
+
+    def home_path(self):
+        return urllib.parse.urlsplit(self.home()).path
+
+    def split(self, path):
+        """(collection path, resource name) for a resource; (collection path, None) for one."""
+        if path.endswith("/"):
+            return path, None
+        parent, _, name = path.rpartition("/")
+        return parent + "/", name
+
+    def requested(self, body):
+        try:
+            root = ET.fromstring(body) if body else None
+        except ET.ParseError:
+            return None
+        return root
+
+    def do_dav_PROPFIND(self, path, body):
+        depth = self.headers.get("Depth", "1")
+        store = self.server.store
+        if path in ("/", "/.well-known/caldav", urllib.parse.urlsplit(self.principal()).path):
+            self.multistatus([self.response(self.path, {
+                "cup": f"<d:current-user-principal><d:href>{esc(self.principal())}</d:href></d:current-user-principal>",
+                "home": f"<c:calendar-home-set><d:href>{esc(self.home())}</d:href></c:calendar-home-set>",
+            })])
+            return
+        with store.lock:
+            if path == self.home_path():
+                parts = [self.response(path, {"t": "<d:resourcetype><d:collection/></d:resourcetype>"})]
+                if depth != "0":
+                    for cpath, col in store.collections.items():
+                        parts.append(self.response(cpath, self.collection_props(cpath, col)))
+                self.multistatus(parts)
+                return
+            collection, name = self.split(path)
+            col = store.collections.get(collection)
+            if col is None or (name is not None and name not in col["resources"]):
+                self.send(404)
+                return
+            if name is not None:
+                etag = col["resources"][name][0]
+                self.multistatus([self.response(path, {"e": f"<d:getetag>{esc(etag)}</d:getetag>"})])
+                return
+            parts = [self.response(collection, self.collection_props(collection, col))]
+            if depth != "0":
+                for rname, (etag, _) in col["resources"].items():
+                    parts.append(self.response(collection + urllib.parse.quote(rname), {
+                        "t": "<d:resourcetype/>", "e": f"<d:getetag>{esc(etag)}</d:getetag>"}))
+            self.multistatus(parts)
+
+    def collection_props(self, cpath, col):
+        store = self.server.store
+        props = {
+            "t": "<d:resourcetype><d:collection/><c:calendar/></d:resourcetype>",
+            "n": f"<d:displayname>{esc(col['name'])}</d:displayname>",
+            "g": f"<cs:getctag>\"{store.ctag(cpath)}\"</cs:getctag>",
+        }
+        if self.server.sync_collection:
+            props["s"] = f"<d:sync-token>{self.token(store.seq)}</d:sync-token>"
+        return props
+
+    def token(self, seq):
+        return f"http://scripted/sync/{seq}"
+
+    def do_dav_MKCALENDAR(self, path, body):
+        store = self.server.store
+        if not path.startswith(self.home_path()) or not path.endswith("/"):
+            self.send(403)
+            return
+        with store.lock:
+            if path in store.collections:
+                self.send(405)
+                return
+            store.collections[path] = {"name": path.rstrip("/").rpartition("/")[2], "resources": {}}
+        self.send(201)
+
+    def do_dav_PUT(self, path, body):
+        store = self.server.store
+        collection, name = self.split(path)
+        with store.lock:
+            col = store.collections.get(collection)
+            if col is None or name is None:
+                self.send(409)
+                return
+            current = col["resources"].get(name)
+            if self.headers.get("If-None-Match") == "*" and current is not None:
+                self.send(412)
+                return
+            match = self.headers.get("If-Match")
+            if match is not None and (current is None or (match != "*" and match != current[0])):
+                self.send(412)
+                return
+            if b"BEGIN:VCALENDAR" not in body:
+                self.send(400)
+                return
+            etag = '"' + hashlib.sha1(body + str(store.seq).encode()).hexdigest()[:16] + '"'
+            col["resources"][name] = (etag, body.decode())
+            store.bump(collection, name)
+        self.send(201 if current is None else 204, headers={"ETag": etag})
+
+    def do_dav_DELETE(self, path, body):
+        store = self.server.store
+        collection, name = self.split(path)
+        with store.lock:
+            col = store.collections.get(collection)
+            if col is None:
+                self.send(404)
+                return
+            if name is None:
+                del store.collections[collection]
+                self.send(204)
+                return
+            current = col["resources"].get(name)
+            if current is None:
+                self.send(404)
+                return
+            match = self.headers.get("If-Match")
+            if match is not None and match != "*" and match != current[0]:
+                self.send(412)
+                return
+            del col["resources"][name]
+            store.bump(collection, name)
+        self.send(204)
+
+    def do_dav_GET(self, path, body):
+        store = self.server.store
+        collection, name = self.split(path)
+        with store.lock:
+            col = store.collections.get(collection)
+            current = col["resources"].get(name) if col and name else None
+        if current is None:
+            self.send(404, "not found", "text/plain")
+            return
+        self.send(200, current[1], "text/calendar; charset=utf-8", {"ETag": current[0]})
+
+    def do_dav_REPORT(self, path, body):
+        store = self.server.store
+        root = self.requested(body)
+        if root is None:
+            self.send(400)
+            return
+        collection = path if path.endswith("/") else path + "/"
+        with store.lock:
+            col = store.collections.get(collection)
+            if col is None:
+                self.send(404)
+                return
+            kind = root.tag
+
+            def entry(name, with_data=True):
+                etag, data = col["resources"][name]
+                props = {"e": f"<d:getetag>{esc(etag)}</d:getetag>"}
+                if with_data:
+                    props["c"] = f"<c:calendar-data>{esc(data)}</c:calendar-data>"
+                return self.response(collection + urllib.parse.quote(name), props)
+
+            wants_data = root.find(f".//{{{C}}}calendar-data") is not None
+            if kind == f"{{{C}}}calendar-query":
+                self.multistatus([entry(n, wants_data) for n in col["resources"]])
+            elif kind == f"{{{C}}}calendar-multiget":
+                parts = []
+                for href in root.iter(f"{{{D}}}href"):
+                    name = urllib.parse.unquote(urllib.parse.urlsplit(href.text.strip()).path).rpartition("/")[2]
+                    if name in col["resources"]:
+                        parts.append(entry(name, wants_data))
+                    else:
+                        parts.append(self.response(href.text.strip(), status="404 Not Found"))
+                self.multistatus(parts)
+            elif kind == f"{{{D}}}sync-collection" and self.server.sync_collection:
+                token = (root.findtext(f"{{{D}}}sync-token") or "").strip()
+                since = 0
+                if token:
+                    prefix = self.token("")
+                    if not token.startswith(prefix) or not token[len(prefix):].isdigit() \
+                            or int(token[len(prefix):]) > store.seq:
+                        self.send(403, f'<d:error {NS}><d:valid-sync-token/></d:error>')
+                        return
+                    since = int(token[len(prefix):])
+                changed = []
+                for seq, c, name in store.changes:
+                    if c == collection and seq > since and name not in changed:
+                        changed.append(name)
+                parts = []
+                for name in (changed if since else list(col["resources"])):
+                    if name in col["resources"]:
+                        parts.append(entry(name, wants_data))
+                    else:
+                        parts.append(self.response(collection + urllib.parse.quote(name),
+                                                   status="404 Not Found"))
+                self.multistatus(parts, token=self.token(store.seq))
+            else:
+                self.send(403, f'<d:error {NS}><d:supported-report/></d:error>')
+
+    do_PROPFIND = do_MKCALENDAR = do_PUT = do_DELETE = do_GET = do_REPORT = handle_any
+    do_OPTIONS = do_HEAD = do_POST = handle_any
+
+
+class Server(socketserver.ThreadingMixIn, http.server.HTTPServer):
+    daemon_threads = True
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--port", type=int, default=0)
+    parser.add_argument("--port-file")
+    parser.add_argument("--control", required=True)
+    parser.add_argument("--log")
+    parser.add_argument("--user", default="alice")
+    parser.add_argument("--password", default="s3cret")
+    parser.add_argument("--principal")
+    parser.add_argument("--home")
+    parser.add_argument("--no-sync-collection", action="store_true")
+    args = parser.parse_args()
+    server = Server(("127.0.0.1", args.port), Handler)
+    server.store = Store()
+    server.control_file = args.control
+    server.log_file = args.log or args.control + ".log"
+    server.user, server.password = args.user, args.password
+    server.principal = args.principal
+    server.home = args.home
+    server.sync_collection = not args.no_sync_collection
+    if args.port_file:
+        tmp = args.port_file + ".tmp"
+        with open(tmp, "w", encoding="utf-8") as f:
+            f.write(str(server.server_address[1]))
+        os.replace(tmp, args.port_file)
+    server.serve_forever()
+
+
+if __name__ == "__main__":
+    sys.exit(main())
