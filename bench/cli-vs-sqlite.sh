@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
-# Times `almanor status` and `almanor events list --json` as whole processes over a store of
-# 10,000 events, against the floor of the sqlite3 shell reading the same rows in the same order,
-# and prints the ratios. Usage: bench/cli-vs-sqlite.sh [path/to/almanor]
+# Times `almanor status` and `almanor events list --json` as whole processes against the floor of
+# the sqlite3 shell reading the same rows in the same order: over 20 events (a status bar's
+# everyday store) and over 10,000. The commands alternate, a few runs each, round after round, so
+# that every one sees the same machine. Prints the ratios and the goals.
+# Usage: bench/cli-vs-sqlite.sh [path/to/almanor]   (ROUNDS=N, RUNS=N per round)
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 "$root/scripts/deps.sh"
@@ -15,14 +17,17 @@ fi
 
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
-export HOME="$work" XDG_DATA_HOME="$work/data" XDG_CONFIG_HOME="$work/config" TZ="${TZ:-Europe/Prague}"
-db="$XDG_DATA_HOME/Almanor/EventsV1.db"
-mkdir -p "$(dirname "$db")" "$XDG_CONFIG_HOME/Almanor"
+export HOME="$work" TZ="${TZ:-Europe/Prague}"
+floor_query='SELECT * FROM "events" WHERE ("deleted" IS NULL) ORDER BY "date", "name"'
 
-# 10,000 events: every schedule and count method, dates from 1990 to 2030, a third with aliases.
-sqlite3 "$db" <<'SQL'
+# A store of N events: every schedule and count method, dates from 1990 to 2030, a third with
+# aliases; shown in "next upcoming" mode.
+make_store() {
+  local n=$1 dir="$work/$1"
+  mkdir -p "$dir/data/Almanor" "$dir/config/Almanor"
+  sqlite3 "$dir/data/Almanor/EventsV1.db" <<SQL
 CREATE TABLE IF NOT EXISTS "events" ("id" TEXT PRIMARY KEY NOT NULL, "name" TEXT NOT NULL, "alias" TEXT, "date" TEXT NOT NULL, "schedule" INTEGER NOT NULL, "method" INTEGER NOT NULL, "created" TEXT NOT NULL, "updated" TEXT NOT NULL, "deleted" TEXT, "sync_id" TEXT, "sync_date" TEXT, "sync_dirty" INTEGER NOT NULL DEFAULT 0, "sync_deleted" INTEGER NOT NULL DEFAULT 0);
-WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < 9999)
+WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < $((n - 1)))
 INSERT INTO "events" ("id", "name", "alias", "date", "schedule", "method", "created", "updated")
 SELECT upper(hex(randomblob(4)) || '-' || hex(randomblob(2)) || '-4' || substr(hex(randomblob(2)), 2) || '-a'
              || substr(hex(randomblob(2)), 2) || '-' || hex(randomblob(6))),
@@ -34,27 +39,45 @@ SELECT upper(hex(randomblob(4)) || '-' || hex(randomblob(2)) || '-4' || substr(h
        strftime('%Y-%m-%dT%H:%M:%f', 'now'), strftime('%Y-%m-%dT%H:%M:%f', 'now')
 FROM n;
 SQL
-printf '[com.vostrel.Almanor]\nbuildVersion=1\nselectedEvent=C72773F5-D96E-478B-92FE-5BB5DDD62102\n' \
-  > "$XDG_CONFIG_HOME/Almanor/settings.ini"
+  printf '[com.vostrel.Almanor]\nbuildVersion=1\nselectedEvent=C72773F5-D96E-478B-92FE-5BB5DDD62102\n' \
+    > "$dir/config/Almanor/settings.ini"
+}
+make_store 20
+make_store 10000
 
-floor_query='SELECT * FROM "events" WHERE ("deleted" IS NULL) ORDER BY "date", "name"'
-csv="$work/times.csv"
-hyperfine -N --warmup 5 --runs "${RUNS:-40}" --style none --export-csv "$csv" \
-  -n sqlite3 "sqlite3 $db '$floor_query'" \
-  -n status-next "$almanor status" \
-  -n list-json "$almanor events list --json" >/dev/null
+# name|store|command, run in this order in every round.
+commands=(
+  "sqlite3-20|20|sqlite3 $work/20/data/Almanor/EventsV1.db '$floor_query'"
+  "status-20|20|$almanor status"
+  "sqlite3-10000|10000|sqlite3 $work/10000/data/Almanor/EventsV1.db '$floor_query'"
+  "status-10000|10000|$almanor status"
+  "list-json-10000|10000|$almanor events list --json"
+)
+for round in $(seq "${ROUNDS:-8}"); do
+  for entry in "${commands[@]}"; do
+    IFS='|' read -r name store command <<<"$entry"
+    XDG_DATA_HOME="$work/$store/data" XDG_CONFIG_HOME="$work/$store/config" \
+      hyperfine -N --warmup 2 --runs "${RUNS:-5}" --style none --export-json "$work/$name.$round.json" \
+      "$command" >/dev/null 2>>"$work/hyperfine.log" || { cat "$work/hyperfine.log" >&2; exit 1; }
+  done
+done
 
-# Also the fixed mode: one event shown, the list still read in full.
-first_id="$(sqlite3 "$db" 'SELECT "id" FROM "events" ORDER BY "date", "name" LIMIT 1')"
-"$almanor" select "$first_id" >/dev/null
-hyperfine -N --warmup 5 --runs "${RUNS:-40}" --style none --export-csv "$work/fixed.csv" \
-  -n status-fixed "$almanor status" >/dev/null
-tail -n +2 "$work/fixed.csv" >> "$csv"
-
-awk -F, 'NR > 1 { mean[$1] = $2 * 1000; order[n++] = $1 }
-  END {
-    base = mean["sqlite3"]
-    printf "%-14s %10s %8s\n", "command", "mean ms", "ratio"
-    for (i = 0; i < n; i++) printf "%-14s %10.2f %8.2f\n", order[i], mean[order[i]], mean[order[i]] / base
-    printf "\n10,000 events, TZ=%s. Targets: status <= 1.00 x sqlite3, events list --json <= 2.00 x sqlite3.\n", ENVIRON["TZ"]
-  }' "$csv"
+/usr/bin/python3 - "$work" <<'PY'
+import glob, json, os, statistics, sys
+work = sys.argv[1]
+times = {}
+for path in glob.glob(os.path.join(work, "*.json")):
+    name = os.path.basename(path).split(".")[0]
+    times.setdefault(name, []).extend(json.load(open(path))["results"][0]["times"])
+med = {name: statistics.median(t) * 1000 for name, t in times.items()}
+print("%-16s %9s %7s %7s" % ("command", "median ms", "ratio", "goal"))
+for name, floor, goal in (("sqlite3-20", None, None), ("status-20", "sqlite3-20", 1.5),
+                          ("sqlite3-10000", None, None), ("status-10000", "sqlite3-10000", 1.0),
+                          ("list-json-10000", "sqlite3-10000", 2.0)):
+    if floor is None:
+        print("%-16s %9.2f" % (name, med[name]))
+    else:
+        ratio = med[name] / med[floor]
+        print("%-16s %9.2f %7.2f %7s %s" % (name, med[name], ratio, "<= %.1f" % goal, "met" if ratio <= goal else "NOT met"))
+print("\n%d runs of each, alternating by rounds; TZ=%s." % (len(times["status-20"]), os.environ["TZ"]))
+PY

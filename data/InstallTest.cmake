@@ -7,6 +7,8 @@ endif()
 foreach(path
     bin/almanor
     libexec/almanor/almanor-tray
+    libexec/almanor/almanor-window.so
+    libexec/almanor/almanor-caldav.so
     share/applications/com.vostrel.Almanor.desktop
     share/metainfo/com.vostrel.Almanor.metainfo.xml
     share/icons/hicolor/scalable/apps/com.vostrel.Almanor.svg
@@ -15,14 +17,27 @@ foreach(path
     message(FATAL_ERROR "missing after install: ${path}")
   endif()
 endforeach()
-# The installed almanor starts the installed tray (which, without a display, stops at once).
-execute_process(COMMAND env -u DISPLAY -u WAYLAND_DISPLAY ${PREFIX}/bin/almanor
+# The installed almanor starts the installed tray (which, without a session bus, stops at once and
+# touches nothing).
+execute_process(COMMAND env -u DISPLAY -u WAYLAND_DISPLAY -u DBUS_SESSION_BUS_ADDRESS
+                        XDG_RUNTIME_DIR=${PREFIX}/no-runtime HOME=${PREFIX}/home ${PREFIX}/bin/almanor
                 RESULT_VARIABLE result ERROR_VARIABLE err OUTPUT_QUIET TIMEOUT 20)
 if(err MATCHES "not installed" OR err MATCHES "cannot start the tray")
   message(FATAL_ERROR "the installed almanor did not find its tray: ${err}")
 endif()
-if(NOT err MATCHES "display")
-  message(FATAL_ERROR "expected the tray to complain about the missing display, got: ${err}")
+if(NOT err MATCHES "needs a session bus" OR result EQUAL 0)
+  message(FATAL_ERROR "expected the tray to stop for the missing session bus, got ${result}: ${err}")
+endif()
+if(EXISTS ${PREFIX}/home)
+  message(FATAL_ERROR "the tray wrote to the home folder although it could not start")
+endif()
+# The installed almanor finds the installed CalDAV module (logging out without an account loads it
+# and says there is none).
+execute_process(COMMAND env XDG_CONFIG_HOME=${PREFIX}/config XDG_DATA_HOME=${PREFIX}/data
+                        ${PREFIX}/bin/almanor cloud logout
+                RESULT_VARIABLE result ERROR_VARIABLE err OUTPUT_QUIET TIMEOUT 20)
+if(NOT result EQUAL 0 OR NOT err STREQUAL "no cloud account\n")
+  message(FATAL_ERROR "the installed almanor did not load its CalDAV module: ${result}: ${err}")
 endif()
 file(READ ${PREFIX}/share/metainfo/com.vostrel.Almanor.metainfo.xml metainfo)
 if(metainfo MATCHES "@PROJECT_VERSION@")

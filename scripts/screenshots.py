@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """Takes the README's screenshots: a real panel (xfce4-panel with its indicator plugin) on a private
-X server showing Almanor's title, the same with the menu open, and the management window.
+X server showing Almanor's title, the same with the menu open, the management window, and the
+title with the day count drawn as the icon (panelIconShowsCount=true, as on panels without labels).
 
 Usage: scripts/screenshots.py [BUILD_DIR]   (default build/release; PNGs go to docs/screenshots/)"""
 
@@ -77,7 +78,7 @@ def main():
         d.almanor("select", "next")
         d.spawn(["xfce4-panel", "--disable-wm-check"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         time.sleep(2)
-        d.spawn([BUILD + "/almanor"], stdout=subprocess.DEVNULL)
+        tray = d.spawn([BUILD + "/almanor"], stdout=subprocess.DEVNULL)
         d.wait_for(lambda: d.bus_has(desktop.DEST), "the tray")
         time.sleep(3)
         shot("panel.png", "1024x30+0+0")
@@ -96,6 +97,20 @@ def main():
         time.sleep(1)
         shot("window.png", "700x560+0+30")
         print("panel title:", label)
+        # The count as the icon, as panels without labels (KDE Plasma) get it.
+        desktop.click("Quit")
+        tray.wait(10)
+        settings = os.path.join(os.environ["XDG_CONFIG_HOME"], "Almanor", "settings.ini")
+        with open(settings) as f:
+            text = f.read()
+        with open(settings, "w") as f:
+            f.write(text.replace("[com.vostrel.Almanor]\n", "[com.vostrel.Almanor]\npanelIconShowsCount=true\n", 1))
+        d.spawn([BUILD + "/almanor"], stdout=subprocess.DEVNULL)
+        d.wait_for(lambda: d.bus_has(desktop.DEST) and desktop.item_property("IconName") != "com.vostrel.Almanor",
+                   "the count icon")
+        time.sleep(3)
+        shot("panel-count.png", "1024x30+0+0")
+        print("icon:", desktop.item_property("IconName"))
     finally:
         d.close()
 

@@ -25,6 +25,7 @@
 #include <cstdio>
 #include <iostream>
 #include <string>
+#include <string_view>
 
 #ifndef ALMANOR_VERSION
 #error "ALMANOR_VERSION must be defined by the build"
@@ -370,6 +371,21 @@ int status(const Options& o) {
     return exitSuccess;
 }
 
+// Runs a command, turning the outcomes that are not results into their exit status.
+template <class Command> int handled(Command&& command) {
+    try {
+        return command();
+    } catch (const UsageError& e) {
+        std::fprintf(stderr, "almanor: %s\n", e.message.c_str());
+        return exitUsage;
+    } catch (const Store::NotFound& e) {
+        std::fprintf(stderr, "no event with id %s\n", e.id.uuidString().c_str());
+        return exitNoSuchEvent;
+    } catch (const Store::Failed&) {
+        return exitStoreFailed; // one line on standard error has said why
+    }
+}
+
 } // namespace
 
 bool storeIsReadable(Repository& repository) {
@@ -383,6 +399,15 @@ bool storeIsReadable(Repository& repository) {
 int run(int argc, char** argv) {
     // Standard output carries only results; the system's log lines go to standard error.
     Log::toStandardError();
+
+    // Status bars run `almanor status` every few seconds: it is answered without building the
+    // parser of every other command first.
+    if ((argc == 2 || (argc == 3 && std::string_view(argv[2]) == "--json")) &&
+        std::string_view(argv[1]) == "status") {
+        Options o;
+        o.json = argc == 3;
+        return handled([&] { return status(o); });
+    }
 
     CLI::App app{
         "Almanor counts the days until or since your events.\n\n"
@@ -482,7 +507,7 @@ int run(int argc, char** argv) {
         return exitUsage;
     }
 
-    try {
+    return handled([&] {
         if (*list) {
             return listEvents(o);
         }
@@ -515,17 +540,9 @@ int run(int argc, char** argv) {
         if (*syncCommand) {
             return syncNow();
         }
-    } catch (const UsageError& e) {
-        std::fprintf(stderr, "almanor: %s\n", e.message.c_str());
-        return exitUsage;
-    } catch (const Store::NotFound& e) {
-        std::fprintf(stderr, "no event with id %s\n", e.id.uuidString().c_str());
-        return exitNoSuchEvent;
-    } catch (const Store::Failed&) {
-        return exitStoreFailed; // one line on standard error has said why
-    }
-    std::fputs(app.help().c_str(), stdout);
-    return exitSuccess;
+        std::fputs(app.help().c_str(), stdout);
+        return exitSuccess;
+    });
 }
 
 } // namespace almanor::cli

@@ -11,6 +11,7 @@ inline constexpr int exitSuccess = 0;
 inline constexpr int exitNoSuchEvent = 1;
 inline constexpr int exitUsage = 2;
 inline constexpr int exitStoreFailed = 3;
+inline constexpr int exitModuleMissing = 4; // the CalDAV adapter's module could not be loaded
 
 // The check that every command reading the store makes first: false, after one line on standard
 // error naming the file and what to do, when the store cannot be read. Writes nothing.

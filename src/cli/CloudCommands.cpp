@@ -2,9 +2,10 @@
 
 #include "cli/Cli.h"
 #include "cli/JsonText.h"
+#include "cloud/CloudAccount.h"
+#include "cloud/CloudModule.h"
 #include "cloud/RecordMapping.h"
-#include "cloud/caldav/CalDavService.h"
-#include "cloud/caldav/CloudAccount.h"
+#include "platform/Module.h"
 #include "platform/Settings.h"
 #include "platform/UrlText.h"
 #include "platform/UserDefaults.h"
@@ -14,10 +15,7 @@
 #include "sync/CloudSync.h"
 
 #include <cstdio>
-#include <iostream>
 #include <mutex>
-#include <termios.h>
-#include <unistd.h>
 
 namespace almanor::cli {
 
@@ -25,85 +23,33 @@ namespace {
 
 constexpr int exitPending = 1;
 
-// From the terminal without echo, or the first line of standard input when it is no terminal.
-std::string readPassword(const std::string& prompt) {
-    std::string line;
-    if (::isatty(STDIN_FILENO)) {
-        std::fprintf(stderr, "%s", prompt.c_str());
-        termios old{};
-        ::tcgetattr(STDIN_FILENO, &old);
-        termios silent = old;
-        silent.c_lflag &= ~tcflag_t(ECHO);
-        ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
-        std::getline(std::cin, line);
-        ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &old);
-        std::fputc('\n', stderr);
-    } else {
-        std::getline(std::cin, line);
-    }
-    if (!line.empty() && line.back() == '\r')
-        line.pop_back();
-    return line;
-}
+#ifndef ALMANOR_MODULES_RELATIVE
+#define ALMANOR_MODULES_RELATIVE "../libexec/almanor"
+#endif
+// Where an install puts the modules, from the folder of almanor.
+constexpr const char* modulesDir = ALMANOR_MODULES_RELATIVE;
 
 } // namespace
 
-int cloudLogin(const std::string& url, const std::string& userOption,
+int cloudLogin(const std::string& url, const std::string& user,
                const std::string& passwordCommand) {
-    CloudAccount account;
-    account.server = url;
-    account.user = userOption;
-    account.passwordCommand = passwordCommand;
-    if (account.user.empty()) {
-        const char* login = std::getenv("USER");
-        account.user = login ? login : "";
-    }
     try {
-        // A URL that could never be used is refused before the password is asked for.
-        if (url.empty())
-            throw CloudError("no server given");
-        caldav::HttpClient(url, account.user, nullptr);
-        std::string password = passwordCommand.empty()
-                                   ? readPassword("Password for " + account.user + ": ")
-                                   : passwordFromCommand(passwordCommand);
-        if (password.empty())
-            throw CloudError("no password given");
-        // One authenticated discovery checks the URL and the credentials before anything is kept.
-        caldav::CalDavService service(url, account.user, [password] { return password; });
-        if (service.accountStatus() == AccountStatus::noAccount)
-            throw CloudError("no server given");
-        account.home = service.discoverHome();
-        account.origins = service.trustedOrigins();
-        if (passwordCommand.empty())
-            keyring::storePassword(url, account.user, password);
-        account.store(UserDefaults::standard());
-        std::fprintf(stderr, "Logged in as %s; calendars at %s\n", account.user.c_str(),
-                     redactUrl(account.home).c_str());
-        return exitSuccess;
-    } catch (const CloudError& e) {
-        std::fprintf(stderr, "almanor: cloud login failed: %s\n", redactUrls(e.what()).c_str());
-        return exitUsage;
+        return CloudModuleLoader(modulesDir)
+            .module()
+            .login(UserDefaults::standard(), url, user, passwordCommand);
+    } catch (const ModuleError& e) {
+        std::fprintf(stderr, "almanor: %s\n", e.what());
+        return exitModuleMissing;
     }
 }
 
 int cloudLogout() {
-    auto& defaults = UserDefaults::standard();
-    auto account = CloudAccount::load(defaults);
-    if (!account) {
-        std::fprintf(stderr, "no cloud account\n");
-        return exitSuccess;
+    try {
+        return CloudModuleLoader(modulesDir).module().logout(UserDefaults::standard());
+    } catch (const ModuleError& e) {
+        std::fprintf(stderr, "almanor: %s\n", e.what());
+        return exitModuleMissing;
     }
-    int status = exitSuccess;
-    if (account->passwordCommand.empty()) {
-        try {
-            keyring::removePassword(account->server, account->user);
-        } catch (const CloudError& e) {
-            std::fprintf(stderr, "almanor: %s\n", e.what());
-            status = exitPending;
-        }
-    }
-    CloudAccount::forget(defaults);
-    return status;
 }
 
 namespace {
@@ -209,9 +155,8 @@ int syncNow() {
     try {
         LocalSyncLedger ledger(repository.local());
         {
-            CloudSync cloudSync(
-                ledger, [&defaults] { return makeAccountCloudService(defaults); }, defaults,
-                SystemClock::shared(), syncLockFile(repository.local()));
+            CloudSync cloudSync(ledger, accountCloudServiceProvider(defaults, modulesDir), defaults,
+                                SystemClock::shared(), syncLockFile(repository.local()));
             cloudSync.populateFromCloud();
             result = cloudSync.waitForSync();
         }

@@ -37,6 +37,12 @@ void CloudRepositoryFactory::giveUp() {
     gaveUp_ = true;
 }
 
+void CloudRepositoryFactory::reset() {
+    std::lock_guard lock(mutex_);
+    repository_.reset();
+    gaveUp_ = false;
+}
+
 void CloudRepositoryFactory::networkCameBack() {
     std::lock_guard lock(mutex_);
     gaveUp_ = false;

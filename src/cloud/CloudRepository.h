@@ -42,6 +42,9 @@ class CloudRepositoryFactory {
     void giveUp();
     // Clears the gave-up flag, so the next get() asks the cloud again.
     void networkCameBack();
+    // Forgets the repository and the gave-up flag: the next get() makes one afresh (another
+    // account). A pass under way keeps the one it has.
+    void reset();
 
   private:
     std::shared_ptr<CloudRepository> create();

@@ -405,6 +405,16 @@ void UserDefaults::remove(std::string_view key) {
 }
 
 void UserDefaults::write(std::string_view key, std::optional<std::string> text) {
+    // Writing the value the file holds already changes nothing: the lock and the reread are
+    // spared (the command line writes the selection back on every run).
+    if (text) {
+        auto snapshot = current();
+        std::string k(key);
+        GString_ old(g_key_file_get_value(snapshot->keys.get(), group, k.c_str(), nullptr));
+        if (old && *text == old.get()) {
+            return;
+        }
+    }
     std::error_code ec;
     std::filesystem::create_directories(file_.parent_path(), ec);
     if (ec) {

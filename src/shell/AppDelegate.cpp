@@ -56,6 +56,21 @@ Uuid representedId(const MenuItem& item) {
 
 struct AppDelegate::Impl {
     std::optional<std::int64_t> dataVersion;
+    // The store as read once for a title and the submenu that follows it (see OneReading).
+    std::optional<std::vector<EventPtr>> reading;
+
+    // The title and the submenu of one pass show the same list, and a large store is read once.
+    struct OneReading {
+        OneReading(Impl& impl, Repository& repository) : impl_(impl) {
+            impl_.reading = repository.fetchAll();
+        }
+        ~OneReading() { impl_.reading.reset(); }
+        OneReading(const OneReading&) = delete;
+        OneReading& operator=(const OneReading&) = delete;
+
+      private:
+        Impl& impl_;
+    };
 
     // Whether another process committed to the store since the last look; a store that cannot be
     // asked counts as changed, so a change is never missed.
@@ -74,8 +89,7 @@ struct AppDelegate::Impl {
 
 AppDelegate::AppDelegate(Services services)
     : s_(std::move(services)), settings_(s_.defaults),
-      selection_([repository = &s_.repository] { return repository->fetchAll(); }, settings_,
-                 s_.clock, s_.calendar, s_.random),
+      selection_([this] { return events(); }, settings_, s_.clock, s_.calendar, s_.random),
       impl_(std::make_unique<Impl>()) {}
 
 AppDelegate::~AppDelegate() {
@@ -125,14 +139,17 @@ void AppDelegate::applicationDidFinishLaunching() {
     Log::line("selectedEvent " + stored.uuidString());
 
     // 8. The first title, before anything can change it.
-    rebuildEventsMenu(selection_.resolveDisplayedEvent(stored));
+    {
+        Impl::OneReading reading(*impl_, s_.repository);
+        rebuildEventsMenu(selection_.resolveDisplayedEvent(stored));
+    }
 
     // What this process has seen of the files so far counts as its own.
     impl_->storeChangedElsewhere(s_.repository);
     s_.defaults.changedElsewhere();
 
-    // 9. Posts come from any thread (the store posts where it writes); GTK is touched only on the
-    // main thread.
+    // 9. Posts come from any thread (the store posts where it writes); the item, the menus and
+    // the window are touched only on the main thread.
     observer_ = s_.center.addObserver(std::string(almanor::eventChangeNotification), [this] {
         s_.mainThread.run([this] { eventChangeNotification(); });
     });
@@ -161,7 +178,10 @@ void AppDelegate::recalculateEvents() {
 
 void AppDelegate::eventChangeNotification() {
     Uuid selected = settings_.selectedEventId();
-    rebuildEventsMenu(selection_.resolveDisplayedEvent(selected));
+    {
+        Impl::OneReading reading(*impl_, s_.repository);
+        rebuildEventsMenu(selection_.resolveDisplayedEvent(selected));
+    }
     s_.cloudSync.sync();
 }
 
@@ -185,6 +205,9 @@ void AppDelegate::settingsChangedOnDisk() {
 void AppDelegate::manageEventsWithSender() {
     if (!manageEventsWindow_) {
         manageEventsWindow_ = s_.makeManageEventsWindow();
+        if (!manageEventsWindow_) {
+            return; // it said why it cannot be made (no display); asked again next time
+        }
         manageEventsWindow_->center();
     }
     s_.activateApplication();
@@ -238,9 +261,18 @@ std::vector<MenuItem> AppDelegate::eventsMenuRows(const Uuid& marked) const {
     mode("Rotate upcoming events (hourly)", DisplayedEventSelection::cycleUpcomingEventId);
     mode("Random event selection", DisplayedEventSelection::randomEventId);
 
-    auto events = s_.repository.fetchAll();
+    auto events = this->events();
     // Made afresh: the locale and the time zone are the ones of this moment.
     const DateText dates;
+    // A day's ordinal is the same text for every event on that day, and costly to make.
+    std::array<std::string, 32> ordinals;
+    auto ordinal = [&](int day) -> const std::string& {
+        auto& text = ordinals[std::size_t(day) % ordinals.size()];
+        if (text.empty()) {
+            text = dates.ordinal(day);
+        }
+        return text;
+    };
     for (const auto& section : sections) {
         bool headed = false;
         for (const auto& event : events) {
@@ -253,7 +285,7 @@ std::vector<MenuItem> AppDelegate::eventsMenuRows(const Uuid& marked) const {
             }
             std::string text = dates.format(event->date(), section.pattern);
             if (section.ordinal) {
-                text += dates.ordinal(dates.dayOfMonth(event->date()));
+                text += ordinal(int(dates.dayOfMonth(event->date())));
             }
             MenuItem item =
                 row(event->name() + " - " + text, MenuItem::Action::updateSelectedEvent);
@@ -266,6 +298,10 @@ std::vector<MenuItem> AppDelegate::eventsMenuRows(const Uuid& marked) const {
         rows.push_back(row("No events"));
     }
     return rows;
+}
+
+std::vector<EventPtr> AppDelegate::events() const {
+    return impl_->reading ? *impl_->reading : s_.repository.fetchAll();
 }
 
 void AppDelegate::rebuildEventsMenu(const Uuid& marked) {

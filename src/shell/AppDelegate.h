@@ -37,7 +37,7 @@ struct MenuItem {
     friend bool operator==(const MenuItem&, const MenuItem&) = default;
 };
 
-// What draws the menus (GTK in the tray, a recorder in tests).
+// What draws the menus (the menu protocol in the tray, a recorder in tests).
 class MenuPresenter {
   public:
     virtual ~MenuPresenter() = default;
@@ -76,7 +76,7 @@ class Scheduler {
 };
 
 // The tray's behaviour, as plain C++: start-up, the refresh timer and its gating, the change
-// notification, the menus and their actions. GTK code draws what it is told and forwards clicks.
+// notification, the menus and their actions. The tray draws what it is told and forwards clicks.
 class AppDelegate {
   public:
     struct Services {
@@ -90,7 +90,7 @@ class AppDelegate {
         MenuPresenter& menuPresenter;
         StatusBar& statusBar;
         Scheduler& scheduler;
-        // Makes the management window on first use.
+        // Makes the management window on first use; null when it cannot be made.
         std::function<std::unique_ptr<ManageEventsWindow>()> makeManageEventsWindow;
         // Brings the application to the front (all windows, ignoring other applications).
         std::function<void()> activateApplication;
@@ -123,7 +123,8 @@ class AppDelegate {
     void settingsChangedOnDisk();
     // Resume from suspend: a tick at once.
     void systemDidWake() { recalculateEvents(); }
-    // Asked from outside (the application's action "sync"): a pull, then a push.
+    // The application action "sync", asked for by another program over D-Bus: a pull, then a
+    // push.
     void syncRequested();
 
     // Menu actions; the sender is the row's index in its menu.
@@ -142,6 +143,9 @@ class AppDelegate {
     DisplayedEventSelection& selection() { return selection_; }
 
   private:
+    // The repository's events, or those of the reading in progress.
+    std::vector<EventPtr> events() const;
+
     struct Impl;
     Services s_;
     Settings settings_;

@@ -52,6 +52,10 @@ Uuid DisplayedEventSelection::displayEvent(const EventPtr& event, int modeCode,
                                            const DayCalendar& calendar, Instant today) {
     if (statusItem_ != nullptr) {
         statusItem_->setTitle(Utility::statusText(calendar, *event, today));
+        statusItem_->setDayCount(Utility::dayCount(
+            calendar, today,
+            Utility::occurrenceDate(calendar, today, event->date(), event->schedule()),
+            event->countMethod()));
         statusItem_->setTag(std::hash<Uuid>{}(event->id()));
     }
     switch (modeCode) {
@@ -138,6 +142,7 @@ Uuid DisplayedEventSelection::resolveDisplayedEvent(const Uuid& selected) {
     }
     if (statusItem_ != nullptr) {
         statusItem_->setTitle(std::string(noEventsTitle));
+        statusItem_->setDayCount(std::nullopt);
     }
     displayed_.reset();
     return settings_.selectedEventId();

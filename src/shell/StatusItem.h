@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 
 namespace almanor {
@@ -12,6 +13,9 @@ class StatusItem {
     virtual void setTitle(const std::string& title) = 0;
     // The hash of the displayed event's id; nothing reads it back.
     virtual void setTag(std::size_t tag) = 0;
+    // The signed day count behind the title, none when no event is shown. Items that show only
+    // text ignore it; a panel icon may draw it.
+    virtual void setDayCount(std::optional<int> /*days*/) {}
 };
 
 // A status item that only remembers, for the command line and for tests.

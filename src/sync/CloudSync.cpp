@@ -47,8 +47,11 @@ void CloudSync::stop() {
         stopping_ = true;
     }
     changed_.notify_all();
-    if (auto cloud = cloud_.existing())
-        cloud->service().cancel();
+    {
+        std::lock_guard lock(mutex_);
+        if (inFlight_)
+            inFlight_->service().cancel();
+    }
     if (worker_.joinable())
         worker_.join();
     std::lock_guard lock(mutex_);
@@ -58,6 +61,11 @@ void CloudSync::stop() {
 
 void CloudSync::networkCameBack() {
     cloud_.networkCameBack();
+    sync();
+}
+
+void CloudSync::accountChanged() {
+    cloud_.reset();
     sync();
 }
 
@@ -91,6 +99,18 @@ PassResult CloudSync::runPass(std::uint64_t pass) {
         result.problem = "the cloud is not available";
         return result;
     }
+    // Known to stop(), which cuts its requests off.
+    {
+        std::lock_guard lock(mutex_);
+        inFlight_ = cloud;
+    }
+    struct Landed {
+        CloudSync& sync;
+        ~Landed() {
+            std::lock_guard lock(sync.mutex_);
+            sync.inFlight_.reset();
+        }
+    } landed{*this};
     FileLock lock(lockFile_, [this] { return !stopping_; });
     if (!lock.held()) {
         if (!stopping_)

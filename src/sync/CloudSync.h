@@ -43,6 +43,8 @@ class CloudSync {
     void stop();
     // The cloud may be asked again after an earlier attempt gave up; a pass follows.
     void networkCameBack();
+    // Another account was named (or none): the next pass asks for its service afresh.
+    void accountChanged();
 
   private:
     void worker();
@@ -60,6 +62,7 @@ class CloudSync {
     std::uint64_t pulled_ = 0; // asks covered by a pass whose pull has ended
     std::uint64_t done_ = 0;   // asks covered by a pass that has ended
     PassResult last_;
+    std::shared_ptr<CloudRepository> inFlight_; // the cloud of the pass under way
     std::atomic<bool> stopping_{false};
     std::thread worker_;
 };

@@ -56,9 +56,12 @@ class AppDelegateTest : public testing::Test {
 
     AppDelegate& start() {
         delegate = std::make_unique<AppDelegate>(
-            AppDelegate::Services{*store, cloudSync, defaults, launchAtLogin, center, mainThread,
-                                  clock, presenter, statusBar, scheduler,
-                                  [this] {
+            AppDelegate::Services{*store, cloudSync, defaults, launchAtLogin, center, mainThread, clock,
+                                  presenter, statusBar, scheduler,
+                                  [this]() -> std::unique_ptr<ManageEventsWindow> {
+                                      if (refuseWindow) {
+                                          return nullptr;
+                                      }
                                       auto w = std::make_unique<test::FakeWindow>();
                                       window = w.get();
                                       ++windowsMade;
@@ -123,6 +126,7 @@ class AppDelegateTest : public testing::Test {
     test::QueueMainThread mainThread;
     test::FakeWindow* window = nullptr;
     int windowsMade = 0, activations = 0, terminations = 0, draws = 0;
+    bool refuseWindow = false; // as when GTK cannot start
     std::unique_ptr<AppDelegate> delegate;
 };
 
@@ -431,6 +435,20 @@ TEST_F(AppDelegateTest, TheWindowIsMadeOnceAndCentredWhenBroughtBack) {
     EXPECT_EQ(window->centred, centred + 1);
     EXPECT_EQ(window->fronted, 2);
     EXPECT_EQ(activations, 3);
+}
+
+TEST_F(AppDelegateTest, AWindowThatCannotBeMadeIsAskedForAgainNextTime) {
+    start();
+    refuseWindow = true;
+    delegate->manageEventsWithSender();
+    delegate->manageEventsWithSender();
+    EXPECT_EQ(activations, 0);
+    refuseWindow = false;
+    delegate->manageEventsWithSender();
+    ASSERT_NE(window, nullptr);
+    EXPECT_TRUE(window->visible);
+    EXPECT_EQ(windowsMade, 1);
+    EXPECT_EQ(activations, 1);
 }
 
 TEST_F(AppDelegateTest, TheLoginRowFollowsTheRequestEvenWhenRefused) {

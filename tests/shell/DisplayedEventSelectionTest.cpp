@@ -3,6 +3,7 @@
 #include "LogCapture.h"
 #include "TempDir.h"
 #include "model/CivilCalendar.h"
+#include "model/Utility.h"
 #include "platform/UserDefaults.h"
 
 #include <gtest/gtest.h>
@@ -181,3 +182,31 @@ TEST_F(SelectionTest, TheZoneIsReadForEachResolution) {
 }
 
 } // namespace
+
+// What a panel icon draws must be the number the title says, for every way of counting.
+TEST_F(SelectionTest, TheItemIsToldTheCountBehindEachTitle) {
+    struct CountingItem final : StatusItem {
+        void setTitle(const std::string& t) override { titles.push_back(t); }
+        void setTag(std::size_t) override {}
+        void setDayCount(std::optional<int> d) override { days.push_back(d); }
+        std::vector<std::string> titles;
+        std::vector<std::optional<int>> days;
+    } counting;
+    selection.setStatusItem(&counting);
+    selection.resolveDisplayedEvent(Uuid::random());
+    EXPECT_EQ(counting.days, (std::vector<std::optional<int>>{std::nullopt}));
+
+    auto weekly = add("Gym", at(2024, 1, 1), Schedule::weekly); // Mondays
+    auto weekdays = makeEvent(Uuid::random(), at(2024, 3, 18), "Work", std::nullopt, Schedule::none,
+                              CountMethod::excludeWeekends);
+    events.push_back(weekdays);
+    auto today = add("Today", at(2024, 3, 6, 18));
+    auto past = add("Past", at(2024, 3, 3));
+    for (const auto& [event, days] : std::vector<std::pair<EventPtr, int>>{
+             {weekly, 4}, {weekdays, 8}, {today, 0}, {past, -4}}) {
+        selection.resolveDisplayedEvent(event->id());
+        ASSERT_EQ(counting.days.size(), counting.titles.size());
+        EXPECT_EQ(counting.days.back(), days) << counting.titles.back();
+        EXPECT_EQ(counting.titles.back(), Utility::statusText(event->displayName(), days));
+    }
+}

@@ -161,3 +161,24 @@ def click(label_text):
     ident = rows()[label_text]["id"]
     gdbus("-o", ITEM + "/Menu", "-m", "com.canonical.dbusmenu.Event", "--", str(ident), "clicked",
           "<int32 0>", "0")
+
+
+def panel_items():
+    """What the panel is shown, as the watcher hands it on: one dict per accepted item."""
+    from gi.repository import GLib
+    r = subprocess.run(["gdbus", "call", "--session", "-d", "org.ayatana.indicator.application", "-o",
+                        "/org/ayatana/indicator/application/service", "-m",
+                        "org.ayatana.indicator.application.service.GetApplications"],
+                       capture_output=True, text=True, timeout=10)
+    if r.returncode != 0:
+        return []
+    value = GLib.Variant.parse(GLib.VariantType.new("(a(sisossssss))"), r.stdout.strip(), None, None)
+    keys = ("icon", "position", "address", "path", "icon_path", "label", "guide", "description", "hint",
+            "title")
+    return [dict(zip(keys, app)) for app in value.unpack()[0]]
+
+
+def mapped_libraries(pid):
+    """The shared objects a process has mapped, by file name."""
+    with open("/proc/%d/maps" % pid) as f:
+        return {os.path.basename(line.split()[-1]) for line in f if "/" in line}

@@ -1,28 +1,35 @@
-// almanor-tray: the tray application that `almanor` with no command starts.
+// almanor-tray: the tray application that `almanor` with no command starts. The panel item and
+// its menu need GLib and GIO only; GTK comes with the window, loaded the first time it is opened.
 
-#include "cloud/caldav/CloudAccount.h"
+#include "cloud/CloudAccount.h"
+#include "cloud/CloudModule.h"
 #include "login/LaunchAtLogin.h"
 #include "login/XdgAutostartService.h"
 #include "platform/Clock.h"
+#include "platform/GlibOwners.h"
 #include "platform/Log.h"
+#include "platform/Module.h"
 #include "platform/NetworkMonitor.h"
 #include "platform/NotificationCenter.h"
 #include "platform/Paths.h"
 #include "platform/UserDefaults.h"
 #include "shell/AppDelegate.h"
+#include "shell/PanelIcon.h"
+#include "storage/LocalRepository.h"
 #include "storage/LocalSyncLedger.h"
 #include "storage/Repository.h"
 #include "sync/CloudSync.h"
+#include "ui/tray/DbusMenuPresenter.h"
 #include "ui/tray/GlibServices.h"
-#include "ui/tray/Indicator.h"
-#include "ui/window/ManageEventsWindowGtk.h"
+#include "ui/tray/StatusNotifierItem.h"
+#include "ui/window/WindowModule.h"
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <gio/gio.h>
 #include <glib-unix.h>
-#include <glibmm/main.h>
-#include <gtkmm/application.h>
-#include <gtkmm/window.h>
+#include <malloc.h>
 #include <memory>
 #include <optional>
 #include <unistd.h>
@@ -30,6 +37,10 @@
 using namespace almanor;
 
 namespace {
+
+constexpr const char* applicationId = "com.vostrel.Almanor";
+// Where panels have always found the item and its menu.
+constexpr const char* itemPath = "/org/ayatana/NotificationItem/com_vostrel_Almanor";
 
 // The folder with hicolor/ icons when the tray runs from the build tree; empty when installed.
 std::filesystem::path iconThemePath(const std::filesystem::path& self) {
@@ -47,55 +58,82 @@ std::filesystem::path almanorProgram(const std::filesystem::path& self) {
     return self.parent_path() / "almanor";
 }
 
+// This process's own folder for the icons it draws: the runtime folder (a tmpfs, emptied at
+// logout), else the cache.
+std::filesystem::path countIconFolder() {
+    const char* runtime = g_getenv("XDG_RUNTIME_DIR");
+    std::filesystem::path base = runtime != nullptr && *runtime == '/'
+                                     ? std::filesystem::path(runtime)
+                                     : std::filesystem::path(g_get_user_cache_dir());
+    return base / "almanor" / ("count-icons-" + std::to_string(::getpid()));
+}
+
 // The file every process syncing the store locks for the length of a pass.
-std::filesystem::path syncLockFile() {
-    std::filesystem::path file = Repository::shared().local().file();
+std::filesystem::path syncLockFile(const LocalRepository& local) {
+    std::filesystem::path file = local.file();
     file += ".sync-lock";
     return file;
 }
 
+// Which account the settings name, to notice a login or logout made while the tray runs.
+std::string accountName(const UserDefaults& defaults) {
+    auto account = CloudAccount::load(defaults);
+    return account ? account->server + "\n" + account->user : std::string();
+}
+
+// The process's services, built once here and handed down.
 struct Tray {
-    explicit Tray(Glib::RefPtr<Gtk::Application> app, const std::filesystem::path& self)
-        : application(std::move(app)), loginItems(paths::configHome(), almanorProgram(self)),
-          launchAtLogin(loginItems, UserDefaults::standard()),
-          presenter(GtkMenuPresenter::Actions{
-              [this] { delegate->manageEventsWithSender(); },
-              [this](std::size_t i) { delegate->updateSelectedEventWithSender(i); },
-              [this](std::size_t i) { delegate->toggleLaunchAtLoginWithSender(i); },
-              [this] { delegate->quit(); },
-              [this]() -> const std::vector<MenuItem>& { return delegate->eventsMenu(); },
-              [this]() -> const std::vector<MenuItem>& { return delegate->menu(); },
-          }),
-          indicator(presenter.menu(), iconThemePath(self)), ledger(Repository::shared().local()),
-          cloudSync(
-              ledger, [] { return makeAccountCloudService(UserDefaults::standard()); },
-              UserDefaults::standard(), SystemClock::shared(), syncLockFile()) {
+    Tray(GApplication* app, const std::filesystem::path& self)
+        : application(app), defaults(paths::settingsFile()),
+          repository(std::make_unique<LocalRepository>(paths::databaseDirectory(),
+                                                       paths::databaseFileName, center, clock)),
+          ledger(repository.local()),
+          // The user's calendar server, when `almanor cloud login` has named one; the adapter is
+          // loaded only then.
+          cloudSync(ledger, accountCloudServiceProvider(defaults, "."), defaults, clock,
+                    syncLockFile(repository.local())),
+          account(accountName(defaults)),
+          loginItems(paths::configHome(), almanorProgram(self)),
+          launchAtLogin(loginItems, defaults),
+          presenter(std::string(itemPath) + "/Menu",
+                    DbusMenuPresenter::Actions{
+                        [this] { delegate->manageEventsWithSender(); },
+                        [this](std::size_t i) { delegate->updateSelectedEventWithSender(i); },
+                        [this](std::size_t i) { delegate->toggleLaunchAtLoginWithSender(i); },
+                        [this] { delegate->quit(); },
+                    }),
+          item(g_application_get_dbus_connection(app),
+               StatusNotifierItem::Options{
+                   applicationId, itemPath, iconThemePath(self),
+                   [this, desktop = std::string(g_getenv("XDG_CURRENT_DESKTOP") != nullptr
+                                                    ? g_getenv("XDG_CURRENT_DESKTOP")
+                                                    : "")] {
+                       return panelIcon::showsCount(defaults, desktop);
+                   },
+                   countIconFolder()}) {
         delegate.emplace(AppDelegate::Services{
-            Repository::shared(),
+            repository,
             cloudSync,
-            UserDefaults::standard(),
+            defaults,
             launchAtLogin,
-            NotificationCenter::defaultCenter(),
+            center,
             mainThread,
-            SystemClock::shared(),
+            clock,
             presenter,
-            indicator,
+            item,
             scheduler,
             [this]() -> std::unique_ptr<ManageEventsWindow> {
-                auto window = std::make_unique<ManageEventsWindowGtk>(
-                    Repository::shared(), NotificationCenter::defaultCenter(), mainThread,
-                    SystemClock::shared());
-                application->add_window(window->window());
-                return window;
+                const WindowModule* module = windowModule();
+                return module != nullptr
+                           ? module->makeManageEventsWindow(repository, center, mainThread, clock)
+                           : nullptr;
             },
             [this] {
-                for (auto* w : application->get_windows()) {
-                    if (w->get_visible()) {
-                        w->present();
-                    }
+                if (window != nullptr) {
+                    window->activateApplication();
                 }
             },
-            [this] { application->quit(); },
+            [this] { g_application_quit(application); },
         });
     }
 
@@ -103,33 +141,81 @@ struct Tray {
         delegate->applicationDidFinishLaunching();
         // The watches wait until the first title is out: they cost start-up time (the network
         // monitor loads GIO's modules) and nothing can change before the main loop runs anyway.
-        Glib::signal_idle().connect_once(
-            [this] {
-                // Changes that other processes write (the command line, a script) are followed
-                // through the files themselves; the delegate tells them from this process's own.
-                storeWatch.emplace(paths::databaseDirectory() / paths::databaseFileName,
-                                   [this] { delegate->storeChangedOnDisk(); });
-                settingsWatch.emplace(UserDefaults::standard().file(),
-                                      [this] { delegate->settingsChangedOnDisk(); });
-                wakeWatch.emplace([this] { delegate->systemDidWake(); });
-                // A cloud that could not be reached is asked again once the network is back.
-                network.emplace([this] { cloudSync.networkCameBack(); });
-                // A change written between the first title and now is not missed.
-                delegate->storeChangedOnDisk();
-                delegate->settingsChangedOnDisk();
+        g_idle_add_full(
+            G_PRIORITY_LOW,
+            [](gpointer data) -> gboolean {
+                static_cast<Tray*>(data)->watch();
+                return G_SOURCE_REMOVE;
             },
-            Glib::PRIORITY_LOW);
+            this, nullptr);
     }
 
-    Glib::RefPtr<Gtk::Application> application;
+    void watch() {
+        // Changes that other processes write (the command line, a script) are followed through
+        // the files themselves; the delegate tells them from this process's own.
+        storeWatch.emplace(paths::databaseDirectory() / paths::databaseFileName,
+                           [this] { delegate->storeChangedOnDisk(); });
+        settingsWatch.emplace(defaults.file(), [this] {
+            delegate->settingsChangedOnDisk();
+            // An account named (or changed) since start-up is used from the next pass on.
+            if (std::string now = accountName(defaults); now != account) {
+                account = now;
+                cloudSync.accountChanged();
+            }
+            watchNetworkIfNeeded();
+        });
+        wakeWatch.emplace([this] { delegate->systemDidWake(); });
+        watchNetworkIfNeeded();
+        // A change written between the first title and now is not missed.
+        delegate->storeChangedOnDisk();
+        delegate->settingsChangedOnDisk();
+        // What start-up read and dropped (the store's rows, the menu's drafts) goes back to the
+        // system rather than waiting in the heap for a reuse that may never come.
+        malloc_trim(0);
+    }
+
+    // A cloud that could not be reached is asked again once the network is back; without an
+    // account there is nothing to ask, and nothing to watch.
+    void watchNetworkIfNeeded() {
+        if (!network && CloudAccount::load(defaults)) {
+            network.emplace([this] { cloudSync.networkCameBack(); });
+        }
+    }
+
+    // The window's module, loaded on first use; null after one line saying why it cannot be.
+    const WindowModule* windowModule() {
+        if (window == nullptr) {
+            try {
+                auto entry = reinterpret_cast<const WindowModule* (*)()>(module::load(
+                    module::locate(WindowModule::fileName, "."), WindowModule::entryPoint));
+                const WindowModule* loaded = entry();
+                if (loaded->version != WindowModule::currentVersion) {
+                    throw ModuleError(std::string(WindowModule::fileName) +
+                                      " belongs to another version of almanor");
+                }
+                window = loaded;
+            } catch (const ModuleError& e) {
+                Log::line(std::string("Failed to open the window: ") + e.what());
+            }
+        }
+        return window;
+    }
+
+    GApplication* application;
+    UserDefaults defaults;
+    NotificationCenter center;
+    SystemClock clock;
+    Repository repository;
+    LocalSyncLedger ledger;
+    CloudSync cloudSync;
+    std::string account; // the account's server and user as last seen
     GlibMainThread mainThread;
     GlibScheduler scheduler;
     XdgAutostartService loginItems;
     LaunchAtLogin launchAtLogin;
-    GtkMenuPresenter presenter;
-    Indicator indicator;
-    LocalSyncLedger ledger;
-    CloudSync cloudSync;
+    DbusMenuPresenter presenter;
+    StatusNotifierItem item;
+    const WindowModule* window = nullptr;
     std::optional<AppDelegate> delegate;
     std::optional<FileWatch> storeWatch;
     std::optional<FileWatch> settingsWatch;
@@ -137,61 +223,92 @@ struct Tray {
     std::optional<NetworkMonitor> network;
 };
 
+struct Run {
+    GApplication* application = nullptr;
+    std::filesystem::path self;
+    std::unique_ptr<Tray> tray;
+    bool launched = false;
+};
+
 } // namespace
 
 int main(int argc, char** argv) {
     Log::toStandardOutput();
+    Run run;
     std::error_code ec;
-    auto self = std::filesystem::read_symlink("/proc/self/exe", ec);
+    run.self = std::filesystem::read_symlink("/proc/self/exe", ec);
     if (ec) {
-        self = argv[0];
+        run.self = argv[0];
     }
-    // Neither the panel item nor the window draws with OpenGL, but GTK's X11 backend probes GLX
-    // for its visuals at start, which loads the graphics driver (and with Mesa, LLVM): some
-    // 50 MB and tens of milliseconds for nothing. A value the user set is left alone.
-    const bool glSettingIsOurs = g_getenv("GDK_GL") == nullptr;
-    if (glSettingIsOurs) {
-        g_setenv("GDK_GL", "disable", TRUE);
-    }
-    auto application = Gtk::Application::create("com.vostrel.Almanor");
-    std::unique_ptr<Tray> tray;
-    bool launched = false;
-    application->signal_startup().connect([&] {
-        if (glSettingIsOurs) {
-            g_unsetenv("GDK_GL"); // read by now; programs started from here see the user's own
-        }
-        application->hold(); // a tray has no window to keep it alive
-        tray = std::make_unique<Tray>(application, self);
-        // `gdbus call ... org.gtk.Actions.Activate sync [] {}` asks for a pull and a push.
-        application->add_action("sync", [&] { tray->delegate->syncRequested(); });
-        tray->start();
-    });
+    // Named as the program itself, before anything asks (GTK, the accessibility bus).
+    g_set_prgname(run.self.filename().c_str());
+    glib::Object<GApplication> application(
+        g_application_new(applicationId, G_APPLICATION_DEFAULT_FLAGS));
+    run.application = application.get();
+
+    g_signal_connect(application.get(), "startup",
+                     G_CALLBACK(+[](GApplication* app, gpointer data) {
+                         auto& r = *static_cast<Run*>(data);
+                         g_application_hold(app); // a tray has no window to keep it alive
+                         r.tray = std::make_unique<Tray>(app, r.self);
+                         r.tray->start();
+                     }),
+                     &run);
     // The first activation is this start; later ones come from `almanor` started again while this
     // tray runs, and open the window as "Manage Events" does.
-    application->signal_activate().connect([&] {
-        if (launched) {
-            tray->delegate->manageEventsWithSender();
-        }
-        launched = true;
-    });
-    // Quitting never waits on the network: a pass under way is cut off, and what the server did
-    // not acknowledge stays pending for the next start.
-    application->signal_shutdown().connect([&] {
-        tray->cloudSync.stop();
-        tray.reset();
-    });
+    g_signal_connect(application.get(), "activate", G_CALLBACK(+[](GApplication*, gpointer data) {
+                         auto& r = *static_cast<Run*>(data);
+                         if (r.launched && r.tray) {
+                             r.tray->delegate->manageEventsWithSender();
+                         }
+                         r.launched = true;
+                     }),
+                     &run);
+    // Updates still on their way are waited for; those that never arrive are pushed next time.
+    g_signal_connect(application.get(), "shutdown", G_CALLBACK(+[](GApplication*, gpointer data) {
+                         auto& r = *static_cast<Run*>(data);
+                         // Quitting never waits on the network: a pass under way is cut off, and
+                         // what the server did not acknowledge stays pending for the next start.
+                         if (r.tray) {
+                             r.tray->cloudSync.stop();
+                             r.tray.reset();
+                         }
+                     }),
+                     &run);
+    // Another program asks for a sync: `gdbus call ... org.gtk.Actions.Activate sync [] {}`.
+    glib::Object<GSimpleAction> sync(g_simple_action_new("sync", nullptr));
+    g_signal_connect(sync.get(), "activate",
+                     G_CALLBACK(+[](GSimpleAction*, GVariant*, gpointer data) {
+                         auto& r = *static_cast<Run*>(data);
+                         if (r.tray) {
+                             r.tray->delegate->syncRequested();
+                         }
+                     }),
+                     &run);
+    g_action_map_add_action(G_ACTION_MAP(application.get()), G_ACTION(sync.get()));
     // A session that ends sends SIGTERM: leave as "Quit" does.
     for (int signal : {SIGTERM, SIGINT}) {
         g_unix_signal_add(
             signal,
             [](gpointer app) -> gboolean {
-                static_cast<Gtk::Application*>(app)->quit();
+                g_application_quit(static_cast<GApplication*>(app));
                 return G_SOURCE_CONTINUE;
             },
             application.get());
     }
+    // The item lives on the session bus; without one there is nothing to show it (and GIO would
+    // run the application as if it were alone).
+    glib::Error error;
+    glib::Object<GDBusConnection> bus(
+        g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, glib::out(error)));
+    // One tray per session: the name on the bus says whether one runs already.
+    if (!bus || !g_application_register(application.get(), nullptr, glib::out(error))) {
+        std::fprintf(stderr, "almanor: the tray needs a session bus: %s\n",
+                     error ? error->message : "unknown error");
+        return 1;
+    }
     // Arguments are the command line's business; the tray takes none.
     (void)argc;
     char* args[] = {argv[0], nullptr};
-    return application->run(1, args);
+    return g_application_run(application.get(), 1, args);
 }

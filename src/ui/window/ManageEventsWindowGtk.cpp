@@ -312,21 +312,24 @@ struct ManageEventsWindowGtk::Impl {
         auto built = eventSections(model.events());
         // Refilled while detached, so the view is not told of each row.
         list->unset_model();
-        std::optional<Gtk::TreeModel::Path> selected;
+        std::optional<Gtk::TreeModel::iterator> selected;
         std::size_t i = 0;
         for (const auto& section : rows->children()) {
             while (!section.children().empty()) {
                 rows->erase(section.children().begin());
             }
-            for (const auto& event : built[i].events) {
-                auto text = eventRowText(*event);
-                auto row = rows->append(section.children());
+            // From the last row up: prepending takes the same time for every row, appending walks
+            // the rows before it.
+            const auto& events = built[i].events;
+            for (auto event = events.rbegin(); event != events.rend(); ++event) {
+                auto text = eventRowText(**event);
+                auto row = rows->prepend(section.children());
                 (*row)[columns.name] = text.name;
                 (*row)[columns.alias] = text.alias.value_or("");
-                (*row)[columns.id] = event->id().uuidString();
+                (*row)[columns.id] = (*event)->id().uuidString();
                 (*row)[columns.weight] = Pango::WEIGHT_NORMAL;
-                if (state.selection() && *state.selection() == event->id()) {
-                    selected = rows->get_path(row);
+                if (state.selection() && *state.selection() == (*event)->id()) {
+                    selected = row; // the store's rows keep their iterators
                 }
             }
             ++i;
@@ -340,7 +343,7 @@ struct ManageEventsWindowGtk::Impl {
             ++i;
         }
         if (selected) {
-            list->get_selection()->select(*selected);
+            list->get_selection()->select(rows->get_path(*selected));
         }
         selecting = false;
     }

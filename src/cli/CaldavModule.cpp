@@ -1,0 +1,19 @@
+// The CalDAV adapter's module: the account's service for the repository, and the commands that
+// need the network and the keyring.
+
+#include "cli/CloudLogin.h"
+#include "cloud/CloudModule.h"
+#include "cloud/caldav/CloudAccount.h"
+
+namespace {
+
+constexpr almanor::CloudModule table{almanor::CloudModule::currentVersion,
+                                     &almanor::makeAccountCloudService, &almanor::cli::cloudLogin,
+                                     &almanor::cli::cloudLogout};
+
+} // namespace
+
+extern "C" __attribute__((visibility("default"))) const almanor::CloudModule*
+almanor_caldav_module() {
+    return &table;
+}

@@ -1,0 +1,103 @@
+// The cloud commands that need the network and the keyring. They are built into the CalDAV
+// adapter's module, so that the rest of the command line loads neither.
+
+#include "cli/CloudLogin.h"
+
+#include "cli/Cli.h"
+#include "cloud/caldav/CalDavService.h"
+#include "cloud/caldav/CloudAccount.h"
+#include "platform/UrlText.h"
+#include "platform/UserDefaults.h"
+
+#include <cstdio>
+#include <iostream>
+#include <termios.h>
+#include <unistd.h>
+
+namespace almanor::cli {
+
+namespace {
+
+constexpr int exitPending = 1;
+
+// From the terminal without echo, or the first line of standard input when it is no terminal.
+std::string readPassword(const std::string& prompt) {
+    std::string line;
+    if (::isatty(STDIN_FILENO)) {
+        std::fprintf(stderr, "%s", prompt.c_str());
+        termios old{};
+        ::tcgetattr(STDIN_FILENO, &old);
+        termios silent = old;
+        silent.c_lflag &= ~tcflag_t(ECHO);
+        ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
+        std::getline(std::cin, line);
+        ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &old);
+        std::fputc('\n', stderr);
+    } else {
+        std::getline(std::cin, line);
+    }
+    if (!line.empty() && line.back() == '\r')
+        line.pop_back();
+    return line;
+}
+
+} // namespace
+
+int cloudLogin(UserDefaults& defaults, const std::string& url, const std::string& userOption,
+               const std::string& passwordCommand) {
+    CloudAccount account;
+    account.server = url;
+    account.user = userOption;
+    account.passwordCommand = passwordCommand;
+    if (account.user.empty()) {
+        const char* login = std::getenv("USER");
+        account.user = login ? login : "";
+    }
+    try {
+        // A URL that could never be used is refused before the password is asked for.
+        if (url.empty())
+            throw CloudError("no server given");
+        caldav::HttpClient(url, account.user, nullptr);
+        std::string password = passwordCommand.empty()
+                                   ? readPassword("Password for " + account.user + ": ")
+                                   : passwordFromCommand(passwordCommand);
+        if (password.empty())
+            throw CloudError("no password given");
+        // One authenticated discovery checks the URL and the credentials before anything is kept.
+        caldav::CalDavService service(url, account.user, [password] { return password; });
+        if (service.accountStatus() == AccountStatus::noAccount)
+            throw CloudError("no server given");
+        account.home = service.discoverHome();
+        account.origins = service.trustedOrigins();
+        if (passwordCommand.empty())
+            keyring::storePassword(url, account.user, password);
+        account.store(defaults);
+        std::fprintf(stderr, "Logged in as %s; calendars at %s\n", account.user.c_str(),
+                     redactUrl(account.home).c_str());
+        return exitSuccess;
+    } catch (const CloudError& e) {
+        std::fprintf(stderr, "almanor: cloud login failed: %s\n", redactUrls(e.what()).c_str());
+        return exitUsage;
+    }
+}
+
+int cloudLogout(UserDefaults& defaults) {
+    auto account = CloudAccount::load(defaults);
+    if (!account) {
+        std::fprintf(stderr, "no cloud account\n");
+        return exitSuccess;
+    }
+    int status = exitSuccess;
+    if (account->passwordCommand.empty()) {
+        try {
+            keyring::removePassword(account->server, account->user);
+        } catch (const CloudError& e) {
+            std::fprintf(stderr, "almanor: %s\n", e.what());
+            status = exitPending;
+        }
+    }
+    CloudAccount::forget(defaults);
+    return status;
+}
+
+} // namespace almanor::cli

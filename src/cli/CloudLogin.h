@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+
+namespace almanor {
+class UserDefaults;
+}
+
+namespace almanor::cli {
+
+// `almanor cloud login` and `almanor cloud logout`, as the CalDAV adapter's module runs them.
+// Each returns the exit status.
+int cloudLogin(UserDefaults& defaults, const std::string& url, const std::string& user,
+               const std::string& passwordCommand);
+int cloudLogout(UserDefaults& defaults);
+
+} // namespace almanor::cli

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace almanor {
+
+class UserDefaults;
+
+// The configured cloud account: where, who, and how the password is had (the keyring, or a
+// command whose first line of output is the password). The password itself is never kept here.
+// Reading and writing the account needs only the settings; the password needs the CalDAV
+// adapter's module, which defines password().
+struct CloudAccount {
+    static constexpr const char* serverKey = "cloudServer";
+    static constexpr const char* userKey = "cloudUser";
+    static constexpr const char* passwordCommandKey = "cloudPasswordCommand";
+    // Learnt from the server at login: the calendar home, and the origins besides the server's
+    // own that the server named in its discovery answers (space-separated), which get the
+    // credentials too.
+    static constexpr const char* homeKey = "cloudHome";
+    static constexpr const char* originsKey = "cloudOrigins";
+
+    std::string server;
+    std::string user;
+    std::string passwordCommand; // empty: the keyring
+    std::string home;
+    std::vector<std::string> origins;
+
+    static std::optional<CloudAccount> load(const UserDefaults& defaults);
+    void store(UserDefaults& defaults) const;
+    static void forget(UserDefaults& defaults);
+    // What discovery found (the calendar home, the origins the server named), kept with the
+    // account in `defaults` when there is one.
+    static void rememberDiscovery(UserDefaults& defaults, const std::string& home,
+                                  const std::vector<std::string>& origins);
+
+    // The password, from the command or the keyring. Throws CloudError with the reason.
+    std::string password() const;
+};
+
+} // namespace almanor

@@ -1,0 +1,39 @@
+#include "cloud/CloudModule.h"
+
+#include "cloud/CloudAccount.h"
+#include "platform/Log.h"
+#include "platform/Module.h"
+
+namespace almanor {
+
+const CloudModule& CloudModuleLoader::module() {
+    std::lock_guard lock(mutex_);
+    if (module_ == nullptr) {
+        auto entry = reinterpret_cast<const CloudModule* (*)()>(module::load(
+            module::locate(CloudModule::fileName, installedDir_), CloudModule::entryPoint));
+        const CloudModule* loaded = entry();
+        if (loaded->version != CloudModule::currentVersion) {
+            throw ModuleError(std::string(CloudModule::fileName) +
+                              " belongs to another version of almanor");
+        }
+        module_ = loaded;
+    }
+    return *module_;
+}
+
+CloudServiceProvider accountCloudServiceProvider(UserDefaults& defaults, std::string installedDir) {
+    auto loader = std::make_shared<CloudModuleLoader>(std::move(installedDir));
+    return [loader, &defaults]() -> std::shared_ptr<CloudService> {
+        if (!CloudAccount::load(defaults)) {
+            return nullptr;
+        }
+        try {
+            return loader->module().makeCloudService(defaults);
+        } catch (const ModuleError& e) {
+            Log::line(std::string("Failed to load the CalDAV adapter: ") + e.what());
+            return nullptr;
+        }
+    };
+}
+
+} // namespace almanor

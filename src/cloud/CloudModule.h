@@ -1,0 +1,54 @@
+#pragma once
+// The seam between the programs and the CalDAV adapter. The adapter, and libcurl, libxml2,
+// libical and libsecret with it, is a module loaded the first time a program talks to the
+// cloud: the commands that only read the store, and a tray without an account, never load it.
+
+#include "cloud/CloudService.h"
+#include "cloud/CloudServiceProvider.h"
+
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace almanor {
+
+class UserDefaults;
+
+struct CloudModule {
+    // Raised whenever this table changes: a program refuses a module built for another one.
+    static constexpr int currentVersion = 1;
+    static constexpr const char* fileName = "almanor-caldav.so";
+    static constexpr const char* entryPoint = "almanor_caldav_module";
+
+    int version;
+    // The CalDAV service of the account in the settings; one that reports noAccount when there
+    // is none.
+    std::shared_ptr<CloudService> (*makeCloudService)(UserDefaults& defaults);
+    // `almanor cloud login URL [--user NAME] [--password-command CMD]` and `almanor cloud
+    // logout`: each says what happened on standard error and returns the exit status.
+    int (*login)(UserDefaults& defaults, const std::string& url, const std::string& user,
+                 const std::string& passwordCommand);
+    int (*logout)(UserDefaults& defaults);
+};
+
+// Loads the module once, on first use, from beside the program or from `installedDir`
+// (relative to the program's folder). Thread-safe.
+class CloudModuleLoader {
+  public:
+    explicit CloudModuleLoader(std::string installedDir) : installedDir_(std::move(installedDir)) {}
+
+    // Throws ModuleError with one line naming the module and the reason.
+    const CloudModule& module();
+
+  private:
+    std::string installedDir_;
+    std::mutex mutex_;
+    const CloudModule* module_ = nullptr;
+};
+
+// The service of the account in `defaults`, for the repository. While no account is configured
+// (no cloudServer) it gives none and loads nothing; a module that cannot be loaded is one log line
+// and no service.
+CloudServiceProvider accountCloudServiceProvider(UserDefaults& defaults, std::string installedDir);
+
+} // namespace almanor

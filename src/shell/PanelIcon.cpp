@@ -1,0 +1,59 @@
+#include "shell/PanelIcon.h"
+
+#include "platform/UserDefaults.h"
+
+#include <algorithm>
+#include <cctype>
+#include <optional>
+
+namespace almanor::panelIcon {
+
+namespace {
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
+        return std::tolower(static_cast<unsigned char>(x)) ==
+               std::tolower(static_cast<unsigned char>(y));
+    });
+}
+
+// GKeyFile's booleans; anything else counts as not set.
+std::optional<bool> parseBoolean(std::string_view text) {
+    if (text == "true" || text == "1") {
+        return true;
+    }
+    if (text == "false" || text == "0") {
+        return false;
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+bool showsCount(const UserDefaults& defaults, std::string_view currentDesktop) {
+    if (auto text = defaults.string(showsCountKey)) {
+        if (auto value = parseBoolean(*text)) {
+            return *value;
+        }
+    }
+    while (!currentDesktop.empty()) {
+        auto end = currentDesktop.find(':');
+        if (equalsIgnoringCase(currentDesktop.substr(0, end), "KDE")) {
+            return true;
+        }
+        if (end == std::string_view::npos) {
+            break;
+        }
+        currentDesktop.remove_prefix(end + 1);
+    }
+    return false;
+}
+
+std::string countText(int days) {
+    if (days == 0) {
+        return "!";
+    }
+    return std::to_string(days);
+}
+
+} // namespace almanor::panelIcon

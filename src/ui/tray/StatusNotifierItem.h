@@ -1,0 +1,52 @@
+#pragma once
+
+#include "shell/AppDelegate.h"
+#include "shell/StatusItem.h"
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+typedef struct _GDBusConnection GDBusConnection;
+
+namespace almanor {
+
+// The item in the panel: a StatusNotifierItem exported on the application's bus connection and
+// registered with the panel's StatusNotifierWatcher. The title is its label (XAyatanaLabel), its
+// Title and its ToolTip; the menu is served beside it at <path>/Menu. A watcher that appears
+// later, or again after a panel restart, is registered with at once.
+class StatusNotifierItem final : public StatusBar, public StatusItem {
+  public:
+    struct Options {
+        std::string id;         // Id, and the name of the application's icon
+        std::string objectPath; // where the item is exported; the menu is at <objectPath>/Menu
+        // A folder with hicolor/ icons, for runs from the build tree; empty when installed.
+        std::filesystem::path iconThemePath;
+        // Asked at each count: whether the icon carries it (panels without labels).
+        std::function<bool()> iconShowsCount;
+        // Where the count icons are written; this process's own.
+        std::filesystem::path countIconFolder;
+    };
+
+    StatusNotifierItem(GDBusConnection* connection, Options options);
+    ~StatusNotifierItem() override;
+    StatusNotifierItem(const StatusNotifierItem&) = delete;
+    StatusNotifierItem& operator=(const StatusNotifierItem&) = delete;
+
+    // Exports the item and starts watching for the watcher.
+    StatusItem& createStatusItem() override;
+
+    void setTitle(const std::string& title) override;
+    void setTag(std::size_t tag) override { tag_ = tag; }
+    void setDayCount(std::optional<int> days) override;
+
+    struct Impl;
+
+  private:
+    std::unique_ptr<Impl> impl_;
+    std::size_t tag_ = 0;
+};
+
+} // namespace almanor

@@ -1,0 +1,55 @@
+#!/bin/sh
+# The commands that only read or write the store load neither the network stack nor the keyring
+# (status bars run them every few seconds); the cloud commands do. Every object the process loads,
+# dlopen()ed ones included, is named by the dynamic linker's own log.
+# Usage: local_commands_test.sh ALMANOR
+set -u
+B=$1
+T=$(mktemp -d)
+trap 'rm -rf "$T"' EXIT
+fail() { echo "FAIL: $*" >&2; exit 1; }
+export XDG_CONFIG_HOME="$T/config" XDG_DATA_HOME="$T/data" HOME="$T"
+NETWORK='lib(curl|xml2|ical|secret|gnutls|ssl|crypto|krb5|gssapi|k5crypto|ldap|lber|nghttp|ssh|psl|rtmp|idn2)[-.]'
+GUI='lib(gtk|gdk|X11|wayland|ayatana)'
+
+# Runs almanor with its arguments; prints the shared objects it loaded.
+loaded() {
+  LD_DEBUG=files LD_DEBUG_OUTPUT="$T/ld" "$B" "$@" > "$T/out" 2> "$T/err"
+  rc=$?
+  cat "$T"/ld.* | sed -n 's/.*file=\([^ ]*\) .*/\1/p' | sort -u
+  rm -f "$T"/ld.*
+  return $rc
+}
+
+check_local() {
+  libs=$(loaded "$@") || fail "almanor $*: exit $? $(cat "$T/err")"
+  echo "$libs" | grep -q 'libsqlite3' || fail "almanor $*: the log names no library at all"
+  bad=$(echo "$libs" | grep -E "$NETWORK|$GUI")
+  [ -z "$bad" ] || fail "almanor $* loaded: $(echo $bad)"
+}
+
+check_local events add Dentist --date 2030-03-03
+ID=$(cat "$T/out")
+check_local events add Rent --date 2024-01-22 --schedule monthly
+check_local status
+check_local status --json
+check_local events list
+check_local events list --json
+check_local events edit "$ID" --alias Teeth
+check_local select next
+check_local select "$ID"
+check_local cloud status
+check_local cloud status --json
+# With an account configured the local commands still load nothing of the network.
+printf '[com.vostrel.Almanor]\ncloudServer=http://127.0.0.1:9/\ncloudUser=me\ncloudPasswordCommand=echo x\n' \
+  >> "$XDG_CONFIG_HOME/Almanor/settings.ini"
+check_local status
+check_local cloud status
+check_local events delete "$ID"
+
+# The cloud commands do load it: the check above can see a loaded libcurl.
+libs=$(loaded cloud logout) || fail "cloud logout: exit $? $(cat "$T/err")"
+echo "$libs" | grep -Eq 'libcurl[-.]' || fail "cloud logout did not load the CalDAV module: $libs"
+libs=$(loaded sync)
+echo "$libs" | grep -Eq 'libcurl[-.]' && fail "sync without an account loaded the CalDAV module"
+exit 0
