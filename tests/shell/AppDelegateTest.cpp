@@ -56,8 +56,8 @@ class AppDelegateTest : public testing::Test {
 
     AppDelegate& start() {
         delegate = std::make_unique<AppDelegate>(
-            AppDelegate::Services{*store, cloudSync, defaults, launchAtLogin, center, mainThread, clock,
-                                  presenter, statusBar, scheduler,
+            AppDelegate::Services{*store, cloudSync, defaults, launchAtLogin, center, mainThread,
+                                  clock, presenter, statusBar, scheduler,
                                   [this]() -> std::unique_ptr<ManageEventsWindow> {
                                       if (refuseWindow) {
                                           return nullptr;

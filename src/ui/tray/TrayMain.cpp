@@ -92,8 +92,7 @@ struct Tray {
           // loaded only then.
           cloudSync(ledger, accountCloudServiceProvider(defaults, "."), defaults, clock,
                     syncLockFile(repository.local())),
-          account(accountName(defaults)),
-          loginItems(paths::configHome(), almanorProgram(self)),
+          account(accountName(defaults)), loginItems(paths::configHome(), almanorProgram(self)),
           launchAtLogin(loginItems, defaults),
           presenter(std::string(itemPath) + "/Menu",
                     DbusMenuPresenter::Actions{
