@@ -255,8 +255,7 @@ struct UserDefaults::Loaded {
 };
 
 UserDefaults::UserDefaults(std::filesystem::path file)
-    : file_(std::move(file)), written_(std::make_unique<Version>()),
-      seen_(std::make_unique<Version>(Version{Version::read(file_)})) {}
+    : file_(std::move(file)), seen_(std::make_unique<Version>(Version{Version::read(file_)})) {}
 UserDefaults::~UserDefaults() = default;
 
 UserDefaults& UserDefaults::standard() {
@@ -342,7 +341,8 @@ bool UserDefaults::replaceDamaged(const std::string& damaged, const std::string&
     }
     Log::line("The damaged settings file was kept as " + aside->string());
     std::lock_guard guard(mutex_);
-    written_->content = readable;
+    news_ = news_ || damaged != seen_->content;
+    seen_->content = readable;
     return true;
 }
 
@@ -443,20 +443,28 @@ void UserDefaults::write(std::string_view key, std::optional<std::string> text) 
     }
     gsize length = 0;
     GString_ data(g_key_file_to_data(keys.get(), &length, nullptr));
+    // The file as it stands under the writers' lock: if another process changed it since we last
+    // looked, that change is still news after this write folds it in.
+    auto before = Version::read(file_);
     GError* raw = nullptr;
-    if (!g_file_set_contents(file_.c_str(), data.get(), gssize(length), &raw)) {
+    bool saved = g_file_set_contents(file_.c_str(), data.get(), gssize(length), &raw);
+    if (!saved) {
         Error error(raw);
         Log::line("Failed to save settings to " + file_.string() + ": " + error->message);
     }
     std::lock_guard guard(mutex_);
     cache_.reset();
-    written_->content = std::string(data.get(), length);
+    if (saved) {
+        news_ = news_ || before != seen_->content;
+        seen_->content = std::string(data.get(), length);
+    }
 }
 
 bool UserDefaults::changedElsewhere() {
     auto now = Version::read(file_);
     std::lock_guard guard(mutex_);
-    bool changed = now != seen_->content && now != written_->content;
+    bool changed = news_ || now != seen_->content;
+    news_ = false;
     seen_->content = std::move(now);
     return changed;
 }

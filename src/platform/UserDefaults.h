@@ -43,7 +43,8 @@ class UserDefaults {
     void remove(std::string_view key);
 
     // Whether the file changed on disk since the last call, by a writer other than this object.
-    // A version of the file that this object wrote itself is taken as seen, never as a change.
+    // What this object wrote itself is taken as seen; another writer's change counts even when it
+    // puts back what this object wrote, or when a write of ours folded it in first.
     bool changedElsewhere();
 
     // The group that holds the keys inside the file.
@@ -66,10 +67,11 @@ class UserDefaults {
     mutable std::mutex mutex_;
     mutable std::shared_ptr<const Snapshot> cache_;
     std::map<std::string, std::string, std::less<>> registered_;
-    // Versions of the file for changedElsewhere: the last one written here and the last one seen.
+    // For changedElsewhere: the file as last seen or written here, and whether another process
+    // changed it in between (folded into a write of ours before we looked).
     struct Version;
-    std::unique_ptr<Version> written_;
     std::unique_ptr<Version> seen_;
+    mutable bool news_ = false;
 };
 
 } // namespace almanor

@@ -199,6 +199,25 @@ TEST_F(DefaultsTest, ARepairIsTheRepairersOwnChangeAndAnotherReadersNews) {
     EXPECT_TRUE(cli.changedElsewhere());
 }
 
+TEST_F(DefaultsTest, AnotherWritersChangeIsNewsEvenWhenItRestoresOurOwnWrite) {
+    UserDefaults tray(file);
+    UserDefaults cli(file);
+    tray.setString("selectedEvent", "A");
+    EXPECT_FALSE(tray.changedElsewhere());
+    cli.setString("selectedEvent", "B");
+    EXPECT_TRUE(tray.changedElsewhere());
+    // Back to the very file the tray wrote: still another writer's change.
+    cli.setString("selectedEvent", "A");
+    EXPECT_TRUE(tray.changedElsewhere());
+    EXPECT_FALSE(tray.changedElsewhere());
+    // A change folded into the tray's own write before it looked is not lost either.
+    cli.setString("selectedEvent", "C");
+    tray.setBoolean("launchAtLogin", true);
+    EXPECT_TRUE(tray.changedElsewhere());
+    tray.setBoolean("launchAtLogin", false);
+    EXPECT_FALSE(tray.changedElsewhere());
+}
+
 TEST_F(DefaultsTest, WithNoFreeNameForACopyTheDamagedFileIsLeftAndNotOverwritten) {
     std::string damaged = withLine(everyKey, 2, "garbage");
     spit(file, damaged);
