@@ -1,50 +1,101 @@
-#include "cli/Cli.h"
+// almanor: the tray when started with no command, else the command line. This program itself
+// links only the C library: the tray is exec'd without loading anything the commands use, and the
+// commands live in almanor-cli.so, opened here. Status bars run `almanor status` every few
+// seconds and a panel starts the tray at login; neither pays for the other.
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <string>
+#include <dlfcn.h>
 #include <unistd.h>
 
 #ifndef ALMANOR_TRAY_RELATIVE
 #define ALMANOR_TRAY_RELATIVE "../libexec/almanor/almanor-tray"
 #endif
+#ifndef ALMANOR_CLI_RELATIVE
+#define ALMANOR_CLI_RELATIVE "../libexec/almanor/almanor-cli.so"
+#endif
 
 namespace {
 
-// The tray is a program of its own, so that the command line loads no GUI library. It lives
-// beside this binary in a build tree, else where the install put it.
-int startTray(const char* argv0) {
-    std::error_code ec;
-    std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ec);
-    if (ec) {
-        self = argv0;
+// This program's folder, with a trailing slash; argv[0]'s when /proc is not there.
+struct Self {
+    char path[PATH_MAX] = {};
+    char folder[PATH_MAX] = {};
+};
+
+bool findSelf(const char* argv0, Self& self) {
+    ssize_t n = ::readlink("/proc/self/exe", self.path, sizeof self.path - 1);
+    if (n > 0) {
+        self.path[n] = '\0';
+    } else if (std::snprintf(self.path, sizeof self.path, "%s", argv0) >= int(sizeof self.path)) {
+        return false;
     }
-    std::string beside = (self.parent_path() / "almanor-tray").string();
-    // Login items start the almanor that enabled them: the tray needs to know which one that is.
-    ::setenv("ALMANOR_LAUNCHER", self.c_str(), 1);
-    std::string installed =
-        (self.parent_path() / ALMANOR_TRAY_RELATIVE).lexically_normal().string();
-    for (const std::string& tray : {beside, installed}) {
-        if (!tray.empty() && ::access(tray.c_str(), X_OK) == 0) {
-            char* args[] = {const_cast<char*>(tray.c_str()), nullptr};
-            ::execv(tray.c_str(), args);
-            std::fprintf(stderr, "almanor: cannot start the tray %s: %s\n", tray.c_str(),
-                         std::strerror(errno));
-            return 3;
+    std::memcpy(self.folder, self.path, sizeof self.folder);
+    char* slash = std::strrchr(self.folder, '/');
+    if (slash == nullptr) {
+        std::snprintf(self.folder, sizeof self.folder, "./");
+    } else {
+        slash[1] = '\0';
+    }
+    return true;
+}
+
+// `name` beside this program, else at `installed` (relative to this program's folder); the first
+// that exists goes in `out`.
+bool locate(const Self& self, const char* name, const char* installed, char (&out)[PATH_MAX]) {
+    const char* candidates[] = {name, installed};
+    for (const char* candidate : candidates) {
+        if (std::snprintf(out, PATH_MAX, "%s%s", self.folder, candidate) < PATH_MAX &&
+            ::access(out, F_OK) == 0) {
+            return true;
         }
     }
-    std::fprintf(stderr, "almanor: the tray (almanor-tray) is not installed beside %s\n",
-                 self.c_str());
+    return false;
+}
+
+// The tray is a program of its own, so that the command line loads no GUI library.
+int startTray(const Self& self) {
+    char tray[PATH_MAX];
+    if (!locate(self, "almanor-tray", ALMANOR_TRAY_RELATIVE, tray)) {
+        std::fprintf(stderr, "almanor: the tray (almanor-tray) is not installed beside %s\n",
+                     self.path);
+        return 3;
+    }
+    // Login items start the almanor that enabled them: the tray needs to know which one that is.
+    ::setenv("ALMANOR_LAUNCHER", self.path, 1);
+    char* args[] = {tray, nullptr};
+    ::execv(tray, args);
+    std::fprintf(stderr, "almanor: cannot start the tray %s: %s\n", tray, std::strerror(errno));
     return 3;
+}
+
+int runCommand(const Self& self, int argc, char** argv) {
+    char cli[PATH_MAX];
+    if (!locate(self, "almanor-cli.so", ALMANOR_CLI_RELATIVE, cli)) {
+        std::fprintf(stderr, "almanor: the commands (almanor-cli.so) are not installed beside %s\n",
+                     self.path);
+        return 3;
+    }
+    // Lazily bound, as a program's own libraries are: only the functions called are looked up.
+    void* module = ::dlopen(cli, RTLD_LAZY | RTLD_LOCAL);
+    void* entry = module != nullptr ? ::dlsym(module, "almanor_cli_run") : nullptr;
+    if (entry == nullptr) {
+        std::fprintf(stderr, "almanor: cannot load the commands: %s\n", ::dlerror());
+        return 3;
+    }
+    return reinterpret_cast<int (*)(int, char**)>(entry)(argc, argv);
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc == 1) {
-        return startTray(argv[0]);
+    Self self;
+    if (!findSelf(argv[0], self)) {
+        std::fprintf(stderr, "almanor: cannot tell where this program is\n");
+        return 3;
     }
-    return almanor::cli::run(argc, argv);
+    return argc == 1 ? startTray(self) : runCommand(self, argc, argv);
 }

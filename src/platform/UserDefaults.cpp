@@ -255,7 +255,18 @@ struct UserDefaults::Loaded {
 };
 
 UserDefaults::UserDefaults(std::filesystem::path file)
-    : file_(std::move(file)), seen_(std::make_unique<Version>(Version{Version::read(file_)})) {}
+    : file_(std::move(file)), seen_(nullptr) {
+    // The bytes read to tell later changes from this process's own are the first snapshot too,
+    // so the file is read once. The identity is taken first: a change in between is newer than
+    // that identity, and is read again on the first look.
+    Identity identity = identityOf(file_);
+    seen_ = std::make_unique<Version>(Version{Version::read(file_)});
+    if (identity.exists && seen_->content) {
+        if (KeyFile keys = parse(*seen_->content, G_KEY_FILE_NONE)) {
+            cache_ = std::make_shared<Snapshot>(Snapshot{identity, std::move(keys)});
+        }
+    }
+}
 UserDefaults::~UserDefaults() = default;
 
 UserDefaults& UserDefaults::standard() {

@@ -11,6 +11,7 @@
 #include "sync/CloudSync.h"
 
 #include <array>
+#include <utility>
 
 namespace almanor {
 
@@ -305,8 +306,20 @@ std::vector<EventPtr> AppDelegate::events() const {
 }
 
 void AppDelegate::rebuildEventsMenu(const Uuid& marked) {
+    if (s_.eventsMenuOnDemand && !eventsMenuMade_) {
+        eventsMenuWanted_ = marked;
+        return;
+    }
     eventsMenu_ = eventsMenuRows(marked);
     s_.menuPresenter.rebuildEventsMenu(eventsMenu_);
+    eventsMenuMade_ = true;
+}
+
+void AppDelegate::eventsMenuAboutToShow() {
+    if (auto marked = std::exchange(eventsMenuWanted_, std::nullopt)) {
+        eventsMenuMade_ = true;
+        rebuildEventsMenu(*marked);
+    }
 }
 
 } // namespace almanor

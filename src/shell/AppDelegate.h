@@ -98,6 +98,10 @@ class AppDelegate {
         std::function<void()> terminate;
         DisplayedEventSelection::CalendarSource calendar = &DayCalendar::current;
         DisplayedEventSelection::RandomIndex random = DisplayedEventSelection::uniformRandomIndex();
+        // The events submenu's rows are made only once a panel is about to show them (see
+        // eventsMenuAboutToShow): its dates cost start-up time and memory that the title does not
+        // need. From then on they follow every change, as the panel may be showing them.
+        bool eventsMenuOnDemand = false;
     };
 
     static constexpr double refreshInterval = 300.0;
@@ -136,6 +140,8 @@ class AppDelegate {
     // The rows of the events submenu for the id to mark, built from the repository's events.
     std::vector<MenuItem> eventsMenuRows(const Uuid& marked) const;
     void rebuildEventsMenu(const Uuid& marked);
+    // A panel is about to show the menu or the events submenu: rows not yet made are made now.
+    void eventsMenuAboutToShow();
 
     const std::vector<MenuItem>& menu() const { return menu_; }
     const std::vector<MenuItem>& eventsMenu() const { return eventsMenu_; }
@@ -154,6 +160,8 @@ class AppDelegate {
     std::unique_ptr<ManageEventsWindow> manageEventsWindow_;
     std::vector<MenuItem> menu_;
     std::vector<MenuItem> eventsMenu_;
+    std::optional<Uuid> eventsMenuWanted_; // on demand: the mark of rows not made yet
+    bool eventsMenuMade_ = false;
     std::optional<NotificationCenter::Token> observer_;
     std::unique_ptr<Impl> impl_;
 };

@@ -72,7 +72,8 @@ class AppDelegateTest : public testing::Test {
                                   [this](std::size_t count) {
                                       ++draws;
                                       return std::size_t(draws) % count;
-                                  }});
+                                  },
+                                  eventsMenuOnDemand});
         delegate->applicationDidFinishLaunching();
         return *delegate;
     }
@@ -127,6 +128,7 @@ class AppDelegateTest : public testing::Test {
     test::FakeWindow* window = nullptr;
     int windowsMade = 0, activations = 0, terminations = 0, draws = 0;
     bool refuseWindow = false; // as when GTK cannot start
+    bool eventsMenuOnDemand = false;
     std::unique_ptr<AppDelegate> delegate;
 };
 
@@ -253,6 +255,33 @@ TEST_F(AppDelegateTest, ChoosingARowMarksItEvenWhenAnotherEventEndsUpShown) {
     // The next rebuild corrects the marks.
     center.post(eventChangeNotification);
     EXPECT_EQ(marked().size(), 1u);
+}
+
+TEST_F(AppDelegateTest, OnDemandTheEventsRowsWaitForAPanelAndThenFollowEveryChange) {
+    auto trip = add("Trip", at(2031, 1, 5, 9));
+    auto gym = add("Gym", at(2030, 1, 7, 18), Schedule::weekly);
+    defaults.setString(Settings::selectedEvent, trip->id().uuidString());
+    eventsMenuOnDemand = true;
+    start();
+    EXPECT_EQ(title(), "Trip 361 days");
+    EXPECT_EQ(presenter.rebuilds, 0);
+    // Chosen before any panel showed the menu: the rows made later mark the last choice.
+    defaults.setString(Settings::selectedEvent, gym->id().uuidString());
+    center.post(eventChangeNotification);
+    EXPECT_EQ(title(), "Gym 4 days");
+    EXPECT_EQ(presenter.rebuilds, 0);
+    delegate->eventsMenuAboutToShow();
+    EXPECT_EQ(presenter.rebuilds, 1);
+    EXPECT_EQ(marked(), (std::vector<std::string>{"Gym - Mon"}));
+    // Shown again: nothing to make. A change now reaches the rows at once, as they may be shown.
+    delegate->eventsMenuAboutToShow();
+    EXPECT_EQ(presenter.rebuilds, 1);
+    add("Dentist", at(2030, 3, 3, 10));
+    EXPECT_EQ(presenter.rebuilds, 2);
+    auto titles = presenter.titles();
+    EXPECT_EQ(std::count(titles.begin(), titles.end(), "Dentist - Mar 3, 2030"), 1);
+    delegate->updateSelectedEventWithSender(indexOf("Dentist - Mar 3, 2030"));
+    EXPECT_EQ(marked(), (std::vector<std::string>{"Dentist - Mar 3, 2030"}));
 }
 
 TEST_F(AppDelegateTest, TicksRecomputeOnceADayAfterMidnight) {

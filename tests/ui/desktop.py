@@ -134,12 +134,29 @@ def item_property(name):
     return re.match(r"\(<'(.*)'>,\)", out.strip()).group(1)
 
 
-def menu():
-    """The menu as a panel reads it: a list of (id, properties, children)."""
+def layout():
+    """The menu as it is served now, asking nothing first: (id, properties, children)."""
     from gi.repository import GLib
     out = gdbus("-o", ITEM + "/Menu", "-m", "com.canonical.dbusmenu.GetLayout", "--", "0", "-1", "[]")
     value = GLib.Variant.parse(GLib.VariantType.new("(u(ia{sv}av))"), out.strip(), None, None)
     return value.unpack()[1]
+
+
+def about_to_show(ident):
+    gdbus("-o", ITEM + "/Menu", "-m", "com.canonical.dbusmenu.AboutToShow", "--", str(ident))
+
+
+def menu():
+    """The menu as a panel opening it reads it: the menu and each submenu announced first
+    (AboutToShow), then a list of (id, properties, children)."""
+    about_to_show(0)
+    for ident, props, _ in layout()[2]:
+        if props.get("children-display") == "submenu":
+            try:
+                about_to_show(ident)
+            except AssertionError:
+                pass  # the row was replaced by a newer one meanwhile, which has its rows already
+    return layout()
 
 
 def rows(layout=None):

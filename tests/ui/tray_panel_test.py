@@ -240,6 +240,37 @@ class TrayPanelTest(unittest.TestCase):
         finally:
             self.quit(tray)
 
+    def test_8_the_events_rows_are_made_when_a_panel_opens_the_menu(self):
+        # However a panel says it opens the menu, the rows are there when it reads them, under the
+        # row it already knows: a row put in its place would close a submenu being opened.
+        menu_path = desktop.ITEM + "/Menu"
+        ways = {
+            "AboutToShow": lambda ident: desktop.about_to_show(ident),
+            "AboutToShowGroup": lambda ident: desktop.gdbus(
+                "-o", menu_path, "-m", "com.canonical.dbusmenu.AboutToShowGroup", "--", "[0, %d]" % ident),
+            "opened": lambda ident: desktop.gdbus(
+                "-o", menu_path, "-m", "com.canonical.dbusmenu.Event", "--", "0", "opened", "<int32 0>", "0"),
+        }
+        for way, tell in ways.items():
+            with self.subTest(way):
+                tray = self.start_tray()
+                try:
+                    # Chosen before the menu was ever shown.
+                    self.d.almanor("select", self.gym)
+                    self.d.wait_for(lambda: desktop.label().startswith("Gym "), "the new label")
+                    events = desktop.layout()[2][0]
+                    self.assertEqual((events[1]["label"], events[2]), ("Events", []))
+                    tell(events[0])
+                    self.d.wait_for(lambda: desktop.layout()[2][0][2], "the rows")
+                    shown = desktop.layout()[2][0]
+                    self.assertEqual(shown[0], events[0])
+                    rows = desktop.rows(shown)
+                    self.assertIn("Trip to Prague - Jan 5, 2031", rows)
+                    self.assertEqual([k for k, v in rows.items() if v.get("toggle-state") == 1], ["Gym - Mon"])
+                finally:
+                    self.d.almanor("select", self.trip)
+                    self.quit(tray)
+
 
 if __name__ == "__main__":
     unittest.main(verbosity=2)

@@ -69,52 +69,43 @@ struct DbusMenuPresenter::Impl {
     std::vector<Item> eventItems;
     std::optional<std::size_t> eventsRow; // the top row that holds the events submenu
     MenuItem eventsRowItem;
+    bool filled = false; // the events row has had rows
 
-    // A submenu being put together under a row of its own, out of the server's sight; it takes
-    // the shown row's place in one step, so the server follows one change instead of one per row.
-    struct Draft {
-        std::vector<MenuItem> rows;
-        Item parent;
-        std::vector<Item> items;
-        std::size_t left = 0; // rows still to make; they are made from the last up
-    };
-    // The first submenu is made a slice at a time once the main loop runs, so that the title
-    // reaches the panel first. Later ones are made at once: a click on a shown row must reach the
-    // row it was made for.
-    std::optional<Draft> firstDraft;
-    unsigned firstDraftSource = 0;
-    static constexpr std::size_t firstDraftSlice = 100; // rows made between two looks at the bus
-    bool shown = false;                                 // a submenu has taken the row's place
+    // A panel about to show a menu asks first (AboutToShow) or says so after (the "opened"
+    // event); either way the rows it may show are wanted now.
+    void watchShowing(DbusmenuMenuitem* item) {
+        g_signal_connect(item, DBUSMENU_MENUITEM_SIGNAL_ABOUT_TO_SHOW,
+                         G_CALLBACK(+[](DbusmenuMenuitem*, gpointer data) -> gboolean {
+                             static_cast<Impl*>(data)->aboutToShow();
+                             return FALSE;
+                         }),
+                         this);
+        g_signal_connect(item, DBUSMENU_MENUITEM_SIGNAL_EVENT "::" DBUSMENU_MENUITEM_EVENT_OPENED,
+                         G_CALLBACK(+[](DbusmenuMenuitem*, const gchar*, GVariant*, guint,
+                                        gpointer data) -> gboolean {
+                             static_cast<Impl*>(data)->aboutToShow();
+                             return FALSE;
+                         }),
+                         this);
+    }
 
-    ~Impl() {
-        if (firstDraftSource != 0) {
-            g_source_remove(firstDraftSource);
+    void aboutToShow() {
+        if (actions.aboutToShow) {
+            actions.aboutToShow();
         }
     }
 
-    Draft draft(const std::vector<MenuItem>& rows) {
-        return Draft{rows, makeItem(eventsRowItem), std::vector<Item>(rows.size()), rows.size()};
-    }
-
-    // Makes up to `count` more rows of the draft; prepending does not walk the list.
-    void make(Draft& draft, std::size_t count) {
-        for (; draft.left > 0 && count > 0; --count) {
-            std::size_t i = --draft.left;
-            draft.items[i] = makeItem(draft.rows[i]);
-            if (draft.rows[i].action == MenuItem::Action::updateSelectedEvent) {
-                onClicked(draft.items[i].get(), [this, i] { actions.updateSelectedEvent(i); });
+    // Makes the rows under `parent`; prepending from the last does not walk the list.
+    std::vector<Item> make(DbusmenuMenuitem* parent, const std::vector<MenuItem>& rows) {
+        std::vector<Item> items(rows.size());
+        for (std::size_t i = rows.size(); i-- > 0;) {
+            items[i] = makeItem(rows[i]);
+            if (rows[i].action == MenuItem::Action::updateSelectedEvent) {
+                onClicked(items[i].get(), [this, i] { actions.updateSelectedEvent(i); });
             }
-            dbusmenu_menuitem_child_prepend(draft.parent.get(), draft.items[i].get());
+            dbusmenu_menuitem_child_prepend(parent, items[i].get());
         }
-    }
-
-    void show(Draft& draft) {
-        const std::size_t at = *eventsRow;
-        dbusmenu_menuitem_child_delete(root.get(), topItems[at].get());
-        dbusmenu_menuitem_child_add_position(root.get(), draft.parent.get(), guint(at));
-        topItems[at] = std::move(draft.parent);
-        eventItems = std::move(draft.items);
-        shown = true;
+        return items;
     }
 };
 
@@ -125,6 +116,7 @@ DbusMenuPresenter::DbusMenuPresenter(const std::string& objectPath, Actions acti
     dbusmenu_menuitem_property_set(impl_->root.get(), DBUSMENU_MENUITEM_PROP_CHILD_DISPLAY,
                                    DBUSMENU_MENUITEM_CHILD_DISPLAY_SUBMENU);
     dbusmenu_server_set_root(impl_->server.get(), impl_->root.get());
+    impl_->watchShowing(impl_->root.get());
 }
 
 // The rows go with the root, all at once; the server lets go of the tree first.
@@ -162,6 +154,7 @@ void DbusMenuPresenter::buildMenu(const std::vector<MenuItem>& menu) {
         if (row.hasSubmenu) {
             impl_->eventsRow = i;
             impl_->eventsRowItem = row;
+            impl_->watchShowing(item.get());
         }
         dbusmenu_menuitem_child_append(impl_->root.get(), item.get());
         impl_->topItems.push_back(std::move(item));
@@ -173,45 +166,27 @@ void DbusMenuPresenter::rebuildEventsMenu(const std::vector<MenuItem>& rows) {
     if (!d.eventsRow) {
         return;
     }
-    if (d.shown) {
-        auto draft = d.draft(rows);
-        d.make(draft, draft.left);
-        d.show(draft);
+    const std::size_t at = *d.eventsRow;
+    if (!d.filled) {
+        // The first rows go under the row the panel knows, which may be opening its submenu
+        // right now: a row put in its place would close it.
+        d.eventItems = d.make(d.topItems[at].get(), rows);
+        d.filled = true;
         return;
     }
-    // The first one, made once the main loop runs; begun again when replaced meanwhile.
-    d.firstDraft = d.draft(rows);
-    if (d.firstDraftSource == 0) {
-        d.firstDraftSource = g_idle_add_full(
-            G_PRIORITY_DEFAULT_IDLE,
-            [](gpointer data) -> gboolean {
-                auto& impl = *static_cast<Impl*>(data);
-                impl.make(*impl.firstDraft, Impl::firstDraftSlice);
-                if (impl.firstDraft->left > 0) {
-                    return G_SOURCE_CONTINUE;
-                }
-                impl.show(*impl.firstDraft);
-                impl.firstDraft.reset();
-                impl.firstDraftSource = 0;
-                return G_SOURCE_REMOVE;
-            },
-            &d, nullptr);
-    }
+    // Later ones are put together under a row of their own, out of the server's sight, which
+    // then takes the shown row's place: the server follows one change instead of one per row.
+    Item parent = makeItem(d.eventsRowItem);
+    auto items = d.make(parent.get(), rows);
+    dbusmenu_menuitem_child_delete(d.root.get(), d.topItems[at].get());
+    dbusmenu_menuitem_child_add_position(d.root.get(), parent.get(), guint(at));
+    d.topItems[at] = std::move(parent);
+    d.eventItems = std::move(items);
 }
 
 void DbusMenuPresenter::setEventsMenuState(std::size_t index, bool on) {
-    Impl& d = *impl_;
-    if (d.firstDraft) {
-        if (index < d.firstDraft->rows.size()) {
-            d.firstDraft->rows[index].state = on;
-            if (d.firstDraft->items[index]) {
-                setMark(d.firstDraft->items[index].get(), on);
-            }
-        }
-        return;
-    }
-    if (index < d.eventItems.size()) {
-        setMark(d.eventItems[index].get(), on);
+    if (index < impl_->eventItems.size()) {
+        setMark(impl_->eventItems[index].get(), on);
     }
 }
 

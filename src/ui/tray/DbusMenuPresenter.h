@@ -11,9 +11,8 @@ namespace almanor {
 
 // Serves the delegate's menus over the menu protocol (com.canonical.dbusmenu) that panels read,
 // and forwards clicks to it. Rows are shown as they are (underscores are text, not mnemonics),
-// rows without an action are disabled, rows that can be marked carry a check mark. The first
-// events submenu is served a moment after start-up, once the main loop runs: the title reaches
-// the panel first.
+// rows without an action are disabled, rows that can be marked carry a check mark. A panel about
+// to show the menu or the events submenu is passed on (`aboutToShow`) before it reads the rows.
 class DbusMenuPresenter final : public MenuPresenter {
   public:
     struct Actions {
@@ -21,6 +20,7 @@ class DbusMenuPresenter final : public MenuPresenter {
         std::function<void(std::size_t)> updateSelectedEvent; // index in the events menu
         std::function<void(std::size_t)> toggleLaunchAtLogin; // index in the top menu
         std::function<void()> quit;
+        std::function<void()> aboutToShow; // the menu or the events submenu
     };
 
     // Exports the menu at `objectPath` on the session bus.

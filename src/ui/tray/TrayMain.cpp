@@ -100,6 +100,7 @@ struct Tray {
                         [this](std::size_t i) { delegate->updateSelectedEventWithSender(i); },
                         [this](std::size_t i) { delegate->toggleLaunchAtLoginWithSender(i); },
                         [this] { delegate->quit(); },
+                        [this] { delegate->eventsMenuAboutToShow(); },
                     }),
           item(g_application_get_dbus_connection(app),
                StatusNotifierItem::Options{
@@ -110,7 +111,7 @@ struct Tray {
                        return panelIcon::showsCount(defaults, desktop);
                    },
                    countIconFolder()}) {
-        delegate.emplace(AppDelegate::Services{
+        AppDelegate::Services services{
             repository,
             cloudSync,
             defaults,
@@ -133,7 +134,9 @@ struct Tray {
                 }
             },
             [this] { g_application_quit(application); },
-        });
+        };
+        services.eventsMenuOnDemand = true;
+        delegate.emplace(std::move(services));
     }
 
     void start() {
@@ -168,8 +171,8 @@ struct Tray {
         // A change written between the first title and now is not missed.
         delegate->storeChangedOnDisk();
         delegate->settingsChangedOnDisk();
-        // What start-up read and dropped (the store's rows, the menu's drafts) goes back to the
-        // system rather than waiting in the heap for a reuse that may never come.
+        // What start-up read and dropped (the store's rows) goes back to the system rather than
+        // waiting in the heap for a reuse that may never come.
         malloc_trim(0);
     }
 
