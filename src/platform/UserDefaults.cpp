@@ -254,8 +254,7 @@ struct UserDefaults::Loaded {
     bool settled; // false: a damaged or unreadable file that could not be kept aside
 };
 
-UserDefaults::UserDefaults(std::filesystem::path file)
-    : file_(std::move(file)), seen_(nullptr) {
+UserDefaults::UserDefaults(std::filesystem::path file) : file_(std::move(file)), seen_(nullptr) {
     // The bytes read to tell later changes from this process's own are the first snapshot too,
     // so the file is read once. The identity is taken first: a change in between is newer than
     // that identity, and is read again on the first look.
