@@ -104,13 +104,23 @@ void AppDelegate::applicationDidFinishLaunching() {
     s_.launchAtLogin.migrateIfNeeded();
     // 2.
     settings_.registerDefaults();
-    // 3. The table on first start, then the pull that the first title waits for; 4. the push
-    // follows it in the same pass, in the background. A store that cannot be read leaves the
-    // no-events title; the user is told once, here.
+    // 3. The table on first start, then the pull (waited for by a store that never pulled);
+    // 4. the push follows it in the same pass, in the background. A store that cannot be read
+    // leaves the no-events title; the user is told once, here.
     if (auto problem = s_.repository.local().unusable()) {
         Log::line(*problem);
     }
     MigrationManager::migrateIfNeeded(s_.repository, s_.defaults);
+    // 9, early: posts come from any thread (the store posts where it writes); the item, the menus
+    // and the window are touched only on the main thread. Until start-up is done every post waits
+    // in the main loop: the pull's changes are not lost, and none interrupts the first title.
+    observer_ = s_.center.addObserver(std::string(almanor::eventChangeNotification), [this] {
+        if (started_) {
+            s_.mainThread.run([this] { eventChangeNotification(); });
+        } else {
+            s_.mainThread.post([this] { eventChangeNotification(); });
+        }
+    });
     s_.cloudSync.populateFromCloud();
 
     // 5. The top-level menu, built once.
@@ -149,15 +159,10 @@ void AppDelegate::applicationDidFinishLaunching() {
     impl_->storeChangedElsewhere(s_.repository);
     s_.defaults.changedElsewhere();
 
-    // 9. Posts come from any thread (the store posts where it writes); the item, the menus and
-    // the window are touched only on the main thread.
-    observer_ = s_.center.addObserver(std::string(almanor::eventChangeNotification), [this] {
-        s_.mainThread.run([this] { eventChangeNotification(); });
-    });
-
     // 10.
     s_.scheduler.scheduleRepeating(refreshInterval, refreshTolerance,
                                    [this] { recalculateEvents(); });
+    started_ = true;
 }
 
 void AppDelegate::recalculateEvents() {

@@ -163,6 +163,7 @@ class AppDelegate {
     std::optional<Uuid> eventsMenuWanted_; // on demand: the mark of rows not made yet
     bool eventsMenuMade_ = false;
     std::optional<NotificationCenter::Token> observer_;
+    bool started_ = false; // start-up done: changes on the main thread are handled at once
     std::unique_ptr<Impl> impl_;
 };
 

@@ -1,5 +1,6 @@
 #include "sync/CloudSync.h"
 
+#include "cloud/RecordMapping.h"
 #include "platform/FileLock.h"
 #include "platform/Log.h"
 
@@ -15,6 +16,13 @@ CloudSync::~CloudSync() {
 }
 
 void CloudSync::populateFromCloud() {
+    // Read before the worker starts: a store in step with the server keeps its token.
+    bool pulledBefore = false;
+    try {
+        pulledBefore = !ledger_.syncToken(std::string(appZoneName)).empty();
+    } catch (const StoreError&) {
+        // Unreadable: the pass below finds out and says so.
+    }
     std::unique_lock lock(mutex_);
     if (stopping_)
         return;
@@ -22,7 +30,8 @@ void CloudSync::populateFromCloud() {
     if (!worker_.joinable())
         worker_ = std::thread([this] { worker(); });
     changed_.notify_all();
-    changed_.wait(lock, [&] { return pulled_ >= mine || stopping_; });
+    if (!pulledBefore)
+        changed_.wait_for(lock, firstPullWait, [&] { return pulled_ >= mine || stopping_; });
 }
 
 void CloudSync::sync() {

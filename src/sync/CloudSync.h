@@ -7,6 +7,7 @@
 #include "sync/SyncPass.h"
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <filesystem>
@@ -30,9 +31,12 @@ class CloudSync {
     CloudSync(const CloudSync&) = delete;
     CloudSync& operator=(const CloudSync&) = delete;
 
-    // Start-up: a pass, returning once its pull has ended (its push goes on in the background),
-    // so that the first title is drawn from what the server holds.
+    // Start-up: a pass. A store that has never pulled waits for that pull to end (its push goes
+    // on in the background), at most `firstPullWait`, so that a new machine's first title is
+    // drawn from what the server holds; a store that has pulled before returns at once, its title
+    // drawn from the store while the pull runs: what the pull changes is posted like any change.
     void populateFromCloud();
+    static constexpr std::chrono::seconds firstPullWait{5};
     // A pass in the background; returns at once.
     void sync();
     // Blocks until no pass runs or is asked for; the result of the last pass.

@@ -14,7 +14,9 @@
 #include "storage/Repository.h"
 #include "storage/StorageTesting.h"
 
+#include <atomic>
 #include <condition_variable>
+#include <future>
 #include <gtest/gtest.h>
 #include <thread>
 
@@ -86,6 +88,33 @@ TEST_F(CloudSyncTest, WithoutAnAccountEverythingStaysPending) {
                                                      "Cloud not available for syncing"}));
     EXPECT_EQ(pending(*p), 1u);
     EXPECT_EQ(fake->requests(), 0);
+}
+
+TEST_F(CloudSyncTest, OnlyAStoreThatNeverPulledHoldsItsFirstTitleForThePull) {
+    fake->seed(
+        recordFromEvent(CloudEvent{RecordId{"first", zone}, event("First", at(2030y / May / 1))}));
+    auto p = open();
+    p->sync.populateFromCloud();
+    ASSERT_EQ(p->repository.fetchAll().size(), 1u) << "a new machine's first title waits";
+    p->sync.waitForSync();
+
+    // In step before: a slow server holds neither the start nor the change it brings.
+    fake->seed(
+        recordFromEvent(CloudEvent{RecordId{"later", zone}, event("Later", at(2030y / May / 2))}));
+    std::promise<void> answer;
+    std::shared_future<void> answered = answer.get_future().share();
+    fake->setOnCall([answered](const FakeCloudService::Call&) { answered.wait(); });
+    std::atomic<int> posts{0};
+    auto token = center.addObserver(std::string(eventChangeNotification), [&] { ++posts; });
+    auto before = steady_clock::now();
+    p->sync.populateFromCloud();
+    EXPECT_LT(steady_clock::now() - before, 1s);
+    EXPECT_EQ(p->repository.fetchAll().size(), 1u);
+    answer.set_value();
+    p->sync.waitForSync();
+    EXPECT_EQ(p->repository.fetchAll().size(), 2u);
+    EXPECT_GT(posts.load(), 0) << "the pull's change is posted for the title";
+    center.removeObserver(token);
 }
 
 TEST_F(CloudSyncTest, OlderLayoutsZoneArrivesUnlinkedAndMovesToTheAppZone) {
