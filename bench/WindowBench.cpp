@@ -53,7 +53,7 @@ int main(int argc, char** argv) {
     ManageEventsWindowGtk window(repository, NotificationCenter::defaultCenter(), mainThread,
                                  SystemClock::shared());
     window.center();
-    window.makeKeyAndOrderFront();
+    window.present();
     settle();
     double shown = ms(start);
 

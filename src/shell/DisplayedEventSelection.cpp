@@ -56,7 +56,6 @@ Uuid DisplayedEventSelection::displayEvent(const EventPtr& event, int modeCode,
             calendar, today,
             Utility::occurrenceDate(calendar, today, event->date(), event->schedule()),
             event->countMethod()));
-        statusItem_->setTag(std::hash<Uuid>{}(event->id()));
     }
     switch (modeCode) {
     case nextMode:

@@ -73,7 +73,7 @@ class AppDelegateTest : public testing::Test {
                                       ++draws;
                                       return std::size_t(draws) % count;
                                   }});
-        delegate->applicationDidFinishLaunching();
+        delegate->startup();
         return *delegate;
     }
     EventPtr add(std::string name, Instant date, Schedule s = Schedule::none) {
@@ -221,7 +221,7 @@ TEST_F(AppDelegateTest, TheEventsMenuHasItsSectionsDatesAndMarks) {
                       r.title == "Weekly events" || r.title == "Monthly events" ||
                       r.title == "Annual events";
         EXPECT_EQ(r.action == MenuItem::Action::none, header) << r.title;
-        EXPECT_EQ(r.representedObject.has_value(), !header) << r.title;
+        EXPECT_EQ(r.data.has_value(), !header) << r.title;
     }
     EXPECT_EQ(title(), "Trip 361 days");
 }
@@ -241,14 +241,14 @@ TEST_F(AppDelegateTest, ChoosingARowMarksItEvenWhenAnotherEventEndsUpShown) {
     add("Past", at(2029, 1, 1));
     add("Older", at(2028, 1, 1));
     start();
-    delegate->updateSelectedEventWithSender(indexOf("Next upcoming event"));
+    delegate->updateSelectedEvent(indexOf("Next upcoming event"));
     // Nothing is upcoming: the first event is shown and stored, the mode's row stays marked.
     EXPECT_EQ(marked(), (std::vector<std::string>{"Next upcoming event"}));
     EXPECT_EQ(title(), "Older 740 days ago");
     EXPECT_NE(defaults.string(Settings::selectedEvent),
               DisplayedEventSelection::nextEventId.uuidString());
     // A header chooses a fresh id: every mark goes, and the fallback is shown.
-    delegate->updateSelectedEventWithSender(indexOf("One off events"));
+    delegate->updateSelectedEvent(indexOf("One off events"));
     EXPECT_EQ(marked(), std::vector<std::string>{});
     // The next rebuild corrects the marks.
     center.post(eventChangeNotification);
@@ -403,7 +403,7 @@ TEST_F(AppDelegateTest, RandomModeNeverFeedsOnItsOwnWrites) {
     add("A", at(2030, 1, 19));
     add("B", at(2030, 1, 20));
     start();
-    delegate->updateSelectedEventWithSender(indexOf("Random event selection"));
+    delegate->updateSelectedEvent(indexOf("Random event selection"));
     struct stat before {};
     ASSERT_EQ(::stat(defaults.file().c_str(), &before), 0);
     int drawn = draws;
@@ -422,15 +422,15 @@ TEST_F(AppDelegateTest, RandomModeNeverFeedsOnItsOwnWrites) {
 
 TEST_F(AppDelegateTest, TheWindowIsMadeOnceAndCentredWhenBroughtBack) {
     start();
-    delegate->manageEventsWithSender();
+    delegate->manageEvents();
     ASSERT_NE(window, nullptr);
     EXPECT_TRUE(window->visible);
     int centred = window->centred;
-    delegate->manageEventsWithSender(); // visible: left where it is
+    delegate->manageEvents(); // visible: left where it is
     EXPECT_EQ(window->centred, centred);
     EXPECT_EQ(window->fronted, 1);
     window->visible = false; // closed: hidden, kept
-    delegate->manageEventsWithSender();
+    delegate->manageEvents();
     EXPECT_EQ(windowsMade, 1);
     EXPECT_EQ(window->centred, centred + 1);
     EXPECT_EQ(window->fronted, 2);
@@ -440,11 +440,11 @@ TEST_F(AppDelegateTest, TheWindowIsMadeOnceAndCentredWhenBroughtBack) {
 TEST_F(AppDelegateTest, AWindowThatCannotBeMadeIsAskedForAgainNextTime) {
     start();
     refuseWindow = true;
-    delegate->manageEventsWithSender();
-    delegate->manageEventsWithSender();
+    delegate->manageEvents();
+    delegate->manageEvents();
     EXPECT_EQ(activations, 0);
     refuseWindow = false;
-    delegate->manageEventsWithSender();
+    delegate->manageEvents();
     ASSERT_NE(window, nullptr);
     EXPECT_TRUE(window->visible);
     EXPECT_EQ(windowsMade, 1);
@@ -454,13 +454,13 @@ TEST_F(AppDelegateTest, AWindowThatCannotBeMadeIsAskedForAgainNextTime) {
 TEST_F(AppDelegateTest, TheLoginRowFollowsTheRequestEvenWhenRefused) {
     start();
     EXPECT_FALSE(presenter.menu()[3].state);
-    delegate->toggleLaunchAtLoginWithSender(3);
+    delegate->toggleLaunchAtLogin(3);
     EXPECT_TRUE(loginItems.registered);
     EXPECT_TRUE(presenter.menu()[3].state);
-    delegate->toggleLaunchAtLoginWithSender(3);
+    delegate->toggleLaunchAtLogin(3);
     EXPECT_FALSE(loginItems.registered);
     loginItems.refuse = true;
-    delegate->toggleLaunchAtLoginWithSender(3);
+    delegate->toggleLaunchAtLogin(3);
     EXPECT_FALSE(loginItems.registered);
     EXPECT_TRUE(presenter.menu()[3].state);
     delegate->quit();

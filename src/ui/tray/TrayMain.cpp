@@ -96,9 +96,9 @@ struct Tray {
           launchAtLogin(loginItems, defaults),
           presenter(std::string(itemPath) + "/Menu",
                     DbusMenuPresenter::Actions{
-                        [this] { delegate->manageEventsWithSender(); },
-                        [this](std::size_t i) { delegate->updateSelectedEventWithSender(i); },
-                        [this](std::size_t i) { delegate->toggleLaunchAtLoginWithSender(i); },
+                        [this] { delegate->manageEvents(); },
+                        [this](std::size_t i) { delegate->updateSelectedEvent(i); },
+                        [this](std::size_t i) { delegate->toggleLaunchAtLogin(i); },
                         [this] { delegate->quit(); },
                     }),
           item(g_application_get_dbus_connection(app),
@@ -137,7 +137,7 @@ struct Tray {
     }
 
     void start() {
-        delegate->applicationDidFinishLaunching();
+        delegate->startup();
         // The watches wait until the first title is out: they cost start-up time (the network
         // monitor loads GIO's modules) and nothing can change before the main loop runs anyway.
         g_idle_add_full(
@@ -163,7 +163,7 @@ struct Tray {
             }
             watchNetworkIfNeeded();
         });
-        wakeWatch.emplace([this] { delegate->systemDidWake(); });
+        wakeWatch.emplace([this] { delegate->resumed(); });
         watchNetworkIfNeeded();
         // A change written between the first title and now is not missed.
         delegate->storeChangedOnDisk();
@@ -258,7 +258,7 @@ int main(int argc, char** argv) {
     g_signal_connect(application.get(), "activate", G_CALLBACK(+[](GApplication*, gpointer data) {
                          auto& r = *static_cast<Run*>(data);
                          if (r.launched && r.tray) {
-                             r.tray->delegate->manageEventsWithSender();
+                             r.tray->delegate->manageEvents();
                          }
                          r.launched = true;
                      }),

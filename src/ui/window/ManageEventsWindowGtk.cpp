@@ -483,7 +483,7 @@ void ManageEventsWindowGtk::center() {
     }
 }
 
-void ManageEventsWindowGtk::makeKeyAndOrderFront() {
+void ManageEventsWindowGtk::present() {
     impl_->window->present();
 }
 

@@ -27,7 +27,7 @@ class ManageEventsWindowGtk final : public ManageEventsWindow {
 
     bool isVisible() const override;
     void center() override;
-    void makeKeyAndOrderFront() override;
+    void present() override;
 
     Gtk::Window& window();
     const Model& model() const;
