@@ -1,9 +1,17 @@
 #include "cli/Cli.h"
+#include "platform/Clock.h"
+#include "platform/NotificationCenter.h"
+#include "platform/Paths.h"
+#include "platform/UserDefaults.h"
+#include "storage/LocalRepository.h"
+#include "storage/Repository.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <memory>
+#include <optional>
 #include <string>
 #include <unistd.h>
 
@@ -46,5 +54,19 @@ int main(int argc, char** argv) {
     if (argc == 1) {
         return startTray(argv[0]);
     }
-    return almanor::cli::run(argc, argv);
+    using namespace almanor;
+    // The command's services, built once here.
+    UserDefaults defaults(paths::settingsFile());
+    NotificationCenter center;
+    SystemClock clock;
+    std::optional<Repository> repository;
+    cli::Services services{
+        defaults, clock, [&]() -> Repository& {
+            if (!repository) {
+                repository.emplace(std::make_unique<LocalRepository>(
+                    paths::databaseDirectory(), paths::databaseFileName, center, clock));
+            }
+            return *repository;
+        }};
+    return cli::run(argc, argv, services);
 }

@@ -1,7 +1,6 @@
 #include "platform/UserDefaults.h"
 
 #include "platform/Log.h"
-#include "platform/Paths.h"
 
 #include <cerrno>
 #include <cstring>
@@ -258,11 +257,6 @@ UserDefaults::UserDefaults(std::filesystem::path file)
     : file_(std::move(file)), written_(std::make_unique<Version>()),
       seen_(std::make_unique<Version>(Version{Version::read(file_)})) {}
 UserDefaults::~UserDefaults() = default;
-
-UserDefaults& UserDefaults::standard() {
-    static UserDefaults defaults(paths::settingsFile());
-    return defaults;
-}
 
 void UserDefaults::registerDefaults(const std::map<std::string, std::string>& strings) {
     std::lock_guard lock(mutex_);
