@@ -206,7 +206,7 @@ void AppDelegate::manageEvents() {
         }
         manageEventsWindow_->center();
     }
-    s_.activateApplication();
+    s_.presentWindows();
     if (!manageEventsWindow_->isVisible()) {
         manageEventsWindow_->center();
         manageEventsWindow_->present();
@@ -241,7 +241,7 @@ void AppDelegate::toggleLaunchAtLogin(std::size_t menuIndex) {
 }
 
 void AppDelegate::quit() {
-    s_.terminate();
+    s_.quit();
 }
 
 std::vector<MenuItem> AppDelegate::eventsMenuRows(const Uuid& marked) const {

@@ -92,10 +92,10 @@ class AppDelegate {
         Scheduler& scheduler;
         // Makes the management window on first use; null when it cannot be made.
         std::function<std::unique_ptr<ManageEventsWindow>()> makeManageEventsWindow;
-        // Brings the application to the front (all windows, ignoring other applications).
-        std::function<void()> activateApplication;
+        // Presents the application's visible windows.
+        std::function<void()> presentWindows;
         // Ends the main loop.
-        std::function<void()> terminate;
+        std::function<void()> quit;
         DisplayedEventSelection::CalendarSource calendar = &DayCalendar::current;
         DisplayedEventSelection::RandomIndex random = DisplayedEventSelection::uniformRandomIndex();
     };

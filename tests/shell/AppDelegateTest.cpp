@@ -67,7 +67,7 @@ class AppDelegateTest : public testing::Test {
                                       ++windowsMade;
                                       return w;
                                   },
-                                  [this] { ++activations; }, [this] { ++terminations; },
+                                  [this] { ++presentations; }, [this] { ++quits; },
                                   [] { return DayCalendar::forZone(zone); },
                                   [this](std::size_t count) {
                                       ++draws;
@@ -125,7 +125,7 @@ class AppDelegateTest : public testing::Test {
     test::ManualScheduler scheduler;
     test::QueueMainThread mainThread;
     test::FakeWindow* window = nullptr;
-    int windowsMade = 0, activations = 0, terminations = 0, draws = 0;
+    int windowsMade = 0, presentations = 0, quits = 0, draws = 0;
     bool refuseWindow = false; // as when GTK cannot start
     std::unique_ptr<AppDelegate> delegate;
 };
@@ -434,7 +434,7 @@ TEST_F(AppDelegateTest, TheWindowIsMadeOnceAndCentredWhenBroughtBack) {
     EXPECT_EQ(windowsMade, 1);
     EXPECT_EQ(window->centred, centred + 1);
     EXPECT_EQ(window->fronted, 2);
-    EXPECT_EQ(activations, 3);
+    EXPECT_EQ(presentations, 3);
 }
 
 TEST_F(AppDelegateTest, AWindowThatCannotBeMadeIsAskedForAgainNextTime) {
@@ -442,13 +442,13 @@ TEST_F(AppDelegateTest, AWindowThatCannotBeMadeIsAskedForAgainNextTime) {
     refuseWindow = true;
     delegate->manageEvents();
     delegate->manageEvents();
-    EXPECT_EQ(activations, 0);
+    EXPECT_EQ(presentations, 0);
     refuseWindow = false;
     delegate->manageEvents();
     ASSERT_NE(window, nullptr);
     EXPECT_TRUE(window->visible);
     EXPECT_EQ(windowsMade, 1);
-    EXPECT_EQ(activations, 1);
+    EXPECT_EQ(presentations, 1);
 }
 
 TEST_F(AppDelegateTest, TheLoginRowFollowsTheRequestEvenWhenRefused) {
@@ -464,7 +464,7 @@ TEST_F(AppDelegateTest, TheLoginRowFollowsTheRequestEvenWhenRefused) {
     EXPECT_FALSE(loginItems.registered);
     EXPECT_TRUE(presenter.menu()[3].state);
     delegate->quit();
-    EXPECT_EQ(terminations, 1);
+    EXPECT_EQ(quits, 1);
 }
 
 } // namespace
