@@ -21,13 +21,14 @@ namespace {
 struct Store {
     test::TempDir dir;
     NotificationCenter center;
+    SystemClock clock;
     UserDefaults defaults{dir / "settings.ini"};
     std::shared_ptr<test::FakeCloudService> fake = std::make_shared<test::FakeCloudService>();
     Repository repository{
-        std::make_unique<LocalRepository>(dir / "Almanor", "EventsV1.db", center)};
+        std::make_unique<LocalRepository>(dir / "Almanor", "EventsV1.db", center, clock)};
     LocalSyncLedger ledger{(createTable(), repository.local())};
     CloudSync sync{ledger, [this] { return std::static_pointer_cast<CloudService>(fake); },
-                   defaults, SystemClock::shared(), dir / "Almanor/EventsV1.db.sync-lock"};
+                   defaults, clock, dir / "Almanor/EventsV1.db.sync-lock"};
     int createTable() {
         repository.local().connection().run(
             MigrationManager::createTableStatement(repository.local().events()));

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <gtkmm/main.h>
 #include <gtkmm/window.h>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -45,15 +46,17 @@ double median(std::vector<double> v) {
 
 int main(int argc, char** argv) {
     Gtk::Main kit(argc, argv);
-    auto& repository = Repository::shared();
+    NotificationCenter center;
+    SystemClock clock;
+    Repository repository(std::make_unique<LocalRepository>(
+        paths::databaseDirectory(), paths::databaseFileName, center, clock));
     auto events = repository.fetchAll();
     LoopThread mainThread;
 
     auto start = Clock_::now();
-    ManageEventsWindowGtk window(repository, NotificationCenter::defaultCenter(), mainThread,
-                                 SystemClock::shared());
+    ManageEventsWindowGtk window(repository, center, mainThread, clock);
     window.center();
-    window.makeKeyAndOrderFront();
+    window.present();
     settle();
     double shown = ms(start);
 

@@ -135,9 +135,9 @@ void reserveForReading(double bytesPerStoreByte) {
 // cannot be read ends the command (exit 3) before anything is written.
 class Store {
   public:
-    Store() : settings_(UserDefaults::standard()) {
+    explicit Store(const Services& services) : settings_(services.defaults) {
         settings_.registerDefaults();
-        repository_ = &Repository::shared();
+        repository_ = &services.repository();
         if (!storeIsReadable(*repository_)) {
             throw Failed{};
         }
@@ -185,12 +185,12 @@ struct Options {
     std::string target;
 };
 
-int listEvents(const Options& o) {
+int listEvents(const Options& o, const Services& s) {
     reserveForReading(o.json ? 5.0 : 4.0);
-    Store store;
+    Store store(s);
     auto events = store.events();
     auto calendar = DayCalendar::current();
-    Instant today = Utility::startOfToday(*calendar, SystemClock::shared().now());
+    Instant today = Utility::startOfToday(*calendar, s.clock.now());
     std::string out;
     out.reserve(events.size() * (o.json ? 320 : 128));
     if (o.json) {
@@ -242,11 +242,11 @@ int listEvents(const Options& o) {
     return exitSuccess;
 }
 
-int addEvent(const Options& o) {
+int addEvent(const Options& o, const Services& s) {
     std::string name = nameArgument(o.name);
     auto alias = aliasArgument(o.alias);
     Instant date = parseDateOption(o.date, *DayCalendar::current());
-    Store store;
+    Store store(s);
     Event event(Uuid::random(), date, name, alias, fromName<Schedule>(scheduleNames, o.schedule),
                 fromName<CountMethod>(countNames, o.count));
     if (!store.repository().insert(event)) {
@@ -260,7 +260,7 @@ struct EditFlags {
     bool name = false, alias = false, date = false, schedule = false, count = false;
 };
 
-int editEvent(const Options& o, const EditFlags& given) {
+int editEvent(const Options& o, const EditFlags& given, const Services& s) {
     Uuid id = parseId(o.id);
     if (!given.name && !given.alias && !given.date && !given.schedule && !given.count) {
         throw UsageError{"nothing to change: give --name, --alias, --date, --schedule or --count"};
@@ -273,7 +273,7 @@ int editEvent(const Options& o, const EditFlags& given) {
     if (given.date) {
         date = parseDateOption(o.date, *DayCalendar::current());
     }
-    Store store;
+    Store store(s);
     EventPtr event = store.event(id);
     if (name) {
         event->setName(*name);
@@ -293,9 +293,9 @@ int editEvent(const Options& o, const EditFlags& given) {
     return store.repository().update(*event) ? exitSuccess : exitStoreFailed;
 }
 
-int deleteEvent(const Options& o) {
+int deleteEvent(const Options& o, const Services& s) {
     Uuid id = parseId(o.id);
-    Store store;
+    Store store(s);
     EventPtr event = store.event(id);
     return store.repository().deleteEvent(*event) ? exitSuccess : exitStoreFailed;
 }
@@ -303,14 +303,13 @@ int deleteEvent(const Options& o) {
 // The selection over the events read once, so that a store that cannot be read is an error here
 // and never the no-events title.
 DisplayedEventSelection makeSelection(Store& store, StatusItem& item,
-                                      const std::vector<EventPtr>& events) {
-    DisplayedEventSelection selection([&events] { return events; }, store.settings(),
-                                      SystemClock::shared());
+                                      const std::vector<EventPtr>& events, const Clock& clock) {
+    DisplayedEventSelection selection([&events] { return events; }, store.settings(), clock);
     selection.setStatusItem(&item);
     return selection;
 }
 
-int selectEvent(const Options& o) {
+int selectEvent(const Options& o, const Services& s) {
     Uuid id;
     if (o.target == "next") {
         id = DisplayedEventSelection::nextEventId;
@@ -324,7 +323,7 @@ int selectEvent(const Options& o) {
         throw UsageError{"'" + o.target + "' is neither an event id nor next, random or rotate"};
     }
     reserveForReading(3.0);
-    Store store;
+    Store store(s);
     auto events = store.events();
     bool fixed = o.target != "next" && o.target != "random" && o.target != "rotate";
     if (fixed && std::none_of(events.begin(), events.end(),
@@ -333,18 +332,18 @@ int selectEvent(const Options& o) {
     }
     store.settings().setSelectedEventId(id);
     RecordedStatusItem item;
-    auto selection = makeSelection(store, item, events);
+    auto selection = makeSelection(store, item, events, s.clock);
     selection.resolveDisplayedEvent(id);
     std::printf("%s\n", item.title().c_str());
     return exitSuccess;
 }
 
-int status(const Options& o) {
+int status(const Options& o, const Services& s) {
     reserveForReading(3.0);
-    Store store;
+    Store store(s);
     auto events = store.events();
     RecordedStatusItem item;
-    auto selection = makeSelection(store, item, events);
+    auto selection = makeSelection(store, item, events, s.clock);
     selection.resolveDisplayedEvent(store.settings().selectedEventId());
     if (!o.json) {
         std::printf("%s\n", item.title().c_str());
@@ -357,7 +356,7 @@ int status(const Options& o) {
         out += ",\"tooltip\":\"No events\",\"class\":\"none\"}";
     } else {
         auto calendar = DayCalendar::current();
-        Instant today = Utility::startOfToday(*calendar, SystemClock::shared().now());
+        Instant today = Utility::startOfToday(*calendar, s.clock.now());
         Instant occurrence =
             Utility::occurrenceDate(*calendar, today, shown->date(), shown->schedule());
         int days = Utility::dayCount(*calendar, today, occurrence, shown->countMethod());
@@ -396,7 +395,7 @@ bool storeIsReadable(Repository& repository) {
     return true;
 }
 
-int run(int argc, char** argv) {
+int run(int argc, char** argv, const Services& services) {
     // Standard output carries only results; the system's log lines go to standard error.
     Log::toStandardError();
 
@@ -406,7 +405,7 @@ int run(int argc, char** argv) {
         std::string_view(argv[1]) == "status") {
         Options o;
         o.json = argc == 3;
-        return handled([&] { return status(o); });
+        return handled([&] { return status(o, services); });
     }
 
     CLI::App app{
@@ -509,36 +508,36 @@ int run(int argc, char** argv) {
 
     return handled([&] {
         if (*list) {
-            return listEvents(o);
+            return listEvents(o, services);
         }
         if (*add) {
-            return addEvent(o);
+            return addEvent(o, services);
         }
         if (*edit) {
             given = {editName->count() > 0, editAlias->count() > 0, editDate->count() > 0,
                      editSchedule->count() > 0, editCount->count() > 0};
-            return editEvent(o, given);
+            return editEvent(o, given, services);
         }
         if (*remove) {
-            return deleteEvent(o);
+            return deleteEvent(o, services);
         }
         if (*select) {
-            return selectEvent(o);
+            return selectEvent(o, services);
         }
         if (*statusCommand) {
-            return status(o);
+            return status(o, services);
         }
         if (*login) {
-            return cloudLogin(cloudUrl, cloudUser, passwordCommand);
+            return cloudLogin(services, cloudUrl, cloudUser, passwordCommand);
         }
         if (*logout) {
-            return cloudLogout();
+            return cloudLogout(services);
         }
         if (*cloudStatusCommand) {
-            return cloudStatus(o.json);
+            return cloudStatus(services, o.json);
         }
         if (*syncCommand) {
-            return syncNow();
+            return syncNow(services);
         }
         std::fputs(app.help().c_str(), stdout);
         return exitSuccess;

@@ -1,8 +1,12 @@
 #pragma once
 
+#include <functional>
+
 namespace almanor {
+class Clock;
 class Repository;
-}
+class UserDefaults;
+} // namespace almanor
 
 namespace almanor::cli {
 
@@ -17,7 +21,15 @@ inline constexpr int exitModuleMissing = 4; // the CalDAV adapter's module could
 // error naming the file and what to do, when the store cannot be read. Writes nothing.
 bool storeIsReadable(Repository& repository);
 
+// What the commands use, built once by main and handed down. The store is opened by the first
+// command that reads it, so that the others (help, cloud login) never create its file.
+struct Services {
+    UserDefaults& defaults;
+    const Clock& clock;
+    std::function<Repository&()> repository;
+};
+
 // Runs one command (`almanor events list`, `almanor status`, ...) and returns its exit status.
-int run(int argc, char** argv);
+int run(int argc, char** argv, const Services& services);
 
 } // namespace almanor::cli

@@ -31,21 +31,21 @@ constexpr const char* modulesDir = ALMANOR_MODULES_RELATIVE;
 
 } // namespace
 
-int cloudLogin(const std::string& url, const std::string& user,
+int cloudLogin(const Services& services, const std::string& url, const std::string& user,
                const std::string& passwordCommand) {
     try {
         return CloudModuleLoader(modulesDir)
             .module()
-            .login(UserDefaults::standard(), url, user, passwordCommand);
+            .login(services.defaults, url, user, passwordCommand);
     } catch (const ModuleError& e) {
         std::fprintf(stderr, "almanor: %s\n", e.what());
         return exitModuleMissing;
     }
 }
 
-int cloudLogout() {
+int cloudLogout(const Services& services) {
     try {
-        return CloudModuleLoader(modulesDir).module().logout(UserDefaults::standard());
+        return CloudModuleLoader(modulesDir).module().logout(services.defaults);
     } catch (const ModuleError& e) {
         std::fprintf(stderr, "almanor: %s\n", e.what());
         return exitModuleMissing;
@@ -86,17 +86,18 @@ std::filesystem::path syncLockFile(LocalRepository& local) {
 
 } // namespace
 
-int cloudStatus(bool json) {
-    auto& defaults = UserDefaults::standard();
-    if (!storeIsReadable(Repository::shared()))
+int cloudStatus(const Services& services, bool json) {
+    UserDefaults& defaults = services.defaults;
+    Repository& repository = services.repository();
+    if (!storeIsReadable(repository))
         return exitStoreFailed;
     auto account = CloudAccount::load(defaults);
     std::optional<std::string> zone = Settings(defaults).zoneName();
     Pending pending;
     try {
         Settings(defaults).registerDefaults();
-        MigrationManager::migrateIfNeeded(Repository::shared(), defaults);
-        LocalSyncLedger ledger(Repository::shared().local());
+        MigrationManager::migrateIfNeeded(repository, defaults);
+        LocalSyncLedger ledger(repository.local());
         pending = countPending(ledger);
     } catch (const StoreError& e) {
         std::fprintf(stderr, "almanor: %s\n", e.what());
@@ -139,14 +140,14 @@ int cloudStatus(bool json) {
     return exitSuccess;
 }
 
-int syncNow() {
-    auto& defaults = UserDefaults::standard();
+int syncNow(const Services& services) {
+    UserDefaults& defaults = services.defaults;
     if (!CloudAccount::load(defaults)) {
         std::fprintf(stderr, "no cloud account; run almanor cloud login URL\n");
         return exitPending;
     }
     Settings(defaults).registerDefaults();
-    Repository& repository = Repository::shared();
+    Repository& repository = services.repository();
     if (!storeIsReadable(repository))
         return exitStoreFailed;
     MigrationManager::migrateIfNeeded(repository, defaults);
@@ -156,7 +157,7 @@ int syncNow() {
         LocalSyncLedger ledger(repository.local());
         {
             CloudSync cloudSync(ledger, accountCloudServiceProvider(defaults, modulesDir), defaults,
-                                SystemClock::shared(), syncLockFile(repository.local()));
+                                services.clock, syncLockFile(repository.local()));
             cloudSync.populateFromCloud();
             result = cloudSync.waitForSync();
         }

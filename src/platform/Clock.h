@@ -16,10 +16,6 @@ class SystemClock final : public Clock {
     Instant now() const override {
         return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
     }
-    static const SystemClock& shared() {
-        static const SystemClock clock;
-        return clock;
-    }
 };
 
 // A clock that says what it is told.

@@ -4,11 +4,6 @@
 
 namespace almanor {
 
-NotificationCenter& NotificationCenter::defaultCenter() {
-    static NotificationCenter center;
-    return center;
-}
-
 NotificationCenter::Token NotificationCenter::addObserver(std::string name, Observer observer) {
     std::lock_guard lock(mutex_);
     Token token = next_++;

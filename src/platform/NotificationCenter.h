@@ -17,8 +17,6 @@ class NotificationCenter {
     using Observer = std::function<void()>;
     using Token = std::uint64_t;
 
-    static NotificationCenter& defaultCenter();
-
     Token addObserver(std::string name, Observer observer);
     void removeObserver(Token token);
     void post(std::string_view name);

@@ -1,7 +1,6 @@
 #include "platform/UserDefaults.h"
 
 #include "platform/Log.h"
-#include "platform/Paths.h"
 
 #include <cerrno>
 #include <cstring>
@@ -267,11 +266,6 @@ UserDefaults::UserDefaults(std::filesystem::path file) : file_(std::move(file)),
     }
 }
 UserDefaults::~UserDefaults() = default;
-
-UserDefaults& UserDefaults::standard() {
-    static UserDefaults defaults(paths::settingsFile());
-    return defaults;
-}
 
 void UserDefaults::registerDefaults(const std::map<std::string, std::string>& strings) {
     std::lock_guard lock(mutex_);

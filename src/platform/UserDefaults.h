@@ -25,9 +25,6 @@ class UserDefaults {
     UserDefaults(const UserDefaults&) = delete;
     UserDefaults& operator=(const UserDefaults&) = delete;
 
-    // The process's store over <config home>/Almanor/settings.ini.
-    static UserDefaults& standard();
-
     const std::filesystem::path& file() const { return file_; }
 
     // Values returned for keys the file does not have. Kept in memory only, never written.

@@ -17,10 +17,6 @@ namespace almanor {
 
 namespace {
 
-// The top-level menu's rows, by index.
-constexpr std::size_t eventsRow = 0;
-constexpr std::size_t launchAtLoginRow = 3;
-
 struct Section {
     Schedule schedule;
     const char* header;
@@ -48,9 +44,9 @@ MenuItem separator() {
     return item;
 }
 
-// The row's represented object; a row without one stands for a fresh id that matches nothing.
-Uuid representedId(const MenuItem& item) {
-    return item.representedObject.value_or(Uuid::random());
+// The id a row selects; a row without one stands for a fresh id that matches nothing.
+Uuid selectedId(const MenuItem& item) {
+    return item.data.value_or(Uuid::random());
 }
 
 } // namespace
@@ -99,7 +95,7 @@ AppDelegate::~AppDelegate() {
     }
 }
 
-void AppDelegate::applicationDidFinishLaunching() {
+void AppDelegate::startup() {
     // 1. The one-time move off the older login helper.
     s_.launchAtLogin.migrateIfNeeded();
     // 2.
@@ -208,7 +204,7 @@ void AppDelegate::settingsChangedOnDisk() {
     }
 }
 
-void AppDelegate::manageEventsWithSender() {
+void AppDelegate::manageEvents() {
     if (!manageEventsWindow_) {
         manageEventsWindow_ = s_.makeManageEventsWindow();
         if (!manageEventsWindow_) {
@@ -216,20 +212,20 @@ void AppDelegate::manageEventsWithSender() {
         }
         manageEventsWindow_->center();
     }
-    s_.activateApplication();
+    s_.presentWindows();
     if (!manageEventsWindow_->isVisible()) {
         manageEventsWindow_->center();
-        manageEventsWindow_->makeKeyAndOrderFront();
+        manageEventsWindow_->present();
     }
 }
 
-void AppDelegate::updateSelectedEventWithSender(std::size_t eventsMenuIndex) {
+void AppDelegate::updateSelectedEvent(std::size_t eventsMenuIndex) {
     if (eventsMenuIndex >= eventsMenu_.size()) {
         return;
     }
-    Uuid id = representedId(eventsMenu_[eventsMenuIndex]);
+    Uuid id = selectedId(eventsMenu_[eventsMenuIndex]);
     for (std::size_t i = 0; i < eventsMenu_.size(); ++i) {
-        bool on = representedId(eventsMenu_[i]) == id;
+        bool on = selectedId(eventsMenu_[i]) == id;
         if (eventsMenu_[i].state != on) {
             eventsMenu_[i].state = on;
             s_.menuPresenter.setEventsMenuState(i, on);
@@ -240,7 +236,7 @@ void AppDelegate::updateSelectedEventWithSender(std::size_t eventsMenuIndex) {
     selection_.resolveDisplayedEvent(id);
 }
 
-void AppDelegate::toggleLaunchAtLoginWithSender(std::size_t menuIndex) {
+void AppDelegate::toggleLaunchAtLogin(std::size_t menuIndex) {
     if (menuIndex >= menu_.size()) {
         return;
     }
@@ -251,7 +247,7 @@ void AppDelegate::toggleLaunchAtLoginWithSender(std::size_t menuIndex) {
 }
 
 void AppDelegate::quit() {
-    s_.terminate();
+    s_.quit();
 }
 
 std::vector<MenuItem> AppDelegate::eventsMenuRows(const Uuid& marked) const {
@@ -259,7 +255,7 @@ std::vector<MenuItem> AppDelegate::eventsMenuRows(const Uuid& marked) const {
     rows.push_back(row("Automatic selection"));
     auto mode = [&](const char* title, const Uuid& id) {
         MenuItem item = row(title, MenuItem::Action::updateSelectedEvent);
-        item.representedObject = id;
+        item.data = id;
         item.state = id == marked;
         rows.push_back(item);
     };
@@ -295,13 +291,10 @@ std::vector<MenuItem> AppDelegate::eventsMenuRows(const Uuid& marked) const {
             }
             MenuItem item =
                 row(event->name() + " - " + text, MenuItem::Action::updateSelectedEvent);
-            item.representedObject = event->id();
+            item.data = event->id();
             item.state = event->id() == marked;
             rows.push_back(item);
         }
-    }
-    if (rows.empty()) {
-        rows.push_back(row("No events"));
     }
     return rows;
 }

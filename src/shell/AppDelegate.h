@@ -27,10 +27,10 @@ class UserDefaults;
 struct MenuItem {
     enum class Action { none, updateSelectedEvent, manageEvents, toggleLaunchAtLogin, quit };
 
-    std::string title;                     // shown as it is: no mnemonics
-    Action action = Action::none;          // none: drawn insensitive
-    std::optional<Uuid> representedObject; // events submenu: the id the row selects
-    bool state = false;                    // on: a check mark
+    std::string title;            // shown as it is: no mnemonics
+    Action action = Action::none; // none: drawn insensitive
+    std::optional<Uuid> data;     // events submenu: the id the row selects
+    bool state = false;           // on: a check mark
     bool separator = false;
     bool hasSubmenu = false; // "Events": the events submenu hangs here
 
@@ -64,7 +64,7 @@ class ManageEventsWindow {
     virtual ~ManageEventsWindow() = default;
     virtual bool isVisible() const = 0;
     virtual void center() = 0;
-    virtual void makeKeyAndOrderFront() = 0;
+    virtual void present() = 0;
 };
 
 // The repeating refresh timer.
@@ -92,10 +92,10 @@ class AppDelegate {
         Scheduler& scheduler;
         // Makes the management window on first use; null when it cannot be made.
         std::function<std::unique_ptr<ManageEventsWindow>()> makeManageEventsWindow;
-        // Brings the application to the front (all windows, ignoring other applications).
-        std::function<void()> activateApplication;
+        // Presents the application's visible windows.
+        std::function<void()> presentWindows;
         // Ends the main loop.
-        std::function<void()> terminate;
+        std::function<void()> quit;
         DisplayedEventSelection::CalendarSource calendar = &DayCalendar::current;
         DisplayedEventSelection::RandomIndex random = DisplayedEventSelection::uniformRandomIndex();
         // The events submenu's rows are made only once a panel is about to show them (see
@@ -114,8 +114,7 @@ class AppDelegate {
     AppDelegate& operator=(const AppDelegate&) = delete;
 
     // Start-up, in its fixed order; the first title is set before the observer and the timer.
-    void applicationDidFinishLaunching();
-    void applicationWillTerminate() {}
+    void startup();
 
     // The timer's action.
     void recalculateEvents();
@@ -126,15 +125,15 @@ class AppDelegate {
     void storeChangedOnDisk();
     void settingsChangedOnDisk();
     // Resume from suspend: a tick at once.
-    void systemDidWake() { recalculateEvents(); }
+    void resumed() { recalculateEvents(); }
     // The application action "sync", asked for by another program over D-Bus: a pull, then a
     // push.
     void syncRequested();
 
-    // Menu actions; the sender is the row's index in its menu.
-    void manageEventsWithSender();
-    void updateSelectedEventWithSender(std::size_t eventsMenuIndex);
-    void toggleLaunchAtLoginWithSender(std::size_t menuIndex);
+    // Menu actions; the row is given by its index in its menu.
+    void manageEvents();
+    void updateSelectedEvent(std::size_t eventsMenuIndex);
+    void toggleLaunchAtLogin(std::size_t menuIndex);
     void quit();
 
     // The rows of the events submenu for the id to mark, built from the repository's events.

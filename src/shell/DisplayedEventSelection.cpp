@@ -4,7 +4,10 @@
 #include "platform/Log.h"
 
 #include <algorithm>
+#include <iterator>
 #include <random>
+#include <utility>
+#include <vector>
 
 namespace almanor {
 
@@ -21,6 +24,45 @@ constexpr std::string_view nothingUpcoming = "No upcoming events to choose from"
 
 double secondsBetween(Instant from, Instant to) {
     return std::chrono::duration<double>(to - from).count();
+}
+
+// Events with the seconds from today to their occurrence.
+using TimedEvents = std::vector<std::pair<double, EventPtr>>;
+
+// The events still to come, in the list's order: today's occurrences are not upcoming.
+TimedEvents upcomingEvents(const std::vector<EventPtr>& events, const DayCalendar& calendar,
+                           Instant today) {
+    TimedEvents upcoming;
+    for (const auto& e : events) {
+        Instant occurrence = Utility::occurrenceDate(calendar, today, e->date(), e->schedule());
+        if (double diff = secondsBetween(today, occurrence); diff > 0) {
+            upcoming.emplace_back(diff, e);
+        }
+    }
+    return upcoming;
+}
+
+// The nearest upcoming event; a tie keeps the earlier event of the list.
+EventPtr nearest(const TimedEvents& upcoming) {
+    const std::pair<double, EventPtr>* best = nullptr;
+    for (const auto& timed : upcoming) {
+        if (best == nullptr || timed.first < best->first) {
+            best = &timed;
+        }
+    }
+    return best != nullptr ? best->second : nullptr;
+}
+
+// What the rotation draws from, nearest first: the events within its window, else every upcoming
+// one.
+TimedEvents rotationPool(TimedEvents upcoming, double windowSeconds) {
+    TimedEvents soon;
+    std::copy_if(upcoming.begin(), upcoming.end(), std::back_inserter(soon),
+                 [&](const auto& p) { return p.first < windowSeconds; });
+    TimedEvents& pool = soon.empty() ? upcoming : soon;
+    std::stable_sort(pool.begin(), pool.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    return std::move(pool);
 }
 
 } // namespace
@@ -56,7 +98,6 @@ Uuid DisplayedEventSelection::displayEvent(const EventPtr& event, int modeCode,
             calendar, today,
             Utility::occurrenceDate(calendar, today, event->date(), event->schedule()),
             event->countMethod()));
-        statusItem_->setTag(std::hash<Uuid>{}(event->id()));
     }
     switch (modeCode) {
     case nextMode:
@@ -83,23 +124,8 @@ Uuid DisplayedEventSelection::resolveDisplayedEvent(const Uuid& selected) {
     Instant today = Utility::startOfToday(*calendar, clock_.now());
     std::vector<EventPtr> events = events_();
 
-    auto secondsToOccurrence = [&](const Event& e) {
-        return secondsBetween(today,
-                              Utility::occurrenceDate(*calendar, today, e.date(), e.schedule()));
-    };
-
     if (selected == nextEventId) {
-        EventPtr best;
-        double bestDiff = 0;
-        for (const auto& e : events) {
-            double diff = secondsToOccurrence(*e);
-            // Today's occurrences are not upcoming; ties keep the earlier event of the list.
-            if (diff > 0 && (!best || diff < bestDiff)) {
-                best = e;
-                bestDiff = diff;
-            }
-        }
-        if (best) {
+        if (EventPtr best = nearest(upcomingEvents(events, *calendar, today))) {
             displayEvent(best, nextMode, *calendar, today);
             return nextEventId;
         }
@@ -110,19 +136,9 @@ Uuid DisplayedEventSelection::resolveDisplayedEvent(const Uuid& selected) {
         }
         Log::line(nothingUpcoming);
     } else if (selected == cycleUpcomingEventId) {
-        std::vector<std::pair<double, EventPtr>> upcoming;
-        for (const auto& e : events) {
-            if (double diff = secondsToOccurrence(*e); diff > 0) {
-                upcoming.emplace_back(diff, e);
-            }
-        }
-        std::vector<std::pair<double, EventPtr>> soon;
-        std::copy_if(upcoming.begin(), upcoming.end(), std::back_inserter(soon),
-                     [](const auto& p) { return p.first < rotationWindowSeconds; });
-        std::vector<std::pair<double, EventPtr>>& pool = soon.empty() ? upcoming : soon;
+        TimedEvents pool =
+            rotationPool(upcomingEvents(events, *calendar, today), rotationWindowSeconds);
         if (!pool.empty()) {
-            std::stable_sort(pool.begin(), pool.end(),
-                             [](const auto& a, const auto& b) { return a.first < b.first; });
             displayEvent(pool[random_(pool.size())].second, rotateMode, *calendar, today);
             lastCycled_ = secondsSinceReferenceDate(clock_.now());
             return cycleUpcomingEventId;

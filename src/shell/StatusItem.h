@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstddef>
 #include <optional>
 #include <string>
 
@@ -11,8 +10,6 @@ class StatusItem {
   public:
     virtual ~StatusItem() = default;
     virtual void setTitle(const std::string& title) = 0;
-    // The hash of the displayed event's id; nothing reads it back.
-    virtual void setTag(std::size_t tag) = 0;
     // The signed day count behind the title, none when no event is shown. Items that show only
     // text ignore it; a panel icon may draw it.
     virtual void setDayCount(std::optional<int> /*days*/) {}
@@ -22,13 +19,10 @@ class StatusItem {
 class RecordedStatusItem final : public StatusItem {
   public:
     void setTitle(const std::string& title) override { title_ = title; }
-    void setTag(std::size_t tag) override { tag_ = tag; }
     const std::string& title() const { return title_; }
-    std::size_t tag() const { return tag_; }
 
   private:
     std::string title_;
-    std::size_t tag_ = 0;
 };
 
 } // namespace almanor

@@ -29,8 +29,7 @@ class LocalRepository {
     // created when the file lacks them; a file that cannot take them (damaged, not a database)
     // is left as it is, and unusable() says why.
     LocalRepository(const std::filesystem::path& directory, std::string_view fileName,
-                    NotificationCenter& center = NotificationCenter::defaultCenter(),
-                    const Clock& clock = SystemClock::shared());
+                    NotificationCenter& center, const Clock& clock);
     LocalRepository(const LocalRepository&) = delete;
     LocalRepository& operator=(const LocalRepository&) = delete;
 

@@ -1,7 +1,6 @@
 #include "storage/Repository.h"
 
 #include "platform/Log.h"
-#include "platform/Paths.h"
 #include "storage/sql/Error.h"
 
 #include <string>
@@ -26,13 +25,6 @@ template <class Call> bool logged(std::string_view message, Call&& call) {
 } // namespace
 
 Repository::Repository(std::unique_ptr<LocalRepository> local) : local_(std::move(local)) {}
-
-Repository& Repository::shared() {
-    // A function-local static: created once, under the language's own once-only guard.
-    static Repository repository(
-        std::make_unique<LocalRepository>(paths::databaseDirectory(), paths::databaseFileName));
-    return repository;
-}
 
 std::vector<EventPtr> Repository::fetchAll() {
     return tryFetchAll().value_or(std::vector<EventPtr>{});

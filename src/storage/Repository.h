@@ -17,9 +17,6 @@ class Repository {
     Repository(const Repository&) = delete;
     Repository& operator=(const Repository&) = delete;
 
-    // The process's repository over the user's database file, created on first use.
-    static Repository& shared();
-
     LocalRepository& local() { return *local_; }
 
     // Live events by date, then name; empty when the store cannot be read.

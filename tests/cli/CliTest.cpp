@@ -97,7 +97,7 @@ class CliTest : public testing::Test {
     // Today's local date in a zone, plus some days, as the user would type it.
     static std::string localDate(const std::string& zone, int plusDays) {
         auto cal = CivilCalendar::forZone(zone);
-        auto today = floor<days>(cal->localTime(SystemClock::shared().now()));
+        auto today = floor<days>(cal->localTime(SystemClock().now()));
         year_month_day ymd{today + days(plusDays)};
         char buffer[16];
         std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02u", int(ymd.year()),
@@ -300,7 +300,7 @@ TEST_F(CliTest, CountsFollowTheTimeZoneOfEachRun) {
     // 23:30 UTC is already tomorrow in Tokyo and still today in Los Angeles.
     auto tokyo = CivilCalendar::forZone("Asia/Tokyo");
     auto la = CivilCalendar::forZone("America/Los_Angeles");
-    Instant now = SystemClock::shared().now();
+    Instant now = SystemClock().now();
     Instant target =
         Instant(floor<days>(now).time_since_epoch()) + days(40) + hours(23) + minutes(30);
     std::string utcDate = std::to_string(int(year_month_day(floor<days>(target)).year()));
@@ -310,7 +310,7 @@ TEST_F(CliTest, CountsFollowTheTimeZoneOfEachRun) {
                   unsigned(ymd.month()), unsigned(ymd.day()));
     add({"Launch", "--date", text});
     auto expected = [&](const DayCalendar& cal) {
-        Instant today = Utility::startOfToday(cal, SystemClock::shared().now());
+        Instant today = Utility::startOfToday(cal, SystemClock().now());
         return Utility::dayCount(cal, today, target, CountMethod::standard);
     };
     int inTokyo = list("Asia/Tokyo")[0]["days"];

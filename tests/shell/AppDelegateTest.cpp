@@ -67,14 +67,14 @@ class AppDelegateTest : public testing::Test {
                                       ++windowsMade;
                                       return w;
                                   },
-                                  [this] { ++activations; }, [this] { ++terminations; },
+                                  [this] { ++presentations; }, [this] { ++quits; },
                                   [] { return DayCalendar::forZone(zone); },
                                   [this](std::size_t count) {
                                       ++draws;
                                       return std::size_t(draws) % count;
                                   },
                                   eventsMenuOnDemand});
-        delegate->applicationDidFinishLaunching();
+        delegate->startup();
         return *delegate;
     }
     EventPtr add(std::string name, Instant date, Schedule s = Schedule::none) {
@@ -126,7 +126,7 @@ class AppDelegateTest : public testing::Test {
     test::ManualScheduler scheduler;
     test::QueueMainThread mainThread;
     test::FakeWindow* window = nullptr;
-    int windowsMade = 0, activations = 0, terminations = 0, draws = 0;
+    int windowsMade = 0, presentations = 0, quits = 0, draws = 0;
     bool refuseWindow = false; // as when GTK cannot start
     bool eventsMenuOnDemand = false;
     std::unique_ptr<AppDelegate> delegate;
@@ -224,7 +224,7 @@ TEST_F(AppDelegateTest, TheEventsMenuHasItsSectionsDatesAndMarks) {
                       r.title == "Weekly events" || r.title == "Monthly events" ||
                       r.title == "Annual events";
         EXPECT_EQ(r.action == MenuItem::Action::none, header) << r.title;
-        EXPECT_EQ(r.representedObject.has_value(), !header) << r.title;
+        EXPECT_EQ(r.data.has_value(), !header) << r.title;
     }
     EXPECT_EQ(title(), "Trip 361 days");
 }
@@ -244,14 +244,14 @@ TEST_F(AppDelegateTest, ChoosingARowMarksItEvenWhenAnotherEventEndsUpShown) {
     add("Past", at(2029, 1, 1));
     add("Older", at(2028, 1, 1));
     start();
-    delegate->updateSelectedEventWithSender(indexOf("Next upcoming event"));
+    delegate->updateSelectedEvent(indexOf("Next upcoming event"));
     // Nothing is upcoming: the first event is shown and stored, the mode's row stays marked.
     EXPECT_EQ(marked(), (std::vector<std::string>{"Next upcoming event"}));
     EXPECT_EQ(title(), "Older 740 days ago");
     EXPECT_NE(defaults.string(Settings::selectedEvent),
               DisplayedEventSelection::nextEventId.uuidString());
     // A header chooses a fresh id: every mark goes, and the fallback is shown.
-    delegate->updateSelectedEventWithSender(indexOf("One off events"));
+    delegate->updateSelectedEvent(indexOf("One off events"));
     EXPECT_EQ(marked(), std::vector<std::string>{});
     // The next rebuild corrects the marks.
     center.post(eventChangeNotification);
@@ -281,7 +281,7 @@ TEST_F(AppDelegateTest, OnDemandTheEventsRowsWaitForAPanelAndThenFollowEveryChan
     EXPECT_EQ(presenter.rebuilds, 2);
     auto titles = presenter.titles();
     EXPECT_EQ(std::count(titles.begin(), titles.end(), "Dentist - Mar 3, 2030"), 1);
-    delegate->updateSelectedEventWithSender(indexOf("Dentist - Mar 3, 2030"));
+    delegate->updateSelectedEvent(indexOf("Dentist - Mar 3, 2030"));
     EXPECT_EQ(marked(), (std::vector<std::string>{"Dentist - Mar 3, 2030"}));
 }
 
@@ -386,7 +386,7 @@ TEST_F(AppDelegateTest, TheCloudIsPulledBeforeTheFirstTitleAndSyncedOnChangesTic
     auto inCloud = [&](const std::string& name) {
         cloudSync.waitForSync();
         for (const auto& [resource, remote] : cloud->stored(appZone))
-            if (eventFromRecord(remote.record).event->name() == name)
+            if (eventFromRecord(remote.record, clock).event->name() == name)
                 return true;
         return false;
     };
@@ -433,7 +433,7 @@ TEST_F(AppDelegateTest, RandomModeNeverFeedsOnItsOwnWrites) {
     add("A", at(2030, 1, 19));
     add("B", at(2030, 1, 20));
     start();
-    delegate->updateSelectedEventWithSender(indexOf("Random event selection"));
+    delegate->updateSelectedEvent(indexOf("Random event selection"));
     struct stat before {};
     ASSERT_EQ(::stat(defaults.file().c_str(), &before), 0);
     int drawn = draws;
@@ -452,49 +452,49 @@ TEST_F(AppDelegateTest, RandomModeNeverFeedsOnItsOwnWrites) {
 
 TEST_F(AppDelegateTest, TheWindowIsMadeOnceAndCentredWhenBroughtBack) {
     start();
-    delegate->manageEventsWithSender();
+    delegate->manageEvents();
     ASSERT_NE(window, nullptr);
     EXPECT_TRUE(window->visible);
     int centred = window->centred;
-    delegate->manageEventsWithSender(); // visible: left where it is
+    delegate->manageEvents(); // visible: left where it is
     EXPECT_EQ(window->centred, centred);
     EXPECT_EQ(window->fronted, 1);
     window->visible = false; // closed: hidden, kept
-    delegate->manageEventsWithSender();
+    delegate->manageEvents();
     EXPECT_EQ(windowsMade, 1);
     EXPECT_EQ(window->centred, centred + 1);
     EXPECT_EQ(window->fronted, 2);
-    EXPECT_EQ(activations, 3);
+    EXPECT_EQ(presentations, 3);
 }
 
 TEST_F(AppDelegateTest, AWindowThatCannotBeMadeIsAskedForAgainNextTime) {
     start();
     refuseWindow = true;
-    delegate->manageEventsWithSender();
-    delegate->manageEventsWithSender();
-    EXPECT_EQ(activations, 0);
+    delegate->manageEvents();
+    delegate->manageEvents();
+    EXPECT_EQ(presentations, 0);
     refuseWindow = false;
-    delegate->manageEventsWithSender();
+    delegate->manageEvents();
     ASSERT_NE(window, nullptr);
     EXPECT_TRUE(window->visible);
     EXPECT_EQ(windowsMade, 1);
-    EXPECT_EQ(activations, 1);
+    EXPECT_EQ(presentations, 1);
 }
 
 TEST_F(AppDelegateTest, TheLoginRowFollowsTheRequestEvenWhenRefused) {
     start();
     EXPECT_FALSE(presenter.menu()[3].state);
-    delegate->toggleLaunchAtLoginWithSender(3);
+    delegate->toggleLaunchAtLogin(3);
     EXPECT_TRUE(loginItems.registered);
     EXPECT_TRUE(presenter.menu()[3].state);
-    delegate->toggleLaunchAtLoginWithSender(3);
+    delegate->toggleLaunchAtLogin(3);
     EXPECT_FALSE(loginItems.registered);
     loginItems.refuse = true;
-    delegate->toggleLaunchAtLoginWithSender(3);
+    delegate->toggleLaunchAtLogin(3);
     EXPECT_FALSE(loginItems.registered);
     EXPECT_TRUE(presenter.menu()[3].state);
     delegate->quit();
-    EXPECT_EQ(terminations, 1);
+    EXPECT_EQ(quits, 1);
 }
 
 } // namespace

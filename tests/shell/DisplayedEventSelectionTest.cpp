@@ -72,7 +72,7 @@ TEST_F(SelectionTest, NextUpcomingSkipsTodayAndKeepsTheEarlierOfATie) {
     EXPECT_EQ(selection.resolveDisplayedEvent(DisplayedEventSelection::nextEventId),
               DisplayedEventSelection::nextEventId);
     EXPECT_EQ(item.title(), "First 3 days");
-    EXPECT_EQ(item.tag(), std::hash<Uuid>{}(first->id()));
+    EXPECT_EQ(selection.displayedEvent(), first);
     EXPECT_EQ(stored(), DisplayedEventSelection::nextEventId.uuidString());
     EXPECT_EQ(selection.lastCalculated(), at(2024, 3, 6));
 }
@@ -187,7 +187,6 @@ TEST_F(SelectionTest, TheZoneIsReadForEachResolution) {
 TEST_F(SelectionTest, TheItemIsToldTheCountBehindEachTitle) {
     struct CountingItem final : StatusItem {
         void setTitle(const std::string& t) override { titles.push_back(t); }
-        void setTag(std::size_t) override {}
         void setDayCount(std::optional<int> d) override { days.push_back(d); }
         std::vector<std::string> titles;
         std::vector<std::optional<int>> days;

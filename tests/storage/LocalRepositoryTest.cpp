@@ -189,11 +189,13 @@ TEST_F(LocalRepositoryTest, NotifiesOnceAfterEachSuccessfulChangeOnTheWritingThr
 TEST(LocalRepositoryDeathTest, StopsWhenTheStoreCannotBeOpened) {
     test::TempDir dir;
     std::ofstream(dir / "file") << "not a folder";
-    EXPECT_EXIT({ LocalRepository store(dir / "file", "EventsV1.db"); },
+    NotificationCenter center;
+    SystemClock clock;
+    EXPECT_EXIT({ LocalRepository store(dir / "file", "EventsV1.db", center, clock); },
                 ::testing::ExitedWithCode(3),
                 "^Almanor/LocalRepository:40: Fatal error: Failed to initialize local database: "
                 "unable to open database file \\(code: 14\\)\n$");
-    EXPECT_EXIT({ LocalRepository store(dir / "file" / "Almanor", "EventsV1.db"); },
+    EXPECT_EXIT({ LocalRepository store(dir / "file" / "Almanor", "EventsV1.db", center, clock); },
                 ::testing::ExitedWithCode(3),
                 "^Almanor/LocalRepository:40: Fatal error: Failed to initialize local database: "
                 "Not a directory\n$");

@@ -58,7 +58,7 @@ class MigrationManagerTest : public ::testing::Test {
   protected:
     std::unique_ptr<Repository> open() {
         return std::make_unique<Repository>(
-            std::make_unique<LocalRepository>(dir / "Almanor", "EventsV1.db", center));
+            std::make_unique<LocalRepository>(dir / "Almanor", "EventsV1.db", center, clock));
     }
     static std::string tableSql(Repository& r) {
         return scalar(r.local().connection(),
@@ -81,6 +81,7 @@ class MigrationManagerTest : public ::testing::Test {
     test::TempDir dir;
     std::filesystem::path db = dir / "Almanor/EventsV1.db";
     NotificationCenter center;
+    SystemClock clock;
     UserDefaults defaults{dir / "config/settings.ini"};
 };
 
@@ -168,7 +169,7 @@ TEST_F(MigrationManagerTest, StoresOpeningOneNewFileTogetherAllGetTheTable) {
     std::vector<std::optional<std::string>> problems(4);
     for (std::size_t i = 0; i < problems.size(); ++i) {
         openers.emplace_back([&, i] {
-            LocalRepository store(dir / "Almanor", "EventsV1.db", center);
+            LocalRepository store(dir / "Almanor", "EventsV1.db", center, clock);
             problems[i] = store.unusable();
             if (!problems[i]) {
                 store.insert(*event("E" + std::to_string(i), at(2030y / January / 1)));

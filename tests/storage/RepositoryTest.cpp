@@ -4,10 +4,8 @@
 #include "StorageTesting.h"
 #include "TempDir.h"
 
-#include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <thread>
 
 using namespace almanor;
 using namespace std::chrono;
@@ -39,7 +37,8 @@ TEST_F(RepositoryTest, FailuresAreLoggedAndSwallowed) {
     // Another file, which is no database: the store opens it and every call fails.
     std::filesystem::create_directories(dir / "Other");
     std::ofstream(dir / "Other/EventsV1.db") << std::string(4096, 'x');
-    Repository damaged(std::make_unique<LocalRepository>(dir / "Other", "EventsV1.db", center));
+    Repository damaged(
+        std::make_unique<LocalRepository>(dir / "Other", "EventsV1.db", center, clock));
     auto e = event("E", at(2024y / March / 5));
     test::LogCapture log;
     EXPECT_TRUE(damaged.fetchAll().empty());
@@ -79,21 +78,4 @@ TEST_F(RepositoryTest, SuccessesReachTheStoreQuietly) {
     ASSERT_EQ(log.lines().size(), 1u);
     EXPECT_EQ(log.lines()[0],
               "Failed to insert record: UNIQUE constraint failed: events.id (code: 19)");
-}
-
-TEST(RepositoryDeathTest, SharedIsOneInstanceOverTheUsersDataFolder) {
-    test::TempDir dir;
-    EXPECT_EXIT(
-        {
-            setenv("XDG_DATA_HOME", dir.path().c_str(), 1);
-            Repository* seen[2] = {};
-            std::thread a([&] { seen[0] = &Repository::shared(); });
-            std::thread b([&] { seen[1] = &Repository::shared(); });
-            a.join();
-            b.join();
-            bool ok = seen[0] == seen[1] && seen[0] == &Repository::shared() &&
-                      std::filesystem::is_regular_file(dir / "Almanor/EventsV1.db");
-            std::_Exit(ok ? 0 : 1);
-        },
-        ::testing::ExitedWithCode(0), "");
 }

@@ -59,7 +59,6 @@ class RecordingStatusItem final : public StatusItem {
             onTitle();
         }
     }
-    void setTag(std::size_t) override {}
     std::vector<std::string> titles;
     std::function<void()> onTitle;
 
@@ -135,7 +134,7 @@ class FakeWindow final : public ManageEventsWindow {
   public:
     bool isVisible() const override { return visible; }
     void center() override { ++centred; }
-    void makeKeyAndOrderFront() override {
+    void present() override {
         visible = true;
         ++fronted;
     }

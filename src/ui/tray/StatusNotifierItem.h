@@ -39,14 +39,12 @@ class StatusNotifierItem final : public StatusBar, public StatusItem {
     StatusItem& createStatusItem() override;
 
     void setTitle(const std::string& title) override;
-    void setTag(std::size_t tag) override { tag_ = tag; }
     void setDayCount(std::optional<int> days) override;
 
     struct Impl;
 
   private:
     std::unique_ptr<Impl> impl_;
-    std::size_t tag_ = 0;
 };
 
 } // namespace almanor

@@ -96,9 +96,9 @@ struct Tray {
           launchAtLogin(loginItems, defaults),
           presenter(std::string(itemPath) + "/Menu",
                     DbusMenuPresenter::Actions{
-                        [this] { delegate->manageEventsWithSender(); },
-                        [this](std::size_t i) { delegate->updateSelectedEventWithSender(i); },
-                        [this](std::size_t i) { delegate->toggleLaunchAtLoginWithSender(i); },
+                        [this] { delegate->manageEvents(); },
+                        [this](std::size_t i) { delegate->updateSelectedEvent(i); },
+                        [this](std::size_t i) { delegate->toggleLaunchAtLogin(i); },
                         [this] { delegate->quit(); },
                         [this] { delegate->eventsMenuAboutToShow(); },
                     }),
@@ -130,7 +130,7 @@ struct Tray {
             },
             [this] {
                 if (window != nullptr) {
-                    window->activateApplication();
+                    window->presentWindows();
                 }
             },
             [this] { g_application_quit(application); },
@@ -140,7 +140,7 @@ struct Tray {
     }
 
     void start() {
-        delegate->applicationDidFinishLaunching();
+        delegate->startup();
         // The watches wait until the first title is out: they cost start-up time (the network
         // monitor loads GIO's modules) and nothing can change before the main loop runs anyway.
         g_idle_add_full(
@@ -166,7 +166,7 @@ struct Tray {
             }
             watchNetworkIfNeeded();
         });
-        wakeWatch.emplace([this] { delegate->systemDidWake(); });
+        wakeWatch.emplace([this] { delegate->resumed(); });
         watchNetworkIfNeeded();
         // A change written between the first title and now is not missed.
         delegate->storeChangedOnDisk();
@@ -232,6 +232,81 @@ struct Run {
     bool launched = false;
 };
 
+// The application's life: startup builds the tray, activate opens the window (all but the first),
+// shutdown ends the tray.
+void connectApplication(Run& run) {
+    g_signal_connect(run.application, "startup", G_CALLBACK(+[](GApplication* app, gpointer data) {
+                         auto& r = *static_cast<Run*>(data);
+                         g_application_hold(app); // a tray has no window to keep it alive
+                         r.tray = std::make_unique<Tray>(app, r.self);
+                         r.tray->start();
+                     }),
+                     &run);
+    // The first activation is this start; later ones come from `almanor` started again while this
+    // tray runs, and open the window as "Manage Events" does.
+    g_signal_connect(run.application, "activate", G_CALLBACK(+[](GApplication*, gpointer data) {
+                         auto& r = *static_cast<Run*>(data);
+                         if (r.launched && r.tray) {
+                             r.tray->delegate->manageEvents();
+                         }
+                         r.launched = true;
+                     }),
+                     &run);
+    // Updates still on their way are waited for; those that never arrive are pushed next time.
+    g_signal_connect(run.application, "shutdown", G_CALLBACK(+[](GApplication*, gpointer data) {
+                         auto& r = *static_cast<Run*>(data);
+                         // Quitting never waits on the network: a pass under way is cut off, and
+                         // what the server did not acknowledge stays pending for the next start.
+                         if (r.tray) {
+                             r.tray->cloudSync.stop();
+                             r.tray.reset();
+                         }
+                     }),
+                     &run);
+}
+
+// Another program asks for a sync: `gdbus call ... org.gtk.Actions.Activate sync [] {}`.
+void addSyncAction(Run& run) {
+    glib::Object<GSimpleAction> sync(g_simple_action_new("sync", nullptr));
+    g_signal_connect(sync.get(), "activate",
+                     G_CALLBACK(+[](GSimpleAction*, GVariant*, gpointer data) {
+                         auto& r = *static_cast<Run*>(data);
+                         if (r.tray) {
+                             r.tray->delegate->syncRequested();
+                         }
+                     }),
+                     &run);
+    g_action_map_add_action(G_ACTION_MAP(run.application), G_ACTION(sync.get()));
+}
+
+// A session that ends sends SIGTERM: leave as "Quit" does.
+void quitOnSignals(GApplication* application) {
+    for (int signal : {SIGTERM, SIGINT}) {
+        g_unix_signal_add(
+            signal,
+            [](gpointer app) -> gboolean {
+                g_application_quit(static_cast<GApplication*>(app));
+                return G_SOURCE_CONTINUE;
+            },
+            application);
+    }
+}
+
+// The item lives on the session bus; without one there is nothing to show it (and GIO would run
+// the application as if it were alone). One tray per session: the name on the bus says whether one
+// runs already. False after one line on standard error.
+bool registerOnSessionBus(GApplication* application) {
+    glib::Error error;
+    glib::Object<GDBusConnection> bus(
+        g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, glib::out(error)));
+    if (!bus || !g_application_register(application, nullptr, glib::out(error))) {
+        std::fprintf(stderr, "almanor: the tray needs a session bus: %s\n",
+                     error ? error->message : "unknown error");
+        return false;
+    }
+    return true;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -247,66 +322,10 @@ int main(int argc, char** argv) {
     glib::Object<GApplication> application(
         g_application_new(applicationId, G_APPLICATION_DEFAULT_FLAGS));
     run.application = application.get();
-
-    g_signal_connect(application.get(), "startup",
-                     G_CALLBACK(+[](GApplication* app, gpointer data) {
-                         auto& r = *static_cast<Run*>(data);
-                         g_application_hold(app); // a tray has no window to keep it alive
-                         r.tray = std::make_unique<Tray>(app, r.self);
-                         r.tray->start();
-                     }),
-                     &run);
-    // The first activation is this start; later ones come from `almanor` started again while this
-    // tray runs, and open the window as "Manage Events" does.
-    g_signal_connect(application.get(), "activate", G_CALLBACK(+[](GApplication*, gpointer data) {
-                         auto& r = *static_cast<Run*>(data);
-                         if (r.launched && r.tray) {
-                             r.tray->delegate->manageEventsWithSender();
-                         }
-                         r.launched = true;
-                     }),
-                     &run);
-    // Updates still on their way are waited for; those that never arrive are pushed next time.
-    g_signal_connect(application.get(), "shutdown", G_CALLBACK(+[](GApplication*, gpointer data) {
-                         auto& r = *static_cast<Run*>(data);
-                         // Quitting never waits on the network: a pass under way is cut off, and
-                         // what the server did not acknowledge stays pending for the next start.
-                         if (r.tray) {
-                             r.tray->cloudSync.stop();
-                             r.tray.reset();
-                         }
-                     }),
-                     &run);
-    // Another program asks for a sync: `gdbus call ... org.gtk.Actions.Activate sync [] {}`.
-    glib::Object<GSimpleAction> sync(g_simple_action_new("sync", nullptr));
-    g_signal_connect(sync.get(), "activate",
-                     G_CALLBACK(+[](GSimpleAction*, GVariant*, gpointer data) {
-                         auto& r = *static_cast<Run*>(data);
-                         if (r.tray) {
-                             r.tray->delegate->syncRequested();
-                         }
-                     }),
-                     &run);
-    g_action_map_add_action(G_ACTION_MAP(application.get()), G_ACTION(sync.get()));
-    // A session that ends sends SIGTERM: leave as "Quit" does.
-    for (int signal : {SIGTERM, SIGINT}) {
-        g_unix_signal_add(
-            signal,
-            [](gpointer app) -> gboolean {
-                g_application_quit(static_cast<GApplication*>(app));
-                return G_SOURCE_CONTINUE;
-            },
-            application.get());
-    }
-    // The item lives on the session bus; without one there is nothing to show it (and GIO would
-    // run the application as if it were alone).
-    glib::Error error;
-    glib::Object<GDBusConnection> bus(
-        g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, glib::out(error)));
-    // One tray per session: the name on the bus says whether one runs already.
-    if (!bus || !g_application_register(application.get(), nullptr, glib::out(error))) {
-        std::fprintf(stderr, "almanor: the tray needs a session bus: %s\n",
-                     error ? error->message : "unknown error");
+    connectApplication(run);
+    addSyncAction(run);
+    quitOnSignals(application.get());
+    if (!registerOnSessionBus(application.get())) {
         return 1;
     }
     // Arguments are the command line's business; the tray takes none.

@@ -104,7 +104,7 @@ void EventEditor::checkDirty() {
              countMethod_ != event_->countMethod();
 }
 
-bool EventEditor::save(const std::function<void()>& closeSheet) {
+bool EventEditor::save(const std::function<void()>& closeDialog) {
     if (name_.empty() || !dateValid_) {
         return false;
     }
@@ -128,8 +128,8 @@ bool EventEditor::save(const std::function<void()>& closeSheet) {
         saved = repository_.update(*event_);
         title_ = titleOf(*event_, DateText());
     }
-    if (!event_ && closeSheet) {
-        closeSheet();
+    if (!event_ && closeDialog) {
+        closeDialog();
     }
     checkDirty();
     return saved;

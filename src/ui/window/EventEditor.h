@@ -60,8 +60,8 @@ class EventEditor {
     void setCountMethod(CountMethod method);
 
     // Writes the event (insert in add mode, update in edit mode). Returns whether it saved; the
-    // add sheet closes through `closeSheet`.
-    bool save(const std::function<void()>& closeSheet = {});
+    // add dialog closes through `closeDialog`.
+    bool save(const std::function<void()>& closeDialog = {});
 
     // The title of an event: its name, " - " and its date as "MMM d, yyyy".
     static std::string titleOf(const Event& event, const DateText& dates);

@@ -43,8 +43,8 @@ EventPtr Model::find(const std::optional<Uuid>& id) const {
     return nullptr;
 }
 
-std::array<EventSection, 4> eventSections(const std::vector<EventPtr>& events) {
-    std::array<EventSection, 4> sections{{
+std::array<EventSection, sectionCount> eventSections(const std::vector<EventPtr>& events) {
+    std::array<EventSection, sectionCount> sections{{
         {"One Off Events", Schedule::none, {}},
         {"Weekly Events", Schedule::weekly, {}},
         {"Monthly Events", Schedule::monthly, {}},
@@ -88,7 +88,7 @@ ConfirmDelete::ConfirmDelete(EventPtr event, std::function<void()> dismiss,
     : event_(std::move(event)), dismiss_(std::move(dismiss)),
       performDelete_(std::move(performDelete)) {
     if (!event_) {
-        // The "-" button opens the sheet only for an event that exists.
+        // The "-" button opens the dialog only for an event that exists.
         fatalError("Almanor/ConfirmDeleteSheet", __LINE__, "No event to delete");
     }
 }

@@ -5,6 +5,7 @@
 #include "platform/NotificationCenter.h"
 
 #include <array>
+#include <cstddef>
 #include <functional>
 #include <optional>
 #include <string_view>
@@ -52,8 +53,9 @@ struct EventSection {
     std::vector<EventPtr> events;
 };
 
-// The four sections, always all of them, in their fixed order.
-std::array<EventSection, 4> eventSections(const std::vector<EventPtr>& events);
+// One section per schedule: always all of them, in the schedules' order.
+inline constexpr std::size_t sectionCount = 4;
+std::array<EventSection, sectionCount> eventSections(const std::vector<EventPtr>& events);
 
 // The text of a sidebar row: the name, and the alias when there is one that is not empty.
 struct EventRowText {
@@ -65,7 +67,7 @@ EventRowText eventRowText(const Event& event);
 // The version text under the list: "v" and the version, or nothing without a version.
 std::string versionText(std::string_view version);
 
-// What the window shows and which sheet is up, apart from the widgets.
+// What the window shows and which dialog is up, apart from the widgets.
 class ManageEventsState {
   public:
     explicit ManageEventsState(const Model& model) : model_(model) {}
@@ -78,7 +80,7 @@ class ManageEventsState {
     bool showAdd() const { return showAdd_; }
     bool showDelete() const { return showDelete_; }
 
-    // "+": clears the selection, then presents the add sheet.
+    // "+": clears the selection, then presents the add dialog.
     void pressAdd();
     // "-": presents the delete confirmation only for an event that exists.
     void pressDelete();
@@ -92,8 +94,8 @@ class ManageEventsState {
     bool showDelete_ = false;
 };
 
-// The delete confirmation: "Confirm" dismisses the sheet first, then deletes, so the sheet is gone
-// before the store changes and the list reloads.
+// The delete confirmation: "Confirm" dismisses the dialog first, then deletes, so the dialog is
+// gone before the store changes and the list reloads.
 class ConfirmDelete {
   public:
     ConfirmDelete(EventPtr event, std::function<void()> dismiss,

@@ -60,12 +60,29 @@ void installStyle() {
                                                GTK_STYLE_PROVIDER_PRIORITY_APPLICATION);
 }
 
+// The schedule's radio buttons in the editor's layout, in the schedules' order.
+constexpr std::array scheduleIds{"schedule-none", "schedule-weekly", "schedule-monthly",
+                                 "schedule-annually"};
+
 // The event form: the plain editor's working copy, drawn and fed by GTK widgets.
 class EditorView {
   public:
-    EditorView(std::unique_ptr<EventEditor> editor, std::function<void()> closeSheet)
-        : editor_(std::move(editor)), closeSheet_(std::move(closeSheet)),
+    EditorView(std::unique_ptr<EventEditor> editor, std::function<void()> closeDialog)
+        : editor_(std::move(editor)), closeDialog_(std::move(closeDialog)),
           builder_(Gtk::Builder::create_from_resource(std::string(resources) + "editor.ui")) {
+        findWidgets();
+        showWorkingCopy();
+        connectFields();
+        connectButtons();
+        refresh();
+    }
+
+    Gtk::Box& root() { return *root_; }
+    EventEditor& editor() { return *editor_; }
+    Gtk::Button& saveButton() { return *save_; }
+
+  private:
+    void findWidgets() {
         root_ = widget<Gtk::Box>(builder_, "editor");
         title_ = widget<Gtk::Label>(builder_, "title");
         name_ = widget<Gtk::Entry>(builder_, "name");
@@ -76,25 +93,28 @@ class EditorView {
         count_ = widget<Gtk::ComboBoxText>(builder_, "count");
         countHelp_ = widget<Gtk::Label>(builder_, "count-help");
         save_ = widget<Gtk::Button>(builder_, "save");
-        auto* cancel = widget<Gtk::Button>(builder_, "cancel");
+        cancel_ = widget<Gtk::Button>(builder_, "cancel");
         widget<Gtk::Label>(builder_, "alias-help")->set_text(std::string(EventEditor::aliasHelp));
-        const char* scheduleIds[] = {"schedule-none", "schedule-weekly", "schedule-monthly",
-                                     "schedule-annually"};
-        for (std::size_t i = 0; i < 4; ++i) {
+        for (std::size_t i = 0; i < schedules_.size(); ++i) {
             schedules_[i] = widget<Gtk::RadioButton>(builder_, scheduleIds[i]);
         }
         for (auto choice : EventEditor::countChoices) {
             count_->append(std::string(choice));
         }
+    }
 
-        // The working copy into the widgets.
+    // The working copy into the widgets.
+    void showWorkingCopy() {
         name_->set_text(editor_->name());
         alias_->set_text(editor_->alias());
         schedules_[static_cast<std::size_t>(rawValue(editor_->schedule()))]->set_active(true);
         count_->set_active(rawValue(editor_->countMethod()));
         showDate();
-        cancel->set_visible(editor_->addModal());
+        cancel_->set_visible(editor_->addModal());
+    }
 
+    // Every change of a field goes to the working copy at once.
+    void connectFields() {
         name_->signal_changed().connect([this] {
             editor_->setName(name_->get_text());
             refresh();
@@ -120,7 +140,7 @@ class EditorView {
             refresh();
         });
         calendar_->signal_day_selected_double_click().connect([this] { popover_->popdown(); });
-        for (std::size_t i = 0; i < 4; ++i) {
+        for (std::size_t i = 0; i < schedules_.size(); ++i) {
             schedules_[i]->signal_toggled().connect([this, i] {
                 if (schedules_[i]->get_active()) {
                     editor_->setSchedule(static_cast<Schedule>(i));
@@ -134,23 +154,20 @@ class EditorView {
                 refresh();
             }
         });
-        save_->signal_clicked().connect([this] {
-            editor_->save(closeSheet_);
-            refresh();
-        });
-        cancel->signal_clicked().connect([this] {
-            if (closeSheet_) {
-                closeSheet_();
-            }
-        });
-        refresh();
     }
 
-    Gtk::Box& root() { return *root_; }
-    EventEditor& editor() { return *editor_; }
-    Gtk::Button& saveButton() { return *save_; }
+    void connectButtons() {
+        save_->signal_clicked().connect([this] {
+            editor_->save(closeDialog_);
+            refresh();
+        });
+        cancel_->signal_clicked().connect([this] {
+            if (closeDialog_) {
+                closeDialog_();
+            }
+        });
+    }
 
-  private:
     void showDate() {
         showingDate_ = true;
         date_->set_text(dates_.shortDate(editor_->date()));
@@ -174,7 +191,7 @@ class EditorView {
     }
 
     std::unique_ptr<EventEditor> editor_;
-    std::function<void()> closeSheet_;
+    std::function<void()> closeDialog_;
     Glib::RefPtr<Gtk::Builder> builder_;
     DateText dates_;
     std::unique_ptr<DayCalendar> calendarOfZone_ = DayCalendar::current();
@@ -186,10 +203,11 @@ class EditorView {
     Gtk::Entry* date_ = nullptr;
     Gtk::Calendar* calendar_ = nullptr;
     Gtk::Popover* popover_ = nullptr;
-    std::array<Gtk::RadioButton*, 4> schedules_{};
+    std::array<Gtk::RadioButton*, scheduleIds.size()> schedules_{};
     Gtk::ComboBoxText* count_ = nullptr;
     Gtk::Label* countHelp_ = nullptr;
     Gtk::Button* save_ = nullptr;
+    Gtk::Button* cancel_ = nullptr;
 };
 
 } // namespace
@@ -202,8 +220,8 @@ struct ManageEventsWindowGtk::Impl {
     Glib::RefPtr<Gtk::Builder> builder;
     std::unique_ptr<Gtk::Window> window;
     Gtk::Stack* detail = nullptr;
-    // The sidebar is one tree: the four sections are its top rows (their expanders collapse them),
-    // the events their children. One virtualised view stays quick with thousands of rows.
+    // The sidebar is one tree: the sections are its top rows (their expanders collapse them), the
+    // events their children. One virtualised view stays quick with thousands of rows.
     struct Columns : Gtk::TreeModelColumnRecord {
         Gtk::TreeModelColumn<Glib::ustring> name;
         Gtk::TreeModelColumn<Glib::ustring> alias;
@@ -220,7 +238,7 @@ struct ManageEventsWindowGtk::Impl {
     Glib::RefPtr<Gtk::TreeStore> rows;
     std::unique_ptr<Gtk::TreeView> list;
     // Sections start open; the user's folding survives reloads.
-    std::array<bool, 4> expanded{true, true, true, true};
+    std::array<bool, sectionCount> collapsed{};
     std::unique_ptr<EditorView> editor;
     std::unique_ptr<Gtk::Dialog> addDialog;
     std::unique_ptr<EditorView> addEditor;
@@ -232,27 +250,44 @@ struct ManageEventsWindowGtk::Impl {
         : repository(r), clock(c), model(r, center, mainThread),
           builder(Gtk::Builder::create_from_resource(std::string(resources) + "window.ui")) {
         installStyle();
+        takeWindow();
+        connectButtons();
+        makeList();
+        addSectionRows();
+        followFolding();
+        model.setDidChange([this] { reloaded(); });
+        drawList();
+        showDetail();
+    }
+
+    // The builder's top-level window, owned from here on.
+    void takeWindow() {
         Gtk::Window* w = nullptr;
         builder->get_widget("window", w);
         if (w == nullptr) {
             throw std::logic_error("The window's layout has no window");
         }
         window.reset(w);
-        auto* scroll = widget<Gtk::ScrolledWindow>(builder, "list-scroll");
         detail = widget<Gtk::Stack>(builder, "detail");
         widget<Gtk::Label>(builder, "version")->set_text(versionText(ALMANOR_VERSION));
+        // Closing keeps the window for the next "Manage Events".
+        window->signal_delete_event().connect([this](GdkEventAny*) {
+            window->hide();
+            return true;
+        });
+    }
+
+    void connectButtons() {
         widget<Gtk::Button>(builder, "add-button")->signal_clicked().connect([this] {
             pressAdd();
         });
         widget<Gtk::Button>(builder, "delete-button")->signal_clicked().connect([this] {
             pressDelete();
         });
-        // Closing keeps the window for the next "Manage Events".
-        window->signal_delete_event().connect([this](GdkEventAny*) {
-            window->hide();
-            return true;
-        });
+    }
 
+    // The sidebar's view: a name column and an alias column over the tree of rows.
+    void makeList() {
         rows = Gtk::TreeStore::create(columns);
         list = std::make_unique<Gtk::TreeView>(rows);
         list->set_headers_visible(false);
@@ -282,29 +317,33 @@ struct ManageEventsWindowGtk::Impl {
                                                           const Gtk::TreeModel::Path& path,
                                                           bool) { return path.size() > 1; });
         list->get_selection()->signal_changed().connect([this] { rowSelected(); });
-        scroll->add(*list);
+        widget<Gtk::ScrolledWindow>(builder, "list-scroll")->add(*list);
         list->show();
+    }
+
+    // The sections' header rows, made once; reloads refill only their children.
+    void addSectionRows() {
         for (const auto& section : eventSections({})) {
             auto row = rows->append();
             (*row)[columns.name] = std::string(section.header);
             (*row)[columns.weight] = Pango::WEIGHT_BOLD;
         }
+    }
+
+    // What the user folds, not what a reload does to the rows.
+    void followFolding() {
         list->signal_row_expanded().connect(
             [this](const Gtk::TreeModel::iterator&, const Gtk::TreeModel::Path& path) {
                 if (!selecting && path.size() == 1) {
-                    expanded[std::size_t(path[0])] = true;
+                    collapsed[std::size_t(path[0])] = false;
                 }
             });
         list->signal_row_collapsed().connect(
             [this](const Gtk::TreeModel::iterator&, const Gtk::TreeModel::Path& path) {
                 if (!selecting && path.size() == 1) {
-                    expanded[std::size_t(path[0])] = false;
+                    collapsed[std::size_t(path[0])] = true;
                 }
             });
-
-        model.setDidChange([this] { reloaded(); });
-        drawList();
-        showDetail();
     }
 
     void drawList() {
@@ -337,7 +376,7 @@ struct ManageEventsWindowGtk::Impl {
         list->set_model(rows);
         i = 0;
         for (const auto& section : rows->children()) {
-            if (expanded[i]) {
+            if (!collapsed[i]) {
                 list->expand_row(rows->get_path(section), false);
             }
             ++i;
@@ -402,10 +441,10 @@ struct ManageEventsWindowGtk::Impl {
         addDialog->show();
     }
 
-    // Hides a sheet now and frees it (with what it shows) once GTK is done with the click that
-    // closed it; a sheet opened again meanwhile is kept.
+    // Hides a dialog now and frees it (with what it shows) once GTK is done with the click that
+    // closed it; a dialog opened again meanwhile is kept.
     template <class Content>
-    void closeSheet(std::unique_ptr<Gtk::Dialog>& dialog, std::unique_ptr<Content>& content) {
+    void closeDialog(std::unique_ptr<Gtk::Dialog>& dialog, std::unique_ptr<Content>& content) {
         if (!dialog) {
             return;
         }
@@ -420,7 +459,7 @@ struct ManageEventsWindowGtk::Impl {
 
     void closeAdd() {
         state.dismissAdd();
-        closeSheet(addDialog, addEditor);
+        closeDialog(addDialog, addEditor);
     }
 
     void pressDelete() {
@@ -458,7 +497,7 @@ struct ManageEventsWindowGtk::Impl {
 
     void closeDelete() {
         state.dismissDelete();
-        closeSheet(deleteDialog, confirm);
+        closeDialog(deleteDialog, confirm);
     }
 };
 
@@ -483,7 +522,7 @@ void ManageEventsWindowGtk::center() {
     }
 }
 
-void ManageEventsWindowGtk::makeKeyAndOrderFront() {
+void ManageEventsWindowGtk::present() {
     impl_->window->present();
 }
 

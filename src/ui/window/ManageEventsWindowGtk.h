@@ -17,7 +17,7 @@ namespace almanor {
 class Repository;
 
 // The management window in GTK: a sidebar of the four sections over the model, the editor of the
-// selected event, the add sheet and the delete confirmation. It draws the plain state classes and
+// selected event, the add dialog and the delete confirmation. It draws the plain state classes and
 // forwards to them; closing it only hides it.
 class ManageEventsWindowGtk final : public ManageEventsWindow {
   public:
@@ -27,7 +27,7 @@ class ManageEventsWindowGtk final : public ManageEventsWindow {
 
     bool isVisible() const override;
     void center() override;
-    void makeKeyAndOrderFront() override;
+    void present() override;
 
     Gtk::Window& window();
     const Model& model() const;

@@ -48,8 +48,8 @@ std::unique_ptr<ManageEventsWindow> makeManageEventsWindow(Repository& repositor
     return std::make_unique<ManageEventsWindowGtk>(repository, center, mainThread, clock);
 }
 
-// The application's own windows: not its sheets (they follow their window) nor tooltips.
-void activateApplication() {
+// The application's own windows: not its dialogs (they follow their window) nor tooltips.
+void presentWindows() {
     glib::Owner<GList, g_list_free> windows(gtk_window_list_toplevels());
     for (GList* w = windows.get(); w != nullptr; w = w->next) {
         auto* window = GTK_WINDOW(w->data);
@@ -62,7 +62,7 @@ void activateApplication() {
 }
 
 constexpr WindowModule table{WindowModule::currentVersion, &makeManageEventsWindow,
-                             &activateApplication};
+                             &presentWindows};
 
 } // namespace
 

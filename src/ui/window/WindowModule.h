@@ -28,7 +28,7 @@ struct WindowModule {
                                                                   MainThread& mainThread,
                                                                   const Clock& clock);
     // Brings the application's visible windows to the front.
-    void (*activateApplication)();
+    void (*presentWindows)();
 };
 
 } // namespace almanor
