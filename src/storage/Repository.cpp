@@ -2,7 +2,6 @@
 
 #include "platform/Log.h"
 #include "platform/Paths.h"
-#include "storage/sql/Error.h"
 
 #include <string>
 
@@ -17,7 +16,7 @@ template <class Call> bool logged(std::string_view message, Call&& call) {
     try {
         call();
         return true;
-    } catch (const sql::Error& e) {
+    } catch (const StoreError& e) {
         Log::line(std::string(message) + e.what());
         return false;
     }

@@ -80,20 +80,3 @@ TEST_F(RepositoryTest, SuccessesReachTheStoreQuietly) {
     EXPECT_EQ(log.lines()[0],
               "Failed to insert record: UNIQUE constraint failed: events.id (code: 19)");
 }
-
-TEST(RepositoryDeathTest, SharedIsOneInstanceOverTheUsersDataFolder) {
-    test::TempDir dir;
-    EXPECT_EXIT(
-        {
-            setenv("XDG_DATA_HOME", dir.path().c_str(), 1);
-            Repository* seen[2] = {};
-            std::thread a([&] { seen[0] = &Repository::shared(); });
-            std::thread b([&] { seen[1] = &Repository::shared(); });
-            a.join();
-            b.join();
-            bool ok = seen[0] == seen[1] && seen[0] == &Repository::shared() &&
-                      std::filesystem::is_regular_file(dir / "Almanor/EventsV1.db");
-            std::_Exit(ok ? 0 : 1);
-        },
-        ::testing::ExitedWithCode(0), "");
-}
