@@ -13,7 +13,7 @@ packages=(
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev
   sqlite3 hyperfine
-  clang libclang-rt-14-dev clang-format
+  clang libclang-rt-14-dev clang-format clang-tidy
   desktop-file-utils appstream
   xvfb xauth x11-utils imagemagick dbus-x11 at-spi2-core python3-dogtail xdotool
   ayatana-indicator-application xfce4-panel xfce4-indicator-plugin

@@ -17,7 +17,6 @@
 #include "storage/MigrationManager.h"
 #include "storage/Repository.h"
 #include "storage/sql/Date.h"
-#include "storage/sql/Error.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -149,7 +148,7 @@ class Store {
     std::vector<EventPtr> events() {
         try {
             return repository_->local().fetchAll();
-        } catch (const sql::Error& e) {
+        } catch (const StoreError& e) {
             // A damaged page that opening the file did not reach.
             std::fprintf(stderr, "almanor: %s\n", repository_->local().unusableLine(e).c_str());
             throw Failed{};

@@ -4,6 +4,7 @@
 #include "cli/JsonText.h"
 #include "cloud/CloudAccount.h"
 #include "cloud/CloudModule.h"
+#include "cloud/MigrationHelper.h"
 #include "cloud/RecordMapping.h"
 #include "platform/Module.h"
 #include "platform/Settings.h"
@@ -92,7 +93,7 @@ int cloudStatus(const Services& services, bool json) {
     if (!storeIsReadable(repository))
         return exitStoreFailed;
     auto account = CloudAccount::load(defaults);
-    std::optional<std::string> zone = Settings(defaults).zoneName();
+    std::optional<std::string> zone = MigrationHelper::zoneInUse(defaults);
     Pending pending;
     try {
         Settings(defaults).registerDefaults();

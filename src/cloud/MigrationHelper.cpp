@@ -35,6 +35,13 @@ bool MigrationHelper::hasRecords(CloudService& service, const std::string& zoneN
     }
 }
 
+std::optional<std::string> MigrationHelper::zoneInUse(UserDefaults& defaults) {
+    if (defaults.boolean(Settings::appZoneUsed)) {
+        return std::string(appZoneName);
+    }
+    return defaults.string(Settings::recordZone);
+}
+
 std::optional<MigrationHelper>
 MigrationHelper::findExistingRecords(std::shared_ptr<CloudService> service,
                                      UserDefaults& defaults) {
@@ -60,7 +67,7 @@ MigrationHelper::findExistingRecords(std::shared_ptr<CloudService> service,
             Log::line(std::string("Failed to fetch zone: ") + e.what());
         }
     }
-    std::optional<std::string> zone = Settings(defaults).zoneName();
+    std::optional<std::string> zone = zoneInUse(defaults);
     if (!zone) {
         Log::line("No zone found in the cloud, no need to migrate");
         return std::nullopt;

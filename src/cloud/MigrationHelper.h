@@ -37,6 +37,10 @@ class MigrationHelper {
     static std::optional<MigrationHelper> findExistingRecords(std::shared_ptr<CloudService> service,
                                                               UserDefaults& defaults);
 
+    // The zone in use as the defaults remember it: the app's own zone once it has been seen,
+    // else the stored name.
+    static std::optional<std::string> zoneInUse(UserDefaults& defaults);
+
   private:
     std::shared_ptr<CloudService> service_;
     std::string zoneName_; // "_default" reads the database's default zone

@@ -1,6 +1,7 @@
 #include "login/XdgAutostartService.h"
 
 #include "login/LaunchAtLogin.h"
+#include "platform/GlibOwners.h"
 
 #include <cerrno>
 #include <cstring>
@@ -13,14 +14,7 @@ namespace almanor {
 
 namespace {
 
-struct KeyFileDeleter {
-    void operator()(GKeyFile* k) const noexcept { g_key_file_free(k); }
-};
-struct GFreeDeleter {
-    void operator()(void* p) const noexcept { g_free(p); }
-};
-using KeyFile = std::unique_ptr<GKeyFile, KeyFileDeleter>;
-using GText = std::unique_ptr<gchar, GFreeDeleter>;
+using KeyFile = glib::Owner<GKeyFile, g_key_file_free>;
 
 constexpr const char* group = G_KEY_FILE_DESKTOP_GROUP;
 
@@ -31,10 +25,9 @@ bool enabledEntry(const std::filesystem::path& file) {
         return false;
     }
     auto flag = [&](const char* key, bool absent) {
-        GError* error = nullptr;
-        gboolean value = g_key_file_get_boolean(keys.get(), group, key, &error);
-        if (error != nullptr) {
-            g_error_free(error);
+        glib::Error error;
+        gboolean value = g_key_file_get_boolean(keys.get(), group, key, glib::out(error));
+        if (error) {
             return absent;
         }
         return value != FALSE;
@@ -91,7 +84,7 @@ std::filesystem::path XdgAutostartService::legacyEntryFile() const {
 }
 
 std::string XdgAutostartService::execLine() const {
-    GText onPath(g_find_program_in_path("almanor"));
+    glib::Chars onPath(g_find_program_in_path("almanor"));
     std::error_code ec;
     if (onPath && std::filesystem::equivalent(onPath.get(), program_, ec)) {
         return "almanor";
@@ -118,12 +111,10 @@ void XdgAutostartService::writeEntry(const std::filesystem::path& file,
     g_key_file_set_string(keys.get(), group, "Icon", LaunchAtLogin::bundleIdentifier);
     g_key_file_set_boolean(keys.get(), group, "Terminal", FALSE);
     g_key_file_set_boolean(keys.get(), group, "X-GNOME-Autostart-enabled", TRUE);
-    GError* error = nullptr;
+    glib::Error error;
     // Written to a temporary file and renamed, so a session never reads half an entry.
-    if (!g_key_file_save_to_file(keys.get(), file.c_str(), &error)) {
-        std::string reason = error->message;
-        g_error_free(error);
-        throw LoginItemError(reason);
+    if (!g_key_file_save_to_file(keys.get(), file.c_str(), glib::out(error))) {
+        throw LoginItemError(error->message);
     }
 }
 

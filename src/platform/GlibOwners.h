@@ -1,9 +1,16 @@
 #pragma once
-// Owners of GLib's C handles, for the .cpp files that talk to GLib: each frees what it holds the
-// way GLib wants, once, when it goes out of scope. Include only from source files.
+// Owners of GLib's C handles: each frees what it holds the way GLib wants, once, when it goes out
+// of scope, and none can be copied. The common ones (object references, errors, strings, string
+// vectors, variants) free through functions compiled in platform, so that this header needs no
+// GLib header and can hold handles in a class's members; any other handle names its own free
+// function, from a source file that includes its library: Owner<GDBusNodeInfo,
+// g_dbus_node_info_unref>.
 
-#include <glib-object.h>
 #include <memory>
+
+typedef char gchar;
+typedef struct _GError GError;
+typedef struct _GVariant GVariant;
 
 namespace almanor::glib {
 
@@ -12,43 +19,63 @@ template <auto fn> struct Deleter {
     template <class T> void operator()(T* p) const noexcept { fn(p); }
 };
 
-// Any handle with its own free function: Owner<GDBusNodeInfo, g_dbus_node_info_unref>.
+// Any handle with its own free function.
 template <class T, auto fn> using Owner = std::unique_ptr<T, Deleter<fn>>;
 
-// One reference to a GObject.
-template <class T> using Object = Owner<T, g_object_unref>;
+struct ObjectUnref {
+    void operator()(void* object) const noexcept;
+};
+struct ErrorFree {
+    void operator()(GError* error) const noexcept;
+};
+struct CharsFree {
+    void operator()(gchar* text) const noexcept;
+};
+struct StrvFree {
+    void operator()(gchar** vector) const noexcept;
+};
+struct VariantUnref {
+    void operator()(GVariant* variant) const noexcept;
+};
+
+// One reference to a GObject (of any GObject type, declared or not).
+template <class T> using Object = std::unique_ptr<T, ObjectUnref>;
+using Error = std::unique_ptr<GError, ErrorFree>;
+using Chars = std::unique_ptr<gchar, CharsFree>;
+using Strv = std::unique_ptr<gchar*, StrvFree>;
+using Variant = std::unique_ptr<GVariant, VariantUnref>;
+
+// g_object_ref, for ref() below; null stays null.
+void* addReference(void* object) noexcept;
 
 // Takes an extra reference on an object that someone else owns.
 template <class T> Object<T> ref(T* object) {
-    return Object<T>(object != nullptr ? static_cast<T*>(g_object_ref(object)) : nullptr);
+    return Object<T>(static_cast<T*>(addReference(object)));
 }
 
-using Error = Owner<GError, g_error_free>;
-using Chars = Owner<gchar, g_free>;
-using Strv = Owner<gchar*, g_strfreev>;
-using Variant = Owner<GVariant, g_variant_unref>;
-
-// Hands a GError** to a C call and owns what it reports: `f(..., glib::out(error))`. The error is
-// taken over at the end of the full expression.
-class ErrorOut {
+// Hands a pointer-to-handle out-parameter to a C call and owns what it reports:
+// `f(..., glib::out(error))`, `g_file_get_contents(path, glib::out(text), ...)`. Taken over at the
+// end of the full expression.
+template <class Handle> class Out {
   public:
-    explicit ErrorOut(Error& owner) : owner_(owner) {}
-    ~ErrorOut() {
+    using Raw = typename Handle::pointer;
+    explicit Out(Handle& owner) : owner_(owner) {}
+    ~Out() {
         if (raw_ != nullptr) {
             owner_.reset(raw_);
         }
     }
-    ErrorOut(const ErrorOut&) = delete;
-    ErrorOut& operator=(const ErrorOut&) = delete;
-    operator GError**() { return &raw_; }
+    Out(const Out&) = delete;
+    Out& operator=(const Out&) = delete;
+    operator Raw*() { return &raw_; }
 
   private:
-    Error& owner_;
-    GError* raw_ = nullptr;
+    Handle& owner_;
+    Raw raw_ = nullptr;
 };
 
-inline ErrorOut out(Error& owner) {
-    return ErrorOut(owner);
+template <class Handle> Out<Handle> out(Handle& owner) {
+    return Out<Handle>(owner);
 }
 
 } // namespace almanor::glib

@@ -13,14 +13,14 @@ void onNetworkChanged(GNetworkMonitor*, gboolean available, gpointer self) {
 } // namespace
 
 NetworkMonitor::NetworkMonitor(Callback onAvailable) : onAvailable_(std::move(onAvailable)) {
-    GNetworkMonitor* monitor = g_network_monitor_get_default(); // owned by GIO, not us
-    monitor_ = g_object_ref(monitor);
-    handler_ = g_signal_connect(monitor, "network-changed", G_CALLBACK(onNetworkChanged), this);
+    // The default monitor is GIO's; this holds a reference of its own.
+    monitor_ = glib::ref(g_network_monitor_get_default());
+    handler_ =
+        g_signal_connect(monitor_.get(), "network-changed", G_CALLBACK(onNetworkChanged), this);
 }
 
 NetworkMonitor::~NetworkMonitor() {
-    g_signal_handler_disconnect(monitor_, handler_);
-    g_object_unref(monitor_);
+    g_signal_handler_disconnect(monitor_.get(), handler_);
 }
 
 void NetworkMonitor::networkChanged(bool available) {

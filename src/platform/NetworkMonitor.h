@@ -1,6 +1,10 @@
 #pragma once
 
+#include "platform/GlibOwners.h"
+
 #include <functional>
+
+typedef struct _GNetworkMonitor GNetworkMonitor;
 
 namespace almanor {
 
@@ -22,7 +26,7 @@ class NetworkMonitor {
 
   private:
     Callback onAvailable_;
-    void* monitor_ = nullptr; // GNetworkMonitor, kept out of this header
+    glib::Object<GNetworkMonitor> monitor_;
     unsigned long handler_ = 0;
 };
 

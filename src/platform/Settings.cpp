@@ -24,11 +24,4 @@ void Settings::setSelectedEventId(const Uuid& id) const {
     defaults_.setString(selectedEvent, id.uuidString());
 }
 
-std::optional<std::string> Settings::zoneName() const {
-    if (defaults_.boolean(appZoneUsed)) {
-        return std::string(appZoneName);
-    }
-    return defaults_.string(recordZone);
-}
-
 } // namespace almanor

@@ -10,7 +10,7 @@ namespace almanor {
 
 class UserDefaults;
 
-// The keys of the defaults store and the typed accessors of the selection and of the cloud zone.
+// The keys of the defaults store and the typed accessors of the selection.
 class Settings {
   public:
     static constexpr std::string_view selectedEvent = "selectedEvent";
@@ -21,7 +21,6 @@ class Settings {
 
     // Registered at every start: the selection defaults to the nil UUID, which names no event.
     static constexpr std::string_view selectedEventDefault = "00000000-0000-0000-0000-000000000000";
-    static constexpr std::string_view appZoneName = "com.vostrel.almanor.zone";
 
     explicit Settings(UserDefaults& defaults) : defaults_(defaults) {}
 
@@ -34,9 +33,6 @@ class Settings {
     Uuid selectedEventId() const;
     // Stores the upper-case text form.
     void setSelectedEventId(const Uuid& id) const;
-
-    // The cloud zone in use: the app's own zone once it has been seen, else the stored name.
-    std::optional<std::string> zoneName() const;
 
   private:
     UserDefaults& defaults_;

@@ -1,5 +1,6 @@
 #include "platform/UserDefaults.h"
 
+#include "platform/GlibOwners.h"
 #include "platform/Log.h"
 
 #include <cerrno>
@@ -15,20 +16,9 @@ namespace almanor {
 
 namespace {
 
-struct KeyFileDeleter {
-    void operator()(GKeyFile* k) const noexcept { g_key_file_free(k); }
-};
-using KeyFile = std::unique_ptr<GKeyFile, KeyFileDeleter>;
-
-struct ErrorDeleter {
-    void operator()(GError* e) const noexcept { g_error_free(e); }
-};
-using Error = std::unique_ptr<GError, ErrorDeleter>;
-
-struct GFreeDeleter {
-    void operator()(gchar* p) const noexcept { g_free(p); }
-};
-using GString_ = std::unique_ptr<gchar, GFreeDeleter>;
+using KeyFile = glib::Owner<GKeyFile, g_key_file_free>;
+using Error = glib::Error;
+using GString_ = glib::Chars;
 
 // What identifies one version of the file on disk.
 struct Identity {
@@ -58,18 +48,16 @@ struct FileText {
 };
 
 FileText readFile(const std::filesystem::path& file) {
-    gchar* raw = nullptr;
+    glib::Chars text;
     gsize length = 0;
-    GError* rawError = nullptr;
-    if (!g_file_get_contents(file.c_str(), &raw, &length, &rawError)) {
-        Error error(rawError);
+    Error error;
+    if (!g_file_get_contents(file.c_str(), glib::out(text), &length, glib::out(error))) {
         if (error->domain == G_FILE_ERROR && error->code == G_FILE_ERROR_NOENT) {
             return {};
         }
         return {std::nullopt, error->message};
     }
-    GString_ owned(raw);
-    return {std::string(raw, length), {}};
+    return {std::string(text.get(), length), {}};
 }
 
 // The keys of `text`, or none when GKeyFile cannot read all of it.
@@ -232,14 +220,12 @@ struct UserDefaults::Version {
     std::optional<std::string> content; // none: no file
 
     static std::optional<std::string> read(const std::filesystem::path& file) {
-        gchar* text = nullptr;
+        glib::Chars text;
         gsize length = 0;
-        if (!g_file_get_contents(file.c_str(), &text, &length, nullptr)) {
+        if (!g_file_get_contents(file.c_str(), glib::out(text), &length, nullptr)) {
             return std::nullopt;
         }
-        std::string content(text, length);
-        g_free(text);
-        return content;
+        return std::string(text.get(), length);
     }
 };
 
@@ -335,9 +321,9 @@ bool UserDefaults::replaceDamaged(const std::string& damaged, const std::string&
                   error + "), so it is left as it is");
         return false;
     }
-    GError* raw = nullptr;
-    if (!g_file_set_contents(file_.c_str(), readable.data(), gssize(readable.size()), &raw)) {
-        Error e(raw);
+    Error e;
+    if (!g_file_set_contents(file_.c_str(), readable.data(), gssize(readable.size()),
+                             glib::out(e))) {
         Log::line("Failed to save settings to " + file_.string() + ": " + e->message);
         // The original is still in place: the next reader tries again, without a second copy.
         ::unlink(aside->c_str());
@@ -367,10 +353,9 @@ std::optional<std::string> UserDefaults::string(std::string_view key) const {
 std::int64_t UserDefaults::integer(std::string_view key) const {
     auto snapshot = current();
     std::string k(key);
-    GError* raw = nullptr;
-    gint64 value = g_key_file_get_int64(snapshot->keys.get(), group, k.c_str(), &raw);
-    if (raw != nullptr) {
-        g_error_free(raw);
+    Error error;
+    gint64 value = g_key_file_get_int64(snapshot->keys.get(), group, k.c_str(), glib::out(error));
+    if (error) {
         return 0;
     }
     return value;
@@ -379,10 +364,10 @@ std::int64_t UserDefaults::integer(std::string_view key) const {
 bool UserDefaults::boolean(std::string_view key) const {
     auto snapshot = current();
     std::string k(key);
-    GError* raw = nullptr;
-    gboolean value = g_key_file_get_boolean(snapshot->keys.get(), group, k.c_str(), &raw);
-    if (raw != nullptr) {
-        g_error_free(raw);
+    Error error;
+    gboolean value =
+        g_key_file_get_boolean(snapshot->keys.get(), group, k.c_str(), glib::out(error));
+    if (error) {
         return false;
     }
     return value != FALSE;
@@ -450,10 +435,9 @@ void UserDefaults::write(std::string_view key, std::optional<std::string> text) 
     // The file as it stands under the writers' lock: if another process changed it since we last
     // looked, that change is still news after this write folds it in.
     auto before = Version::read(file_);
-    GError* raw = nullptr;
-    bool saved = g_file_set_contents(file_.c_str(), data.get(), gssize(length), &raw);
+    Error error;
+    bool saved = g_file_set_contents(file_.c_str(), data.get(), gssize(length), glib::out(error));
     if (!saved) {
-        Error error(raw);
         Log::line("Failed to save settings to " + file_.string() + ": " + error->message);
     }
     std::lock_guard guard(mutex_);

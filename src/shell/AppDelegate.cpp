@@ -7,7 +7,6 @@
 #include "storage/LocalRepository.h"
 #include "storage/MigrationManager.h"
 #include "storage/Repository.h"
-#include "storage/sql/Error.h"
 #include "sync/CloudSync.h"
 
 #include <array>
@@ -75,7 +74,7 @@ struct AppDelegate::Impl {
         std::optional<std::int64_t> now;
         try {
             now = repository.local().dataVersion();
-        } catch (const sql::Error& e) {
+        } catch (const StoreError& e) {
             Log::line(std::string("Failed to read the store's version: ") + e.what());
         }
         bool changed = !now || now != dataVersion;

@@ -17,6 +17,15 @@ namespace {
 constexpr std::string_view fatalSite = "Almanor/LocalRepository";
 constexpr int fatalLine = 40;
 
+// The SQL layer's errors end here: callers get the store's own.
+template <class Call> auto storeCall(Call&& call) {
+    try {
+        return call();
+    } catch (const sql::Error& e) {
+        throw StoreError(e.what(), e.code());
+    }
+}
+
 [[noreturn]] void failToInitialize(const std::string& description) {
     fatalError(fatalSite, fatalLine, "Failed to initialize local database: " + description);
 }
@@ -66,7 +75,7 @@ LocalRepository::LocalRepository(const std::filesystem::path& directory, std::st
       clock_(clock) {
     try {
         ensureSchema();
-    } catch (const sql::Error&) {
+    } catch (const StoreError&) {
         // Told by unusable(), and by every call that needs the tables.
     }
 }
@@ -75,7 +84,7 @@ void LocalRepository::ensureSchema() {
     if (schemaReady_) {
         return;
     }
-    prepareSchema(connection_, events_);
+    storeCall([&] { prepareSchema(connection_, events_); });
     schemaReady_ = true;
 }
 
@@ -83,15 +92,14 @@ std::optional<std::string> LocalRepository::unusable() {
     try {
         ensureSchema();
         return std::nullopt;
-    } catch (const sql::Error& e) {
+    } catch (const StoreError& e) {
         return unusableLine(e);
     }
 }
 
-std::string LocalRepository::unusableLine(const std::exception& error) const {
-    const auto* sqlError = dynamic_cast<const sql::Error*>(&error);
+std::string LocalRepository::unusableLine(const StoreError& error) const {
     const char* remedy = "restore it from a backup, or move it away to start afresh";
-    switch (sqlError != nullptr ? sqlError->code() : 0) {
+    switch (error.code()) {
     case SQLITE_BUSY:
     case SQLITE_LOCKED:
         remedy = "another program holds it: try again when it is done";
@@ -114,23 +122,27 @@ std::string LocalRepository::unusableLine(const std::exception& error) const {
 std::vector<EventPtr> LocalRepository::fetchAll() {
     ensureSchema();
     const auto& t = events_;
-    return connection_.sync([&] {
-        auto rows =
-            connection_.prepare(t.table.select(t.deleted == std::nullopt, {t.date, t.name}));
-        EventColumns columns(rows, t);
-        std::vector<EventPtr> result;
-        for (const auto& row : rows) {
-            result.push_back(columns.event(row));
-        }
-        return result;
+    return storeCall([&] {
+        return connection_.sync([&] {
+            auto rows =
+                connection_.prepare(t.table.select(t.deleted == std::nullopt, {t.date, t.name}));
+            EventColumns columns(rows, t);
+            std::vector<EventPtr> result;
+            for (const auto& row : rows) {
+                result.push_back(columns.event(row));
+            }
+            return result;
+        });
     });
 }
 
 std::int64_t LocalRepository::dataVersion() {
-    return connection_.sync([&] {
-        auto rows = connection_.prepare(sql::Statement{"PRAGMA data_version", {}});
-        rows.next();
-        return rows.row().integer(0);
+    return storeCall([&] {
+        return connection_.sync([&] {
+            auto rows = connection_.prepare(sql::Statement{"PRAGMA data_version", {}});
+            rows.next();
+            return rows.row().integer(0);
+        });
     });
 }
 
@@ -138,16 +150,18 @@ void LocalRepository::insert(const Event& event) {
     ensureSchema();
     const auto& t = events_;
     Instant now = clock_.now();
-    connection_.run(t.table.insert({
-        t.id.set(event.id()),
-        t.name.set(event.name()),
-        t.alias.set(event.alias()),
-        t.date.set(event.date()),
-        t.schedule.set(rawValue(event.schedule())),
-        t.method.set(rawValue(event.countMethod())),
-        t.created.set(now),
-        t.updated.set(now),
-    }));
+    storeCall([&] {
+        connection_.run(t.table.insert({
+            t.id.set(event.id()),
+            t.name.set(event.name()),
+            t.alias.set(event.alias()),
+            t.date.set(event.date()),
+            t.schedule.set(rawValue(event.schedule())),
+            t.method.set(rawValue(event.countMethod())),
+            t.created.set(now),
+            t.updated.set(now),
+        }));
+    });
     center_.post(eventChangeNotification);
 }
 
@@ -155,21 +169,25 @@ void LocalRepository::update(const Event& event) {
     ensureSchema();
     const auto& t = events_;
     Instant now = clock_.now();
-    connection_.run(t.table.update(
-        {
-            t.name.set(event.name()), t.alias.set(event.alias()), t.date.set(event.date()),
-            t.schedule.set(rawValue(event.schedule())), t.method.set(rawValue(event.countMethod())),
-            t.updated.set(now),
-            t.syncDirty.setLiteral(true), // also before the first push: see markInserted
-        },
-        t.id == event.id()));
+    storeCall([&] {
+        connection_.run(t.table.update(
+            {
+                t.name.set(event.name()), t.alias.set(event.alias()), t.date.set(event.date()),
+                t.schedule.set(rawValue(event.schedule())),
+                t.method.set(rawValue(event.countMethod())), t.updated.set(now),
+                t.syncDirty.setLiteral(true), // also before the first push: see markInserted
+            },
+            t.id == event.id()));
+    });
     center_.post(eventChangeNotification);
 }
 
 void LocalRepository::deleteEvent(const Event& event) {
     ensureSchema();
     const auto& t = events_;
-    connection_.run(t.table.update({t.deleted.set(clock_.now())}, t.id == event.id()));
+    storeCall([&] {
+        connection_.run(t.table.update({t.deleted.set(clock_.now())}, t.id == event.id()));
+    });
     center_.post(eventChangeNotification);
 }
 

@@ -4,11 +4,11 @@
 #include "platform/Clock.h"
 #include "platform/NotificationCenter.h"
 #include "storage/EventsTable.h"
+#include "storage/StoreError.h"
 #include "storage/sql/Connection.h"
 
 #include <atomic>
 #include <cstdint>
-#include <exception>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -40,19 +40,19 @@ class LocalRepository {
     // one line for the user naming the file, what is wrong with it and what to do.
     std::optional<std::string> unusable();
     // That line for a failure of this store met later, by a read that found a damaged page.
-    std::string unusableLine(const std::exception& error) const;
+    std::string unusableLine(const StoreError& error) const;
 
-    // Live events ordered by date, then name. Throws sql::Error.
+    // Live events ordered by date, then name. Throws StoreError.
     std::vector<EventPtr> fetchAll();
 
-    // Each throws sql::Error, and posts the change notification only when it succeeded.
+    // Each throws StoreError, and posts the change notification only when it succeeded.
     void insert(const Event& event);
     void update(const Event& event);
     void deleteEvent(const Event& event);
 
     // SQLite's data version of this connection: it changes exactly when another connection (another
     // process) has committed a change to the file, never for this connection's own writes.
-    // Throws sql::Error.
+    // Throws StoreError.
     std::int64_t dataVersion();
 
     // Posts the change notification, for changes written around insert, update and delete (the
@@ -63,7 +63,7 @@ class LocalRepository {
     // The database file, beside which the push keeps its lock.
     const std::filesystem::path& file() const { return file_; }
 
-    // The tables, unless the file has them already. Throws sql::Error.
+    // The tables, unless the file has them already. Throws StoreError.
     void ensureSchema();
 
   private:

@@ -61,7 +61,7 @@ template <class Work> auto LocalSyncLedger::guarded(Work&& work) {
             return std::forward<Work>(work)();
         });
     } catch (const sql::Error& e) {
-        throw StoreError(e.what());
+        throw StoreError(e.what(), e.code());
     }
 }
 

@@ -1,7 +1,6 @@
 #include "storage/Repository.h"
 
 #include "platform/Log.h"
-#include "storage/sql/Error.h"
 
 #include <string>
 
@@ -16,7 +15,7 @@ template <class Call> bool logged(std::string_view message, Call&& call) {
     try {
         call();
         return true;
-    } catch (const sql::Error& e) {
+    } catch (const StoreError& e) {
         Log::line(std::string(message) + e.what());
         return false;
     }

@@ -3,20 +3,14 @@
 #include "model/Event.h"
 #include "platform/Instant.h"
 #include "platform/Uuid.h"
+#include "storage/StoreError.h"
 
 #include <functional>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace almanor {
-
-// The store could not do what was asked; what() is one line.
-class StoreError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
 
 // What the store keeps of the record that mirrors an event on the server.
 struct RecordState {

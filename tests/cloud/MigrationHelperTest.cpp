@@ -35,6 +35,14 @@ class ZoneDiscovery : public ::testing::Test {
     test::LogCapture log;
 };
 
+TEST_F(ZoneDiscovery, ZoneInUsePrefersTheAppZoneOnceSeen) {
+    EXPECT_EQ(MigrationHelper::zoneInUse(defaults), std::nullopt);
+    defaults.setString(Settings::recordZone, std::string(legacyZoneName));
+    EXPECT_EQ(MigrationHelper::zoneInUse(defaults), std::string(legacyZoneName));
+    defaults.setBoolean(Settings::appZoneUsed, true);
+    EXPECT_EQ(MigrationHelper::zoneInUse(defaults), std::string(appZoneName));
+}
+
 TEST_F(ZoneDiscovery, NoZonesMeansNothingToMigrate) {
     EXPECT_FALSE(discover());
     EXPECT_EQ(log.lines(), (Lines{"Finding existing cloud records",

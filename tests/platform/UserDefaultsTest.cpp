@@ -249,16 +249,6 @@ TEST_F(DefaultsTest, WrongTypesReadAsDefaultsAndCorruptSelectionIsARandomUuid) {
     EXPECT_EQ(d.string(Settings::selectedEvent), "xyz"); // not rewritten by reading
 }
 
-TEST_F(DefaultsTest, ZoneNamePrefersTheAppZoneOnceSeen) {
-    UserDefaults d(file);
-    Settings s(d);
-    EXPECT_EQ(s.zoneName(), std::nullopt);
-    d.setString(Settings::recordZone, "com.apple.coredata.cloudkit.zone");
-    EXPECT_EQ(s.zoneName(), "com.apple.coredata.cloudkit.zone");
-    d.setBoolean(Settings::appZoneUsed, true);
-    EXPECT_EQ(s.zoneName(), "com.vostrel.almanor.zone");
-}
-
 TEST_F(DefaultsTest, SelectionIsStoredUpperCase) {
     UserDefaults d(file);
     Settings s(d);

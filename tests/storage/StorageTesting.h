@@ -10,29 +10,6 @@
 
 namespace almanor::test {
 
-// The texts of the statements a connection runs, as SQLite saw them (before binding).
-class StatementTrace {
-  public:
-    explicit StatementTrace(sql::Connection& connection) : db_(connection.handle()) {
-        sqlite3_trace_v2(db_, SQLITE_TRACE_STMT, &StatementTrace::record, this);
-    }
-    ~StatementTrace() { sqlite3_trace_v2(db_, 0, nullptr, nullptr); }
-    StatementTrace(const StatementTrace&) = delete;
-    StatementTrace& operator=(const StatementTrace&) = delete;
-
-    // The texts since the last call.
-    std::vector<std::string> take() { return std::exchange(texts_, {}); }
-
-  private:
-    static int record(unsigned, void* context, void* statement, void*) {
-        static_cast<StatementTrace*>(context)->texts_.emplace_back(
-            sqlite3_sql(static_cast<sqlite3_stmt*>(statement)));
-        return 0;
-    }
-    sqlite3* db_;
-    std::vector<std::string> texts_;
-};
-
 inline Instant at(std::chrono::year_month_day day, std::chrono::milliseconds time = {}) {
     return Instant{std::chrono::sys_days{day}} + time;
 }

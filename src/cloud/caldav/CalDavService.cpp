@@ -395,7 +395,7 @@ std::string CalDavService::defaultCalendarUrl() {
 
 void CalDavService::saveZone(const std::string& zoneName) {
     const std::string url = zoneUrl(zoneName);
-    const std::string displayName = zoneName == "com.vostrel.almanor.zone" ? "Almanor" : zoneName;
+    const std::string displayName = zoneName == appZoneName ? "Almanor" : zoneName;
     bool exists = false;
     bool failed = false;
     HttpResponse r = sendReading(

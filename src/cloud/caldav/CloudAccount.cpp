@@ -1,6 +1,7 @@
 #include "cloud/caldav/CloudAccount.h"
 
 #include "cloud/caldav/CalDavService.h"
+#include "platform/GlibOwners.h"
 #include "platform/UserDefaults.h"
 
 #include <cerrno>
@@ -37,16 +38,13 @@ const SecretSchema* accountSchema() {
     return &schema;
 }
 
-struct ErrorDeleter {
-    void operator()(GError* e) const { g_error_free(e); }
-};
 struct SecretTextDeleter {
     void operator()(gchar* p) const { secret_password_free(p); }
 };
 
 // The one place that turns libsecret's errors into CloudError.
 void check(GError* raw, const char* what) {
-    std::unique_ptr<GError, ErrorDeleter> error(raw);
+    glib::Error error(raw);
     if (error)
         throw CloudError(std::string(what) + ": " +
                          (error->message ? error->message : "unknown keyring error"));

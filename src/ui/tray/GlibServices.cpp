@@ -41,16 +41,15 @@ void GlibScheduler::scheduleRepeating(double intervalSeconds, double,
 
 FileWatch::FileWatch(const std::filesystem::path& file, std::function<void()> changed)
     : changed_(std::move(changed)) {
-    GFile* f = g_file_new_for_path(file.c_str());
+    glib::Object<GFile> f(g_file_new_for_path(file.c_str()));
     // WATCH_MOVES: an atomic replace (write aside, rename over) arrives as one event.
-    monitor_ = g_file_monitor_file(f, G_FILE_MONITOR_WATCH_MOVES, nullptr, nullptr);
-    g_object_unref(f);
-    if (monitor_ == nullptr) {
+    monitor_.reset(g_file_monitor_file(f.get(), G_FILE_MONITOR_WATCH_MOVES, nullptr, nullptr));
+    if (!monitor_) {
         return;
     }
-    g_file_monitor_set_rate_limit(monitor_, 200);
+    g_file_monitor_set_rate_limit(monitor_.get(), 200);
     g_signal_connect(
-        monitor_, "changed",
+        monitor_.get(), "changed",
         G_CALLBACK(+[](GFileMonitor*, GFile*, GFile*, GFileMonitorEvent event, gpointer data) {
             switch (event) {
             case G_FILE_MONITOR_EVENT_CHANGES_DONE_HINT:
@@ -69,20 +68,19 @@ FileWatch::FileWatch(const std::filesystem::path& file, std::function<void()> ch
 }
 
 FileWatch::~FileWatch() {
-    if (monitor_ != nullptr) {
-        g_file_monitor_cancel(monitor_);
-        g_signal_handlers_disconnect_by_data(monitor_, this);
-        g_object_unref(monitor_);
+    if (monitor_) {
+        g_file_monitor_cancel(monitor_.get());
+        g_signal_handlers_disconnect_by_data(monitor_.get(), this);
     }
 }
 
 WakeWatch::WakeWatch(std::function<void()> woke) : woke_(std::move(woke)) {
-    bus_ = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-    if (bus_ == nullptr) {
+    bus_.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
+    if (!bus_) {
         return;
     }
     subscription_ = g_dbus_connection_signal_subscribe(
-        bus_, "org.freedesktop.login1", "org.freedesktop.login1.Manager", "PrepareForSleep",
+        bus_.get(), "org.freedesktop.login1", "org.freedesktop.login1.Manager", "PrepareForSleep",
         "/org/freedesktop/login1", nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
         [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
            GVariant* parameters, gpointer data) {
@@ -98,11 +96,8 @@ WakeWatch::WakeWatch(std::function<void()> woke) : woke_(std::move(woke)) {
 }
 
 WakeWatch::~WakeWatch() {
-    if (bus_ != nullptr) {
-        if (subscription_ != 0) {
-            g_dbus_connection_signal_unsubscribe(bus_, subscription_);
-        }
-        g_object_unref(bus_);
+    if (bus_ && subscription_ != 0) {
+        g_dbus_connection_signal_unsubscribe(bus_.get(), subscription_);
     }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/GlibOwners.h"
 #include "platform/MainThread.h"
 #include "shell/AppDelegate.h"
 
@@ -44,7 +45,7 @@ class FileWatch {
     FileWatch& operator=(const FileWatch&) = delete;
 
   private:
-    GFileMonitor* monitor_ = nullptr;
+    glib::Object<GFileMonitor> monitor_;
     std::function<void()> changed_;
 };
 
@@ -58,7 +59,7 @@ class WakeWatch {
     WakeWatch& operator=(const WakeWatch&) = delete;
 
   private:
-    GDBusConnection* bus_ = nullptr;
+    glib::Object<GDBusConnection> bus_;
     unsigned subscription_ = 0;
     std::function<void()> woke_;
 };

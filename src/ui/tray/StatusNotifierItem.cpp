@@ -124,7 +124,7 @@ struct StatusNotifierItem::Impl {
     void emit(const char* signal, GVariant* parameters = nullptr) {
         if (registration == 0) {
             if (parameters != nullptr) {
-                g_variant_unref(g_variant_ref_sink(parameters));
+                glib::Variant dropped(g_variant_ref_sink(parameters)); // floating: sunk, freed
             }
             return;
         }
