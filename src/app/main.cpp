@@ -1,4 +1,9 @@
 #include "cli/Cli.h"
+#include "cli/Services.h"
+#include "platform/Clock.h"
+#include "platform/NotificationCenter.h"
+#include "platform/Paths.h"
+#include "platform/UserDefaults.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -46,5 +51,11 @@ int main(int argc, char** argv) {
     if (argc == 1) {
         return startTray(argv[0]);
     }
-    return almanor::cli::run(argc, argv);
+    // The command line's services, built once here and handed to the command.
+    using namespace almanor;
+    UserDefaults defaults(paths::settingsFile());
+    NotificationCenter center;
+    SystemClock clock;
+    cli::Services services(defaults, center, clock, paths::databaseDirectory());
+    return cli::run(argc, argv, services);
 }

@@ -6,6 +6,8 @@ class Repository;
 
 namespace almanor::cli {
 
+class Services;
+
 // Exit statuses of the command line.
 inline constexpr int exitSuccess = 0;
 inline constexpr int exitNoSuchEvent = 1;
@@ -17,7 +19,8 @@ inline constexpr int exitModuleMissing = 4; // the CalDAV adapter's module could
 // error naming the file and what to do, when the store cannot be read. Writes nothing.
 bool storeIsReadable(Repository& repository);
 
-// Runs one command (`almanor events list`, `almanor status`, ...) and returns its exit status.
-int run(int argc, char** argv);
+// Runs one command (`almanor events list`, `almanor status`, ...) over the services the program
+// built, and returns its exit status.
+int run(int argc, char** argv, Services& services);
 
 } // namespace almanor::cli
