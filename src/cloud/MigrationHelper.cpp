@@ -11,7 +11,7 @@ std::string describe(const RecordZone& zone) {
     return "Zone " + zone.name + " at " + zone.url;
 }
 
-std::vector<CloudEvent> MigrationHelper::fetchRecords() {
+std::vector<CloudEvent> MigrationHelper::fetchRecords(const Clock& clock) {
     std::vector<CloudRecord> records;
     try {
         records = service_->performQuery(std::string(eventRecordType), zoneName_);
@@ -22,7 +22,7 @@ std::vector<CloudEvent> MigrationHelper::fetchRecords() {
     std::vector<CloudEvent> events;
     events.reserve(records.size());
     for (const auto& record : records)
-        events.push_back(eventFromRecord(record));
+        events.push_back(eventFromRecord(record, clock));
     return events;
 }
 

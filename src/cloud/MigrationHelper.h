@@ -10,6 +10,7 @@
 
 namespace almanor {
 
+class Clock;
 class UserDefaults;
 
 // How a zone is printed while the zones are walked: its name and where it lives.
@@ -23,8 +24,9 @@ class MigrationHelper {
 
     const std::string& zoneName() const { return zoneName_; }
 
-    // The zone's events in the order the service lists them; empty on failure (logged).
-    std::vector<CloudEvent> fetchRecords();
+    // The zone's events in the order the service lists them; empty on failure (logged). A record
+    // without a date is dated `clock`'s now.
+    std::vector<CloudEvent> fetchRecords(const Clock& clock);
 
     // Whether the zone holds at least one event record; false on failure (logged).
     static bool hasRecords(CloudService& service, const std::string& zoneName);

@@ -19,7 +19,7 @@ CloudRecord recordFromEvent(const CloudEvent& cloudEvent);
 
 // The event of a record. Never fails: every missing or ill-typed field takes its default, the
 // date defaulting to `clock`'s now.
-CloudEvent eventFromRecord(const CloudRecord& record, const Clock& clock = SystemClock::shared());
+CloudEvent eventFromRecord(const CloudRecord& record, const Clock& clock);
 
 // Whether two events hold the same values in every field the record carries.
 bool sameContent(const Event& a, const Event& b);

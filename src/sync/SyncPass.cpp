@@ -92,7 +92,7 @@ bool SyncPass::pull() {
 // moves them into the app's zone.
 void SyncPass::copyOlderZone(const std::string& zoneName) {
     MigrationHelper reader(cloud_.sharedService(), zoneName);
-    std::vector<CloudEvent> records = reader.fetchRecords();
+    std::vector<CloudEvent> records = reader.fetchRecords(clock_);
     if (records.empty())
         return;
     try {
@@ -217,7 +217,7 @@ bool SyncPass::pullAppZone() {
 }
 
 void SyncPass::applyChanged(const RemoteRecord& remote) {
-    CloudEvent theirs = eventFromRecord(remote.record);
+    CloudEvent theirs = eventFromRecord(remote.record, clock_);
     RecordState state{remote.record.recordId.recordName, remote.resource, remote.etag};
     populating(theirs.event->id(), state.recordName);
 
@@ -451,7 +451,7 @@ void SyncPass::settleWithServer(SyncRow& row, const RecordState& state, bool cre
               creating ? "Failed to sync inserted: " : "Failed to sync updated: ");
         return;
     }
-    CloudEvent theirs = eventFromRecord(current->record);
+    CloudEvent theirs = eventFromRecord(current->record, clock_);
     EventPtr event = asRow(*theirs.event, id);
     RecordState seen{current->record.recordId.recordName, current->resource, current->etag};
 

@@ -74,7 +74,7 @@ TEST_F(ZoneDiscovery, LegacyZoneCountsOnlyWithRecordsAndNamesMatchExactly) {
     ASSERT_TRUE(reader);
     EXPECT_EQ(reader->zoneName(), legacyZoneName);
     EXPECT_FALSE(defaults.boolean(Settings::appZoneUsed));
-    auto events = reader->fetchRecords();
+    auto events = reader->fetchRecords(SystemClock());
     ASSERT_EQ(events.size(), 1u);
     EXPECT_EQ(events[0].recordId, (RecordId{"old", std::string(legacyZoneName)}));
 }
@@ -87,7 +87,7 @@ TEST_F(ZoneDiscovery, FailedListingFallsBackToTheStoredZone) {
     ASSERT_TRUE(reader);
     EXPECT_EQ(reader->zoneName(), "_default");
     fake->clearFailures();
-    ASSERT_EQ(reader->fetchRecords().size(), 1u);
+    ASSERT_EQ(reader->fetchRecords(SystemClock()).size(), 1u);
     EXPECT_EQ(log.lines(),
               (Lines{"Finding existing cloud records", "Failed to fetch zone: timed out"}));
 }
@@ -97,7 +97,7 @@ TEST_F(ZoneDiscovery, FailedQueriesGiveEmptyAnswersWithTheirLines) {
     fake->failAll(Op::query, "HTTP 500");
     EXPECT_FALSE(MigrationHelper::hasRecords(*fake, std::string(legacyZoneName)));
     MigrationHelper reader(fake, std::string(legacyZoneName));
-    EXPECT_TRUE(reader.fetchRecords().empty());
+    EXPECT_TRUE(reader.fetchRecords(SystemClock()).empty());
     EXPECT_EQ(log.lines(), (Lines{"Failed to check for records: HTTP 500",
                                   "Failed to fetch records: HTTP 500"}));
 }

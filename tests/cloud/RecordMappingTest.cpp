@@ -22,7 +22,8 @@ TEST(RecordMapping, EveryFieldRoundTripsThroughARecord) {
             auto event = makeEvent(Uuid::random(), utc(2031, 2, 28, 23, 59, 59, 999), "Name", alias,
                                    Schedule::annually, method);
             RecordId id{"rec", "zone"};
-            CloudEvent back = eventFromRecord(recordFromEvent(CloudEvent{id, event}));
+            CloudEvent back =
+                eventFromRecord(recordFromEvent(CloudEvent{id, event}), SystemClock());
             ASSERT_TRUE(back.recordId);
             EXPECT_EQ(*back.recordId, id);
             EXPECT_TRUE(sameContent(*back.event, *event)) << rawValue(method);
@@ -97,7 +98,8 @@ TEST(RecordMapping, VersionDecidesWhichFieldGivesTheCountMethod) {
          CountMethod::standard},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(eventFromRecord(legacyRecord(c.fields)).event->countMethod(), c.expected)
+        EXPECT_EQ(eventFromRecord(legacyRecord(c.fields), SystemClock()).event->countMethod(),
+                  c.expected)
             << c.what;
     }
 }
@@ -125,16 +127,18 @@ TEST(RecordMapping, MissingOrIllTypedFieldsTakeTheirDefaults) {
     EXPECT_EQ(eventFromRecord(garbled, clock).event->id(), e.event->id());
     garbled.recordId.recordName += "-other";
     EXPECT_NE(eventFromRecord(garbled, clock).event->id(), e.event->id());
-    EXPECT_EQ(eventFromRecord(legacyRecord({{"CD_recurring", std::int64_t{4}}})).event->schedule(),
-              Schedule::none);
-    EXPECT_EQ(eventFromRecord(legacyRecord({{"CD_recurring", std::int64_t{2}}})).event->schedule(),
-              Schedule::monthly);
+    EXPECT_EQ(
+        eventFromRecord(legacyRecord({{"CD_recurring", std::int64_t{4}}}), clock).event->schedule(),
+        Schedule::none);
+    EXPECT_EQ(
+        eventFromRecord(legacyRecord({{"CD_recurring", std::int64_t{2}}}), clock).event->schedule(),
+        Schedule::monthly);
     // A lower-case id is still the same event.
     auto id = Uuid::random();
     std::string lower = id.uuidString();
     for (auto& ch : lower)
         ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
-    EXPECT_EQ(eventFromRecord(legacyRecord({{"CD_eventId", lower}})).event->id(), id);
+    EXPECT_EQ(eventFromRecord(legacyRecord({{"CD_eventId", lower}}), clock).event->id(), id);
 }
 
 TEST(RecordMapping, SameContentComparesEveryCarriedField) {

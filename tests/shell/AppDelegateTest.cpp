@@ -356,7 +356,7 @@ TEST_F(AppDelegateTest, TheCloudIsPulledBeforeTheFirstTitleAndSyncedOnChangesTic
     auto inCloud = [&](const std::string& name) {
         cloudSync.waitForSync();
         for (const auto& [resource, remote] : cloud->stored(appZone))
-            if (eventFromRecord(remote.record).event->name() == name)
+            if (eventFromRecord(remote.record, SystemClock()).event->name() == name)
                 return true;
         return false;
     };

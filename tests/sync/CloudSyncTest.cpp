@@ -56,7 +56,7 @@ class CloudSyncTest : public ::testing::Test {
     std::vector<std::string> serverNames() {
         std::vector<std::string> names;
         for (const auto& [resource, remote] : fake->stored(zone))
-            names.push_back(eventFromRecord(remote.record).event->name());
+            names.push_back(eventFromRecord(remote.record, SystemClock()).event->name());
         std::sort(names.begin(), names.end());
         return names;
     }

@@ -113,7 +113,7 @@ class SyncRules : public ::testing::TestWithParam<bool> {
     std::vector<std::string> serverNames() {
         std::vector<std::string> names;
         for (const auto& [resource, remote] : server->stored(zone))
-            names.push_back(eventFromRecord(remote.record).event->name());
+            names.push_back(eventFromRecord(remote.record, SystemClock()).event->name());
         std::sort(names.begin(), names.end());
         return names;
     }
@@ -223,7 +223,7 @@ TEST_P(SyncRules, RemoteAgainstLocalTable) {
         EXPECT_EQ(ma.liveNames(), c.aEnds);
         std::vector<std::string> names;
         for (const auto& [resource, remote] : server->stored(zone))
-            names.push_back(eventFromRecord(remote.record).event->name());
+            names.push_back(eventFromRecord(remote.record, SystemClock()).event->name());
         EXPECT_EQ(names, c.serverEnd);
         int sent =
             server->calls(Op::create) + server->calls(Op::replace) + server->calls(Op::remove);

@@ -2,6 +2,7 @@
 
 #include "cloud/RecordMapping.h"
 #include "cloud/caldav/RecordCalendar.h"
+#include "model/Text.h"
 #include "platform/UrlText.h"
 
 #include <algorithm>
@@ -105,13 +106,6 @@ std::string childName(const std::string& collection, const std::string& href) {
     if (rest.find('/') != std::string::npos)
         return {};
     return rest;
-}
-
-std::string trimmedText(std::string_view s) {
-    auto notSpace = [](unsigned char c) { return !std::isspace(c); };
-    auto begin = std::find_if(s.begin(), s.end(), notSpace);
-    auto end = std::find_if(s.rbegin(), s.rend(), notSpace).base();
-    return begin < end ? std::string(begin, end) : std::string();
 }
 
 constexpr std::string_view syncPrefix = "sync:";
@@ -607,7 +601,7 @@ CalDavService::syncCollection(const std::string& url, const std::string& zoneNam
                 return; // not a calendar object (a collection inside, say)
             present.insert(name);
             gone.erase(name);
-            std::string etag = trimmedText(tag->text);
+            std::string etag = trimmed(tag->text);
             auto k = known.find(name);
             if (k == known.end() || k->second != etag)
                 wanted[name] = etag;
@@ -634,7 +628,7 @@ CalDavService::listByTags(const std::string& url, const std::string& zoneName,
     bool missing = false;
     HttpResponse r = propfind(url, 0, "<cs:getctag/>", [&](DavResponse&& a) {
         if (const auto* p = a.property(calendarServerNs, "getctag"))
-            current = trimmedText(p->text);
+            current = trimmed(p->text);
         if (a.status == 404)
             missing = true;
     });
@@ -657,7 +651,7 @@ CalDavService::listByTags(const std::string& url, const std::string& zoneName,
         if (name.empty() || tag == nullptr)
             return;
         present.insert(name);
-        std::string etag = trimmedText(tag->text);
+        std::string etag = trimmed(tag->text);
         auto k = known.find(name);
         if (k == known.end() || k->second != etag)
             wanted[name] = etag;
@@ -720,7 +714,7 @@ void CalDavService::fetchBodies(const std::string& url, const std::string& zoneN
                 try {
                     RemoteRecord remote{
                         readZoneResource(data->text, std::string(eventRecordType), zoneName), name,
-                        tag ? trimmedText(tag->text) : wanted.at(name)};
+                        tag ? trimmed(tag->text) : wanted.at(name)};
                     ++bodies_;
                     changes.changed.push_back(std::move(remote));
                 } catch (const CloudError& e) {

@@ -1,6 +1,7 @@
 #include "cloud/caldav/Multistatus.h"
 
 #include "cloud/CloudService.h"
+#include "model/Text.h"
 
 #include <algorithm>
 #include <charconv>
@@ -32,13 +33,6 @@ void hardenOnce() {
 
 std::string_view text(const xmlChar* s) {
     return s ? std::string_view(reinterpret_cast<const char*>(s)) : std::string_view();
-}
-
-std::string trimmed(std::string_view s) {
-    auto notSpace = [](unsigned char c) { return !std::isspace(c); };
-    auto begin = std::find_if(s.begin(), s.end(), notSpace);
-    auto end = std::find_if(s.rbegin(), s.rend(), notSpace).base();
-    return begin < end ? std::string(begin, end) : std::string();
 }
 
 // An href or a status line longer than this is no address the adapter could use.

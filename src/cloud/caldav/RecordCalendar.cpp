@@ -1,6 +1,7 @@
 #include "cloud/caldav/RecordCalendar.h"
 
 #include "cloud/CloudService.h"
+#include "model/Text.h"
 #include "platform/Utf8.h"
 
 #include <array>
@@ -507,11 +508,7 @@ ReadEvent readEvent(std::string_view text, const std::string& recordType,
                     v.replace(at, 2, "\n");
                 else
                     ++at;
-            const auto blank = " \t\r\n";
-            auto first = v.find_first_not_of(blank);
-            return first == std::string::npos
-                       ? std::string()
-                       : v.substr(first, v.find_last_not_of(blank) - first + 1);
+            return trimmed(v);
         };
         if (summary && summaryCopy && plain(*summary) != plain(*summaryCopy))
             record.fields["CD_name"] = *summary;
