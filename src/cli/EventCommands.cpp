@@ -161,6 +161,16 @@ CLI::IsMember spellingCheck(const auto& spellings) {
     return CLI::IsMember(std::vector<std::string>(spellings.begin(), spellings.end()));
 }
 
+// "a, b, c or d", for the help text.
+std::string alternatives(const auto& spellings) {
+    std::string out;
+    for (std::size_t i = 0; i < spellings.size(); ++i) {
+        out += i == 0 ? "" : i + 1 == spellings.size() ? " or " : ", ";
+        out += spellings[i];
+    }
+    return out;
+}
+
 void declareList(CLI::App& events, Action& chosen) {
     auto json = std::make_shared<bool>(false);
     auto* list = events.add_subcommand("list", "List the events, soonest date first");
@@ -176,10 +186,9 @@ void declareAdd(CLI::App& events, Action& chosen) {
     add->add_option("NAME", o->name, "The event's name")->required();
     add->add_option("--date", o->date, "The event's date (see DATE below)")->required();
     add->add_option("--alias", o->alias, "Shorter text for the panel instead of the name");
-    add->add_option("--schedule", o->schedule, "Recurrence: none, weekly, monthly or annually")
+    add->add_option("--schedule", o->schedule, "Recurrence: " + alternatives(scheduleSpellings))
         ->check(spellingCheck(scheduleSpellings));
-    add->add_option("--count", o->count,
-                    "Counting: standard, exclude-weekends, friday-before or monday-after")
+    add->add_option("--count", o->count, "Counting: " + alternatives(countMethodSpellings))
         ->check(spellingCheck(countMethodSpellings));
     add->callback(
         [&chosen, o] { chosen = [o](Services& services) { return addEvent(services, *o); }; });
