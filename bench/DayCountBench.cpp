@@ -2,6 +2,7 @@
 // method, on the fast calendar and on ICU's own; and of choosing the displayed event among
 // 10,000 events.
 #include "model/CivilCalendar.h"
+#include "model/EventNames.h"
 #include "model/IcuCalendar.h"
 #include "model/Utility.h"
 #include "platform/Settings.h"
@@ -42,15 +43,7 @@ template <typename Calendar> void countOne(benchmark::State& state) {
         benchmark::DoNotOptimize(
             Utility::statusText("Event", Utility::dayCount(*calendar, today, target, method)));
     }
-    state.SetLabel(std::string(schedule == Schedule::none      ? "none"
-                               : schedule == Schedule::weekly  ? "weekly"
-                               : schedule == Schedule::monthly ? "monthly"
-                                                               : "annually") +
-                   "/" +
-                   (method == CountMethod::standard                  ? "standard"
-                    : method == CountMethod::excludeWeekends         ? "exclude-weekends"
-                    : method == CountMethod::weekendUsesFridayBefore ? "friday-before"
-                                                                     : "monday-after"));
+    state.SetLabel(std::string(spelling(schedule)) + "/" + std::string(spelling(method)));
 }
 
 void allCombinations(benchmark::internal::Benchmark* b) {

@@ -10,6 +10,8 @@ class UserDefaults;
 
 namespace almanor::cli {
 
+class Services;
+
 // Exit statuses of the command line.
 inline constexpr int exitSuccess = 0;
 inline constexpr int exitNoSuchEvent = 1;
@@ -21,15 +23,8 @@ inline constexpr int exitModuleMissing = 4; // the CalDAV adapter's module could
 // error naming the file and what to do, when the store cannot be read. Writes nothing.
 bool storeIsReadable(Repository& repository);
 
-// What the commands use, built once by main and handed down. The store is opened by the first
-// command that reads it, so that the others (help, cloud login) never create its file.
-struct Services {
-    UserDefaults& defaults;
-    const Clock& clock;
-    std::function<Repository&()> repository;
-};
-
-// Runs one command (`almanor events list`, `almanor status`, ...) and returns its exit status.
-int run(int argc, char** argv, const Services& services);
+// Runs one command (`almanor events list`, `almanor status`, ...) over the services the program
+// built, and returns its exit status.
+int run(int argc, char** argv, Services& services);
 
 } // namespace almanor::cli

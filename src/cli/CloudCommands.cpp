@@ -1,59 +1,31 @@
-#include "cli/CloudCommands.h"
+// almanor cloud login|logout|status and almanor sync. Login and logout need the network and the
+// keyring: the CalDAV adapter's module runs them (CloudLogin.cpp).
 
 #include "cli/Cli.h"
-#include "cli/JsonText.h"
+#include "cli/Command.h"
+#include "cli/Services.h"
+#include "cli/TextEscapes.h"
 #include "cloud/CloudAccount.h"
 #include "cloud/CloudModule.h"
 #include "cloud/MigrationHelper.h"
 #include "cloud/RecordMapping.h"
+#include "platform/Clock.h"
 #include "platform/Module.h"
 #include "platform/Settings.h"
 #include "platform/UrlText.h"
-#include "platform/UserDefaults.h"
 #include "storage/LocalSyncLedger.h"
 #include "storage/MigrationManager.h"
 #include "storage/Repository.h"
 #include "sync/CloudSync.h"
 
 #include <cstdio>
-#include <mutex>
+#include <memory>
 
 namespace almanor::cli {
 
 namespace {
 
 constexpr int exitPending = 1;
-
-#ifndef ALMANOR_MODULES_RELATIVE
-#define ALMANOR_MODULES_RELATIVE "../libexec/almanor"
-#endif
-// Where an install puts the modules, from the folder of almanor.
-constexpr const char* modulesDir = ALMANOR_MODULES_RELATIVE;
-
-} // namespace
-
-int cloudLogin(const Services& services, const std::string& url, const std::string& user,
-               const std::string& passwordCommand) {
-    try {
-        return CloudModuleLoader(modulesDir)
-            .module()
-            .login(services.defaults, url, user, passwordCommand);
-    } catch (const ModuleError& e) {
-        std::fprintf(stderr, "almanor: %s\n", e.what());
-        return exitModuleMissing;
-    }
-}
-
-int cloudLogout(const Services& services) {
-    try {
-        return CloudModuleLoader(modulesDir).module().logout(services.defaults);
-    } catch (const ModuleError& e) {
-        std::fprintf(stderr, "almanor: %s\n", e.what());
-        return exitModuleMissing;
-    }
-}
-
-namespace {
 
 // What is not yet on the server, counted as the push will send it.
 struct Pending {
@@ -85,64 +57,86 @@ std::filesystem::path syncLockFile(LocalRepository& local) {
     return file;
 }
 
-} // namespace
+// What `cloud status` reports.
+struct CloudState {
+    std::optional<CloudAccount> account;
+    std::optional<std::string> zone;
+    Pending pending;
+};
 
-int cloudStatus(const Services& services, bool json) {
-    UserDefaults& defaults = services.defaults;
+void printJson(const CloudState& state) {
+    std::string out = "{\"server\":";
+    auto text = [&](const std::optional<std::string>& s) {
+        if (s)
+            appendJsonString(out, *s);
+        else
+            out += "null";
+    };
+    const auto& account = state.account;
+    text(account ? std::optional(redactUrl(account->server)) : std::nullopt);
+    out += ",\"user\":";
+    text(account ? std::optional(account->user) : std::nullopt);
+    out += ",\"zone\":";
+    text(state.zone);
+    out += ",\"pending\":{\"inserted\":" + std::to_string(state.pending.inserted) +
+           ",\"updated\":" + std::to_string(state.pending.updated) +
+           ",\"deleted\":" + std::to_string(state.pending.deleted) + "}}";
+    std::printf("%s\n", out.c_str());
+}
+
+void printText(const CloudState& state) {
+    const auto& account = state.account;
+    if (account)
+        std::printf("Server: %s\nUser: %s\n", redactUrl(account->server).c_str(),
+                    account->user.c_str());
+    else
+        std::printf("No cloud account\n");
+    // The zone is learnt from the server's listing at the next pull; pushes always go to ours.
+    if (state.zone)
+        std::printf("Zone: %s\n", state.zone->c_str());
+    else if (!account)
+        std::printf("Zone: none\n");
+    else
+        std::printf("Zone: none found yet (new events go to %s)\n",
+                    std::string(appZoneName).c_str());
+    std::printf("Pending: %zu inserted, %zu updated, %zu deleted\n", state.pending.inserted,
+                state.pending.updated, state.pending.deleted);
+}
+
+int cloudStatus(Services& services, bool json) {
+    auto& defaults = services.defaults();
     Repository& repository = services.repository();
     if (!storeIsReadable(repository))
         return exitStoreFailed;
-    auto account = CloudAccount::load(defaults);
-    std::optional<std::string> zone = MigrationHelper::zoneInUse(defaults);
-    Pending pending;
+    CloudState state{CloudAccount::load(defaults), MigrationHelper::zoneInUse(defaults), {}};
     try {
         Settings(defaults).registerDefaults();
         MigrationManager::migrateIfNeeded(repository, defaults);
         LocalSyncLedger ledger(repository.local());
-        pending = countPending(ledger);
+        state.pending = countPending(ledger);
     } catch (const StoreError& e) {
         std::fprintf(stderr, "almanor: %s\n", e.what());
         return exitStoreFailed;
     }
-    if (json) {
-        std::string out = "{\"server\":";
-        auto text = [&](const std::optional<std::string>& s) {
-            if (s)
-                appendJsonString(out, *s);
-            else
-                out += "null";
-        };
-        text(account ? std::optional(redactUrl(account->server)) : std::nullopt);
-        out += ",\"user\":";
-        text(account ? std::optional(account->user) : std::nullopt);
-        out += ",\"zone\":";
-        text(zone);
-        out += ",\"pending\":{\"inserted\":" + std::to_string(pending.inserted) +
-               ",\"updated\":" + std::to_string(pending.updated) +
-               ",\"deleted\":" + std::to_string(pending.deleted) + "}}";
-        std::printf("%s\n", out.c_str());
-    } else {
-        if (account)
-            std::printf("Server: %s\nUser: %s\n", redactUrl(account->server).c_str(),
-                        account->user.c_str());
-        else
-            std::printf("No cloud account\n");
-        // The zone is learnt from the server's listing at the next pull; pushes always go to ours.
-        if (zone)
-            std::printf("Zone: %s\n", zone->c_str());
-        else if (!account)
-            std::printf("Zone: none\n");
-        else
-            std::printf("Zone: none found yet (new events go to %s)\n",
-                        std::string(appZoneName).c_str());
-        std::printf("Pending: %zu inserted, %zu updated, %zu deleted\n", pending.inserted,
-                    pending.updated, pending.deleted);
-    }
+    json ? printJson(state) : printText(state);
     return exitSuccess;
 }
 
-int syncNow(const Services& services) {
-    UserDefaults& defaults = services.defaults;
+// One line: what did not complete, and what is still to send.
+std::string incompleteSyncLine(const PassResult& result, const Pending& pending) {
+    std::string line = !result.pulled   ? "sync incomplete: the pull did not complete"
+                       : !result.pushed ? "sync incomplete: the push did not complete"
+                                        : "sync incomplete";
+    if (!result.problem.empty())
+        line += " (" + result.problem + ")";
+    line += "; not yet in the cloud: " + std::to_string(pending.inserted) + " inserted, " +
+            std::to_string(pending.updated) + " updated, " + std::to_string(pending.deleted) +
+            " deleted";
+    return line;
+}
+
+int syncNow(Services& services) {
+    auto& defaults = services.defaults();
     if (!CloudAccount::load(defaults)) {
         std::fprintf(stderr, "no cloud account; run almanor cloud login URL\n");
         return exitPending;
@@ -157,8 +151,8 @@ int syncNow(const Services& services) {
     try {
         LocalSyncLedger ledger(repository.local());
         {
-            CloudSync cloudSync(ledger, accountCloudServiceProvider(defaults, modulesDir), defaults,
-                                services.clock, syncLockFile(repository.local()));
+            CloudSync cloudSync(ledger, services.cloudServices(), defaults, services.clock(),
+                                syncLockFile(repository.local()));
             cloudSync.populateFromCloud();
             result = cloudSync.waitForSync();
         }
@@ -169,17 +163,68 @@ int syncNow(const Services& services) {
     }
     if (result.pulled && result.pushed && pending.total() == 0)
         return exitSuccess;
-    // One line: what did not complete, and what is still to send.
-    std::string line = !result.pulled   ? "sync incomplete: the pull did not complete"
-                       : !result.pushed ? "sync incomplete: the push did not complete"
-                                        : "sync incomplete";
-    if (!result.problem.empty())
-        line += " (" + result.problem + ")";
-    line += "; not yet in the cloud: " + std::to_string(pending.inserted) + " inserted, " +
-            std::to_string(pending.updated) + " updated, " + std::to_string(pending.deleted) +
-            " deleted";
-    std::fprintf(stderr, "%s\n", line.c_str());
+    std::fprintf(stderr, "%s\n", incompleteSyncLine(result, pending).c_str());
     return exitPending;
+}
+
+// Login and logout run in the adapter's module; one that cannot be loaded is exit status 4.
+template <class Call> int inCloudModule(Services& services, Call&& call) {
+    try {
+        return call(services.cloudModule().module());
+    } catch (const ModuleError& e) {
+        std::fprintf(stderr, "almanor: %s\n", e.what());
+        return exitModuleMissing;
+    }
+}
+
+struct LoginOptions {
+    std::string url;
+    std::string user;
+    std::string passwordCommand;
+};
+
+void declareLogin(CLI::App& cloud, Action& chosen) {
+    auto o = std::make_shared<LoginOptions>();
+    auto* login = cloud.add_subcommand("login", "Log in to a CalDAV server and keep the account");
+    login->add_option("URL", o->url, "The server's address")->required();
+    login->add_option("--user", o->user, "The user name (default: your login name)");
+    login->add_option(
+        "--password-command", o->passwordCommand,
+        "A command whose first line of output is the password, run whenever it is needed");
+    login->callback([&chosen, o] {
+        chosen = [o](Services& services) {
+            return inCloudModule(services, [&](const CloudModule& module) {
+                return module.login(services.defaults(), o->url, o->user, o->passwordCommand);
+            });
+        };
+    });
+}
+
+} // namespace
+
+void declareCloudCommands(CLI::App& app, Action& chosen) {
+    auto* cloud = app.add_subcommand("cloud", "Connect to your calendar server, or disconnect");
+    cloud->require_subcommand(1);
+    declareLogin(*cloud, chosen);
+    auto* logout =
+        cloud->add_subcommand("logout", "Forget the account and its password; events stay");
+    logout->callback([&chosen] {
+        chosen = [](Services& services) {
+            return inCloudModule(services, [&](const CloudModule& module) {
+                return module.logout(services.defaults());
+            });
+        };
+    });
+    auto json = std::make_shared<bool>(false);
+    auto* status =
+        cloud->add_subcommand("status", "Print the account and what is not yet in the cloud");
+    status->add_flag("--json", *json, "Print one JSON object");
+    status->callback([&chosen, json] {
+        chosen = [json](Services& services) { return cloudStatus(services, *json); };
+    });
+    auto* sync =
+        app.add_subcommand("sync", "Pull from the cloud, push local changes, and wait for them");
+    sync->callback([&chosen] { chosen = [](Services& services) { return syncNow(services); }; });
 }
 
 } // namespace almanor::cli

@@ -22,7 +22,12 @@ const CloudModule& CloudModuleLoader::module() {
 }
 
 CloudServiceProvider accountCloudServiceProvider(UserDefaults& defaults, std::string installedDir) {
-    auto loader = std::make_shared<CloudModuleLoader>(std::move(installedDir));
+    return accountCloudServiceProvider(
+        defaults, std::make_shared<CloudModuleLoader>(std::move(installedDir)));
+}
+
+CloudServiceProvider accountCloudServiceProvider(UserDefaults& defaults,
+                                                 std::shared_ptr<CloudModuleLoader> loader) {
     return [loader, &defaults]() -> std::shared_ptr<CloudService> {
         if (!CloudAccount::load(defaults)) {
             return nullptr;

@@ -50,5 +50,8 @@ class CloudModuleLoader {
 // (no cloudServer) it gives none and loads nothing; a module that cannot be loaded is one log line
 // and no service.
 CloudServiceProvider accountCloudServiceProvider(UserDefaults& defaults, std::string installedDir);
+// The same through a loader the caller shares with its other uses of the module.
+CloudServiceProvider accountCloudServiceProvider(UserDefaults& defaults,
+                                                 std::shared_ptr<CloudModuleLoader> loader);
 
 } // namespace almanor

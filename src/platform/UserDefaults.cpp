@@ -1,5 +1,6 @@
 #include "platform/UserDefaults.h"
 
+#include "platform/FileLock.h"
 #include "platform/GlibOwners.h"
 #include "platform/Log.h"
 
@@ -7,7 +8,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <glib.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -189,29 +189,6 @@ std::optional<std::filesystem::path> keepAside(const std::filesystem::path& file
     return std::nullopt;
 }
 
-// Serialises writers of the same file across processes: a lock on its folder, which leaves no
-// lock file behind.
-class FileLock {
-  public:
-    explicit FileLock(const std::filesystem::path& folder)
-        : fd_(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-        if (fd_ >= 0) {
-            while (::flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
-            }
-        }
-    }
-    ~FileLock() {
-        if (fd_ >= 0) {
-            ::close(fd_); // closing releases the lock
-        }
-    }
-    FileLock(const FileLock&) = delete;
-    FileLock& operator=(const FileLock&) = delete;
-
-  private:
-    int fd_;
-};
-
 } // namespace
 
 // A version of the file is its content: file identities repeat when writes come fast (inode numbers
@@ -302,13 +279,17 @@ UserDefaults::Loaded UserDefaults::load(bool keepComments, bool locked) const {
     if (!locked) {
         // Again under the lock: another process may have repaired it in the meantime.
         FileLock lock(file_.parent_path());
-        return load(keepComments, true);
+        if (lock.held()) {
+            return load(keepComments, true);
+        }
+        Log::line("Cannot lock " + file_.parent_path().string() + " (" + lock.error() +
+                  "): the damaged settings file " + file_.string() + " is left as it is");
     }
     Salvage salvaged = salvage(*file.bytes, file_, group);
     for (const auto& line : salvaged.dropped) {
         Log::line(line);
     }
-    bool settled = replaceDamaged(*file.bytes, salvaged.text);
+    bool settled = locked && replaceDamaged(*file.bytes, salvaged.text);
     KeyFile keys = parse(salvaged.text, flags);
     return {keys ? std::move(keys) : KeyFile(g_key_file_new()), settled};
 }
@@ -410,7 +391,13 @@ void UserDefaults::write(std::string_view key, std::optional<std::string> text) 
         Log::line("Failed to save settings to " + file_.string() + ": " + ec.message());
         return;
     }
+    // Writers of the file serialise on its folder, which leaves no lock file behind.
     FileLock lock(file_.parent_path());
+    if (!lock.held()) {
+        Log::line("Failed to save settings to " + file_.string() + ": cannot lock its folder (" +
+                  lock.error() + ")");
+        return;
+    }
 
     Loaded loaded = load(true, true);
     if (!loaded.settled) {

@@ -3,6 +3,7 @@
 #include "cloud/caldav/Http.h"
 #include "cloud/caldav/Multistatus.h"
 #include "cloud/caldav/RecordCalendar.h"
+#include "platform/Utf8.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -32,12 +33,13 @@ CloudRecord sample(std::string name) {
 TEST(RecordCalendar, HostileTextAndEveryTypeReadBackExactly) {
     setenv("TZ", "UTC", 1);
     const std::vector<std::string> texts = {
-        "a,b;c\\d\\,e",        "line\nbreak\n",
-        "\"quoted\" 'x'",      "emoji 🎉👩‍👩‍👧",
-        std::string(300, 'x'), std::string(100, 'x') + "é" + std::string(40, 'x') + "€🎉",
-        "\\n not a newline",   "tab\there",
-        "carriage\rreturn",    std::string("nul\0inside", 10),
-        "\xff\xfe not utf-8"};
+        "a,b;c\\d\\,e",          "line\nbreak\n",
+        "\"quoted\" 'x'",        "emoji 🎉👩‍👩‍👧",
+        std::string(300, 'x'),   std::string(100, 'x') + "é" + std::string(40, 'x') + "€🎉",
+        "\\n not a newline",     "tab\there",
+        "carriage\rreturn",      std::string("nul\0inside", 10),
+        "\xff\xfe not utf-8",    "overlong \xC0\xAF slash",
+        "surrogate \xED\xA0\x80"};
     for (const auto& text : texts) {
         CloudRecord r = sample(text);
         std::string ics = writeRecordCalendar(r, Instant{});
@@ -47,6 +49,8 @@ TEST(RecordCalendar, HostileTextAndEveryTypeReadBackExactly) {
             EXPECT_LE(end - start, 75u) << ics.substr(start, end - start);
             start = end + 2;
         }
+        // Servers refuse a calendar that is not UTF-8: such values travel in base64.
+        EXPECT_TRUE(utf8::isValid(ics)) << ics;
         auto back = readRecordCalendar(ics, "CD_Event", "zone");
         ASSERT_TRUE(back) << ics;
         // Without a change time of its own, the record's is when it was written (DTSTAMP).

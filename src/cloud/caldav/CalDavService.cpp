@@ -2,6 +2,7 @@
 
 #include "cloud/RecordMapping.h"
 #include "cloud/caldav/RecordCalendar.h"
+#include "model/Text.h"
 #include "platform/UrlText.h"
 
 #include <algorithm>
@@ -105,13 +106,6 @@ std::string childName(const std::string& collection, const std::string& href) {
     if (rest.find('/') != std::string::npos)
         return {};
     return rest;
-}
-
-std::string trimmedText(std::string_view s) {
-    auto notSpace = [](unsigned char c) { return !std::isspace(c); };
-    auto begin = std::find_if(s.begin(), s.end(), notSpace);
-    auto end = std::find_if(s.rbegin(), s.rend(), notSpace).base();
-    return begin < end ? std::string(begin, end) : std::string();
 }
 
 constexpr std::string_view syncPrefix = "sync:";
@@ -237,6 +231,124 @@ AccountStatus CalDavService::accountStatus() {
     return AccountStatus::available;
 }
 
+namespace {
+
+std::string firstHref(const DavResponse& a, std::string_view ns, std::string_view local) {
+    const auto* p = a.property(ns, local);
+    return p && !p->hrefs.empty() ? p->hrefs.front() : std::string();
+}
+
+// `href` as named in an answer from `answeredBy`. Credentials go to another origin only when the
+// configured server itself names it.
+std::string named(const HttpClient& http, const std::string& answeredBy, const std::string& href) {
+    if (Url::parse(answeredBy).origin() == Url::parse(http.server()).origin())
+        http.trustOrigin(href);
+    return href;
+}
+
+} // namespace
+
+// What one PROPFIND of discovery learnt.
+struct CalDavService::Probe {
+    enum class Outcome { answered, moved, notHere } outcome;
+    std::string next;      // moved: where to ask instead
+    std::string principal; // answered: the principal, when the answer named one
+    std::string problem;   // notHere: why, for the user
+};
+
+CalDavService::Probe CalDavService::probe(const HttpClient& http, const std::string& candidate,
+                                          const std::string& shown) {
+    std::string home;
+    std::string principal;
+    HttpResponse r;
+    try {
+        r = propfind(candidate, 0, "<d:current-user-principal/><c:calendar-home-set/>",
+                     [&](DavResponse&& a) {
+                         if (auto h = firstHref(a, calDavNs, "calendar-home-set"); !h.empty())
+                             home = h;
+                         if (auto p = firstHref(a, davNs, "current-user-principal"); !p.empty())
+                             principal = p;
+                     });
+    } catch (const UnreadableAnswer& e) {
+        return {Probe::Outcome::notHere,
+                {},
+                {},
+                "no CalDAV server at " + shown + " (" + e.what() + ")"};
+    }
+    if (r.status == 401)
+        failStatus("PROPFIND", candidate, r);
+    if (r.status >= 300 && r.status <= 399 && !r.location.empty())
+        return {Probe::Outcome::moved, Url::resolve(candidate, r.location), {}, {}};
+    if (r.status != 207)
+        return {Probe::Outcome::notHere,
+                {},
+                {},
+                "no CalDAV server at " + shown + " (the server answered " +
+                    std::to_string(r.status) + ")"};
+    if (!home.empty()) {
+        std::lock_guard lock(mutex_);
+        home_ = withSlash(named(http, candidate, Url::resolve(candidate, home)));
+    }
+    if (!principal.empty())
+        principal = named(http, candidate, Url::resolve(candidate, principal));
+    return {Probe::Outcome::answered, {}, principal, {}};
+}
+
+std::string CalDavService::findPrincipal(const HttpClient& http) {
+    const std::string server = http.server();
+    const std::string shown = redactUrl(server);
+    std::string lastProblem = "no CalDAV server at " + shown;
+    // The URL the user gave, then the well-known address (whose redirect is followed by hand so
+    // that each hop passes the same checks).
+    for (std::string candidate : {server, Url::parse(server).origin() + "/.well-known/caldav"}) {
+        for (int hop = 0; hop < 5; ++hop) {
+            Probe p = probe(http, candidate, shown);
+            if (p.outcome == Probe::Outcome::moved) {
+                candidate = p.next;
+                continue;
+            }
+            if (p.outcome == Probe::Outcome::notHere)
+                lastProblem = p.problem;
+            else if (!p.principal.empty())
+                return p.principal;
+            break;
+        }
+    }
+    throw CloudError(lastProblem);
+}
+
+// The addresses a principal names, resolved; home with its trailing slash.
+struct CalDavService::PrincipalAddresses {
+    std::string home;
+    std::string inbox;           // where the default calendar is asked for, when not named
+    std::string defaultCalendar; // none when the principal does not say
+};
+
+CalDavService::PrincipalAddresses CalDavService::principalAddresses(const HttpClient& http,
+                                                                    const std::string& principal) {
+    PrincipalAddresses given;
+    HttpResponse r = propfind(
+        principal, 0,
+        "<c:calendar-home-set/><c:schedule-inbox-URL/><c:schedule-default-calendar-URL/>",
+        [&](DavResponse&& a) {
+            if (auto h = firstHref(a, calDavNs, "calendar-home-set"); !h.empty())
+                given.home = h;
+            if (auto i = firstHref(a, calDavNs, "schedule-inbox-URL"); !i.empty())
+                given.inbox = i;
+            if (auto d = firstHref(a, calDavNs, "schedule-default-calendar-URL"); !d.empty())
+                given.defaultCalendar = d;
+        });
+    if (!success(r.status))
+        failStatus("PROPFIND " + pathOf(principal), principal, r);
+    if (given.home.empty())
+        throw CloudError("no CalDAV calendar home for this user at " + redactUrl(http.server()));
+    auto resolved = [&](const std::string& href) {
+        return href.empty() ? std::string() : Url::resolve(principal, href);
+    };
+    return {withSlash(named(http, principal, Url::resolve(principal, given.home))),
+            resolved(given.inbox), resolved(given.defaultCalendar)};
+}
+
 std::string CalDavService::discoverHome() {
     {
         std::lock_guard lock(mutex_);
@@ -244,100 +356,19 @@ std::string CalDavService::discoverHome() {
             return home_;
     }
     const HttpClient& http = client();
-    const std::string server = http.server();
-    const Url url = Url::parse(server);
-    const std::string shown = redactUrl(server);
-    // Credentials go to another origin only when the configured server itself names it.
-    auto named = [&](const std::string& answeredBy, const std::string& href) {
-        if (Url::parse(answeredBy).origin() == url.origin())
-            http.trustOrigin(href);
-        return href;
-    };
-    auto firstHref = [](const DavResponse& a, std::string_view ns, std::string_view local) {
-        const auto* p = a.property(ns, local);
-        return p && !p->hrefs.empty() ? p->hrefs.front() : std::string();
-    };
-    // The URL the user gave, then the well-known address (whose redirect is followed by hand so
-    // that each hop passes the same checks).
-    std::vector<std::string> candidates = {server, url.origin() + "/.well-known/caldav"};
-    std::string principal;
-    std::string lastProblem = "no CalDAV server at " + shown;
-    for (std::string candidate : candidates) {
-        for (int hop = 0; hop < 5 && principal.empty(); ++hop) {
-            std::string home;
-            std::string named_principal;
-            HttpResponse r;
-            try {
-                r = propfind(
-                    candidate, 0, "<d:current-user-principal/><c:calendar-home-set/>",
-                    [&](DavResponse&& a) {
-                        if (auto h = firstHref(a, calDavNs, "calendar-home-set"); !h.empty())
-                            home = h;
-                        if (auto p = firstHref(a, davNs, "current-user-principal"); !p.empty())
-                            named_principal = p;
-                    });
-            } catch (const UnreadableAnswer& e) {
-                lastProblem = "no CalDAV server at " + shown + " (" + e.what() + ")";
-                break;
-            }
-            if (r.status == 401)
-                failStatus("PROPFIND", candidate, r);
-            if (r.status >= 300 && r.status <= 399 && !r.location.empty()) {
-                candidate = Url::resolve(candidate, r.location);
-                continue;
-            }
-            if (r.status != 207) {
-                lastProblem = "no CalDAV server at " + shown + " (the server answered " +
-                              std::to_string(r.status) + ")";
-                break;
-            }
-            if (!home.empty()) {
-                std::lock_guard lock(mutex_);
-                home_ = withSlash(named(candidate, Url::resolve(candidate, home)));
-            }
-            if (!named_principal.empty())
-                principal = named(candidate, Url::resolve(candidate, named_principal));
-            break;
-        }
-        if (!principal.empty())
-            break;
-    }
-    if (principal.empty())
-        throw CloudError(lastProblem);
-
-    std::string home;
-    std::string inbox;
-    std::string defaultCalendar;
-    HttpResponse r = propfind(
-        principal, 0,
-        "<c:calendar-home-set/><c:schedule-inbox-URL/><c:schedule-default-calendar-URL/>",
-        [&](DavResponse&& a) {
-            if (auto h = firstHref(a, calDavNs, "calendar-home-set"); !h.empty())
-                home = h;
-            if (auto i = firstHref(a, calDavNs, "schedule-inbox-URL"); !i.empty())
-                inbox = i;
-            if (auto d = firstHref(a, calDavNs, "schedule-default-calendar-URL"); !d.empty())
-                defaultCalendar = d;
-        });
-    if (!success(r.status))
-        failStatus("PROPFIND " + pathOf(principal), principal, r);
-    if (home.empty())
-        throw CloudError("no CalDAV calendar home for this user at " + shown);
-    home = withSlash(named(principal, Url::resolve(principal, home)));
+    const PrincipalAddresses found = principalAddresses(http, findPrincipal(http));
     HomeListener listener;
     {
         std::lock_guard lock(mutex_);
-        home_ = home;
-        // Where the default calendar is asked for, when the principal did not say.
-        principal_ = inbox.empty() ? std::string() : Url::resolve(principal, inbox);
-        defaultCalendar_ =
-            defaultCalendar.empty() ? std::string() : Url::resolve(principal, defaultCalendar);
+        home_ = found.home;
+        principal_ = found.inbox;
+        defaultCalendar_ = found.defaultCalendar;
         listener = listener_;
         discovered_ = true;
     }
     if (listener)
-        listener(home, http.trustedOrigins());
-    return home;
+        listener(found.home, http.trustedOrigins());
+    return found.home;
 }
 
 std::string CalDavService::home() {
@@ -570,7 +601,7 @@ CalDavService::syncCollection(const std::string& url, const std::string& zoneNam
                 return; // not a calendar object (a collection inside, say)
             present.insert(name);
             gone.erase(name);
-            std::string etag = trimmedText(tag->text);
+            std::string etag = trimmed(tag->text);
             auto k = known.find(name);
             if (k == known.end() || k->second != etag)
                 wanted[name] = etag;
@@ -597,7 +628,7 @@ CalDavService::listByTags(const std::string& url, const std::string& zoneName,
     bool missing = false;
     HttpResponse r = propfind(url, 0, "<cs:getctag/>", [&](DavResponse&& a) {
         if (const auto* p = a.property(calendarServerNs, "getctag"))
-            current = trimmedText(p->text);
+            current = trimmed(p->text);
         if (a.status == 404)
             missing = true;
     });
@@ -620,7 +651,7 @@ CalDavService::listByTags(const std::string& url, const std::string& zoneName,
         if (name.empty() || tag == nullptr)
             return;
         present.insert(name);
-        std::string etag = trimmedText(tag->text);
+        std::string etag = trimmed(tag->text);
         auto k = known.find(name);
         if (k == known.end() || k->second != etag)
             wanted[name] = etag;
@@ -683,7 +714,7 @@ void CalDavService::fetchBodies(const std::string& url, const std::string& zoneN
                 try {
                     RemoteRecord remote{
                         readZoneResource(data->text, std::string(eventRecordType), zoneName), name,
-                        tag ? trimmedText(tag->text) : wanted.at(name)};
+                        tag ? trimmed(tag->text) : wanted.at(name)};
                     ++bodies_;
                     changes.changed.push_back(std::move(remote));
                 } catch (const CloudError& e) {

@@ -79,6 +79,13 @@ class CalDavService : public CloudService {
                              std::string* syncToken = nullptr) const;
     HttpResponse propfind(const std::string& url, int depth, const std::string& props,
                           const std::function<void(DavResponse&&)>& each) const;
+    // Discovery's steps: the principal, from the address given or the well-known one, one
+    // PROPFIND (a probe) at a time; then the addresses the principal names.
+    struct Probe;
+    struct PrincipalAddresses;
+    std::string findPrincipal(const HttpClient& http);
+    Probe probe(const HttpClient& http, const std::string& candidate, const std::string& shown);
+    PrincipalAddresses principalAddresses(const HttpClient& http, const std::string& principal);
     std::string home();
     std::string zoneUrl(const std::string& zoneName);
     std::string defaultCalendarUrl();

@@ -100,17 +100,14 @@ void removePassword(const std::string& server, const std::string& user) {
 
 } // namespace keyring
 
-std::string passwordFromCommand(const std::string& command, PasswordCommandLimits limits) {
-    using Clock = std::chrono::steady_clock;
-    int pipeFds[2];
-    if (::pipe2(pipeFds, O_CLOEXEC) != 0)
-        throw CloudError(std::string("password command: ") + std::strerror(errno));
-    Fd readEnd{pipeFds[0]};
-    Fd writeEnd{pipeFds[1]};
+namespace {
+
+// Starts `sh -c command` with its standard output into `writeEnd`, in a process group of its own
+// so that what it starts is ended with it.
+pid_t startPasswordCommand(const std::string& command, const Fd& writeEnd) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, writeEnd.fd, STDOUT_FILENO);
-    // A group of its own, so that what it starts is ended with it.
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
@@ -124,25 +121,29 @@ std::string passwordFromCommand(const std::string& command, PasswordCommandLimit
     if (spawned != 0)
         throw CloudError(std::string("password command could not start: ") +
                          std::strerror(spawned));
-    ::close(writeEnd.fd);
-    writeEnd.fd = -1;
+    return pid;
+}
 
-    const auto deadline = Clock::now() + limits.time;
+// What the command printed and how it ended; `failure` says why it was given up.
+struct CommandRun {
     std::string output;
     std::string failure;
     int status = 0;
     bool exited = false;
+};
+
+// Reads the command's output until it has exited and its output is drained, within the limits.
+void collect(CommandRun& run, pid_t pid, const Fd& readEnd, PasswordCommandLimits limits) {
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + limits.time;
     bool open = true;
     char buffer[4096];
-    while (failure.empty() && (open || !exited)) {
-        if (!exited) {
-            pid_t done = ::waitpid(pid, &status, WNOHANG);
-            exited = done == pid;
-        }
-        const auto now = Clock::now();
-        if (now >= deadline) {
-            failure = "the password command did not finish within " +
-                      std::to_string(limits.time.count()) + " s";
+    while (run.failure.empty() && (open || !run.exited)) {
+        if (!run.exited)
+            run.exited = ::waitpid(pid, &run.status, WNOHANG) == pid;
+        if (Clock::now() >= deadline) {
+            run.failure = "the password command did not finish within " +
+                          std::to_string(limits.time.count()) + " s";
             break;
         }
         if (!open) {
@@ -152,37 +153,54 @@ std::string passwordFromCommand(const std::string& command, PasswordCommandLimit
         pollfd p{readEnd.fd, POLLIN, 0};
         // Short waits: a command that exits while something it started keeps the pipe open is
         // done once it has exited and its output is drained.
-        int ready = ::poll(&p, 1, exited ? 0 : 50);
+        int ready = ::poll(&p, 1, run.exited ? 0 : 50);
         if (ready < 0 && errno != EINTR) {
-            failure = std::string("password command: ") + std::strerror(errno);
+            run.failure = std::string("password command: ") + std::strerror(errno);
         } else if (ready > 0) {
             ssize_t n = ::read(readEnd.fd, buffer, sizeof buffer);
             if (n < 0 && errno != EINTR && errno != EAGAIN)
-                failure = std::string("password command: ") + std::strerror(errno);
+                run.failure = std::string("password command: ") + std::strerror(errno);
             else if (n == 0)
                 open = false;
             else if (n > 0)
-                output.append(buffer, std::size_t(n));
-            if (output.size() > limits.output)
-                failure = "the password command printed more than " +
-                          std::to_string(limits.output / 1024) + " KiB";
-        } else if (exited) {
+                run.output.append(buffer, std::size_t(n));
+            if (run.output.size() > limits.output)
+                run.failure = "the password command printed more than " +
+                              std::to_string(limits.output / 1024) + " KiB";
+        } else if (run.exited) {
             open = false; // exited, nothing more to read now
         }
     }
-    if (!failure.empty()) {
+}
+
+} // namespace
+
+std::string passwordFromCommand(const std::string& command, PasswordCommandLimits limits) {
+    int pipeFds[2];
+    if (::pipe2(pipeFds, O_CLOEXEC) != 0)
+        throw CloudError(std::string("password command: ") + std::strerror(errno));
+    Fd readEnd{pipeFds[0]};
+    Fd writeEnd{pipeFds[1]};
+    pid_t pid = startPasswordCommand(command, writeEnd);
+    ::close(writeEnd.fd);
+    writeEnd.fd = -1;
+
+    CommandRun run;
+    collect(run, pid, readEnd, limits);
+    if (!run.failure.empty()) {
         ::kill(-pid, SIGKILL);
-        while (!exited && ::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        while (!run.exited && ::waitpid(pid, &run.status, 0) < 0 && errno == EINTR) {
         }
     }
-    std::string first = output.substr(0, output.find('\n'));
+    std::string first = run.output.substr(0, run.output.find('\n'));
     if (!first.empty() && first.back() == '\r')
         first.pop_back();
-    std::fill(output.begin(), output.end(), '\0');
-    if (!failure.empty()) {
+    std::fill(run.output.begin(), run.output.end(), '\0');
+    if (!run.failure.empty()) {
         std::fill(first.begin(), first.end(), '\0');
-        throw CloudError(failure);
+        throw CloudError(run.failure);
     }
+    int status = run.status;
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
         throw CloudError("the password command failed" +
                          (WIFEXITED(status) ? " with status " + std::to_string(WEXITSTATUS(status))

@@ -359,26 +359,25 @@ std::vector<std::string> HttpClient::trustedOrigins() const {
     return pool_->trusted;
 }
 
-HttpResponse HttpClient::perform(const HttpRequest& request) const {
-    initOnce();
-    const Url target = Url::parse(request.url);
-    const std::string what = request.method + " " + target.origin() + target.path;
+namespace {
+
+// Whether the request may go out, and with the account's credentials: only to the server's own
+// origin or one it named. Refuses plain http off this machine, a cancelled client and, for the
+// rest of a pass, a server found unreachable.
+bool mayCarryCredentials(HttpClient::HandlePool& pool, const Url& target, const std::string& what) {
     if (target.scheme == "http" && !target.isLoopback())
         throw CloudError("refusing plain http to " + target.host);
-    if (pool_->cancelled)
+    if (pool.cancelled)
         throw CloudError(what + ": cancelled");
-    bool credentials = false;
-    {
-        std::lock_guard lock(pool_->mutex);
-        if (!pool_->unreachable.empty())
-            throw CloudError(what + ": " + pool_->unreachable + " (not tried again in this pass)");
-        credentials = target.origin() == pool_->ownOrigin ||
-                      std::find(pool_->trusted.begin(), pool_->trusted.end(), target.origin()) !=
-                          pool_->trusted.end();
-    }
-    HandleLease lease(*pool_);
-    CURL* h = lease.easy();
-    char errorText[CURL_ERROR_SIZE] = {};
+    std::lock_guard lock(pool.mutex);
+    if (!pool.unreachable.empty())
+        throw CloudError(what + ": " + pool.unreachable + " (not tried again in this pass)");
+    return target.origin() == pool.ownOrigin || std::find(pool.trusted.begin(), pool.trusted.end(),
+                                                          target.origin()) != pool.trusted.end();
+}
+
+// What every request sets: no redirect followed, verified TLS, the connect timeout.
+void setRequestOptions(CURL* h, const HttpRequest& request, const Limits& limits, char* errorText) {
     check(curl_easy_setopt(h, CURLOPT_ERRORBUFFER, errorText));
     check(curl_easy_setopt(h, CURLOPT_URL, request.url.c_str()));
     check(curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https"));
@@ -386,34 +385,172 @@ HttpResponse HttpClient::perform(const HttpRequest& request) const {
     check(curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L));
     check(curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 1L));
     check(curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L));
-    check(curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT, long(limits_.connect.count())));
+    check(curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT, long(limits.connect.count())));
     check(curl_easy_setopt(h, CURLOPT_USERAGENT, "Almanor"));
     check(curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, request.method.c_str()));
+}
 
-    std::string password;
-    if (credentials && !user_.empty()) {
-        password = password_ ? password_() : std::string();
-        check(curl_easy_setopt(h, CURLOPT_HTTPAUTH, long(CURLAUTH_BASIC)));
-        check(curl_easy_setopt(h, CURLOPT_USERNAME, user_.c_str()));
-        check(curl_easy_setopt(h, CURLOPT_PASSWORD, password.c_str()));
-    }
-    struct Wipe {
-        std::string& s;
-        ~Wipe() { std::fill(s.begin(), s.end(), '\0'); }
-    } wipe{password};
+void setCredentials(CURL* h, const std::string& user, const std::string& password) {
+    check(curl_easy_setopt(h, CURLOPT_HTTPAUTH, long(CURLAUTH_BASIC)));
+    check(curl_easy_setopt(h, CURLOPT_USERNAME, user.c_str()));
+    check(curl_easy_setopt(h, CURLOPT_PASSWORD, password.c_str()));
+}
 
+// The request's header lines, after one that turns off "Expect: 100-continue": servers that never
+// answer it would stall every upload.
+SlistPtr headerList(const std::vector<std::string>& lines) {
     SlistPtr headers;
-    auto addHeader = [&](const std::string& line) {
+    auto add = [&](const std::string& line) {
         curl_slist* grown = curl_slist_append(headers.get(), line.c_str());
         if (grown == nullptr)
             throw CloudError("out of memory");
         (void)headers.release();
         headers.reset(grown);
     };
-    // Servers that never answer "100 Continue" would stall every upload.
-    addHeader("Expect:");
-    for (const auto& line : request.headers)
-        addHeader(line);
+    add("Expect:");
+    for (const auto& line : lines)
+        add(line);
+    return headers;
+}
+
+// The body sent from, and the answer and its headers read into, `transfer`.
+void setTransferCallbacks(CURL* h, Transfer& transfer) {
+    const HttpRequest& request = *transfer.request;
+    if (!request.body.empty() || request.method == "PUT") {
+        check(curl_easy_setopt(h, CURLOPT_UPLOAD, 1L));
+        check(curl_easy_setopt(h, CURLOPT_READFUNCTION, sendBody));
+        check(curl_easy_setopt(h, CURLOPT_READDATA, &transfer));
+        check(curl_easy_setopt(h, CURLOPT_INFILESIZE_LARGE, curl_off_t(request.body.size())));
+        // CURLOPT_UPLOAD turns the method into PUT; the custom method still applies.
+    }
+    check(curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, receiveBody));
+    check(curl_easy_setopt(h, CURLOPT_WRITEDATA, &transfer));
+    check(curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, readHeader));
+    check(curl_easy_setopt(h, CURLOPT_HEADERDATA, &transfer));
+}
+
+// How the loop that drives a transfer ended.
+struct Ending {
+    enum class Reason { done, deadline, stall, cancelled } reason = Reason::done;
+    CURLcode code = CURLE_OK; // libcurl's result, when done
+};
+
+// Drives the transfer to its end, checking the deadline, the stall and cancel() at least every
+// tenth of a second.
+Ending drive(HandleLease& lease, Transfer& transfer, const HttpClient::HandlePool& pool,
+             const Limits& limits, const std::string& what) {
+    using Clock = std::chrono::steady_clock;
+    const auto started = Clock::now();
+    transfer.lastActivity = started;
+    Attached attached(lease.multi(), transfer.easy);
+    for (;;) {
+        int running = 0;
+        CURLMcode mc = curl_multi_perform(lease.multi(), &running);
+        if (mc != CURLM_OK)
+            throw CloudError(what + ": " + curl_multi_strerror(mc));
+        int queued = 0;
+        while (CURLMsg* message = curl_multi_info_read(lease.multi(), &queued)) {
+            if (message->msg == CURLMSG_DONE && message->easy_handle == transfer.easy)
+                return {Ending::Reason::done, message->data.result};
+        }
+        const auto now = Clock::now();
+        if (pool.cancelled)
+            return {Ending::Reason::cancelled};
+        if (now - started >= limits.deadline)
+            return {Ending::Reason::deadline};
+        if (now - transfer.lastActivity >= limits.stall)
+            return {Ending::Reason::stall};
+        const auto left = std::min(limits.deadline - (now - started),
+                                   Clock::duration(std::chrono::milliseconds(100)));
+        const int waitMs =
+            int(std::max<long long>(1, std::chrono::ceil<std::chrono::milliseconds>(left).count()));
+        if (curl_multi_poll(lease.multi(), nullptr, 0, waitMs, nullptr) != CURLM_OK)
+            throw CloudError(what + ": the network could not be watched");
+    }
+}
+
+// What went wrong with a transfer that libcurl ended, or nothing. Errors of the answer's reader
+// are thrown as they are, with the request named.
+std::string failureOf(CURLcode code, const Transfer& transfer, const char* errorText,
+                      const std::string& what, std::string& unreachable) {
+    if (code == CURLE_OK)
+        return {};
+    if (transfer.streamError) {
+        try {
+            std::rethrow_exception(transfer.streamError);
+        } catch (const UnreadableAnswer& e) {
+            throw UnreadableAnswer(what + ": " + e.what());
+        } catch (const CloudError& e) {
+            throw CloudError(what + ": " + e.what());
+        }
+    }
+    if (!transfer.refused.empty())
+        throw UnreadableAnswer(what + ": " + transfer.refused);
+    if (code == CURLE_WRITE_ERROR && transfer.response->truncated)
+        return {}; // the status is what counts; the body was cut at its limit
+    std::string reason = curl_easy_strerror(code);
+    if (errorText[0] != '\0')
+        reason += std::string(" (") + errorText + ")";
+    if (code == CURLE_COULDNT_CONNECT || code == CURLE_COULDNT_RESOLVE_HOST ||
+        code == CURLE_OPERATION_TIMEDOUT)
+        unreachable = curl_easy_strerror(code);
+    return reason;
+}
+
+// Throws the error the transfer ended in, if any. A server found unreachable is not tried again
+// until forgetUnreachable().
+void throwIfFailed(const Ending& ending, const Transfer& transfer, const char* errorText,
+                   HttpClient::HandlePool& pool, const Limits& limits, const std::string& what) {
+    std::string unreachable;
+    std::string reason;
+    switch (ending.reason) {
+    case Ending::Reason::cancelled:
+        throw CloudError(what + ": cancelled");
+    case Ending::Reason::deadline:
+        unreachable = "the server did not finish its answer within " +
+                      std::to_string(limits.deadline.count()) + " s";
+        break;
+    case Ending::Reason::stall:
+        unreachable = "nothing from the server for " + std::to_string(limits.stall.count()) + " s";
+        break;
+    case Ending::Reason::done:
+        reason = failureOf(ending.code, transfer, errorText, what, unreachable);
+        break;
+    }
+    if (!unreachable.empty()) {
+        {
+            std::lock_guard lock(pool.mutex);
+            pool.unreachable = unreachable;
+        }
+        if (reason.empty())
+            reason = unreachable;
+    }
+    if (!reason.empty())
+        throw CloudError(redactUrls(what + ": " + reason));
+}
+
+} // namespace
+
+HttpResponse HttpClient::perform(const HttpRequest& request) const {
+    initOnce();
+    const Url target = Url::parse(request.url);
+    const std::string what = request.method + " " + target.origin() + target.path;
+    bool credentials = mayCarryCredentials(*pool_, target, what);
+    HandleLease lease(*pool_);
+    CURL* h = lease.easy();
+    char errorText[CURL_ERROR_SIZE] = {};
+    setRequestOptions(h, request, limits_, errorText);
+
+    std::string password;
+    struct Wipe {
+        std::string& s;
+        ~Wipe() { std::fill(s.begin(), s.end(), '\0'); }
+    } wipe{password};
+    if (credentials && !user_.empty()) {
+        password = password_ ? password_() : std::string();
+        setCredentials(h, user_, password);
+    }
+    SlistPtr headers = headerList(request.headers);
     check(curl_easy_setopt(h, CURLOPT_HTTPHEADER, headers.get()));
 
     HttpResponse response;
@@ -423,109 +560,10 @@ HttpResponse HttpClient::perform(const HttpRequest& request) const {
     transfer.response = &response;
     transfer.answerLimit = limits_.answerBytes;
     transfer.upload = request.body;
-    if (!request.body.empty() || request.method == "PUT") {
-        check(curl_easy_setopt(h, CURLOPT_UPLOAD, 1L));
-        check(curl_easy_setopt(h, CURLOPT_READFUNCTION, sendBody));
-        check(curl_easy_setopt(h, CURLOPT_READDATA, &transfer));
-        check(curl_easy_setopt(h, CURLOPT_INFILESIZE_LARGE, curl_off_t(request.body.size())));
-        // CURLOPT_UPLOAD turns the method into PUT; the custom method above still applies.
-    }
-    check(curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, receiveBody));
-    check(curl_easy_setopt(h, CURLOPT_WRITEDATA, &transfer));
-    check(curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, readHeader));
-    check(curl_easy_setopt(h, CURLOPT_HEADERDATA, &transfer));
+    setTransferCallbacks(h, transfer);
 
-    // The loop checks the deadline, the stall and cancel() at least every tenth of a second.
-    using Clock = std::chrono::steady_clock;
-    const auto started = Clock::now();
-    transfer.lastActivity = started;
-    enum class Ended { done, deadline, stall, cancelled } ended = Ended::done;
-    CURLcode code = CURLE_OK;
-    {
-        Attached attached(lease.multi(), h);
-        for (;;) {
-            int running = 0;
-            CURLMcode mc = curl_multi_perform(lease.multi(), &running);
-            if (mc != CURLM_OK)
-                throw CloudError(what + ": " + curl_multi_strerror(mc));
-            bool finished = false;
-            int queued = 0;
-            while (CURLMsg* message = curl_multi_info_read(lease.multi(), &queued)) {
-                if (message->msg == CURLMSG_DONE && message->easy_handle == h) {
-                    code = message->data.result;
-                    finished = true;
-                }
-            }
-            if (finished)
-                break;
-            const auto now = Clock::now();
-            if (pool_->cancelled) {
-                ended = Ended::cancelled;
-                break;
-            }
-            if (now - started >= limits_.deadline) {
-                ended = Ended::deadline;
-                break;
-            }
-            if (now - transfer.lastActivity >= limits_.stall) {
-                ended = Ended::stall;
-                break;
-            }
-            const auto left = std::min(limits_.deadline - (now - started),
-                                       Clock::duration(std::chrono::milliseconds(100)));
-            const int waitMs = int(
-                std::max<long long>(1, std::chrono::ceil<std::chrono::milliseconds>(left).count()));
-            if (curl_multi_poll(lease.multi(), nullptr, 0, waitMs, nullptr) != CURLM_OK)
-                throw CloudError(what + ": the network could not be watched");
-        }
-    }
-
-    std::string unreachable;
-    std::string reason;
-    switch (ended) {
-    case Ended::cancelled:
-        throw CloudError(what + ": cancelled");
-    case Ended::deadline:
-        unreachable = "the server did not finish its answer within " +
-                      std::to_string(limits_.deadline.count()) + " s";
-        break;
-    case Ended::stall:
-        unreachable = "nothing from the server for " + std::to_string(limits_.stall.count()) + " s";
-        break;
-    case Ended::done:
-        if (code == CURLE_OK)
-            break;
-        if (transfer.streamError) {
-            try {
-                std::rethrow_exception(transfer.streamError);
-            } catch (const UnreadableAnswer& e) {
-                throw UnreadableAnswer(what + ": " + e.what());
-            } catch (const CloudError& e) {
-                throw CloudError(what + ": " + e.what());
-            }
-        }
-        if (!transfer.refused.empty())
-            throw UnreadableAnswer(what + ": " + transfer.refused);
-        if (code == CURLE_WRITE_ERROR && response.truncated)
-            break; // the status is what counts; the body was cut at its limit
-        reason = curl_easy_strerror(code);
-        if (errorText[0] != '\0')
-            reason += std::string(" (") + errorText + ")";
-        if (code == CURLE_COULDNT_CONNECT || code == CURLE_COULDNT_RESOLVE_HOST ||
-            code == CURLE_OPERATION_TIMEDOUT)
-            unreachable = curl_easy_strerror(code);
-        break;
-    }
-    if (!unreachable.empty()) {
-        {
-            std::lock_guard lock(pool_->mutex);
-            pool_->unreachable = unreachable;
-        }
-        if (reason.empty())
-            reason = unreachable;
-    }
-    if (!reason.empty())
-        throw CloudError(redactUrls(what + ": " + reason));
+    Ending ending = drive(lease, transfer, *pool_, limits_, what);
+    throwIfFailed(ending, transfer, errorText, *pool_, limits_, what);
     check(curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &response.status));
     return response;
 }

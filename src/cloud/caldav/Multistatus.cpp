@@ -1,6 +1,7 @@
 #include "cloud/caldav/Multistatus.h"
 
 #include "cloud/CloudService.h"
+#include "model/Text.h"
 
 #include <algorithm>
 #include <charconv>
@@ -32,13 +33,6 @@ void hardenOnce() {
 
 std::string_view text(const xmlChar* s) {
     return s ? std::string_view(reinterpret_cast<const char*>(s)) : std::string_view();
-}
-
-std::string trimmed(std::string_view s) {
-    auto notSpace = [](unsigned char c) { return !std::isspace(c); };
-    auto begin = std::find_if(s.begin(), s.end(), notSpace);
-    auto end = std::find_if(s.rbegin(), s.rend(), notSpace).base();
-    return begin < end ? std::string(begin, end) : std::string();
 }
 
 // An href or a status line longer than this is no address the adapter could use.
@@ -96,77 +90,95 @@ struct MultistatusReader::State {
         shortTooLong = false;
     }
 
+    // An element opens: what it means depends on how deep it is.
     void start(const XmlName& name, const xmlChar** attributes, int attributeCount) {
         ++depth;
         if (depth > limits.depth)
             return stop("elements nested too deeply");
         const bool dav = name.ns == davNs;
+        if (depth <= 2)
+            return startOutsideResponses(name, dav);
+        if (!inResponse)
+            return;
+        if (++responseElements > limits.responseElements && !response.oversized)
+            dropResponseParts();
+        if (depth == 3)
+            return startResponsePart(name, dav);
+        if (response.oversized)
+            return;
+        if (depth == 4)
+            return startPropstatPart(name, dav);
+        if (depth == 5)
+            return startProperty(name);
+        if (depth == 6 && propertyDepth == 5)
+            startPropertyChild(name, dav, attributes, attributeCount);
+    }
+
+    // The multistatus itself, and its responses and sync token.
+    void startOutsideResponses(const XmlName& name, bool dav) {
         if (depth == 1) {
             if (!dav || name.local != "multistatus")
                 stop("not a WebDAV multistatus");
             return;
         }
-        if (depth == 2) {
-            if (dav && name.local == "response") {
-                if (++responses > limits.responses)
-                    return stop("more than " + std::to_string(limits.responses) + " responses");
-                inResponse = true;
-                response = {};
-                responseBytes = 0;
-                responseElements = 0;
-            } else if (dav && name.local == "sync-token") {
-                startShort();
-            }
-            return;
+        if (dav && name.local == "response") {
+            if (++responses > limits.responses)
+                return stop("more than " + std::to_string(limits.responses) + " responses");
+            inResponse = true;
+            response = {};
+            responseBytes = 0;
+            responseElements = 0;
+        } else if (dav && name.local == "sync-token") {
+            startShort();
         }
-        if (!inResponse)
-            return;
-        if (++responseElements > limits.responseElements && !response.oversized)
-            dropResponseParts();
-        if (depth == 3) {
-            if (dav && (name.local == "href" || name.local == "status"))
-                startShort();
-            else if (dav && name.local == "propstat")
-                inPropstat = true, propstat = {};
-            else if (dav && name.local == "error")
-                inResponseError = true;
-            return;
+    }
+
+    // A response's href, status, propstat or error.
+    void startResponsePart(const XmlName& name, bool dav) {
+        if (dav && (name.local == "href" || name.local == "status"))
+            startShort();
+        else if (dav && name.local == "propstat")
+            inPropstat = true, propstat = {};
+        else if (dav && name.local == "error")
+            inResponseError = true;
+    }
+
+    // A propstat's status, prop or error; or a condition in a response's error.
+    void startPropstatPart(const XmlName& name, bool dav) {
+        if (inResponseError)
+            response.errors.push_back(name);
+        else if (inPropstat && dav && name.local == "status")
+            startShort();
+        else if (inPropstat && dav && name.local == "prop")
+            inProp = true;
+        else if (inPropstat && dav && name.local == "error")
+            inPropstatError = true;
+    }
+
+    // A property in a prop, or a condition in a propstat's error.
+    void startProperty(const XmlName& name) {
+        if (inPropstatError) {
+            response.errors.push_back(name);
+        } else if (inProp) {
+            property = {};
+            property.name = name;
+            propertyDepth = depth;
         }
-        if (response.oversized)
-            return;
-        if (depth == 4) {
-            if (inResponseError)
-                response.errors.push_back(name);
-            else if (inPropstat && dav && name.local == "status")
-                startShort();
-            else if (inPropstat && dav && name.local == "prop")
-                inProp = true;
-            else if (inPropstat && dav && name.local == "error")
-                inPropstatError = true;
-            return;
+    }
+
+    // An element in a property's value: its name, its name attribute and, for an href, its text.
+    void startPropertyChild(const XmlName& name, bool dav, const xmlChar** attributes,
+                            int attributeCount) {
+        property.children.push_back(name);
+        for (int i = 0; i < attributeCount; ++i) {
+            const xmlChar** a = attributes + 5 * i; // local name, prefix, URI, value, end
+            if (text(a[0]) == "name" && a[2] == nullptr)
+                property.childNameAttributes.emplace_back(reinterpret_cast<const char*>(a[3]),
+                                                          std::size_t(a[4] - a[3]));
         }
-        if (depth == 5) {
-            if (inPropstatError) {
-                response.errors.push_back(name);
-            } else if (inProp) {
-                property = {};
-                property.name = name;
-                propertyDepth = depth;
-            }
-            return;
-        }
-        if (depth == 6 && propertyDepth == 5) {
-            property.children.push_back(name);
-            for (int i = 0; i < attributeCount; ++i) {
-                const xmlChar** a = attributes + 5 * i; // local name, prefix, URI, value, end
-                if (text(a[0]) == "name" && a[2] == nullptr)
-                    property.childNameAttributes.emplace_back(reinterpret_cast<const char*>(a[3]),
-                                                              std::size_t(a[4] - a[3]));
-            }
-            if (dav && name.local == "href") {
-                inPropertyHref = true;
-                propertyHref.clear();
-            }
+        if (dav && name.local == "href") {
+            inPropertyHref = true;
+            propertyHref.clear();
         }
     }
 

@@ -1,6 +1,8 @@
 #include "cloud/caldav/RecordCalendar.h"
 
 #include "cloud/CloudService.h"
+#include "model/Text.h"
+#include "platform/Utf8.h"
 
 #include <array>
 #include <charconv>
@@ -42,25 +44,6 @@ void quietOnce() {
     std::call_once(once, [] { icalerror_set_errors_are_fatal(0); });
 }
 
-bool isValidUtf8(std::string_view s) {
-    std::size_t i = 0;
-    while (i < s.size()) {
-        auto c = static_cast<unsigned char>(s[i]);
-        std::size_t n = c < 0x80           ? 1
-                        : (c >> 5) == 0x6  ? 2
-                        : (c >> 4) == 0xE  ? 3
-                        : (c >> 3) == 0x1E ? 4
-                                           : 0;
-        if (n == 0 || i + n > s.size())
-            return false;
-        for (std::size_t k = 1; k < n; ++k)
-            if ((static_cast<unsigned char>(s[i + k]) >> 6) != 0x2)
-                return false;
-        i += n;
-    }
-    return true;
-}
-
 // TEXT can carry line feeds and tabs but no other control character; such values travel in base64.
 // A backslash before an n also goes in base64: one server's re-serialisation turns the escaped
 // pair back into a line break.
@@ -71,7 +54,7 @@ bool fitsText(std::string_view s) {
     for (unsigned char c : s)
         if ((c < 0x20 && c != '\n' && c != '\t') || c == 0x7F)
             return false;
-    return isValidUtf8(s);
+    return utf8::isValid(s);
 }
 
 constexpr std::string_view base64Alphabet =
@@ -287,6 +270,35 @@ std::string foldLine(std::string_view line) {
     return out;
 }
 
+namespace {
+
+// A field of the record as a private property whose parameters carry its key and its type.
+std::string fieldLine(const std::string& key, const FieldValue& value) {
+    std::string type;
+    std::string text;
+    if (const auto* s = std::get_if<std::string>(&value)) {
+        // An empty X- value does not survive a parser, so emptiness is said by the type.
+        if (s->empty())
+            type = "EMPTY", text = "-";
+        else if (fitsText(*s))
+            type = "TEXT", text = escapeText(*s);
+        else
+            type = "BASE64", text = base64(*s);
+    } else if (const auto* n = std::get_if<std::int64_t>(&value)) {
+        type = "INTEGER", text = std::to_string(*n);
+    } else if (const auto* d = std::get_if<double>(&value)) {
+        std::array<char, 64> buf{};
+        auto [end, ec] = std::to_chars(buf.data(), buf.data() + buf.size(), *d);
+        type = "FLOAT", text.assign(buf.data(), end);
+    } else if (const auto* t = std::get_if<Instant>(&value)) {
+        type = "TIMESTAMP", text = std::to_string(t->time_since_epoch().count());
+    }
+    return propertyName(key) + ";" + keyParameter + "=" + parameterValue(key) + ";" +
+           typeParameter + "=" + type + ":" + text;
+}
+
+} // namespace
+
 std::string writeRecordCalendar(const CloudRecord& record, Instant now) {
     std::string out;
     addLine(out, "BEGIN:VCALENDAR");
@@ -319,35 +331,14 @@ std::string writeRecordCalendar(const CloudRecord& record, Instant now) {
         std::string shown;
         for (char c : *name)
             shown += (static_cast<unsigned char>(c) < 0x20 && c != '\n') ? ' ' : c;
-        if (!isValidUtf8(shown))
+        if (!utf8::isValid(shown))
             shown = "?";
         addLine(out, "SUMMARY:" + escapeText(shown));
         addLine(out, std::string(summaryCopyProperty) + ":" + base64(shown));
     }
     addLine(out, std::string(recordTypeProperty) + ":" + escapeText(record.recordType));
-    for (const auto& [key, value] : record.fields) {
-        std::string type;
-        std::string text;
-        if (const auto* s = std::get_if<std::string>(&value)) {
-            // An empty X- value does not survive a parser, so emptiness is said by the type.
-            if (s->empty())
-                type = "EMPTY", text = "-";
-            else if (fitsText(*s))
-                type = "TEXT", text = escapeText(*s);
-            else
-                type = "BASE64", text = base64(*s);
-        } else if (const auto* n = std::get_if<std::int64_t>(&value)) {
-            type = "INTEGER", text = std::to_string(*n);
-        } else if (const auto* d = std::get_if<double>(&value)) {
-            std::array<char, 64> buf{};
-            auto [end, ec] = std::to_chars(buf.data(), buf.data() + buf.size(), *d);
-            type = "FLOAT", text.assign(buf.data(), end);
-        } else if (const auto* t = std::get_if<Instant>(&value)) {
-            type = "TIMESTAMP", text = std::to_string(t->time_since_epoch().count());
-        }
-        addLine(out, propertyName(key) + ";" + keyParameter + "=" + parameterValue(key) + ";" +
-                         typeParameter + "=" + type + ":" + text);
-    }
+    for (const auto& [key, value] : record.fields)
+        addLine(out, fieldLine(key, value));
     addLine(out, "END:VEVENT");
     addLine(out, "END:VCALENDAR");
     return out;
@@ -517,11 +508,7 @@ ReadEvent readEvent(std::string_view text, const std::string& recordType,
                     v.replace(at, 2, "\n");
                 else
                     ++at;
-            const auto blank = " \t\r\n";
-            auto first = v.find_first_not_of(blank);
-            return first == std::string::npos
-                       ? std::string()
-                       : v.substr(first, v.find_last_not_of(blank) - first + 1);
+            return trimmed(v);
         };
         if (summary && summaryCopy && plain(*summary) != plain(*summaryCopy))
             record.fields["CD_name"] = *summary;

@@ -1,0 +1,116 @@
+// almanor select and almanor status: the displayed event, as the tray shows it.
+
+#include "cli/Cli.h"
+#include "cli/Command.h"
+#include "cli/EventDescription.h"
+#include "cli/Services.h"
+#include "cli/Store.h"
+#include "cli/TextEscapes.h"
+#include "model/Utility.h"
+#include "shell/DisplayedEventSelection.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+
+namespace almanor::cli {
+
+namespace {
+
+// The selection over the events read once, so that a store that cannot be read is an error here
+// and never the no-events title.
+DisplayedEventSelection makeSelection(Services& services, Store& store, StatusItem& item,
+                                      const std::vector<EventPtr>& events) {
+    DisplayedEventSelection selection([&events] { return events; }, store.settings(),
+                                      services.clock());
+    selection.setStatusItem(&item);
+    return selection;
+}
+
+// An event's id or one of the three modes.
+Uuid selectionTarget(const std::string& target) {
+    if (target == "next") {
+        return DisplayedEventSelection::nextEventId;
+    }
+    if (target == "random") {
+        return DisplayedEventSelection::randomEventId;
+    }
+    if (target == "rotate") {
+        return DisplayedEventSelection::cycleUpcomingEventId;
+    }
+    if (auto parsed = Uuid::parse(target)) {
+        return *parsed;
+    }
+    throw UsageError{"'" + target + "' is neither an event id nor next, random or rotate"};
+}
+
+int selectEvent(Services& services, const std::string& target) {
+    Uuid id = selectionTarget(target);
+    reserveForReading(services, 3.0);
+    Store store(services);
+    auto events = store.events();
+    bool fixed = target != "next" && target != "random" && target != "rotate";
+    if (fixed && std::none_of(events.begin(), events.end(),
+                              [&](const EventPtr& e) { return e->id() == id; })) {
+        throw Store::NotFound{id}; // must name a live event
+    }
+    store.settings().setSelectedEventId(id);
+    RecordedStatusItem item;
+    auto selection = makeSelection(services, store, item, events);
+    selection.resolveDisplayedEvent(id);
+    std::printf("%s\n", item.title().c_str());
+    return exitSuccess;
+}
+
+// {"text": title, "tooltip": name and date of the occurrence, "class": today|upcoming|past}
+std::string statusJson(Services& services, const std::string& title, const EventPtr& shown) {
+    std::string out = "{\"text\":";
+    appendJsonString(out, title);
+    if (!shown) {
+        return out + ",\"tooltip\":\"No events\",\"class\":\"none\"}";
+    }
+    auto calendar = DayCalendar::current();
+    Instant today = Utility::startOfToday(*calendar, services.clock().now());
+    auto description = describe(*shown, *calendar, today);
+    out += ",\"tooltip\":";
+    appendJsonString(out, shown->name() + ": " + localText(*calendar, description.occurrence));
+    out += ",\"class\":\"";
+    out += dayClass(description);
+    return out + "\"}";
+}
+
+} // namespace
+
+int showStatus(Services& services, bool json) {
+    reserveForReading(services, 3.0);
+    Store store(services);
+    auto events = store.events();
+    RecordedStatusItem item;
+    auto selection = makeSelection(services, store, item, events);
+    selection.resolveDisplayedEvent(store.settings().selectedEventId());
+    std::string line =
+        json ? statusJson(services, item.title(), selection.displayedEvent()) : item.title();
+    std::printf("%s\n", line.c_str());
+    return exitSuccess;
+}
+
+void declareDisplayCommands(CLI::App& app, Action& chosen) {
+    auto target = std::make_shared<std::string>();
+    auto* select = app.add_subcommand("select", "Choose the displayed event and print its title");
+    select
+        ->add_option("TARGET", *target,
+                     "An event id, or next (next upcoming), random or rotate (hourly)")
+        ->required();
+    select->callback([&chosen, target] {
+        chosen = [target](Services& services) { return selectEvent(services, *target); };
+    });
+
+    auto json = std::make_shared<bool>(false);
+    auto* status = app.add_subcommand("status", "Print the panel's title for the displayed event");
+    status->add_flag("--json", *json, "Print a JSON object for waybar: text, tooltip, class");
+    status->callback([&chosen, json] {
+        chosen = [json](Services& services) { return showStatus(services, *json); };
+    });
+}
+
+} // namespace almanor::cli

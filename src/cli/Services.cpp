@@ -1,0 +1,34 @@
+#include "cli/Services.h"
+
+#include "cloud/CloudModule.h"
+#include "platform/Paths.h"
+#include "storage/Repository.h"
+
+#ifndef ALMANOR_MODULES_RELATIVE
+#define ALMANOR_MODULES_RELATIVE "../libexec/almanor"
+#endif
+
+namespace almanor::cli {
+
+Services::Services(UserDefaults& defaults, NotificationCenter& center, const Clock& clock,
+                   std::filesystem::path databaseDirectory)
+    : defaults_(defaults), center_(center), clock_(clock),
+      databaseDirectory_(std::move(databaseDirectory)),
+      cloudModule_(std::make_shared<CloudModuleLoader>(ALMANOR_MODULES_RELATIVE)),
+      cloudServices_(accountCloudServiceProvider(defaults, cloudModule_)) {}
+
+Services::~Services() = default;
+
+std::filesystem::path Services::databaseFile() const {
+    return databaseDirectory_ / paths::databaseFileName;
+}
+
+Repository& Services::repository() {
+    if (!repository_) {
+        repository_ = std::make_unique<Repository>(std::make_unique<LocalRepository>(
+            databaseDirectory_, paths::databaseFileName, center_, clock_));
+    }
+    return *repository_;
+}
+
+} // namespace almanor::cli

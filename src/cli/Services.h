@@ -1,0 +1,50 @@
+#pragma once
+
+#include "cloud/CloudServiceProvider.h"
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+namespace almanor {
+class Clock;
+class CloudModuleLoader;
+class NotificationCenter;
+class Repository;
+class UserDefaults;
+} // namespace almanor
+
+namespace almanor::cli {
+
+// What the commands work with, built once by the program's entry point and handed to each
+// command; the CalDAV adapter's module is looked for where an install puts it. The store is opened
+// on first use, so that a command refused for its usage, and the cloud commands that never read it,
+// neither open nor create the file.
+class Services {
+  public:
+    Services(UserDefaults& defaults, NotificationCenter& center, const Clock& clock,
+             std::filesystem::path databaseDirectory);
+    ~Services();
+    Services(const Services&) = delete;
+    Services& operator=(const Services&) = delete;
+
+    UserDefaults& defaults() { return defaults_; }
+    const Clock& clock() const { return clock_; }
+    // The database file, whether or not it has been opened yet.
+    std::filesystem::path databaseFile() const;
+    Repository& repository();
+    // The CalDAV adapter's module, loaded on first use; and the account's service through it.
+    CloudModuleLoader& cloudModule() { return *cloudModule_; }
+    const CloudServiceProvider& cloudServices() const { return cloudServices_; }
+
+  private:
+    UserDefaults& defaults_;
+    NotificationCenter& center_;
+    const Clock& clock_;
+    std::filesystem::path databaseDirectory_;
+    std::unique_ptr<Repository> repository_;
+    std::shared_ptr<CloudModuleLoader> cloudModule_;
+    CloudServiceProvider cloudServices_;
+};
+
+} // namespace almanor::cli
