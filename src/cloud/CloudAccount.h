@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <optional>
 #include <string>
 #include <vector>
@@ -36,8 +37,9 @@ struct CloudAccount {
     static void rememberDiscovery(UserDefaults& defaults, const std::string& home,
                                   const std::vector<std::string>& origins);
 
-    // The password, from the command or the keyring. Throws CloudError with the reason.
-    std::string password() const;
+    // The password, from the command or the keyring. Throws CloudError with the reason; a
+    // password command is cut off as soon as `cancelled` is set.
+    std::string password(const std::atomic<bool>* cancelled = nullptr) const;
 };
 
 } // namespace almanor

@@ -48,12 +48,32 @@ void CloudRepositoryFactory::networkCameBack() {
     gaveUp_ = false;
 }
 
+void CloudRepositoryFactory::cancelCreation() {
+    std::lock_guard lock(creatingMutex_);
+    cancelled_ = true;
+    if (creating_)
+        creating_->cancel();
+}
+
 std::shared_ptr<CloudRepository> CloudRepositoryFactory::create() {
     std::shared_ptr<CloudService> service = provider_ ? provider_() : nullptr;
     if (!service) {
         Log::line("No cloudkit account available");
         return nullptr;
     }
+    {
+        std::lock_guard lock(creatingMutex_);
+        if (cancelled_)
+            return nullptr;
+        creating_ = service;
+    }
+    struct Made {
+        CloudRepositoryFactory& factory;
+        ~Made() {
+            std::lock_guard lock(factory.creatingMutex_);
+            factory.creating_.reset();
+        }
+    } made{*this};
     try {
         if (service->accountStatus() == AccountStatus::noAccount) {
             Log::line("No cloudkit account available");

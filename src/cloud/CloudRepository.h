@@ -45,6 +45,9 @@ class CloudRepositoryFactory {
     // Forgets the repository and the gave-up flag: the next get() makes one afresh (another
     // account). A pass under way keeps the one it has.
     void reset();
+    // For a process that is quitting: a service being made (asking for its password, say) is
+    // cut off; get() waits for no more than that.
+    void cancelCreation();
 
   private:
     std::shared_ptr<CloudRepository> create();
@@ -53,6 +56,10 @@ class CloudRepositoryFactory {
     std::mutex mutex_;
     std::shared_ptr<CloudRepository> repository_;
     bool gaveUp_ = false;
+    // The service that create() is asking, reachable by cancelCreation() while get() holds mutex_.
+    std::mutex creatingMutex_;
+    std::shared_ptr<CloudService> creating_;
+    bool cancelled_ = false;
 };
 
 } // namespace almanor

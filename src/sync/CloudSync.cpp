@@ -61,6 +61,7 @@ void CloudSync::stop() {
         if (inFlight_)
             inFlight_->service().cancel();
     }
+    cloud_.cancelCreation();
     if (worker_.joinable())
         worker_.join();
     std::lock_guard lock(mutex_);

@@ -3,8 +3,10 @@
 #include "cloud/caldav/Http.h"
 #include "cloud/caldav/Multistatus.h"
 #include "cloud/caldav/RecordCalendar.h"
+#include "platform/UserDefaults.h"
 #include "platform/Utf8.h"
 
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -401,6 +403,41 @@ TEST(PasswordCommand, HangsAndFloodsEndInOneLineAndTakeTheirChildrenWithThem) {
     std::ifstream again(pidFile);
     again >> child;
     ::kill(child, SIGKILL);
+    std::filesystem::remove_all(folder);
+}
+
+TEST(PasswordCommand, AQuittingProcessCutsAHangingCommandOffAtOnce) {
+    std::atomic<bool> cancelled{false};
+    std::thread quit([&] {
+        std::this_thread::sleep_for(milliseconds(200));
+        cancelled = true;
+    });
+    auto start = steady_clock::now();
+    try {
+        passwordFromCommand("sleep 1000", {}, &cancelled);
+        ADD_FAILURE() << "no failure";
+    } catch (const CloudError& e) {
+        EXPECT_STREQ(e.what(), "the password command was cut off");
+    }
+    quit.join();
+    EXPECT_LT(steady_clock::now() - start, seconds(5)) << "the 30 s limit was waited out";
+
+    // Through the account's service, as the tray's sync holds it: cancel() reaches the command.
+    char folder[] = "/tmp/almanor-pwcancel-XXXXXX";
+    ASSERT_NE(mkdtemp(folder), nullptr);
+    {
+        UserDefaults defaults(std::filesystem::path(folder) / "settings.ini");
+        CloudAccount{"http://127.0.0.1:9/", "u", "sleep 1000", {}, {}}.store(defaults);
+        auto service = makeAccountCloudService(defaults);
+        std::thread canceller([&] {
+            std::this_thread::sleep_for(milliseconds(200));
+            service->cancel();
+        });
+        start = steady_clock::now();
+        EXPECT_THROW(service->accountStatus(), CloudError);
+        canceller.join();
+        EXPECT_LT(steady_clock::now() - start, seconds(5)) << "the 30 s limit was waited out";
+    }
     std::filesystem::remove_all(folder);
 }
 

@@ -117,6 +117,22 @@ TEST_F(CloudSyncTest, OnlyAStoreThatNeverPulledHoldsItsFirstTitleForThePull) {
     center.removeObserver(token);
 }
 
+TEST_F(CloudSyncTest, QuittingCutsOffAServiceStillAskingForItsPassword) {
+    // As a password command that hangs: the account's status waits until the service is cut off.
+    fake->setOnCall([this](const FakeCloudService::Call& call) {
+        while (call.op == Op::accountStatus && !fake->cancelled())
+            std::this_thread::sleep_for(5ms);
+    });
+    auto p = open();
+    p->sync.sync();
+    while (fake->calls(Op::accountStatus) == 0)
+        std::this_thread::sleep_for(5ms);
+    auto before = steady_clock::now();
+    p->sync.stop();
+    EXPECT_LT(steady_clock::now() - before, 2s) << "quitting waited for the password";
+    EXPECT_TRUE(fake->cancelled());
+}
+
 TEST_F(CloudSyncTest, OlderLayoutsZoneArrivesUnlinkedAndMovesToTheAppZone) {
     defaults.setBoolean(Settings::appZoneUsed, false);
     auto old = makeEvent(Uuid::random(), at(2019y / June / 1), "Old", std::nullopt,

@@ -859,6 +859,8 @@ void CalDavService::startPass() {
 }
 
 void CalDavService::cancel() {
+    if (cancelListener_)
+        cancelListener_();
     if (client_)
         client_->cancel();
 }

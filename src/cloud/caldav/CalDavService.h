@@ -68,6 +68,10 @@ class CalDavService : public CloudService {
                                             const std::string& resource) override;
     void startPass() override;
     void cancel() override;
+    // Called by cancel(), from any thread: what the password source waits on ends too.
+    void setCancelListener(std::function<void()> listener) {
+        cancelListener_ = std::move(listener);
+    }
 
   private:
     struct Listing;
@@ -114,6 +118,7 @@ class CalDavService : public CloudService {
     std::optional<HttpClient> client_;
     std::string setupError_;
     PasswordSource password_;
+    std::function<void()> cancelListener_;
 
     mutable std::mutex mutex_; // guards the discovered addresses and the listener
     std::string home_;

@@ -60,9 +60,9 @@ struct Fd {
 
 } // namespace
 
-std::string CloudAccount::password() const {
+std::string CloudAccount::password(const std::atomic<bool>* cancelled) const {
     if (!passwordCommand.empty())
-        return passwordFromCommand(passwordCommand);
+        return passwordFromCommand(passwordCommand, {}, cancelled);
     auto found = keyring::lookupPassword(server, user);
     if (!found)
         throw CloudError("no password in the keyring for " + user + " at " + server);
@@ -133,7 +133,8 @@ struct CommandRun {
 };
 
 // Reads the command's output until it has exited and its output is drained, within the limits.
-void collect(CommandRun& run, pid_t pid, const Fd& readEnd, PasswordCommandLimits limits) {
+void collect(CommandRun& run, pid_t pid, const Fd& readEnd, PasswordCommandLimits limits,
+             const std::atomic<bool>* cancelled) {
     using Clock = std::chrono::steady_clock;
     const auto deadline = Clock::now() + limits.time;
     bool open = true;
@@ -144,6 +145,10 @@ void collect(CommandRun& run, pid_t pid, const Fd& readEnd, PasswordCommandLimit
         if (Clock::now() >= deadline) {
             run.failure = "the password command did not finish within " +
                           std::to_string(limits.time.count()) + " s";
+            break;
+        }
+        if (cancelled && *cancelled) {
+            run.failure = "the password command was cut off";
             break;
         }
         if (!open) {
@@ -175,7 +180,8 @@ void collect(CommandRun& run, pid_t pid, const Fd& readEnd, PasswordCommandLimit
 
 } // namespace
 
-std::string passwordFromCommand(const std::string& command, PasswordCommandLimits limits) {
+std::string passwordFromCommand(const std::string& command, PasswordCommandLimits limits,
+                                const std::atomic<bool>* cancelled) {
     int pipeFds[2];
     if (::pipe2(pipeFds, O_CLOEXEC) != 0)
         throw CloudError(std::string("password command: ") + std::strerror(errno));
@@ -186,7 +192,7 @@ std::string passwordFromCommand(const std::string& command, PasswordCommandLimit
     writeEnd.fd = -1;
 
     CommandRun run;
-    collect(run, pid, readEnd, limits);
+    collect(run, pid, readEnd, limits, cancelled);
     if (!run.failure.empty()) {
         ::kill(-pid, SIGKILL);
         while (!run.exited && ::waitpid(pid, &run.status, 0) < 0 && errno == EINTR) {
@@ -214,8 +220,12 @@ std::shared_ptr<CloudService> makeAccountCloudService(UserDefaults& defaults) {
     auto account = CloudAccount::load(defaults);
     if (!account)
         return std::make_shared<caldav::CalDavService>(std::string(), std::string(), nullptr);
-    auto service = std::make_shared<caldav::CalDavService>(account->server, account->user,
-                                                           [a = *account] { return a.password(); });
+    // Shared with the service: its cancel() cuts a password command off too.
+    auto cancelled = std::make_shared<std::atomic<bool>>(false);
+    auto service = std::make_shared<caldav::CalDavService>(
+        account->server, account->user,
+        [a = *account, cancelled] { return a.password(cancelled.get()); });
+    service->setCancelListener([cancelled] { *cancelled = true; });
     service->trustOrigins(account->origins);
     // An ordinary pull goes straight to the collection; discovery runs again only when the
     // collection is missing, and what it finds is kept for the next process.

@@ -3,6 +3,7 @@
 #include "cloud/CloudAccount.h"
 #include "cloud/CloudService.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <memory>
@@ -29,7 +30,9 @@ struct PasswordCommandLimits {
     std::chrono::seconds time{30};
     std::size_t output = 64 * 1024;
 };
-std::string passwordFromCommand(const std::string& command, PasswordCommandLimits limits = {});
+// It is also given up, the same way, as soon as `cancelled` is set (a process that is quitting).
+std::string passwordFromCommand(const std::string& command, PasswordCommandLimits limits = {},
+                                const std::atomic<bool>* cancelled = nullptr);
 
 // The CalDAV service of the account in `defaults`; one that reports noAccount when there is none.
 std::shared_ptr<CloudService> makeAccountCloudService(UserDefaults& defaults);
