@@ -57,7 +57,7 @@ int cloudLogin(UserDefaults& defaults, const std::string& url, const std::string
         // A URL that could never be used is refused before the password is asked for.
         if (url.empty())
             throw CloudError("no server given");
-        caldav::HttpClient(url, account.user, nullptr);
+        caldav::HttpClient::parseServer(url);
         std::string password = passwordCommand.empty()
                                    ? readPassword("Password for " + account.user + ": ")
                                    : passwordFromCommand(passwordCommand);

@@ -28,7 +28,7 @@ CloudServiceProvider accountCloudServiceProvider(UserDefaults& defaults, std::st
 
 CloudServiceProvider accountCloudServiceProvider(UserDefaults& defaults,
                                                  std::shared_ptr<CloudModuleLoader> loader) {
-    return [loader, &defaults]() -> std::shared_ptr<CloudService> {
+    return [loader = std::move(loader), &defaults]() -> std::shared_ptr<CloudService> {
         if (!CloudAccount::load(defaults)) {
             return nullptr;
         }

@@ -71,9 +71,9 @@ std::string quotedArgument(const std::string& arg) {
 
 } // namespace
 
-XdgAutostartService::XdgAutostartService(std::filesystem::path configHome,
+XdgAutostartService::XdgAutostartService(const std::filesystem::path& configHome,
                                          std::filesystem::path program)
-    : folder_(std::move(configHome) / "autostart"), program_(std::move(program)) {}
+    : folder_(configHome / "autostart"), program_(std::move(program)) {}
 
 std::filesystem::path XdgAutostartService::entryFile() const {
     return folder_ / (std::string(LaunchAtLogin::bundleIdentifier) + ".desktop");

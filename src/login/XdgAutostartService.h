@@ -13,7 +13,7 @@ class XdgAutostartService final : public LoginItemService {
   public:
     // `program` is the almanor that the entry starts: the entry names it by its absolute path
     // unless it is the one that PATH finds.
-    XdgAutostartService(std::filesystem::path configHome, std::filesystem::path program);
+    XdgAutostartService(const std::filesystem::path& configHome, std::filesystem::path program);
 
     Status status() const override;
     void registerItem() override;

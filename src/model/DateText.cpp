@@ -66,7 +66,8 @@ std::string DateText::userLocale() {
     return name;
 }
 
-DateText::DateText(std::string locale, std::string_view zoneId) : impl_(std::make_unique<Impl>()) {
+DateText::DateText(const std::string& locale, std::string_view zoneId)
+    : impl_(std::make_unique<Impl>()) {
     impl_->locale = icu::Locale::createCanonical(locale.c_str());
     if (impl_->locale.isBogus()) {
         impl_->locale = icu::Locale("en_US_POSIX");

@@ -18,7 +18,7 @@ class DateText {
     static std::string userLocale();
 
     // Over the current time zone (TZ, else the system's) unless one is named.
-    explicit DateText(std::string locale = userLocale(), std::string_view zoneId = {});
+    explicit DateText(const std::string& locale = userLocale(), std::string_view zoneId = {});
     ~DateText();
     DateText(DateText&&) noexcept;
     DateText& operator=(DateText&&) noexcept;

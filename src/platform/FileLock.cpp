@@ -9,7 +9,7 @@
 
 namespace almanor {
 
-FileLock::FileLock(const std::filesystem::path& file, std::function<bool()> keepWaiting,
+FileLock::FileLock(const std::filesystem::path& file, const std::function<bool()>& keepWaiting,
                    std::chrono::milliseconds poll) {
     int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0 && errno == ENOENT)

@@ -14,7 +14,8 @@ class FileLock {
   public:
     // Blocks until the lock is held, `keepWaiting` answers false, or the file cannot be opened
     // (created with mode 0600 when missing); held() tells which.
-    explicit FileLock(const std::filesystem::path& file, std::function<bool()> keepWaiting = {},
+    explicit FileLock(const std::filesystem::path& file,
+                      const std::function<bool()>& keepWaiting = {},
                       std::chrono::milliseconds poll = std::chrono::milliseconds(100));
     ~FileLock();
     FileLock(const FileLock&) = delete;

@@ -9,8 +9,10 @@
 #include <memory>
 
 typedef char gchar;
+// NOLINTBEGIN(bugprone-reserved-identifier): GLib's own struct names, declared as its headers do.
 typedef struct _GError GError;
 typedef struct _GVariant GVariant;
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace almanor::glib {
 

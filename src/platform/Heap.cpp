@@ -27,10 +27,12 @@ void reserve(std::size_t bytes) {
     if (block == nullptr) {
         return;
     }
-    auto first = (reinterpret_cast<std::uintptr_t>(block) + page - 1) & ~(page - 1);
-    auto end = (reinterpret_cast<std::uintptr_t>(block) + bytes) & ~(page - 1);
+    // The whole pages inside the block, as offsets from its start.
+    const auto address = reinterpret_cast<std::uintptr_t>(block);
+    const auto first = (address + page - 1) & ~(page - 1);
+    const auto end = (address + bytes) & ~(page - 1);
     if (end > first) {
-        madvise(reinterpret_cast<void*>(first), end - first, MADV_POPULATE_WRITE);
+        madvise(static_cast<char*>(block) + (first - address), end - first, MADV_POPULATE_WRITE);
     }
     std::free(block);
 }

@@ -4,6 +4,7 @@
 
 #include <functional>
 
+// NOLINTNEXTLINE(bugprone-reserved-identifier): GLib's own struct name, as its headers declare it.
 typedef struct _GNetworkMonitor GNetworkMonitor;
 
 namespace almanor {

@@ -118,23 +118,8 @@ void AppDelegate::startup() {
     });
     s_.cloudSync.populateFromCloud();
 
-    // 5. The top-level menu, built once.
-    bool launchesAtLogin = s_.launchAtLogin.isEnabled();
-    menu_.clear();
-    MenuItem events = row("Events");
-    events.hasSubmenu = true;
-    menu_.push_back(events);
-    menu_.push_back(row("Manage Events", MenuItem::Action::manageEvents));
-    menu_.push_back(separator());
-    MenuItem launch = row("Launch Almanor at Login", MenuItem::Action::toggleLaunchAtLogin);
-    launch.state = launchesAtLogin;
-    menu_.push_back(launch);
-    menu_.push_back(separator());
-    menu_.push_back(row("Quit", MenuItem::Action::quit));
-    if (launchesAtLogin) {
-        s_.launchAtLogin.setEnabled(true); // registers again, so a moved binary is followed
-    }
-    s_.menuPresenter.buildMenu(menu_);
+    // 5.
+    buildMenu();
 
     // 6.
     statusBarItem_ = &s_.statusBar.createStatusItem();
@@ -158,6 +143,25 @@ void AppDelegate::startup() {
     s_.scheduler.scheduleRepeating(refreshInterval, refreshTolerance,
                                    [this] { recalculateEvents(); });
     started_ = true;
+}
+
+void AppDelegate::buildMenu() {
+    bool launchesAtLogin = s_.launchAtLogin.isEnabled();
+    menu_.clear();
+    MenuItem events = row("Events");
+    events.hasSubmenu = true;
+    menu_.push_back(events);
+    menu_.push_back(row("Manage Events", MenuItem::Action::manageEvents));
+    menu_.push_back(separator());
+    MenuItem launch = row("Launch Almanor at Login", MenuItem::Action::toggleLaunchAtLogin);
+    launch.state = launchesAtLogin;
+    menu_.push_back(launch);
+    menu_.push_back(separator());
+    menu_.push_back(row("Quit", MenuItem::Action::quit));
+    if (launchesAtLogin) {
+        s_.launchAtLogin.setEnabled(true); // registers again, so a moved binary is followed
+    }
+    s_.menuPresenter.buildMenu(menu_);
 }
 
 void AppDelegate::recalculateEvents() {

@@ -150,6 +150,8 @@ class AppDelegate {
   private:
     // The repository's events, or those of the reading in progress.
     std::vector<EventPtr> events() const;
+    // The top-level menu, built once at start.
+    void buildMenu();
 
     struct Impl;
     Services s_;

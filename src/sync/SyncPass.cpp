@@ -187,8 +187,11 @@ bool SyncPass::pullAppZone() {
     std::optional<ZoneChanges> changes = fetchAppZoneChanges(token, known);
     if (!changes)
         return false;
-    for (const auto& [resource, reason] : changes->unreadable)
-        Log::line("Skipping record " + resource + ": " + reason);
+    for (const auto& [resource, reason] : changes->unreadable) {
+        std::string text = "Skipping record ";
+        text.append(resource).append(": ").append(reason);
+        Log::line(text);
+    }
 
     try {
         ledger_.transaction([&] {
@@ -216,21 +219,49 @@ bool SyncPass::pullAppZone() {
     return true;
 }
 
+// The row the server's record belongs to: the one linked to its resource, else the one of its
+// event; nullptr when it is new here.
+SyncRow* SyncPass::rowFor(const RemoteRecord& remote, const Uuid& id) {
+    auto found = std::find_if(rows_.begin(), rows_.end(), [&](const SyncRow& r) {
+        return r.record && !r.deletionSent && r.record->resource == remote.resource;
+    });
+    if (found == rows_.end())
+        found = std::find_if(rows_.begin(), rows_.end(),
+                             [&](const SyncRow& r) { return r.event->id() == id; });
+    return found == rows_.end() ? nullptr : &*found;
+}
+
+void SyncPass::takeServers(SyncRow& row, const EventPtr& event, Instant changed,
+                           const RecordState& state) {
+    ledger_.writePulled(*event, changed, state, row.version());
+    row = SyncRow{event, changed, std::nullopt, state.recordName, false, false, state};
+}
+
+// A record that comes back after this machine's deletion reached the server was made again by a
+// machine whose change won: it is taken. Else the later of deletion and edit wins.
+void SyncPass::settleDeletion(SyncRow& row, const EventPtr& event, const CloudEvent& theirs,
+                              Instant changed, const RecordState& state) {
+    if (row.deletionSent || laterChange(*row.deleted, theirs.updated) == Side::server) {
+        conflictLine(*event, "the server's edit", theirs.updated, "this machine's deletion",
+                     row.deleted);
+        takeServers(row, event, changed, state);
+    } else {
+        // The deletion is the later change: it goes to this version of the record.
+        conflictLine(*row.event, "this machine's deletion", row.deleted, "the server's edit",
+                     theirs.updated);
+        ledger_.setRecord(row.event->id(), state);
+        row.record = state;
+    }
+}
+
 void SyncPass::applyChanged(const RemoteRecord& remote) {
     CloudEvent theirs = eventFromRecord(remote.record, clock_);
     RecordState state{remote.record.recordId.recordName, remote.resource, remote.etag};
     populating(theirs.event->id(), state.recordName);
-
-    auto byResource = std::find_if(rows_.begin(), rows_.end(), [&](const SyncRow& r) {
-        return r.record && !r.deletionSent && r.record->resource == remote.resource;
-    });
-    auto found = byResource;
-    if (found == rows_.end())
-        found = std::find_if(rows_.begin(), rows_.end(),
-                             [&](const SyncRow& r) { return r.event->id() == theirs.event->id(); });
+    SyncRow* found = rowFor(remote, theirs.event->id());
     Instant changed = theirs.updated.value_or(clock_.now());
 
-    if (found == rows_.end()) {
+    if (found == nullptr) {
         Log::line("  inserting...");
         ledger_.writePulled(*theirs.event, changed, state, std::nullopt);
         rows_.push_back(
@@ -244,25 +275,8 @@ void SyncPass::applyChanged(const RemoteRecord& remote) {
         return;
     }
     EventPtr event = asRow(*theirs.event, row.event->id());
-    auto takeServers = [&] {
-        ledger_.writePulled(*event, changed, state, row.version());
-        row = SyncRow{event, changed, std::nullopt, state.recordName, false, false, state};
-    };
-
     if (row.deleted) {
-        // A record that comes back after this machine's deletion reached the server was made again
-        // by a machine whose change won: it is taken. Else the later of deletion and edit wins.
-        if (row.deletionSent || laterChange(*row.deleted, theirs.updated) == Side::server) {
-            conflictLine(*event, "the server's edit", theirs.updated, "this machine's deletion",
-                         row.deleted);
-            takeServers();
-        } else {
-            // The deletion is the later change: it goes to this version of the record.
-            conflictLine(*row.event, "this machine's deletion", row.deleted, "the server's edit",
-                         theirs.updated);
-            ledger_.setRecord(row.event->id(), state);
-            row.record = state;
-        }
+        settleDeletion(row, event, theirs, changed, state);
         return;
     }
     if (sameContent(*row.event, *event)) {
@@ -275,13 +289,13 @@ void SyncPass::applyChanged(const RemoteRecord& remote) {
     }
     if (!row.pending()) {
         Log::line("  updating...");
-        takeServers();
+        takeServers(row, event, changed, state);
         return;
     }
     if (laterChange(row.updated, theirs.updated) == Side::server) {
         conflictLine(*event, "the server's version", theirs.updated, "this machine's version",
                      row.updated);
-        takeServers();
+        takeServers(row, event, changed, state);
         return;
     }
     Log::line("  keeping local change...");

@@ -59,6 +59,11 @@ class SyncPass {
     std::optional<ZoneChanges> fetchAppZoneChanges(const std::string& token,
                                                    const std::map<std::string, std::string>& known);
     void applyChanged(const RemoteRecord& remote);
+    SyncRow* rowFor(const RemoteRecord& remote, const Uuid& id);
+    void takeServers(SyncRow& row, const EventPtr& event, Instant changed,
+                     const RecordState& state);
+    void settleDeletion(SyncRow& row, const EventPtr& event, const CloudEvent& theirs,
+                        Instant changed, const RecordState& state);
     void applyGone(const SyncRow& row);
     void pushRow(SyncRow& row);
     void create(SyncRow& row, const RecordState& state);

@@ -295,7 +295,7 @@ CalDavService::Probe CalDavService::probe(const HttpClient& http, const std::str
 }
 
 std::string CalDavService::findPrincipal(const HttpClient& http) {
-    const std::string server = http.server();
+    const std::string& server = http.server();
     const std::string shown = redactUrl(server);
     std::string lastProblem = "no CalDAV server at " + shown;
     // The URL the user gave, then the well-known address (whose redirect is followed by hand so
@@ -520,12 +520,14 @@ Result CalDavService::onCollection(const std::string& zoneName, Attempt attempt)
             return std::move(*result);
         if (round == 0 && rediscover())
             continue;
-        std::string where;
+        std::string message = "zone ";
+        message.append(zoneName).append(" does not exist");
         try {
-            where = " at " + Url::parse(url).origin();
+            const std::string origin = Url::parse(url).origin();
+            message.append(" at ").append(origin);
         } catch (const CloudError&) {
         }
-        throw ZoneMissing("zone " + zoneName + " does not exist" + where);
+        throw ZoneMissing(message);
     }
 }
 

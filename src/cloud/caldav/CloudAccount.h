@@ -28,7 +28,7 @@ void removePassword(const std::string& server, const std::string& user);
 // process group is then killed).
 struct PasswordCommandLimits {
     std::chrono::seconds time{30};
-    std::size_t output = 64 * 1024;
+    std::size_t output = std::size_t{64} * 1024;
 };
 // It is also given up, the same way, as soon as `cancelled` is set (a process that is quitting).
 std::string passwordFromCommand(const std::string& command, PasswordCommandLimits limits = {},

@@ -330,11 +330,16 @@ std::string lastSegment(const std::string& url) {
 HttpClient::HttpClient(std::string server, std::string user, PasswordSource password, Limits limits)
     : server_(std::move(server)), user_(std::move(user)), password_(std::move(password)),
       limits_(limits) {
-    Url url = Url::parse(server_);
-    if (url.scheme == "http" && !url.isLoopback())
-        throw CloudError("plain http is accepted only for this machine; use https://");
+    const Url url = parseServer(server_);
     pool_ = std::make_shared<HandlePool>();
     pool_->ownOrigin = url.origin();
+}
+
+Url HttpClient::parseServer(const std::string& server) {
+    Url url = Url::parse(server);
+    if (url.scheme == "http" && !url.isLoopback())
+        throw CloudError("plain http is accepted only for this machine; use https://");
+    return url;
 }
 
 bool HttpClient::trustOrigin(const std::string& url) const {

@@ -79,7 +79,11 @@ class HttpClient {
   public:
     using PasswordSource = std::function<std::string()>;
 
+    // Throws CloudError, as parseServer does, for a server that could never be used.
     HttpClient(std::string server, std::string user, PasswordSource password, Limits limits = {});
+
+    // The server's URL; throws CloudError when it is none, or is plain http to another machine.
+    static Url parseServer(const std::string& server);
 
     // Throws CloudError (one line naming the server, never user information) when no answer
     // could be had; any HTTP status is returned.

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstddef>
 #include <exception>
 #include <libxml/parser.h>
 #include <libxml/xmlerror.h>
@@ -171,7 +172,8 @@ struct MultistatusReader::State {
                             int attributeCount) {
         property.children.push_back(name);
         for (int i = 0; i < attributeCount; ++i) {
-            const xmlChar** a = attributes + 5 * i; // local name, prefix, URI, value, end
+            const xmlChar** a =
+                attributes + std::ptrdiff_t{5} * i; // local name, prefix, URI, value, end
             if (text(a[0]) == "name" && a[2] == nullptr)
                 property.childNameAttributes.emplace_back(reinterpret_cast<const char*>(a[3]),
                                                           std::size_t(a[4] - a[3]));

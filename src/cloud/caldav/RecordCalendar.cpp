@@ -402,6 +402,105 @@ struct ReadEvent {
     bool foreign = false;              // a VEVENT without the record's fields
 };
 
+// What a VEVENT's properties say, before it becomes a record.
+struct EventProperties {
+    CloudRecord record; // its id, type and fields
+    bool typed = false; // it carries the record type: one of ours
+    std::optional<std::string> summary;
+    std::optional<icaltimetype> start;
+    std::optional<Instant> stamp;
+    std::optional<Instant> lastModified;
+    std::optional<std::string> summaryCopy;
+    std::optional<std::string> dateCopy;
+    std::optional<std::int64_t> modifiedCopy;
+};
+
+// One X- property: the record type, a copy of what calendar apps show, or a field. Returns false
+// for a record of another type.
+bool readRecordProperty(icalproperty* p, const std::string& recordType, EventProperties& read) {
+    const char* name = icalproperty_get_x_name(p);
+    const char* value = icalproperty_get_x(p);
+    if (name == nullptr || value == nullptr)
+        return true;
+    if (strcasecmp(name, recordTypeProperty.data()) == 0) {
+        if (value != recordType)
+            return false;
+        read.record.recordType = value;
+        read.typed = true;
+    } else if (strcasecmp(name, summaryCopyProperty.data()) == 0) {
+        read.summaryCopy = unbase64(value);
+    } else if (strcasecmp(name, dateCopyProperty.data()) == 0) {
+        read.dateCopy = value;
+    } else if (strcasecmp(name, modifiedCopyProperty.data()) == 0) {
+        read.modifiedCopy = number<std::int64_t>(value);
+    } else if (std::string_view key = parameterOf(p, keyParameter); !key.empty()) {
+        if (auto v = readValue(parameterOf(p, typeParameter), value))
+            read.record.fields[std::string(key)] = std::move(*v);
+    }
+    return true;
+}
+
+// The event's properties; nullopt when it is a record of another type.
+std::optional<EventProperties> readProperties(icalcomponent* event, const std::string& recordType) {
+    EventProperties read;
+    for (icalproperty* p = icalcomponent_get_first_property(event, ICAL_ANY_PROPERTY); p != nullptr;
+         p = icalcomponent_get_next_property(event, ICAL_ANY_PROPERTY)) {
+        switch (icalproperty_isa(p)) {
+        case ICAL_UID_PROPERTY:
+            if (const char* uid = icalproperty_get_uid(p))
+                read.record.recordId.recordName = uid;
+            break;
+        case ICAL_SUMMARY_PROPERTY:
+            if (const char* value = icalproperty_get_summary(p))
+                read.summary = value;
+            break;
+        case ICAL_DTSTART_PROPERTY:
+            read.start = icalproperty_get_dtstart(p);
+            break;
+        case ICAL_DTSTAMP_PROPERTY:
+            read.stamp = instantOf(icalproperty_get_dtstamp(p));
+            break;
+        case ICAL_LASTMODIFIED_PROPERTY:
+            read.lastModified = instantOf(icalproperty_get_lastmodified(p));
+            break;
+        case ICAL_X_PROPERTY:
+            if (!readRecordProperty(p, recordType, read))
+                return std::nullopt;
+            break;
+        default:
+            break;
+        }
+    }
+    return read;
+}
+
+// A calendar app's edits of what it shows, into our own record. What servers do to a value is no
+// edit: some drop the blanks at either end, one turns a backslash before an n into a line break.
+void takeCalendarEdits(EventProperties& read) {
+    auto plain = [](std::string v) {
+        for (auto at = v.find('\\'); at != std::string::npos; at = v.find('\\', at))
+            if (at + 1 < v.size() && (v[at + 1] == 'n' || v[at + 1] == 'N'))
+                v.replace(at, 2, "\n");
+            else
+                ++at;
+        return trimmed(v);
+    };
+    CloudRecord& record = read.record;
+    if (read.summary && read.summaryCopy && plain(*read.summary) != plain(*read.summaryCopy))
+        record.fields["CD_name"] = *read.summary;
+    auto field = record.fields.find("CD_date");
+    auto* date = field == record.fields.end() ? nullptr : std::get_if<Instant>(&field->second);
+    const std::optional<icaltimetype>& start = read.start;
+    if (date != nullptr && start && !icaltime_is_null_time(*start) && read.dateCopy) {
+        std::chrono::year_month_day now{std::chrono::year{start->year},
+                                        std::chrono::month{unsigned(start->month)},
+                                        std::chrono::day{unsigned(start->day)}};
+        auto before = dayOf(*read.dateCopy);
+        if (now.ok() && before && std::chrono::sys_days(now) != *before)
+            *date = movedByDays(*date, (std::chrono::sys_days(now) - *before).count());
+    }
+}
+
 ReadEvent readEvent(std::string_view text, const std::string& recordType,
                     const std::string& zoneName) {
     quietOnce();
@@ -416,115 +515,32 @@ ReadEvent readEvent(std::string_view text, const std::string& recordType,
             : icalcomponent_get_first_component(root.get(), ICAL_VEVENT_COMPONENT);
     if (event == nullptr)
         return {};
+    std::optional<EventProperties> read = readProperties(event, recordType);
+    if (!read)
+        return {};
 
-    CloudRecord record;
-    bool typed = false;
-    std::optional<std::string> summary;
-    std::optional<icaltimetype> start;
-    std::optional<Instant> stamp;
-    std::optional<Instant> lastModified;
-    std::optional<std::string> summaryCopy;
-    std::optional<std::string> dateCopy;
-    std::optional<std::int64_t> modifiedCopy;
-    for (icalproperty* p = icalcomponent_get_first_property(event, ICAL_ANY_PROPERTY); p != nullptr;
-         p = icalcomponent_get_next_property(event, ICAL_ANY_PROPERTY)) {
-        const icalproperty_kind kind = icalproperty_isa(p);
-        if (kind == ICAL_UID_PROPERTY) {
-            if (const char* uid = icalproperty_get_uid(p))
-                record.recordId.recordName = uid;
-            continue;
-        }
-        if (kind == ICAL_SUMMARY_PROPERTY) {
-            if (const char* value = icalproperty_get_summary(p))
-                summary = value;
-            continue;
-        }
-        if (kind == ICAL_DTSTART_PROPERTY) {
-            start = icalproperty_get_dtstart(p);
-            continue;
-        }
-        if (kind == ICAL_DTSTAMP_PROPERTY) {
-            stamp = instantOf(icalproperty_get_dtstamp(p));
-            continue;
-        }
-        if (kind == ICAL_LASTMODIFIED_PROPERTY) {
-            lastModified = instantOf(icalproperty_get_lastmodified(p));
-            continue;
-        }
-        if (kind != ICAL_X_PROPERTY)
-            continue;
-        const char* name = icalproperty_get_x_name(p);
-        const char* value = icalproperty_get_x(p);
-        if (name == nullptr || value == nullptr)
-            continue;
-        if (strcasecmp(name, recordTypeProperty.data()) == 0) {
-            if (value != recordType)
-                return {};
-            record.recordType = value;
-            typed = true;
-            continue;
-        }
-        if (strcasecmp(name, summaryCopyProperty.data()) == 0) {
-            summaryCopy = unbase64(value);
-            continue;
-        }
-        if (strcasecmp(name, dateCopyProperty.data()) == 0) {
-            dateCopy = value;
-            continue;
-        }
-        if (strcasecmp(name, modifiedCopyProperty.data()) == 0) {
-            modifiedCopy = number<std::int64_t>(value);
-            continue;
-        }
-        std::string_view key = parameterOf(p, keyParameter);
-        if (key.empty())
-            continue;
-        if (auto v = readValue(parameterOf(p, typeParameter), value))
-            record.fields[std::string(key)] = std::move(*v);
-    }
+    CloudRecord& record = read->record;
     record.recordId.zoneName = zoneName;
     // LAST-MODIFIED has whole seconds: the copy with milliseconds stands for it while they agree.
+    const std::optional<Instant>& lastModified = read->lastModified;
+    const std::optional<std::int64_t>& modifiedCopy = read->modifiedCopy;
     if (lastModified && modifiedCopy &&
         std::chrono::floor<std::chrono::seconds>(
             Instant(std::chrono::milliseconds(*modifiedCopy))) == *lastModified)
         record.modified = Instant(std::chrono::milliseconds(*modifiedCopy));
     else
-        record.modified = lastModified ? lastModified : stamp;
-    ReadEvent read;
-    read.foreign = !typed;
-    if (!typed) {
-        record.recordType = recordType;
-        if (summary)
-            record.fields["CD_name"] = *summary;
-        if (start)
-            if (auto at = instantOf(*start))
-                record.fields["CD_date"] = *at;
+        record.modified = lastModified ? lastModified : read->stamp;
+    if (read->typed) {
+        takeCalendarEdits(*read);
     } else {
-        // A calendar app's edits of what it shows. What servers do to a value is no edit: some
-        // drop the blanks at either end, one turns a backslash before an n into a line break.
-        auto plain = [](std::string v) {
-            for (auto at = v.find('\\'); at != std::string::npos; at = v.find('\\', at))
-                if (at + 1 < v.size() && (v[at + 1] == 'n' || v[at + 1] == 'N'))
-                    v.replace(at, 2, "\n");
-                else
-                    ++at;
-            return trimmed(v);
-        };
-        if (summary && summaryCopy && plain(*summary) != plain(*summaryCopy))
-            record.fields["CD_name"] = *summary;
-        auto field = record.fields.find("CD_date");
-        auto* date = field == record.fields.end() ? nullptr : std::get_if<Instant>(&field->second);
-        if (date != nullptr && start && !icaltime_is_null_time(*start) && dateCopy) {
-            std::chrono::year_month_day now{std::chrono::year{start->year},
-                                            std::chrono::month{unsigned(start->month)},
-                                            std::chrono::day{unsigned(start->day)}};
-            auto before = dayOf(*dateCopy);
-            if (now.ok() && before && std::chrono::sys_days(now) != *before)
-                *date = movedByDays(*date, (std::chrono::sys_days(now) - *before).count());
-        }
+        record.recordType = recordType;
+        if (read->summary)
+            record.fields["CD_name"] = *read->summary;
+        if (read->start)
+            if (auto at = instantOf(*read->start))
+                record.fields["CD_date"] = *at;
     }
-    read.record = std::move(record);
-    return read;
+    return {std::move(record), !read->typed};
 }
 
 } // namespace

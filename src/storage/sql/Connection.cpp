@@ -20,6 +20,7 @@ void StatementDeleter::operator()(sqlite3_stmt* statement) const noexcept {
 namespace {
 
 // SQLITE_TRANSIENT without the macro's C-style cast: SQLite copies the bytes before returning.
+// NOLINTNEXTLINE(performance-no-int-to-ptr): SQLite's own sentinel value, never called.
 const auto transient = reinterpret_cast<sqlite3_destructor_type>(static_cast<std::intptr_t>(-1));
 
 // A length for the int-sized binding calls; a negative one would mean "up to the first NUL".

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <fcntl.h>
 #include <system_error>
 #include <unistd.h>
@@ -115,7 +116,7 @@ std::string CountIcons::svg(std::string_view text) {
     const double length = double(std::max<std::size_t>(text.size(), 1));
     const int size = std::clamp(int(56.0 / (0.6 * length)), 12, 46);
     // The digits' middle on the square's middle: their height is about 0.72 em.
-    const int baseline = 32 + int(0.36 * size + 0.5);
+    const int baseline = 32 + int(std::lround(0.36 * size));
     return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
            "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"64\" height=\"64\" "
            "viewBox=\"0 0 64 64\">\n"

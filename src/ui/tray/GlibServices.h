@@ -8,8 +8,10 @@
 #include <functional>
 #include <thread>
 
+// NOLINTBEGIN(bugprone-reserved-identifier): GLib's own struct names, declared as its headers do.
 typedef struct _GFileMonitor GFileMonitor;
 typedef struct _GDBusConnection GDBusConnection;
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace almanor {
 

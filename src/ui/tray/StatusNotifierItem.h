@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 
+// NOLINTNEXTLINE(bugprone-reserved-identifier): GLib's own struct name, as its headers declare it.
 typedef struct _GDBusConnection GDBusConnection;
 
 namespace almanor {

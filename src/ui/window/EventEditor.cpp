@@ -63,8 +63,8 @@ void EventEditor::setDay(const DayCalendar& calendar, int year, int month, int d
     using namespace std::chrono;
     LocalTime wall = calendar.localTime(date_);
     auto timeOfDay = wall - floor<days>(wall);
-    auto chosen =
-        local_days(std::chrono::year(year) / std::chrono::month(unsigned(month)) / unsigned(day));
+    auto chosen = local_days(std::chrono::year(year) / std::chrono::month(unsigned(month)) /
+                             std::chrono::day(unsigned(day)));
     setDate(calendar.instant(LocalTime(chosen.time_since_epoch() + timeOfDay)));
 }
 

@@ -73,7 +73,7 @@ class ManageEventsState {
     explicit ManageEventsState(const Model& model) : model_(model) {}
 
     const std::optional<Uuid>& selection() const { return selection_; }
-    void select(std::optional<Uuid> id) { selection_ = std::move(id); }
+    void select(std::optional<Uuid> id) { selection_ = id; }
     // The event the detail shows, or none ("Nothing Selected"); a stale id finds none.
     EventPtr selectedEvent() const { return model_.find(selection_); }
 

@@ -313,9 +313,9 @@ struct ManageEventsWindowGtk::Impl {
         aliasColumn->set_fixed_width(50);
         list->set_fixed_height_mode(true);
         // Section rows are headers: they fold, they are not chosen.
-        list->get_selection()->set_select_function([this](const Glib::RefPtr<Gtk::TreeModel>&,
-                                                          const Gtk::TreeModel::Path& path,
-                                                          bool) { return path.size() > 1; });
+        list->get_selection()->set_select_function([](const Glib::RefPtr<Gtk::TreeModel>&,
+                                                      const Gtk::TreeModel::Path& path,
+                                                      bool) { return path.size() > 1; });
         list->get_selection()->signal_changed().connect([this] { rowSelected(); });
         widget<Gtk::ScrolledWindow>(builder, "list-scroll")->add(*list);
         list->show();
