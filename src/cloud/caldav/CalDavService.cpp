@@ -4,6 +4,7 @@
 #include "cloud/caldav/RecordCalendar.h"
 #include "model/Text.h"
 #include "platform/UrlText.h"
+#include "platform/XmlText.h"
 
 #include <algorithm>
 #include <chrono>
@@ -35,29 +36,6 @@ bool success(long status) {
         throw CloudError(what + ": access refused by the server at " + server + " (403)");
     throw CloudError(what + ": the server at " + server + " answered " +
                      std::to_string(response.status));
-}
-
-std::string xmlEscape(std::string_view text) {
-    std::string out;
-    for (char c : text) {
-        switch (c) {
-        case '&':
-            out += "&amp;";
-            break;
-        case '<':
-            out += "&lt;";
-            break;
-        case '>':
-            out += "&gt;";
-            break;
-        case '"':
-            out += "&quot;";
-            break;
-        default:
-            out += c;
-        }
-    }
-    return out;
 }
 
 std::string pathOf(const std::string& url) {
@@ -436,7 +414,7 @@ void CalDavService::saveZone(const std::string& zoneName) {
          "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
          "<c:mkcalendar xmlns:d=\"DAV:\" xmlns:c=\"urn:ietf:params:xml:ns:caldav\"><d:set><d:prop>"
          "<d:displayname>" +
-             xmlEscape(displayName) +
+             xmlEscaped(displayName) +
              "</d:displayname>"
              "<c:supported-calendar-component-set><c:comp "
              "name=\"VEVENT\"/></c:supported-calendar-component-set>"
@@ -541,7 +519,7 @@ std::vector<CloudRecord> CalDavService::performQuery(const std::string& recordTy
     const std::string tail = "</c:comp-filter></c:comp-filter></c:filter></c:calendar-query>";
     const std::string typeFilter =
         "<c:prop-filter name=\"X-CD-RECORD-TYPE\"><c:text-match collation=\"i;octet\">" +
-        xmlEscape(recordType) + "</c:text-match></c:prop-filter>";
+        xmlEscaped(recordType) + "</c:text-match></c:prop-filter>";
     // Each event is read as its response arrives: memory holds records, not the answer.
     std::vector<CloudRecord> records;
     auto each = [&](DavResponse&& a) {
@@ -587,7 +565,7 @@ CalDavService::syncCollection(const std::string& url, const std::string& zoneNam
          {xmlType, "Depth: 1"},
          "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
          "<d:sync-collection xmlns:d=\"DAV:\"><d:sync-token>" +
-             xmlEscape(token) +
+             xmlEscaped(token) +
              "</d:sync-token><d:sync-level>1</d:sync-level><d:prop><d:getetag/></d:prop>"
              "</d:sync-collection>"},
         [&](DavResponse&& a) {
@@ -681,7 +659,7 @@ void CalDavService::fetchBodies(const std::string& url, const std::string& zoneN
         std::string hrefs;
         for (; next != wanted.end() && asked.size() < multigetChunk; ++next) {
             asked.insert(next->first);
-            hrefs += "<d:href>" + xmlEscape(withSlash(path) + percentEncodeSegment(next->first)) +
+            hrefs += "<d:href>" + xmlEscaped(withSlash(path) + percentEncodeSegment(next->first)) +
                      "</d:href>";
         }
         std::set<std::string> answered;

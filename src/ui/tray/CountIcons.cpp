@@ -1,5 +1,7 @@
 #include "ui/tray/CountIcons.h"
 
+#include "platform/XmlText.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
@@ -24,26 +26,6 @@ std::string fileSafe(std::string_view text) {
             out += "today";
         } else {
             out += "x" + std::to_string(static_cast<unsigned char>(c));
-        }
-    }
-    return out;
-}
-
-std::string xmlEscaped(std::string_view text) {
-    std::string out;
-    for (char c : text) {
-        switch (c) {
-        case '&':
-            out += "&amp;";
-            break;
-        case '<':
-            out += "&lt;";
-            break;
-        case '>':
-            out += "&gt;";
-            break;
-        default:
-            out += c;
         }
     }
     return out;
