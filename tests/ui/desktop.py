@@ -103,6 +103,26 @@ class Desktop:
         return r
 
 
+class Laptop:
+    """The user's other machine: a home of its own beside the session's, driven through the
+    command line, with no display and no session bus."""
+
+    def __init__(self, root, binary_dir):
+        home = os.path.join(root, "laptop")
+        self.binary = os.path.join(binary_dir, "almanor")
+        self.env = {k: v for k, v in os.environ.items()
+                    if not k.startswith("XDG_") and k not in ("DBUS_SESSION_BUS_ADDRESS", "DISPLAY")}
+        self.env.update(HOME=home, XDG_CONFIG_HOME=home + "/config", XDG_DATA_HOME=home + "/data",
+                        XDG_STATE_HOME=home + "/state", XDG_CACHE_HOME=home + "/cache")
+
+    def almanor(self, *args):
+        r = subprocess.run([self.binary, *args], env=self.env, capture_output=True, text=True,
+                           timeout=120)
+        if r.returncode != 0:
+            raise AssertionError("laptop: almanor %s: %d %s" % (args, r.returncode, r.stderr))
+        return r.stdout
+
+
 def gdbus(*args):
     r = subprocess.run(["gdbus", "call", "--session", "-d", DEST, *args], capture_output=True, text=True,
                        timeout=10)

@@ -19,22 +19,7 @@ desktop.in_private_session(os.path.abspath(__file__))
 BIN = os.environ["ALMANOR_BINARY_DIR"]
 
 
-class Laptop:
-    """The user's other machine: its own XDG home, driven through the command line."""
-
-    def __init__(self, root):
-        home = os.path.join(root, "laptop")
-        self.env = {k: v for k, v in os.environ.items()
-                    if not k.startswith("XDG_") and k not in ("DBUS_SESSION_BUS_ADDRESS", "DISPLAY")}
-        self.env.update(HOME=home, XDG_CONFIG_HOME=home + "/config", XDG_DATA_HOME=home + "/data",
-                        XDG_STATE_HOME=home + "/state", XDG_CACHE_HOME=home + "/cache")
-
-    def almanor(self, *args):
-        r = subprocess.run([BIN + "/almanor", *args], env=self.env, capture_output=True, text=True, timeout=120)
-        if r.returncode != 0:
-            raise AssertionError("laptop: almanor %s: %d %s" % (args, r.returncode, r.stderr))
-        return r.stdout
-
+class Laptop(desktop.Laptop):
     def names_after_sync(self):
         self.almanor("sync")
         return {e["name"] for e in json.loads(self.almanor("events", "list", "--json"))}
@@ -48,7 +33,7 @@ class TrayCloudTest(unittest.TestCase):
         cls.pwfile = os.path.join(root, "pw")
         with open(cls.pwfile, "w") as f:
             f.write(cls.server.password + "\n")
-        cls.laptop = Laptop(root)
+        cls.laptop = Laptop(root, BIN)
         cls.login = ["cloud", "login", cls.server.url, "--user", cls.server.user,
                      "--password-command", "cat " + cls.pwfile]
         cls.laptop.almanor(*cls.login)

@@ -28,22 +28,6 @@ def ask_tray_to_sync():
                     "{}"], check=True, capture_output=True, timeout=10)
 
 
-class Laptop:
-    def __init__(self, root):
-        home = os.path.join(root, "laptop")
-        self.env = {k: v for k, v in os.environ.items()
-                    if not k.startswith("XDG_") and k not in ("DBUS_SESSION_BUS_ADDRESS", "DISPLAY")}
-        self.env.update(HOME=home, XDG_CONFIG_HOME=home + "/config", XDG_DATA_HOME=home + "/data",
-                        XDG_STATE_HOME=home + "/state", XDG_CACHE_HOME=home + "/cache")
-
-    def almanor(self, *args):
-        r = subprocess.run([BIN + "/almanor", *args], env=self.env, capture_output=True, text=True,
-                           timeout=120)
-        if r.returncode != 0:
-            raise AssertionError("laptop: almanor %s: %d %s" % (args, r.returncode, r.stderr))
-        return r.stdout
-
-
 class TrayFollowsTheLaptop(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
@@ -54,7 +38,7 @@ class TrayFollowsTheLaptop(unittest.TestCase):
             f.write(cls.server.password + "\n")
         cls.login = ["cloud", "login", cls.server.url, "--user", cls.server.user,
                      "--password-command", "cat " + pw]
-        cls.laptop = Laptop(root)
+        cls.laptop = desktop.Laptop(root, BIN)
         cls.laptop.almanor(*cls.login)
         cls.shared = cls.laptop.almanor("events", "add", "Shared", "--date", "2031-02-02").strip()
         cls.laptop.almanor("sync")
