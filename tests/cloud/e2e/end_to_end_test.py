@@ -17,7 +17,7 @@ import unittest
 import urllib.parse
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from servers import Radicale, Xandikos, FaultProxy  # noqa: E402
+from servers import FaultProxy, Radicale, Xandikos, home_env  # noqa: E402
 
 ALMANOR = None
 APP_ZONE = "com.vostrel.almanor.zone"
@@ -40,13 +40,7 @@ class Machine:
     def __init__(self, root, name):
         self.home = os.path.join(root, name)
         os.makedirs(self.home)
-        self.env = {k: v for k, v in os.environ.items()
-                    if not k.startswith("XDG_") and k != "DBUS_SESSION_BUS_ADDRESS"}
-        self.env.update(HOME=self.home, LC_ALL="C.UTF-8", TZ="UTC",
-                        XDG_CONFIG_HOME=os.path.join(self.home, ".config"),
-                        XDG_DATA_HOME=os.path.join(self.home, ".local/share"),
-                        XDG_STATE_HOME=os.path.join(self.home, ".local/state"),
-                        XDG_CACHE_HOME=os.path.join(self.home, ".cache"))
+        self.env = home_env(self.home)
 
     def run(self, *args, stdin=None):
         p = subprocess.run([ALMANOR, *args], env=self.env, input=stdin, capture_output=True,

@@ -11,7 +11,7 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from servers import Process, PYTHON  # noqa: E402
+from servers import Process, PYTHON, home_env  # noqa: E402
 
 ALMANOR = None
 SCRIPTED = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "support",
@@ -57,11 +57,7 @@ class Machine:
     def __init__(self, root, name):
         self.home = os.path.join(root, name)
         os.makedirs(self.home)
-        self.env = {k: v for k, v in os.environ.items()
-                    if not k.startswith("XDG_") and k != "DBUS_SESSION_BUS_ADDRESS"}
-        self.env.update(HOME=self.home, LC_ALL="C.UTF-8", TZ="UTC",
-                        XDG_CONFIG_HOME=os.path.join(self.home, ".config"),
-                        XDG_DATA_HOME=os.path.join(self.home, ".local/share"))
+        self.env = home_env(self.home)
         self.settings = os.path.join(self.home, ".config", "Almanor", "settings.ini")
 
     def run(self, *args):

@@ -15,6 +15,19 @@ PROXY = os.path.join(HERE, "..", "..", "support", "fault_proxy.py")
 PYTHON = "/usr/bin/python3"
 
 
+def home_env(home):
+    """The environment of a user whose home is `home`: the XDG folders inside it, no session bus,
+    C.UTF-8 in UTC."""
+    env = {k: v for k, v in os.environ.items()
+           if not k.startswith("XDG_") and k != "DBUS_SESSION_BUS_ADDRESS"}
+    env.update(HOME=home, LC_ALL="C.UTF-8", TZ="UTC",
+               XDG_CONFIG_HOME=os.path.join(home, ".config"),
+               XDG_DATA_HOME=os.path.join(home, ".local/share"),
+               XDG_STATE_HOME=os.path.join(home, ".local/state"),
+               XDG_CACHE_HOME=os.path.join(home, ".cache"))
+    return env
+
+
 def free_port():
     with socket.socket() as s:
         s.bind(("127.0.0.1", 0))
