@@ -1,21 +1,27 @@
-// almanor: the tray when started with no command, else the command line. This program itself
-// links only the C library: the tray is exec'd without loading anything the commands use, and the
-// commands live in almanor-cli.so, opened here. Status bars run `almanor status` every few
-// seconds and a panel starts the tray at login; neither pays for the other.
+// almanor: the tray when started with no command, else the command line. Status bars run
+// `almanor status` every few seconds, so the local commands run here, in a program with the
+// libraries they use (SQLite, ICU, GLib, the C++ library) built in: starting it maps and relocates
+// next to nothing. The tray (almanor-tray) is exec'd before anything else runs; the cloud commands,
+// which load the CalDAV adapter, are exec'd as almanor-cloud.
+
+#include "Commands.h"
+#ifdef ALMANOR_BUILT_IN_ICU
+#include "IcuData.h"
+#endif
 
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
+#include <string_view>
 #include <unistd.h>
 
 #ifndef ALMANOR_TRAY_RELATIVE
 #define ALMANOR_TRAY_RELATIVE "../libexec/almanor/almanor-tray"
 #endif
-#ifndef ALMANOR_CLI_RELATIVE
-#define ALMANOR_CLI_RELATIVE "../libexec/almanor/almanor-cli.so"
+#ifndef ALMANOR_CLOUD_RELATIVE
+#define ALMANOR_CLOUD_RELATIVE "../libexec/almanor/almanor-cloud"
 #endif
 
 namespace {
@@ -72,21 +78,23 @@ int startTray(const Self& self) {
     return 3;
 }
 
-int runCommand(const Self& self, int argc, char** argv) {
-    char cli[PATH_MAX];
-    if (!locate(self, "almanor-cli.so", ALMANOR_CLI_RELATIVE, cli)) {
-        std::fprintf(stderr, "almanor: the commands (almanor-cli.so) are not installed beside %s\n",
+// The commands that load the CalDAV adapter: its module shares the C++ library and ICU with its
+// caller, which needs them as shared libraries.
+bool isCloudCommand(std::string_view command) {
+    return command == "cloud" || command == "sync";
+}
+
+int startCloudCommand(const Self& self, char** argv) {
+    char cloud[PATH_MAX];
+    if (!locate(self, "almanor-cloud", ALMANOR_CLOUD_RELATIVE, cloud)) {
+        std::fprintf(stderr,
+                     "almanor: the cloud commands (almanor-cloud) are not installed beside %s\n",
                      self.path);
         return 3;
     }
-    // Lazily bound, as a program's own libraries are: only the functions called are looked up.
-    void* module = ::dlopen(cli, RTLD_LAZY | RTLD_LOCAL);
-    void* entry = module != nullptr ? ::dlsym(module, "almanor_cli_run") : nullptr;
-    if (entry == nullptr) {
-        std::fprintf(stderr, "almanor: cannot load the commands: %s\n", ::dlerror());
-        return 3;
-    }
-    return reinterpret_cast<int (*)(int, char**)>(entry)(argc, argv);
+    ::execv(cloud, argv);
+    std::fprintf(stderr, "almanor: cannot start %s: %s\n", cloud, std::strerror(errno));
+    return 3;
 }
 
 } // namespace
@@ -97,5 +105,16 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "almanor: cannot tell where this program is\n");
         return 3;
     }
-    return argc == 1 ? startTray(self) : runCommand(self, argc, argv);
+    if (argc == 1) {
+        return startTray(self);
+    }
+    if (isCloudCommand(argv[1])) {
+        return startCloudCommand(self, argv);
+    }
+#ifdef ALMANOR_BUILT_IN_ICU
+    if (!almanor::app::useSystemIcuData()) {
+        return 3;
+    }
+#endif
+    return almanor::app::runCommands(argc, argv);
 }

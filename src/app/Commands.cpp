@@ -1,4 +1,4 @@
-// The command line's code, opened by `almanor` when it is given a command.
+#include "Commands.h"
 
 #include "cli/Cli.h"
 #include "cli/Services.h"
@@ -7,8 +7,9 @@
 #include "platform/Paths.h"
 #include "platform/UserDefaults.h"
 
-extern "C" __attribute__((visibility("default"))) int almanor_cli_run(int argc, char** argv) {
-    using namespace almanor;
+namespace almanor::app {
+
+int runCommands(int argc, char** argv) {
     // The command line's services, built once here and handed to the command.
     UserDefaults defaults(paths::settingsFile());
     NotificationCenter center;
@@ -16,3 +17,5 @@ extern "C" __attribute__((visibility("default"))) int almanor_cli_run(int argc, 
     cli::Services services(defaults, center, clock, paths::databaseDirectory());
     return cli::run(argc, argv, services);
 }
+
+} // namespace almanor::app
