@@ -6,7 +6,7 @@
 
 #include "Commands.h"
 #ifdef ALMANOR_BUILT_IN_ICU
-#include "IcuData.h"
+#include "platform/IcuData.h"
 #endif
 
 #include <cerrno>
@@ -112,7 +112,7 @@ int main(int argc, char** argv) {
         return startCloudCommand(self, argv);
     }
 #ifdef ALMANOR_BUILT_IN_ICU
-    if (!almanor::app::useSystemIcuData()) {
+    if (!almanor::useSystemIcuData()) {
         return 3;
     }
 #endif

@@ -7,6 +7,9 @@
 #include "login/XdgAutostartService.h"
 #include "platform/Clock.h"
 #include "platform/GlibOwners.h"
+#ifdef ALMANOR_BUILT_IN_ICU
+#include "platform/IcuData.h"
+#endif
 #include "platform/Log.h"
 #include "platform/Module.h"
 #include "platform/NetworkMonitor.h"
@@ -311,6 +314,11 @@ bool registerOnSessionBus(GApplication* application) {
 
 int main(int argc, char** argv) {
     Log::toStandardOutput();
+#ifdef ALMANOR_BUILT_IN_ICU
+    if (!useSystemIcuData()) {
+        return 3;
+    }
+#endif
     Run run;
     std::error_code ec;
     run.self = std::filesystem::read_symlink("/proc/self/exe", ec);

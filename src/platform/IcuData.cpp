@@ -1,4 +1,4 @@
-#include "IcuData.h"
+#include "platform/IcuData.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -6,9 +6,9 @@
 #include <unicode/udata.h>
 #include <unicode/uversion.h>
 
-// ICU's code is built into almanor but its data (30 MB of tables) is not: the program carries an
-// empty table under the data's symbol, and at start hands ICU the system's data library, which is
-// mapped, not copied, and needs no relocation.
+// ICU's code is built into almanor and the tray but its data (30 MB of tables) is not: the program
+// carries an empty table under the data's symbol, and at start hands ICU the system's data library,
+// which is mapped, not copied, and needs no relocation.
 
 namespace {
 
@@ -51,7 +51,7 @@ extern "C" const EmptyCommonData U_ICUDATA_ENTRY_POINT = {
     0,
     {}};
 
-namespace almanor::app {
+namespace almanor {
 
 bool useSystemIcuData() {
     void* library = ::dlopen(dataLibrary, RTLD_NOW | RTLD_LOCAL);
@@ -70,4 +70,4 @@ bool useSystemIcuData() {
     return true;
 }
 
-} // namespace almanor::app
+} // namespace almanor
