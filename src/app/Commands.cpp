@@ -6,6 +6,7 @@
 #include "platform/NotificationCenter.h"
 #include "platform/Paths.h"
 #include "platform/UserDefaults.h"
+#include "storage/LocalRepository.h"
 
 namespace almanor::app {
 
@@ -16,6 +17,11 @@ int runCommands(int argc, char** argv) {
     SystemClock clock;
     cli::Services services(defaults, center, clock, paths::databaseDirectory());
     return cli::run(argc, argv, services);
+}
+
+int runLocalCommands(int argc, char** argv) {
+    LocalRepository::useFromOneThreadOnly();
+    return runCommands(argc, argv);
 }
 
 } // namespace almanor::app

@@ -6,4 +6,8 @@ namespace almanor::app {
 // returns the exit status.
 int runCommands(int argc, char** argv);
 
+// runCommands for the commands that run on one thread (all but cloud and sync): the store takes no
+// locks.
+int runLocalCommands(int argc, char** argv);
+
 } // namespace almanor::app

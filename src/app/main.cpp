@@ -116,5 +116,5 @@ int main(int argc, char** argv) {
         return 3;
     }
 #endif
-    return almanor::app::runCommands(argc, argv);
+    return almanor::app::runLocalCommands(argc, argv);
 }

@@ -53,6 +53,10 @@ struct EventColumns {
 
 } // namespace
 
+void LocalRepository::useFromOneThreadOnly() {
+    sql::Connection::useFromOneThreadOnly();
+}
+
 sql::Connection LocalRepository::open(const std::filesystem::path& directory,
                                       std::string_view fileName) {
     std::error_code error;

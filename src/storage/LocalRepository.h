@@ -33,6 +33,10 @@ class LocalRepository {
     LocalRepository(const LocalRepository&) = delete;
     LocalRepository& operator=(const LocalRepository&) = delete;
 
+    // For a process whose stores are opened and used on one thread only: no locks are taken.
+    // Before the first store is opened.
+    static void useFromOneThreadOnly();
+
     sql::Connection& connection() { return connection_; }
     const EventsTable& events() const { return events_; }
 

