@@ -25,7 +25,8 @@ std::string fileSafe(std::string_view text) {
         } else if (c == '!') {
             out += "today";
         } else {
-            out += "x" + std::to_string(static_cast<unsigned char>(c));
+            out += 'x';
+            out += std::to_string(static_cast<unsigned char>(c));
         }
     }
     return out;
