@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   # build
-  g++ make cmake pkg-config
+  g++ make cmake pkg-config ccache
   libsqlite3-dev libicu-dev uuid-dev libglib2.0-dev
   libcli11-dev nlohmann-json3-dev lld
   libgtkmm-3.0-dev libdbusmenu-glib-dev libayatana-appindicator3-dev

@@ -3,6 +3,7 @@
 #include "platform/UrlText.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
 #include <string>
 
@@ -35,6 +36,19 @@ void Log::line(std::string_view text) {
     out += '\n';
     std::fwrite(out.data(), 1, out.size(), d.stream);
     std::fflush(d.stream);
+}
+
+void Log::debug(std::string_view text) {
+    static const bool wanted = [] {
+        const char* domains = std::getenv("G_MESSAGES_DEBUG");
+        if (domains == nullptr)
+            return false;
+        std::string_view d(domains);
+        return d.find("all") != std::string_view::npos ||
+               d.find("almanor") != std::string_view::npos;
+    }();
+    if (wanted)
+        line(text);
 }
 
 void Log::toStandardOutput() {

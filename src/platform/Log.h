@@ -13,6 +13,9 @@ class Log {
     using Sink = std::function<void(std::string_view line)>;
 
     static void line(std::string_view text);
+    // Progress detail (one line per record of a pass): written only when G_MESSAGES_DEBUG names
+    // "all" or "almanor", as GLib's own debug messages are.
+    static void debug(std::string_view text);
     static void toStandardOutput();
     static void toStandardError();
     // Replaces the destination (tests capture lines with it); an empty sink restores stdout.

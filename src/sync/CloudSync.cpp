@@ -138,6 +138,12 @@ PassResult CloudSync::runPass(std::uint64_t pass) {
     if (!stopping_)
         result.pushed = syncPass.push();
     result.problem = syncPass.problem();
+    result.received = syncPass.received();
+    result.sent = syncPass.sent();
+    // What failed has said so in its own line.
+    if (result.pulled && result.pushed)
+        Log::line("Synced: " + std::to_string(result.received) + " received, " +
+                  std::to_string(result.sent) + " sent");
     return result;
 }
 

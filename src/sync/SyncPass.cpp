@@ -43,11 +43,18 @@ void conflictLine(const Event& event, const std::string& kept, std::optional<Ins
 }
 
 // The record a row is on the server: the one kept for it, or for rows synced before records were
-// kept, the resource its record name gives.
-RecordState stateOf(const SyncRow& row) {
+// kept, the resource its record name gives. Nullopt for a row that has neither (another process
+// added it after this pass named its creates) or whose names are unusable: nothing is sent for it.
+std::optional<RecordState> stateOf(const SyncRow& row) {
+    std::optional<RecordState> state;
     if (row.record)
-        return *row.record;
-    return RecordState{*row.syncId, *row.syncId + ".ics", {}};
+        state = *row.record;
+    else if (row.syncId)
+        state = RecordState{*row.syncId, *row.syncId + ".ics", {}};
+    if (state &&
+        (state->recordName.empty() || state->resource.empty() || state->resource == ".ics"))
+        return std::nullopt;
+    return state;
 }
 
 // The server's event under the row's own id: a resource linked to a row is that row's event, even
@@ -58,7 +65,7 @@ EventPtr asRow(const Event& theirs, const Uuid& id) {
 }
 
 void populating(const Uuid& id, const std::string& recordName) {
-    Log::line("Populating " + id.uuidString() + " " + recordName + " " + appZone);
+    Log::debug("Populating " + id.uuidString() + " " + recordName + " " + appZone);
 }
 
 } // namespace
@@ -100,26 +107,28 @@ void SyncPass::copyOlderZone(const std::string& zoneName) {
         ledger_.transaction([&] {
             for (const auto& record : records) {
                 const Event& event = *record.event;
-                Log::line("Populating " + event.id().uuidString() + " " +
-                          (record.recordId ? record.recordId->recordName : "n/a") + " " +
-                          (record.recordId ? record.recordId->zoneName : "n/a"));
+                Log::debug("Populating " + event.id().uuidString() + " " +
+                           (record.recordId ? record.recordId->recordName : "n/a") + " " +
+                           (record.recordId ? record.recordId->zoneName : "n/a"));
                 auto found = std::find_if(rows_.begin(), rows_.end(), [&](const SyncRow& r) {
                     return r.event->id() == event.id();
                 });
                 if (found != rows_.end() && (!found->live() || sameContent(*found->event, event))) {
-                    Log::line("  skipping...");
+                    Log::debug("  skipping...");
                     continue;
                 }
                 if (found != rows_.end() && found->pending() && found->syncId) {
                     // An edit made here and not pushed yet wins over the older copy.
-                    Log::line("  keeping local change...");
+                    Log::debug("  keeping local change...");
                     continue;
                 }
-                Log::line(found != rows_.end() ? "  updating..." : "  inserting...");
+                Log::debug(found != rows_.end() ? "  updating..." : "  inserting...");
                 if (auto error = ledger_.attempt([&] { ledger_.writeUnlinked(event); }))
                     Log::line(std::string(found != rows_.end() ? "Failed to update record: "
                                                                : "Failed to insert record: ") +
                               *error);
+                else
+                    ++received_;
             }
         });
     } catch (const StoreError& e) {
@@ -235,6 +244,7 @@ void SyncPass::takeServers(SyncRow& row, const EventPtr& event, Instant changed,
                            const RecordState& state) {
     ledger_.writePulled(*event, changed, state, row.version());
     row = SyncRow{event, changed, std::nullopt, state.recordName, false, false, state};
+    ++received_;
 }
 
 // A record that comes back after this machine's deletion reached the server was made again by a
@@ -262,8 +272,9 @@ void SyncPass::applyChanged(const RemoteRecord& remote) {
     Instant changed = theirs.updated.value_or(clock_.now());
 
     if (found == nullptr) {
-        Log::line("  inserting...");
+        Log::debug("  inserting...");
         ledger_.writePulled(*theirs.event, changed, state, std::nullopt);
+        ++received_;
         rows_.push_back(
             SyncRow{theirs.event, changed, std::nullopt, state.recordName, false, false, state});
         return;
@@ -271,7 +282,8 @@ void SyncPass::applyChanged(const RemoteRecord& remote) {
     SyncRow& row = *found;
     if (row.record && row.record->resource != remote.resource && !row.deletionSent) {
         // Copies of one event (left by older versions): the row stays with its own record.
-        Log::line("  skipping: a copy of record " + row.record->resource + "...");
+        Log::line("Skipping record " + remote.resource + ": a copy of record " +
+                  row.record->resource);
         return;
     }
     EventPtr event = asRow(*theirs.event, row.event->id());
@@ -280,7 +292,7 @@ void SyncPass::applyChanged(const RemoteRecord& remote) {
         return;
     }
     if (sameContent(*row.event, *event)) {
-        Log::line("  skipping...");
+        Log::debug("  skipping...");
         ledger_.markPushed(row.event->id(), state, row.updated);
         row.syncId = state.recordName;
         row.record = state;
@@ -288,7 +300,7 @@ void SyncPass::applyChanged(const RemoteRecord& remote) {
         return;
     }
     if (!row.pending()) {
-        Log::line("  updating...");
+        Log::debug("  updating...");
         takeServers(row, event, changed, state);
         return;
     }
@@ -298,7 +310,7 @@ void SyncPass::applyChanged(const RemoteRecord& remote) {
         takeServers(row, event, changed, state);
         return;
     }
-    Log::line("  keeping local change...");
+    Log::debug("  keeping local change...");
     conflictLine(*row.event, "this machine's version", row.updated, "the server's version",
                  theirs.updated);
     // Linked to the server's version, so that the push replaces exactly that one.
@@ -311,16 +323,17 @@ void SyncPass::applyChanged(const RemoteRecord& remote) {
 void SyncPass::applyGone(const SyncRow& row) {
     populating(row.event->id(), row.record ? row.record->recordName : row.syncId.value_or("n/a"));
     if (!row.live()) {
-        Log::line("  skipping...");
+        Log::debug("  skipping...");
         ledger_.markDeletionSent(row.event->id());
     } else if (row.pending()) {
         // A change here that the server never had wins: the event goes again, as a new record
         // under the same name.
-        Log::line("  keeping local change...");
+        Log::debug("  keeping local change...");
         ledger_.unlink(row.event->id());
     } else {
-        Log::line("  deleting...");
+        Log::debug("  deleting...");
         ledger_.writeRemoved(row.event->id(), row.version());
+        ++received_;
     }
 }
 
@@ -375,7 +388,15 @@ bool SyncPass::push() {
 }
 
 void SyncPass::pushRow(SyncRow& row) {
-    const RecordState state = stateOf(row);
+    const std::optional<RecordState> named = stateOf(row);
+    if (!named) {
+        // A row added meanwhile is named and sent by the next pass.
+        if (row.record || row.syncId)
+            Log::line("Skipping " + row.event->id().uuidString() +
+                      ": the store holds no usable record name for it");
+        return;
+    }
+    const RecordState& state = *named;
     try {
         if (!row.live())
             remove(row, state);
@@ -401,6 +422,7 @@ void SyncPass::create(SyncRow& row, const RecordState& state) {
         settleWithServer(row, state, true);
         return;
     }
+    ++sent_;
     RecordState sent{state.recordName, state.resource, etag};
     later(
         [this, id = row.event->id(), sent, at = row.updated] { ledger_.markPushed(id, sent, at); },
@@ -421,6 +443,7 @@ void SyncPass::replace(SyncRow& row, const RecordState& state) {
         settleWithServer(row, state, false);
         return;
     }
+    ++sent_;
     RecordState sent{state.recordName, state.resource, etag};
     later(
         [this, id = row.event->id(), sent, at = row.updated] { ledger_.markPushed(id, sent, at); },
@@ -438,6 +461,7 @@ void SyncPass::remove(SyncRow& row, const RecordState& state) {
         settleWithServer(row, state, false);
         return;
     }
+    ++sent_;
     later([this, id = row.event->id()] { ledger_.markDeletionSent(id); },
           "Failed to sync deleted: ");
 }
@@ -460,6 +484,7 @@ void SyncPass::settleWithServer(SyncRow& row, const RecordState& state, bool cre
         CloudRecord record = recordFromEvent(
             CloudEvent{RecordId{state.recordName, appZone}, row.event, row.updated});
         std::string etag = service_.createRecord(record, state.resource);
+        ++sent_;
         RecordState sent{state.recordName, state.resource, etag};
         later([this, id, sent, at = row.updated] { ledger_.markPushed(id, sent, at); },
               creating ? "Failed to sync inserted: " : "Failed to sync updated: ");
@@ -482,6 +507,7 @@ void SyncPass::settleWithServer(SyncRow& row, const RecordState& state, bool cre
             CloudRecord record = recordFromEvent(
                 CloudEvent{RecordId{seen.recordName, appZone}, row.event, row.updated});
             std::string etag = service_.replaceRecord(record, seen.resource, seen.etag);
+            ++sent_;
             RecordState sent{seen.recordName, seen.resource, etag};
             later([this, id, sent, at = row.updated] { ledger_.markPushed(id, sent, at); },
                   "Failed to sync updated: ");
@@ -496,6 +522,7 @@ void SyncPass::settleWithServer(SyncRow& row, const RecordState& state, bool cre
         conflictLine(*row.event, "this machine's deletion", row.deleted, "the server's edit",
                      theirs.updated);
         service_.deleteRecord(appZone, seen.resource, seen.etag);
+        ++sent_;
         later([this, id] { ledger_.markDeletionSent(id); }, "Failed to sync deleted: ");
         return;
     }
@@ -509,6 +536,7 @@ void SyncPass::keepServerCopy(const SyncRow& row, const RemoteRecord& remote,
     EventPtr event = asRow(*theirs.event, row.event->id());
     RecordState seen{remote.record.recordId.recordName, remote.resource, remote.etag};
     Instant changed = theirs.updated.value_or(clock_.now());
+    ++received_;
     later([this, event, changed, seen,
            version = row.version()] { ledger_.writePulled(*event, changed, seen, version); },
           "Failed to update record: ");

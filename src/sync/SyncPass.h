@@ -21,9 +21,11 @@ class UserDefaults;
 
 // How a pass ended.
 struct PassResult {
-    bool pulled = false; // the server's changes were read and written here
-    bool pushed = false; // every pending change was sent or settled
-    std::string problem; // the first thing that went wrong, one line
+    bool pulled = false;      // the server's changes were read and written here
+    bool pushed = false;      // every pending change was sent or settled
+    std::string problem;      // the first thing that went wrong, one line
+    std::size_t received = 0; // the server's changes written here
+    std::size_t sent = 0;     // this machine's changes the server took
 };
 
 // Which side wins when both changed one event: the later change, ties to the server. Times
@@ -50,6 +52,8 @@ class SyncPass {
     bool push();
 
     const std::string& problem() const { return problem_; }
+    std::size_t received() const { return received_; }
+    std::size_t sent() const { return sent_; }
 
   private:
     struct Pending;
@@ -85,6 +89,8 @@ class SyncPass {
     std::vector<std::pair<std::function<void()>, std::string>> marks_;
     std::chrono::steady_clock::time_point firstMark_;
     std::string problem_;
+    std::size_t received_ = 0;
+    std::size_t sent_ = 0;
 };
 
 } // namespace almanor

@@ -17,6 +17,7 @@
 #include "storage/MigrationManager.h"
 
 #include <gtest/gtest.h>
+#include <set>
 
 namespace almanor {
 namespace {
@@ -441,6 +442,40 @@ INSTANTIATE_TEST_SUITE_P(Ledgers, SyncRules, ::testing::Values(false, true), led
 
 namespace almanor {
 namespace {
+
+// Another process adds an event after the push named its creates and before it read the rows
+// again (a trigger stands in for it): that row is sent by the next pass, under a name of its own.
+TEST(SyncInterleaving, ARowAddedDuringThePushWaitsForTheNextPass) {
+    FixedClock clock{test::utc(2026, 11, 23, 9)};
+    test::TempDir dir;
+    Machine m(true, dir / "m", clock);
+    auto server = std::make_shared<FakeCloudService>();
+    CloudRepository cloud(server);
+    std::atomic<bool> stopping{false};
+    auto pass = [&] {
+        SyncPass p(cloud, m.ledger(), m.defaults(), clock, stopping);
+        bool ok = p.pull();
+        return p.push() && ok;
+    };
+    m.add(*event("Named"));
+    m.ledger().syncRows();
+    const Uuid added = Uuid::random();
+    m.local()->connection().run(
+        "CREATE TEMP TRIGGER meanwhile AFTER INSERT ON sync_records WHEN (SELECT count(*) FROM "
+        "events) = 1 BEGIN INSERT INTO events (id, name, date, schedule, method, created, updated) "
+        "SELECT '" +
+        added.uuidString() +
+        "', 'Meanwhile', date, schedule, method, created, updated FROM events; END");
+    EXPECT_TRUE(pass());
+    EXPECT_EQ(server->stored(zone).size(), 1u);
+    EXPECT_TRUE(pass());
+    std::set<std::string> resources;
+    for (const auto& [resource, remote] : server->stored(zone))
+        resources.insert(remote.record.recordId.recordName + ".ics");
+    EXPECT_EQ(resources.size(), 2u);
+    EXPECT_EQ(resources.count(m.row(added)->record->resource), 1u);
+    EXPECT_EQ(m.pending(), 0u);
+}
 
 // A pass whose marks cannot be written (a full disk) sent its changes all the same: the next
 // pass finds them on the server and sends nothing twice.

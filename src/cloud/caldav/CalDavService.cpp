@@ -168,15 +168,17 @@ HttpResponse CalDavService::sendReading(HttpRequest request,
 }
 
 HttpResponse CalDavService::propfind(const std::string& url, int depth, const std::string& props,
-                                     const std::function<void(DavResponse&&)>& each) const {
-    return sendReading({"PROPFIND",
+                                     const std::function<void(DavResponse&&)>& each,
+                                     bool slowToStart) const {
+    HttpRequest request{"PROPFIND",
                         url,
                         {xmlType, "Depth: " + std::to_string(depth)},
                         "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
                         "<d:propfind xmlns:d=\"DAV:\" xmlns:c=\"urn:ietf:params:xml:ns:caldav\" "
                         "xmlns:cs=\"http://calendarserver.org/ns/\"><d:prop>" +
-                            props + "</d:prop></d:propfind>"},
-                       each);
+                            props + "</d:prop></d:propfind>"};
+    request.slowToStart = slowToStart;
+    return sendReading(std::move(request), each);
 }
 
 void CalDavService::trustOrigins(const std::vector<std::string>& origins) {
@@ -559,15 +561,17 @@ CalDavService::syncCollection(const std::string& url, const std::string& zoneNam
     std::set<std::string> present;
     std::set<std::string> gone;
     std::string next;
+    HttpRequest report{"REPORT",
+                       url,
+                       {xmlType, "Depth: 1"},
+                       "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
+                       "<d:sync-collection xmlns:d=\"DAV:\"><d:sync-token>" +
+                           xmlEscaped(token) +
+                           "</d:sync-token><d:sync-level>1</d:sync-level><d:prop><d:getetag/>"
+                           "</d:prop></d:sync-collection>"};
+    report.slowToStart = token.empty();
     HttpResponse r = sendReading(
-        {"REPORT",
-         url,
-         {xmlType, "Depth: 1"},
-         "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
-         "<d:sync-collection xmlns:d=\"DAV:\"><d:sync-token>" +
-             xmlEscaped(token) +
-             "</d:sync-token><d:sync-level>1</d:sync-level><d:prop><d:getetag/></d:prop>"
-             "</d:sync-collection>"},
+        std::move(report),
         [&](DavResponse&& a) {
             std::string name = childName(url, a.href);
             if (name.empty())
@@ -623,19 +627,22 @@ CalDavService::listByTags(const std::string& url, const std::string& zoneName,
 
     std::map<std::string, std::string> wanted;
     std::set<std::string> present;
-    r = propfind(url, 1, "<d:getetag/>", [&](DavResponse&& a) {
-        std::string name = childName(url, a.href);
-        if (name.empty() && a.status == 404)
-            missing = true;
-        const auto* tag = a.property(davNs, "getetag");
-        if (name.empty() || tag == nullptr)
-            return;
-        present.insert(name);
-        std::string etag = trimmed(tag->text);
-        auto k = known.find(name);
-        if (k == known.end() || k->second != etag)
-            wanted[name] = etag;
-    });
+    r = propfind(
+        url, 1, "<d:getetag/>",
+        [&](DavResponse&& a) {
+            std::string name = childName(url, a.href);
+            if (name.empty() && a.status == 404)
+                missing = true;
+            const auto* tag = a.property(davNs, "getetag");
+            if (name.empty() || tag == nullptr)
+                return;
+            present.insert(name);
+            std::string etag = trimmed(tag->text);
+            auto k = known.find(name);
+            if (k == known.end() || k->second != etag)
+                wanted[name] = etag;
+        },
+        true);
     if (r.status == 404 || moved(r.status) || missing)
         return std::nullopt;
     if (r.status != 207)
@@ -663,44 +670,45 @@ void CalDavService::fetchBodies(const std::string& url, const std::string& zoneN
                      "</d:href>";
         }
         std::set<std::string> answered;
-        HttpResponse r = sendReading(
-            {"REPORT",
-             url,
-             {xmlType, "Depth: 1"},
-             "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
-             "<c:calendar-multiget xmlns:d=\"DAV:\" xmlns:c=\"urn:ietf:params:xml:ns:caldav\">"
-             "<d:prop><d:getetag/><c:calendar-data/></d:prop>" +
-                 hrefs + "</c:calendar-multiget>"},
-            [&](DavResponse&& a) {
-                std::string name = childName(url, a.href);
-                if (!asked.count(name) || !answered.insert(name).second)
-                    return;
-                if (a.effectiveStatus() == 404) {
-                    // Gone between the listing and now.
-                    if (known.count(name))
-                        changes.deleted.push_back(name);
-                    return;
-                }
-                if (a.oversized) {
-                    changes.unreadable.emplace_back(name, "the event is too large to read");
-                    return;
-                }
-                const auto* data = a.property(calDavNs, "calendar-data");
-                if (data == nullptr) {
-                    changes.unreadable.emplace_back(name, "the server sent no event data");
-                    return;
-                }
-                const auto* tag = a.property(davNs, "getetag");
-                try {
-                    RemoteRecord remote{
-                        readZoneResource(data->text, std::string(eventRecordType), zoneName), name,
-                        tag ? trimmed(tag->text) : wanted.at(name)};
-                    ++bodies_;
-                    changes.changed.push_back(std::move(remote));
-                } catch (const CloudError& e) {
-                    changes.unreadable.emplace_back(name, e.what());
-                }
-            });
+        HttpRequest multiget{
+            "REPORT",
+            url,
+            {xmlType, "Depth: 1"},
+            "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
+            "<c:calendar-multiget xmlns:d=\"DAV:\" xmlns:c=\"urn:ietf:params:xml:ns:caldav\">"
+            "<d:prop><d:getetag/><c:calendar-data/></d:prop>" +
+                hrefs + "</c:calendar-multiget>"};
+        multiget.slowToStart = true;
+        HttpResponse r = sendReading(std::move(multiget), [&](DavResponse&& a) {
+            std::string name = childName(url, a.href);
+            if (!asked.count(name) || !answered.insert(name).second)
+                return;
+            if (a.effectiveStatus() == 404) {
+                // Gone between the listing and now.
+                if (known.count(name))
+                    changes.deleted.push_back(name);
+                return;
+            }
+            if (a.oversized) {
+                changes.unreadable.emplace_back(name, "the event is too large to read");
+                return;
+            }
+            const auto* data = a.property(calDavNs, "calendar-data");
+            if (data == nullptr) {
+                changes.unreadable.emplace_back(name, "the server sent no event data");
+                return;
+            }
+            const auto* tag = a.property(davNs, "getetag");
+            try {
+                RemoteRecord remote{
+                    readZoneResource(data->text, std::string(eventRecordType), zoneName), name,
+                    tag ? trimmed(tag->text) : wanted.at(name)};
+                ++bodies_;
+                changes.changed.push_back(std::move(remote));
+            } catch (const CloudError& e) {
+                changes.unreadable.emplace_back(name, e.what());
+            }
+        });
         if (r.status == 404 || moved(r.status))
             throw ZoneMissing("zone " + zoneName + " went away while it was read");
         if (r.status != 207)

@@ -82,7 +82,8 @@ class CalDavService : public CloudService {
     HttpResponse sendReading(HttpRequest request, const std::function<void(DavResponse&&)>& each,
                              std::string* syncToken = nullptr) const;
     HttpResponse propfind(const std::string& url, int depth, const std::string& props,
-                          const std::function<void(DavResponse&&)>& each) const;
+                          const std::function<void(DavResponse&&)>& each,
+                          bool slowToStart = false) const;
     // Discovery's steps: the principal, from the address given or the well-known one, one
     // PROPFIND (a probe) at a time; then the addresses the principal names.
     struct Probe;

@@ -82,6 +82,7 @@ struct Transfer {
     std::string refused;            // why the reader stopped reading the answer
     std::exception_ptr streamError; // what the stream threw
     std::chrono::steady_clock::time_point lastActivity = std::chrono::steady_clock::now();
+    bool answered = false; // the server sent a byte of its answer
     std::string_view upload;
     std::size_t uploaded = 0;
 };
@@ -124,6 +125,7 @@ std::size_t readHeader(char* data, std::size_t size, std::size_t count, void* ta
     auto* t = static_cast<Transfer*>(target);
     HttpResponse* response = t->response;
     t->lastActivity = std::chrono::steady_clock::now();
+    t->answered = true;
     std::string_view line(data, size * count);
     auto colon = line.find(':');
     if (colon != std::string_view::npos) {
@@ -463,7 +465,8 @@ Ending drive(HandleLease& lease, Transfer& transfer, const HttpClient::HandlePoo
             return {Ending::Reason::cancelled};
         if (now - started >= limits.deadline)
             return {Ending::Reason::deadline};
-        if (now - transfer.lastActivity >= limits.stall)
+        const bool waiting = transfer.request->slowToStart && !transfer.answered;
+        if (now - transfer.lastActivity >= limits.stall && !waiting)
             return {Ending::Reason::stall};
         const auto left = std::min(limits.deadline - (now - started),
                                    Clock::duration(std::chrono::milliseconds(100)));

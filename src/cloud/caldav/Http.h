@@ -36,6 +36,9 @@ struct HttpRequest {
     std::function<void(std::string_view)> stream;
     // Other answers are kept up to this size; beyond it the rest is not read (`truncated`).
     std::size_t maxBody = std::size_t(1) << 20;
+    // A whole listing may keep a server quiet for long before its first byte (one that builds its
+    // cache first): the stall limit counts only from then on; the deadline still holds.
+    bool slowToStart = false;
 };
 
 struct HttpResponse {
