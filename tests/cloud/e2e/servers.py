@@ -48,9 +48,12 @@ def wait_http(url, timeout=20):
 
 
 class Process:
-    def __init__(self, args, **kw):
-        self.proc = subprocess.Popen(args, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                                     start_new_session=True, **kw)
+    def __init__(self, args, log=None, **kw):
+        """`log`: a file that gets the server's own log lines."""
+        out = open(log, "ab") if log else subprocess.DEVNULL
+        self.proc = subprocess.Popen(args, stdout=out, stderr=out, start_new_session=True, **kw)
+        if log:
+            out.close()
 
     def stop(self):
         if self.proc.poll() is None:
@@ -63,7 +66,7 @@ class Process:
 
 
 class Radicale(Process):
-    def __init__(self, folder, user="alice", password="s3cret", port=None):
+    def __init__(self, folder, user="alice", password="s3cret", port=None, log=None):
         """`port`: that of a stopped server on the same folder, to start it again."""
         self.folder = folder
         self.user, self.password = user, password
@@ -87,7 +90,7 @@ filesystem_folder = {folder}/collections
 [web]
 type = none
 """)
-        super().__init__([PYTHON, "-m", "radicale", "--config", config])
+        super().__init__([PYTHON, "-m", "radicale", "--config", config], log=log)
         self.url = f"http://127.0.0.1:{self.port}/"
         wait_http(self.url)
 
