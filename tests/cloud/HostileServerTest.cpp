@@ -64,6 +64,25 @@ TEST(HostileServer, ATricklingServerCostsOneDeadlinePerPass) {
     EXPECT_EQ(server.requests().size(), 2u);
 }
 
+// A server that reads a whole calendar before it answers the first listing after its start.
+TEST(HostileServer, AWholeListingWaitsForItsFirstByteOtherRequestsDoNot) {
+    ScriptedDavServer server;
+    auto service = over(server.url(), {2s, 1s, 3s, 3s});
+    const std::string zone = "com.vostrel.almanor.zone";
+    service->saveZone(zone);
+    server.setFault("fault=late every=2 method=REPORT");
+    EXPECT_EQ(failureOf([&] { service->fetchChanges(zone, {}, {}); }), "no failure");
+    server.setFault("fault=late every=4 method=REPORT");
+    EXPECT_NE(failureOf([&] {
+                  service->fetchChanges(zone, {}, {});
+              }).find("did not begin its answer within 3 s"),
+              std::string::npos);
+    service->startPass();
+    server.setFault("fault=late every=2 method=PROPFIND");
+    EXPECT_NE(failureOf([&] { service->fetchAllZones(); }).find("nothing from the server for 1 s"),
+              std::string::npos);
+}
+
 TEST(HostileServer, AnAnswerPastTheCapIsRefusedInOneLine) {
     ScriptedDavServer server;
     caldav::Limits small;

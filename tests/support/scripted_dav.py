@@ -12,10 +12,10 @@ getetag, getctag, sync-token), MKCALENDAR, PUT and DELETE with If-Match / If-Non
 REPORT calendar-query, calendar-multiget and, unless --no-sync-collection, sync-collection.
 
 Before each request it reads the control file, words of the form key=value:
-  fault=pass | trickle | hang | html | html207 | junk-elements | junk-responses | junk-text |
+  fault=pass | trickle | late | hang | html | html207 | junk-elements | junk-responses | junk-text |
         junk-tag | big | redirect
   method=M   only requests with this method get the fault (default: every request)
-  every=S    trickle: one byte every S seconds (default 1)
+  every=S    trickle: one byte every S seconds (default 1); late: the answer after S seconds
   size=N     junk and big: bytes in the answer (default 200000000)
   to=URL     redirect: where a 301 sends the client
 Each request is appended to --log as "METHOD PATH AUTH" (AUTH: the user name sent, or "-").
@@ -146,6 +146,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
         if fault == "hang":
             time.sleep(3600)
             return True
+        if fault == "late":
+            time.sleep(float(words["every"]))
+            return False
         if fault == "trickle":
             every = float(words["every"])
             self.send_response(207)

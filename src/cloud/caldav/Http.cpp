@@ -438,7 +438,7 @@ void setTransferCallbacks(CURL* h, Transfer& transfer) {
 
 // How the loop that drives a transfer ended.
 struct Ending {
-    enum class Reason { done, deadline, stall, cancelled } reason = Reason::done;
+    enum class Reason { done, deadline, firstByte, stall, cancelled } reason = Reason::done;
     CURLcode code = CURLE_OK; // libcurl's result, when done
 };
 
@@ -447,7 +447,8 @@ struct Ending {
 Ending drive(HandleLease& lease, Transfer& transfer, const HttpClient::HandlePool& pool,
              const Limits& limits, const std::string& what) {
     using Clock = std::chrono::steady_clock;
-    const auto started = Clock::now();
+    auto started = Clock::now();
+    bool answerStarted = false;
     transfer.lastActivity = started;
     Attached attached(lease.multi(), transfer.easy);
     for (;;) {
@@ -463,13 +464,21 @@ Ending drive(HandleLease& lease, Transfer& transfer, const HttpClient::HandlePoo
         const auto now = Clock::now();
         if (pool.cancelled)
             return {Ending::Reason::cancelled};
-        if (now - started >= limits.deadline)
-            return {Ending::Reason::deadline};
+        // A request slow to start waits for its first byte, then gets the deadline for its answer.
         const bool waiting = transfer.request->slowToStart && !transfer.answered;
+        if (transfer.request->slowToStart && transfer.answered && !answerStarted) {
+            answerStarted = true;
+            started = now;
+        }
+        if (waiting && now - started >= limits.firstByte)
+            return {Ending::Reason::firstByte};
+        if (!waiting && now - started >= limits.deadline)
+            return {Ending::Reason::deadline};
         if (now - transfer.lastActivity >= limits.stall && !waiting)
             return {Ending::Reason::stall};
-        const auto left = std::min(limits.deadline - (now - started),
-                                   Clock::duration(std::chrono::milliseconds(100)));
+        const auto limit = waiting ? limits.firstByte : limits.deadline;
+        const auto left =
+            std::min(limit - (now - started), Clock::duration(std::chrono::milliseconds(100)));
         const int waitMs =
             int(std::max<long long>(1, std::chrono::ceil<std::chrono::milliseconds>(left).count()));
         if (curl_multi_poll(lease.multi(), nullptr, 0, waitMs, nullptr) != CURLM_OK)
@@ -517,6 +526,10 @@ void throwIfFailed(const Ending& ending, const Transfer& transfer, const char* e
     case Ending::Reason::deadline:
         unreachable = "the server did not finish its answer within " +
                       std::to_string(limits.deadline.count()) + " s";
+        break;
+    case Ending::Reason::firstByte:
+        unreachable = "the server did not begin its answer within " +
+                      std::to_string(limits.firstByte.count()) + " s";
         break;
     case Ending::Reason::stall:
         unreachable = "nothing from the server for " + std::to_string(limits.stall.count()) + " s";
