@@ -760,41 +760,80 @@ ZoneChanges CalDavService::fetchChanges(const std::string& zoneName, const std::
         });
 }
 
-std::string CalDavService::put(const CloudRecord& record, const std::string& resource,
-                               const std::string& condition) {
-    return onCollection<std::string>(
-        record.recordId.zoneName, [&](const std::string& url) -> std::optional<std::string> {
-            const std::string target = url + percentEncodeSegment(resource);
-            std::vector<std::string> headers = {calendarType};
-            if (!condition.empty())
-                headers.push_back(condition);
-            auto now = std::chrono::time_point_cast<std::chrono::milliseconds>(
-                std::chrono::system_clock::now());
-            HttpResponse r = send({"PUT", target, headers, writeRecordCalendar(record, now)});
-            if (success(r.status))
-                return r.etag;
-            const std::string what = "saving record " + record.recordId.recordName;
-            if (r.status == 412)
-                throw PreconditionFailed(what + ": the server holds another version (412)");
-            if (r.status == 404 || r.status == 409 || moved(r.status)) {
-                // The collection, or only the resource (If-Match on a deleted one)?
-                if (!exists(url))
-                    return std::nullopt;
-                if (r.status == 404)
-                    throw PreconditionFailed(what + ": the resource is gone (404)");
-            }
-            failStatus(what, target, r);
-        });
+std::optional<std::string> CalDavService::put(const std::string& collection,
+                                              const std::string& target, const std::string& body,
+                                              const std::string& condition,
+                                              const std::string& what) {
+    std::vector<std::string> headers = {calendarType};
+    if (!condition.empty())
+        headers.push_back(condition);
+    HttpResponse r = send({"PUT", target, headers, body});
+    if (success(r.status))
+        return r.etag;
+    if (r.status == 412)
+        throw PreconditionFailed(what + ": the server holds another version (412)");
+    if (r.status == 404 || r.status == 409 || moved(r.status)) {
+        // The collection, or only the resource (If-Match on a deleted one)?
+        if (!exists(collection))
+            return std::nullopt;
+        if (r.status == 404)
+            throw PreconditionFailed(what + ": the resource is gone (404)");
+    }
+    failStatus(what, target, r);
 }
 
+namespace {
+
+Instant nowToTheMillisecond() {
+    return std::chrono::time_point_cast<std::chrono::milliseconds>(
+        std::chrono::system_clock::now());
+}
+
+} // namespace
+
 std::string CalDavService::createRecord(const CloudRecord& record, const std::string& resource) {
-    return put(record, resource, "If-None-Match: *");
+    const std::string what = "saving record " + record.recordId.recordName;
+    const std::string body = writeRecordCalendar(record, nowToTheMillisecond());
+    return onCollection<std::string>(
+        record.recordId.zoneName, [&](const std::string& url) -> std::optional<std::string> {
+            return put(url, url + percentEncodeSegment(resource), body, "If-None-Match: *", what);
+        });
 }
 
 std::string CalDavService::replaceRecord(const CloudRecord& record, const std::string& resource,
                                          const std::string& etag) {
-    // A server that gives no tags cannot be written conditionally.
-    return put(record, resource, etag.empty() ? std::string() : "If-Match: " + etag);
+    const std::string what = "saving record " + record.recordId.recordName;
+    // The edit goes into the server's own copy, so that what calendar apps keep in the event
+    // (alarms, the end, exceptions, a time of day in its zone) stays: one GET before each PUT,
+    // a round trip and the event's body more.
+    return onCollection<std::string>(
+        record.recordId.zoneName, [&](const std::string& url) -> std::optional<std::string> {
+            const std::string target = url + percentEncodeSegment(resource);
+            HttpRequest request("GET", target, {"Accept: text/calendar"});
+            request.maxBody = MultistatusLimits{}.responseBytes;
+            HttpResponse r = send(request);
+            if (r.status == 404 || r.status == 410 || moved(r.status)) {
+                if (!exists(url))
+                    return std::nullopt;
+                throw PreconditionFailed(what + ": the resource is gone (" +
+                                         std::to_string(r.status) + ")");
+            }
+            if (r.status != 200)
+                failStatus(what, target, r);
+            if (r.truncated)
+                throw CloudError(what + ": the event on the server is too large to read");
+            // What the If-Match would refuse is refused before the merge; a server that gives no
+            // tags cannot be written conditionally.
+            if (!etag.empty() && !r.etag.empty() && r.etag != etag)
+                throw PreconditionFailed(what + ": the server holds another version");
+            std::string body;
+            try {
+                body = mergeRecordCalendar(r.body, record, nowToTheMillisecond());
+            } catch (const CloudError& e) {
+                throw CloudError(what + ": " + e.what());
+            }
+            return put(url, target, body, etag.empty() ? std::string() : "If-Match: " + etag, what);
+        });
 }
 
 void CalDavService::deleteRecord(const std::string& zoneName, const std::string& resource,
