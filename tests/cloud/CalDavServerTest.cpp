@@ -347,6 +347,15 @@ TEST(CalDavAccount, StatusNeedsNoNetworkAndReportsPasswordFailures) {
     // Nothing listens there: the status still answers, from the password alone.
     CalDavService ok("http://127.0.0.1:9/", "u", [] { return std::string("pw"); });
     EXPECT_EQ(ok.accountStatus(), AccountStatus::available);
+    // Nor does a resource name that names no event: it is refused before any request.
+    const CloudRecord r = eventRecord(appZone, "r", "R");
+    for (const std::string bad : {"", ".ics", "..", "a/b.ics", "a\nb.ics", "\xff.ics"}) {
+        EXPECT_THROW(ok.createRecord(r, bad), CloudError);
+        EXPECT_THROW(ok.replaceRecord(r, bad, "\"e\""), CloudError);
+        EXPECT_THROW(ok.deleteRecord(appZone, bad, "\"e\""), CloudError);
+        EXPECT_THROW(ok.fetchRecord(appZone, bad), CloudError);
+    }
+    EXPECT_EQ(ok.requestsSent(), 0);
     CalDavService locked("http://127.0.0.1:9/", "u",
                          []() -> std::string { throw CloudError("the keyring is locked"); });
     try {

@@ -4,6 +4,7 @@
 #include "cloud/caldav/RecordCalendar.h"
 #include "model/Text.h"
 #include "platform/UrlText.h"
+#include "platform/Utf8.h"
 #include "platform/XmlText.h"
 
 #include <algorithm>
@@ -84,6 +85,28 @@ std::string childName(const std::string& collection, const std::string& href) {
     if (rest.find('/') != std::string::npos)
         return {};
     return rest;
+}
+
+// A resource name that names no event of the collection (none, the collection itself or another
+// place, a name no server keeps) is refused before anything is sent.
+void checkResource(const std::string& resource, const std::string& what) {
+    std::string why;
+    if (resource.empty() || resource == ".ics")
+        why = "no name";
+    else if (resource == "." || resource == "..")
+        why = "a folder's name";
+    else if (resource.find('/') != std::string::npos)
+        why = "a name with \"/\"";
+    else if (!utf8::isValid(resource))
+        why = "a name that is not UTF-8";
+    for (std::string_view rest = resource; why.empty() && !rest.empty();) {
+        const utf8::Character c = utf8::decodeFirst(rest);
+        if (c.codePoint < 0x20 || (c.codePoint >= 0x7F && c.codePoint < 0xA0))
+            why = "a name with a control character";
+        rest.remove_prefix(c.length);
+    }
+    if (!why.empty())
+        throw CloudError(what + ": the resource has " + why + "; nothing was sent");
 }
 
 constexpr std::string_view syncPrefix = "sync:";
@@ -793,6 +816,7 @@ Instant nowToTheMillisecond() {
 
 std::string CalDavService::createRecord(const CloudRecord& record, const std::string& resource) {
     const std::string what = "saving record " + record.recordId.recordName;
+    checkResource(resource, what);
     const std::string body = writeRecordCalendar(record, nowToTheMillisecond());
     return onCollection<std::string>(
         record.recordId.zoneName, [&](const std::string& url) -> std::optional<std::string> {
@@ -803,6 +827,7 @@ std::string CalDavService::createRecord(const CloudRecord& record, const std::st
 std::string CalDavService::replaceRecord(const CloudRecord& record, const std::string& resource,
                                          const std::string& etag) {
     const std::string what = "saving record " + record.recordId.recordName;
+    checkResource(resource, what);
     // The edit goes into the server's own copy, so that what calendar apps keep in the event
     // (alarms, the end, exceptions, a time of day in its zone) stays: one GET before each PUT,
     // a round trip and the event's body more.
@@ -838,6 +863,7 @@ std::string CalDavService::replaceRecord(const CloudRecord& record, const std::s
 
 void CalDavService::deleteRecord(const std::string& zoneName, const std::string& resource,
                                  const std::string& etag) {
+    checkResource(resource, "deleting a record of zone " + zoneName);
     const std::string target = zoneUrl(zoneName) + percentEncodeSegment(resource);
     std::vector<std::string> headers;
     if (!etag.empty())
@@ -857,6 +883,7 @@ void CalDavService::deleteRecord(const std::string& zoneName, const std::string&
 
 std::optional<RemoteRecord> CalDavService::fetchRecord(const std::string& zoneName,
                                                        const std::string& resource) {
+    checkResource(resource, "reading a record of zone " + zoneName);
     const std::string target = zoneUrl(zoneName) + percentEncodeSegment(resource);
     HttpRequest request("GET", target, {"Accept: text/calendar"});
     request.maxBody = MultistatusLimits{}.responseBytes;

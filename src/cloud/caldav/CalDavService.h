@@ -17,7 +17,8 @@ namespace almanor::caldav {
 // calendar home, records are event resources. Changes are listed with sync-collection (RFC 6578)
 // where the server offers it, else by comparing getctag and getetag; bodies come through
 // calendar-multiget, only for what changed. Writes are conditional (If-None-Match, If-Match); a
-// replace edits the server's current copy of the event.
+// replace edits the server's current copy of the event. A resource name that names no event
+// (empty, ".ics" alone, with "/" or control characters, not UTF-8) is refused before any request.
 class CalDavService : public CloudService {
   public:
     using PasswordSource = HttpClient::PasswordSource;
