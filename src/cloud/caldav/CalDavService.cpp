@@ -109,6 +109,20 @@ void checkResource(const std::string& resource, const std::string& what) {
         throw CloudError(what + ": the resource has " + why + "; nothing was sent");
 }
 
+// Whether two entity tags name one version, however each answer spelt it (weak or not, quoted or
+// not): the If-Match that follows is the server's own word.
+bool sameTag(std::string_view a, std::string_view b) {
+    auto bare = [](std::string_view given) {
+        std::string tag = trimmed(given);
+        if (tag.rfind("W/", 0) == 0)
+            tag.erase(0, 2);
+        if (tag.size() >= 2 && tag.front() == '"' && tag.back() == '"')
+            tag = tag.substr(1, tag.size() - 2);
+        return tag;
+    };
+    return bare(a) == bare(b);
+}
+
 constexpr std::string_view syncPrefix = "sync:";
 constexpr std::string_view ctagPrefix = "ctag:";
 
@@ -849,7 +863,7 @@ std::string CalDavService::replaceRecord(const CloudRecord& record, const std::s
                 throw CloudError(what + ": the event on the server is too large to read");
             // What the If-Match would refuse is refused before the merge; a server that gives no
             // tags cannot be written conditionally.
-            if (!etag.empty() && !r.etag.empty() && r.etag != etag)
+            if (!etag.empty() && !r.etag.empty() && !sameTag(r.etag, etag))
                 throw PreconditionFailed(what + ": the server holds another version");
             std::string body;
             try {

@@ -615,16 +615,17 @@ icalproperty* fieldProperty(const std::string& key, const FieldValue& value) {
     return p;
 }
 
-// The calendar as text. libical writes each property but X- ones of plain text, whose commas
-// and semicolons it leaves bare (servers cut values there): those are escaped here.
+// The calendar as text. libical writes each property but X- ones of text, whose commas and
+// semicolons it leaves bare (servers cut values there): those are escaped here.
 void serialize(icalcomponent* c, std::string& out) {
     const std::string kind = icalcomponent_kind_to_string(icalcomponent_isa(c));
     out.append("BEGIN:").append(kind).append("\r\n");
     for (icalproperty* p = icalcomponent_get_first_property(c, ICAL_ANY_PROPERTY); p != nullptr;
          p = icalcomponent_get_next_property(c, ICAL_ANY_PROPERTY)) {
         icalvalue* value = icalproperty_get_value(p);
-        if (icalproperty_isa(p) == ICAL_X_PROPERTY && value != nullptr &&
-            icalvalue_isa(value) == ICAL_X_VALUE) {
+        const icalvalue_kind type = value ? icalvalue_isa(value) : ICAL_NO_VALUE;
+        if (icalproperty_isa(p) == ICAL_X_PROPERTY &&
+            (type == ICAL_X_VALUE || type == ICAL_TEXT_VALUE)) {
             std::string line = icalproperty_get_x_name(p);
             for (icalparameter* q = icalproperty_get_first_parameter(p, ICAL_ANY_PARAMETER);
                  q != nullptr; q = icalproperty_get_next_parameter(p, ICAL_ANY_PARAMETER)) {
@@ -632,7 +633,8 @@ void serialize(icalcomponent* c, std::string& out) {
                 if (text)
                     line.append(";").append(text.get());
             }
-            const char* x = icalvalue_get_x(value);
+            const char* x =
+                type == ICAL_X_VALUE ? icalvalue_get_x(value) : icalvalue_get_text(value);
             line.append(":").append(escapeText(x ? x : ""));
             out.append(foldLine(line)).append("\r\n");
         } else if (BufferPtr text{icalproperty_as_ical_string_r(p)}) {
