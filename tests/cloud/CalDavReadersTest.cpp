@@ -202,14 +202,24 @@ TEST(RecordCalendar, AnEventAnAppMadeIsARecordNamedByItsUid) {
 
 TEST(RecordCalendar, RecurrenceRulesLandOnTheCountedDays) {
     setenv("TZ", "UTC", 1);
-    auto rule = [](year_month_day day, std::int64_t schedule) {
+    auto written = [](sys_days day, std::int64_t schedule, const std::string& current = {}) {
         CloudRecord r = sample("x");
-        r.fields["CD_date"] = Instant{sys_days{day}};
+        r.fields["CD_date"] = Instant{day};
         r.fields["CD_recurring"] = schedule;
-        std::string ics = writeRecordCalendar(r, Instant{});
-        auto at = ics.find("RRULE:");
-        return at == std::string::npos ? std::string()
-                                       : ics.substr(at + 6, ics.find("\r\n", at) - at - 6);
+        return current.empty() ? writeRecordCalendar(r, Instant{})
+                               : mergeRecordCalendar(current, r, Instant{});
+    };
+    auto rule = [&](year_month_day day, std::int64_t schedule) {
+        auto of = [](const std::string& ics) {
+            auto at = ics.find("RRULE:");
+            return at == std::string::npos ? std::string()
+                                           : ics.substr(at + 6, ics.find("\r\n", at) - at - 6);
+        };
+        const std::string fresh = of(written(day, schedule));
+        // An edit of the schedule, or of the day of an event with it, writes the same rule.
+        EXPECT_EQ(of(written(day, schedule, written(day, (schedule + 1) % 4))), fresh);
+        EXPECT_EQ(of(written(day, schedule, written(sys_days{day} - days{1}, schedule))), fresh);
+        return fresh;
     };
     EXPECT_EQ(rule(year{2027} / 3 / 14, 1), "FREQ=WEEKLY;BYDAY=SU");
     EXPECT_EQ(rule(year{2027} / 3 / 14, 2), "FREQ=MONTHLY;BYMONTHDAY=14");
