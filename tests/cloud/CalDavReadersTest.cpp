@@ -194,6 +194,12 @@ TEST(RecordCalendar, AnEventAnAppMadeIsARecordNamedByItsUid) {
                  CloudError);
     EXPECT_THROW(readZoneResource("BEGIN:VCALENDAR\r\nEND:VCALENDAR\r\n", "CD_Event", "zone"),
                  CloudError);
+    // An edit of an event with parts libical cannot write back is refused rather than lossy.
+    for (const std::string part : {"FOO-BAR:1", "X-EMPTY:", "BEGIN:X-THING\r\nEND:X-THING"})
+        EXPECT_THROW(mergeRecordCalendar(withLine(app, "SUMMARY", "SUMMARY:x\r\n" + part), r, {}),
+                     CloudError)
+            << part;
+    EXPECT_NO_THROW(mergeRecordCalendar(app, r, {}));
     // The legacy zone's reader still leaves such events out.
     EXPECT_FALSE(readRecordCalendar(app, "CD_Event", "zone"));
     setenv("TZ", "UTC", 1);
