@@ -147,15 +147,59 @@ TEST(RecordCalendar, AnEventAnAppMadeIsARecordNamedByItsUid) {
               Instant{sys_days{year{2027} / 12 / 23} + hours{15}}); // Tokyo midnight in UTC
     EXPECT_EQ(r.fields.count("CD_eventId"), 0u);
     EXPECT_EQ(r.modified, Instant{sys_days{year{2026} / 11 / 1} + hours{10}});
-    // A timed event in a zone of its own, and one without a UID or without any event.
-    CloudRecord timed =
-        readZoneResource(withLine(app, "DTSTART", "DTSTART:20271224T093000Z"), "CD_Event", "zone");
-    EXPECT_EQ(std::get<Instant>(timed.fields.at("CD_date")),
-              Instant{sys_days{year{2027} / 12 / 24} + hours{9} + minutes{30}});
+    // Times in their own zone, by the resource's VTIMEZONE (of a name no system knows) or else the
+    // system's; UTC ones in UTC, floating ones and unknown zones in the user's (Tokyo's).
+    const std::string nz = "END:VEVENT\r\nBEGIN:VTIMEZONE\r\nTZID:New Zealand\r\nBEGIN:STANDARD\r\n"
+                           "DTSTART:19700405T030000\r\nTZOFFSETFROM:+1300\r\nTZOFFSETTO:+1200\r\n"
+                           "RRULE:FREQ=YEARLY;BYMONTH=4;BYDAY=1SU\r\nEND:STANDARD\r\n"
+                           "BEGIN:DAYLIGHT\r\nDTSTART:19700927T020000\r\nTZOFFSETFROM:+1200\r\n"
+                           "TZOFFSETTO:+1300\r\nRRULE:FREQ=YEARLY;BYMONTH=9;BYDAY=-1SU\r\n"
+                           "END:DAYLIGHT\r\nEND:VTIMEZONE";
+    const sys_days may9{year{2031} / 5 / 9};
+    for (const auto& [calendar, start, at] :
+         std::vector<std::tuple<std::string, std::string, Instant>>{
+             {app, "DTSTART;TZID=Pacific/Auckland:20310510T003000", may9 + hours{12} + minutes{30}},
+             {withLine(app, "END:VEVENT", nz), "DTSTART;TZID=New Zealand:20310510T003000",
+              may9 + hours{12} + minutes{30}},
+             {app, "DTSTART;TZID=New Zealand:20310510T003000", may9 + hours{15} + minutes{30}},
+             {app, "DTSTART:20310510T003000Z", may9 + hours{24} + minutes{30}},
+             {app, "DTSTART:20310510T003000", may9 + hours{15} + minutes{30}}})
+        EXPECT_EQ(std::get<Instant>(
+                      readZoneResource(withLine(calendar, "DTSTART", start), "CD_Event", "zone")
+                          .fields.at("CD_date")),
+                  at)
+            << start;
+    // A plain rule is the schedule; any other is none (and stays as it is).
+    for (const auto& [rule, schedule] : std::vector<std::pair<std::string, std::int64_t>>{
+             {"FREQ=WEEKLY;WKST=SU", 1},
+             {"FREQ=WEEKLY;BYDAY=FR", 1},
+             {"FREQ=MONTHLY;INTERVAL=1", 2},
+             {"FREQ=MONTHLY;BYMONTHDAY=24", 2},
+             {"FREQ=YEARLY;BYMONTH=12", 3},
+             {"FREQ=YEARLY;BYMONTHDAY=24;BYMONTH=12", 3},
+             {"FREQ=WEEKLY;INTERVAL=2", 0},
+             {"FREQ=MONTHLY;COUNT=3", 0},
+             {"FREQ=YEARLY;UNTIL=20301224", 0},
+             {"FREQ=WEEKLY;BYDAY=MO", 0},
+             {"FREQ=YEARLY;BYMONTHDAY=24", 0},
+             {"FREQ=DAILY", 0}}) {
+        auto fields = readZoneResource(withLine(app, "SUMMARY", "SUMMARY:x\r\nRRULE:" + rule),
+                                       "CD_Event", "zone")
+                          .fields;
+        EXPECT_EQ(fields.count("CD_recurring") ? fields.at("CD_recurring") : FieldValue(0L),
+                  FieldValue(schedule))
+            << rule;
+    }
     EXPECT_THROW(readZoneResource(withLine(app, "UID", "X-NO-UID:1"), "CD_Event", "zone"),
                  CloudError);
     EXPECT_THROW(readZoneResource("BEGIN:VCALENDAR\r\nEND:VCALENDAR\r\n", "CD_Event", "zone"),
                  CloudError);
+    // An edit of an event with parts libical cannot write back is refused rather than lossy.
+    for (const std::string part : {"FOO-BAR:1", "X-EMPTY:", "BEGIN:X-THING\r\nEND:X-THING"})
+        EXPECT_THROW(mergeRecordCalendar(withLine(app, "SUMMARY", "SUMMARY:x\r\n" + part), r, {}),
+                     CloudError)
+            << part;
+    EXPECT_NO_THROW(mergeRecordCalendar(app, r, {}));
     // The legacy zone's reader still leaves such events out.
     EXPECT_FALSE(readRecordCalendar(app, "CD_Event", "zone"));
     setenv("TZ", "UTC", 1);
@@ -164,21 +208,31 @@ TEST(RecordCalendar, AnEventAnAppMadeIsARecordNamedByItsUid) {
 
 TEST(RecordCalendar, RecurrenceRulesLandOnTheCountedDays) {
     setenv("TZ", "UTC", 1);
-    auto rule = [](year_month_day day, std::int64_t schedule) {
+    auto written = [](sys_days day, std::int64_t schedule, const std::string& current = {}) {
         CloudRecord r = sample("x");
-        r.fields["CD_date"] = Instant{sys_days{day}};
+        r.fields["CD_date"] = Instant{day};
         r.fields["CD_recurring"] = schedule;
-        std::string ics = writeRecordCalendar(r, Instant{});
-        auto at = ics.find("RRULE:");
-        return at == std::string::npos ? std::string()
-                                       : ics.substr(at + 6, ics.find("\r\n", at) - at - 6);
+        return current.empty() ? writeRecordCalendar(r, Instant{})
+                               : mergeRecordCalendar(current, r, Instant{});
+    };
+    auto rule = [&](year_month_day day, std::int64_t schedule) {
+        auto of = [](const std::string& ics) {
+            auto at = ics.find("RRULE:");
+            return at == std::string::npos ? std::string()
+                                           : ics.substr(at + 6, ics.find("\r\n", at) - at - 6);
+        };
+        const std::string fresh = of(written(day, schedule));
+        // An edit of the schedule, or of the day of an event with it, writes the same rule.
+        EXPECT_EQ(of(written(day, schedule, written(day, (schedule + 1) % 4))), fresh);
+        EXPECT_EQ(of(written(day, schedule, written(sys_days{day} - days{1}, schedule))), fresh);
+        return fresh;
     };
     EXPECT_EQ(rule(year{2027} / 3 / 14, 1), "FREQ=WEEKLY;BYDAY=SU");
     EXPECT_EQ(rule(year{2027} / 3 / 14, 2), "FREQ=MONTHLY;BYMONTHDAY=14");
     EXPECT_EQ(rule(year{2027} / 1 / 31, 2), "FREQ=MONTHLY;BYMONTHDAY=31,-1;BYSETPOS=1");
     EXPECT_EQ(rule(year{2027} / 1 / 29, 2), "FREQ=MONTHLY;BYMONTHDAY=29,-1;BYSETPOS=1");
-    EXPECT_EQ(rule(year{2028} / 2 / 29, 3), "FREQ=YEARLY;BYMONTH=2;BYMONTHDAY=29,-1;BYSETPOS=1");
-    EXPECT_EQ(rule(year{2027} / 12 / 31, 3), "FREQ=YEARLY;BYMONTH=12;BYMONTHDAY=31");
+    EXPECT_EQ(rule(year{2028} / 2 / 29, 3), "FREQ=YEARLY;BYMONTHDAY=29,-1;BYMONTH=2;BYSETPOS=1");
+    EXPECT_EQ(rule(year{2027} / 12 / 31, 3), "FREQ=YEARLY;BYMONTHDAY=31;BYMONTH=12");
     EXPECT_EQ(rule(year{2027} / 12 / 31, 0), "");
 }
 

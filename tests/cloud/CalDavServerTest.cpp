@@ -200,6 +200,73 @@ TEST(CalendarApps, AnAppsRenameAndMoveOfOurEventReadAsTheChange) {
     tzset();
 }
 
+// A calendar app's event with what this program does not show: a zone and its time of day, an
+// end, an alarm, a rule of its own with an exception, a moved occurrence and a property of its own.
+const std::string dentist =
+    "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//a calendar app//EN\r\nBEGIN:VTIMEZONE\r\n"
+    "TZID:Europe/Prague\r\nBEGIN:DAYLIGHT\r\nDTSTART:19700329T020000\r\nTZOFFSETFROM:+0100\r\n"
+    "TZOFFSETTO:+0200\r\nRRULE:FREQ=YEARLY;BYMONTH=3;BYDAY=-1SU\r\nEND:DAYLIGHT\r\n"
+    "BEGIN:STANDARD\r\nDTSTART:19701025T030000\r\nTZOFFSETFROM:+0200\r\nTZOFFSETTO:+0100\r\n"
+    "RRULE:FREQ=YEARLY;BYMONTH=10;BYDAY=-1SU\r\nEND:STANDARD\r\nEND:VTIMEZONE\r\n"
+    "BEGIN:VEVENT\r\nUID:dentist-2\r\nDTSTAMP:20260101T000000Z\r\nSUMMARY:Dentist\r\n"
+    "DTSTART;TZID=Europe/Prague:20270412T093000\r\nDTEND;TZID=Europe/Prague:20270412T101500\r\n"
+    "RRULE:FREQ=WEEKLY;INTERVAL=2;COUNT=10\r\nEXDATE;TZID=Europe/Prague:20270426T093000\r\n"
+    "X-APP-NOTE:bring the card\\, the letter\r\nBEGIN:VALARM\r\nACTION:DISPLAY\r\n"
+    "DESCRIPTION:Dentist\r\nTRIGGER:-PT15M\r\nEND:VALARM\r\nEND:VEVENT\r\n"
+    "BEGIN:VEVENT\r\nUID:dentist-2\r\nDTSTAMP:20260101T000000Z\r\n"
+    "RECURRENCE-ID;TZID=Europe/Prague:20270510T093000\r\nSUMMARY:Dentist (moved)\r\n"
+    "DTSTART;TZID=Europe/Prague:20270511T140000\r\nDTEND;TZID=Europe/Prague:20270511T144500\r\n"
+    "END:VEVENT\r\nEND:VCALENDAR\r\n";
+
+template <typename Server>
+void editsKeepWhatAnAppWrote(const std::string& user, const std::string& password) {
+    using namespace std::chrono;
+    Server* server = nullptr;
+    auto service = serviceOver<Server>(user, password, {}, &server);
+    service->saveZone(appZone);
+    const std::string url = service->discoverHome() + appZone + "/dentist.ics";
+    caldav::HttpClient http(server->url(), user, [password] { return password; });
+    ASSERT_EQ(http.perform({"PUT", url, {"Content-Type: text/calendar"}, dentist}).status / 100, 2);
+    auto stored = [&] {
+        std::string text = http.perform({"GET", url}).body;
+        for (auto at = text.find("\r\n "); at != std::string::npos; at = text.find("\r\n ", at))
+            text.erase(at, 3);
+        return text;
+    };
+    auto held = service->fetchRecord(appZone, "dentist.ics");
+    ASSERT_TRUE(held);
+    EXPECT_EQ(std::get<Instant>(held->record.fields.at("CD_date")),
+              Instant{sys_days{year{2027} / 4 / 12} + hours{7} + minutes{30}}); // summer time
+    CloudRecord renamed = held->record;
+    renamed.fields["CD_name"] = std::string("Dentist, Dr. Nováková; 🦷");
+    renamed.fields["CD_alias"] = std::string("Teeth");
+    service->replaceRecord(renamed, "dentist.ics", held->etag);
+    // Renamed, then moved two days here: each time only that changes.
+    held = service->fetchRecord(appZone, "dentist.ics");
+    EXPECT_EQ(held->record.fields.at("CD_name"), renamed.fields.at("CD_name"));
+    const std::string afterRename = stored();
+    held->record.fields["CD_date"] = std::get<Instant>(held->record.fields.at("CD_date")) + 48h;
+    service->replaceRecord(held->record, "dentist.ics", held->etag);
+    const std::string afterMove = stored();
+    for (const auto& [text, day] : {std::pair{afterRename, "12"}, std::pair{afterMove, "14"}})
+        for (const std::string& kept :
+             {std::string("DTSTART;TZID=Europe/Prague:202704") + day + "T093000",
+              std::string("DTEND;TZID=Europe/Prague:202704") + day + "T101500",
+              std::string("SUMMARY:Dentist\\, Dr. Nováková\\; 🦷"),
+              std::string("BEGIN:VTIMEZONE"), std::string("TRIGGER:-PT15M"),
+              std::string("INTERVAL=2"), std::string("COUNT=10"),
+              std::string("EXDATE;TZID=Europe/Prague:20270426T093000"),
+              std::string("RECURRENCE-ID;TZID=Europe/Prague:20270510T093000"),
+              std::string("SUMMARY:Dentist (moved)"),
+              std::string("X-APP-NOTE:bring the card\\, the letter")})
+            EXPECT_NE(text.find(kept), std::string::npos) << kept << " in\n" << text;
+}
+
+TEST(CalendarApps, EditsHereKeepWhatAnAppWroteInTheEvent) {
+    editsKeepWhatAnAppWrote<RealServer>("alice", "s3cret");
+    editsKeepWhatAnAppWrote<Xandikos>("user", "any");
+}
+
 TEST(CalendarApps, AnUnreadableBodyIsListedAsSuchAndTheRestIsRead) {
     ScriptedDavServer* server = nullptr;
     auto service = serviceOver<ScriptedDavServer>("alice", "s3cret", {}, &server);
@@ -280,6 +347,15 @@ TEST(CalDavAccount, StatusNeedsNoNetworkAndReportsPasswordFailures) {
     // Nothing listens there: the status still answers, from the password alone.
     CalDavService ok("http://127.0.0.1:9/", "u", [] { return std::string("pw"); });
     EXPECT_EQ(ok.accountStatus(), AccountStatus::available);
+    // Nor does a resource name that names no event: it is refused before any request.
+    const CloudRecord r = eventRecord(appZone, "r", "R");
+    for (const std::string bad : {"", ".ics", "..", "a/b.ics", "a\nb.ics", "\xff.ics"}) {
+        EXPECT_THROW(ok.createRecord(r, bad), CloudError);
+        EXPECT_THROW(ok.replaceRecord(r, bad, "\"e\""), CloudError);
+        EXPECT_THROW(ok.deleteRecord(appZone, bad, "\"e\""), CloudError);
+        EXPECT_THROW(ok.fetchRecord(appZone, bad), CloudError);
+    }
+    EXPECT_EQ(ok.requestsSent(), 0);
     CalDavService locked("http://127.0.0.1:9/", "u",
                          []() -> std::string { throw CloudError("the keyring is locked"); });
     try {

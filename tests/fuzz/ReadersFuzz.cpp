@@ -75,6 +75,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         (void)almanor::caldav::readZoneResource(input, "CD_Event", "zone");
     } catch (const almanor::CloudError&) {
     }
+    // An edit is written into whatever the server holds.
+    try {
+        almanor::CloudRecord record{"CD_Event", {"r", "zone"}, {}};
+        record.fields["CD_name"] = std::string("n");
+        record.fields["CD_date"] = almanor::Instant{std::chrono::hours(24 * 3)};
+        record.fields["CD_recurring"] = std::int64_t{2};
+        (void)almanor::caldav::mergeRecordCalendar(input, record, {});
+    } catch (const almanor::CloudError&) {
+    }
     (void)almanor::redactUrls(input);
     (void)almanor::redactUrl(input);
     return 0;

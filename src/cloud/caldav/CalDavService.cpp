@@ -4,6 +4,7 @@
 #include "cloud/caldav/RecordCalendar.h"
 #include "model/Text.h"
 #include "platform/UrlText.h"
+#include "platform/Utf8.h"
 #include "platform/XmlText.h"
 
 #include <algorithm>
@@ -84,6 +85,42 @@ std::string childName(const std::string& collection, const std::string& href) {
     if (rest.find('/') != std::string::npos)
         return {};
     return rest;
+}
+
+// A resource name that names no event of the collection (none, the collection itself or another
+// place, a name no server keeps) is refused before anything is sent.
+void checkResource(const std::string& resource, const std::string& what) {
+    std::string why;
+    if (resource.empty() || resource == ".ics")
+        why = "no name";
+    else if (resource == "." || resource == "..")
+        why = "a folder's name";
+    else if (resource.find('/') != std::string::npos)
+        why = "a name with \"/\"";
+    else if (!utf8::isValid(resource))
+        why = "a name that is not UTF-8";
+    for (std::string_view rest = resource; why.empty() && !rest.empty();) {
+        const utf8::Character c = utf8::decodeFirst(rest);
+        if (c.codePoint < 0x20 || (c.codePoint >= 0x7F && c.codePoint < 0xA0))
+            why = "a name with a control character";
+        rest.remove_prefix(c.length);
+    }
+    if (!why.empty())
+        throw CloudError(what + ": the resource has " + why + "; nothing was sent");
+}
+
+// Whether two entity tags name one version, however each answer spelt it (weak or not, quoted or
+// not): the If-Match that follows is the server's own word.
+bool sameTag(std::string_view a, std::string_view b) {
+    auto bare = [](std::string_view given) {
+        std::string tag = trimmed(given);
+        if (tag.rfind("W/", 0) == 0)
+            tag.erase(0, 2);
+        if (tag.size() >= 2 && tag.front() == '"' && tag.back() == '"')
+            tag = tag.substr(1, tag.size() - 2);
+        return tag;
+    };
+    return bare(a) == bare(b);
 }
 
 constexpr std::string_view syncPrefix = "sync:";
@@ -768,45 +805,87 @@ ZoneChanges CalDavService::fetchChanges(const std::string& zoneName, const std::
         });
 }
 
-std::string CalDavService::put(const CloudRecord& record, const std::string& resource,
-                               const std::string& condition) {
-    return onCollection<std::string>(
-        record.recordId.zoneName, [&](const std::string& url) -> std::optional<std::string> {
-            const std::string target = url + percentEncodeSegment(resource);
-            std::vector<std::string> headers = {calendarType};
-            if (!condition.empty())
-                headers.push_back(condition);
-            auto now = std::chrono::time_point_cast<std::chrono::milliseconds>(
-                std::chrono::system_clock::now());
-            HttpResponse r = send({"PUT", target, headers, writeRecordCalendar(record, now)});
-            if (success(r.status))
-                return r.etag;
-            const std::string what = "saving record " + record.recordId.recordName;
-            if (r.status == 412)
-                throw PreconditionFailed(what + ": the server holds another version (412)");
-            if (r.status == 404 || r.status == 409 || moved(r.status)) {
-                // The collection, or only the resource (If-Match on a deleted one)?
-                if (!exists(url))
-                    return std::nullopt;
-                if (r.status == 404)
-                    throw PreconditionFailed(what + ": the resource is gone (404)");
-            }
-            failStatus(what, target, r);
-        });
+std::optional<std::string> CalDavService::put(const std::string& collection,
+                                              const std::string& target, const std::string& body,
+                                              const std::string& condition,
+                                              const std::string& what) {
+    std::vector<std::string> headers = {calendarType};
+    if (!condition.empty())
+        headers.push_back(condition);
+    HttpResponse r = send({"PUT", target, headers, body});
+    if (success(r.status))
+        return r.etag;
+    if (r.status == 412)
+        throw PreconditionFailed(what + ": the server holds another version (412)");
+    if (r.status == 404 || r.status == 409 || moved(r.status)) {
+        // The collection, or only the resource (If-Match on a deleted one)?
+        if (!exists(collection))
+            return std::nullopt;
+        if (r.status == 404)
+            throw PreconditionFailed(what + ": the resource is gone (404)");
+    }
+    failStatus(what, target, r);
 }
 
+namespace {
+
+Instant nowToTheMillisecond() {
+    return std::chrono::time_point_cast<std::chrono::milliseconds>(
+        std::chrono::system_clock::now());
+}
+
+} // namespace
+
 std::string CalDavService::createRecord(const CloudRecord& record, const std::string& resource) {
-    return put(record, resource, "If-None-Match: *");
+    const std::string what = "saving record " + record.recordId.recordName;
+    checkResource(resource, what);
+    const std::string body = writeRecordCalendar(record, nowToTheMillisecond());
+    return onCollection<std::string>(
+        record.recordId.zoneName, [&](const std::string& url) -> std::optional<std::string> {
+            return put(url, url + percentEncodeSegment(resource), body, "If-None-Match: *", what);
+        });
 }
 
 std::string CalDavService::replaceRecord(const CloudRecord& record, const std::string& resource,
                                          const std::string& etag) {
-    // A server that gives no tags cannot be written conditionally.
-    return put(record, resource, etag.empty() ? std::string() : "If-Match: " + etag);
+    const std::string what = "saving record " + record.recordId.recordName;
+    checkResource(resource, what);
+    // The edit goes into the server's own copy, so that what calendar apps keep in the event
+    // (alarms, the end, exceptions, a time of day in its zone) stays: one GET before each PUT,
+    // a round trip and the event's body more.
+    return onCollection<std::string>(
+        record.recordId.zoneName, [&](const std::string& url) -> std::optional<std::string> {
+            const std::string target = url + percentEncodeSegment(resource);
+            HttpRequest request("GET", target, {"Accept: text/calendar"});
+            request.maxBody = MultistatusLimits{}.responseBytes;
+            HttpResponse r = send(request);
+            if (r.status == 404 || r.status == 410 || moved(r.status)) {
+                if (!exists(url))
+                    return std::nullopt;
+                throw PreconditionFailed(what + ": the resource is gone (" +
+                                         std::to_string(r.status) + ")");
+            }
+            if (r.status != 200)
+                failStatus(what, target, r);
+            if (r.truncated)
+                throw CloudError(what + ": the event on the server is too large to read");
+            // What the If-Match would refuse is refused before the merge; a server that gives no
+            // tags cannot be written conditionally.
+            if (!etag.empty() && !r.etag.empty() && !sameTag(r.etag, etag))
+                throw PreconditionFailed(what + ": the server holds another version");
+            std::string body;
+            try {
+                body = mergeRecordCalendar(r.body, record, nowToTheMillisecond());
+            } catch (const CloudError& e) {
+                throw CloudError(what + ": " + e.what());
+            }
+            return put(url, target, body, etag.empty() ? std::string() : "If-Match: " + etag, what);
+        });
 }
 
 void CalDavService::deleteRecord(const std::string& zoneName, const std::string& resource,
                                  const std::string& etag) {
+    checkResource(resource, "deleting a record of zone " + zoneName);
     const std::string target = zoneUrl(zoneName) + percentEncodeSegment(resource);
     std::vector<std::string> headers;
     if (!etag.empty())
@@ -826,6 +905,7 @@ void CalDavService::deleteRecord(const std::string& zoneName, const std::string&
 
 std::optional<RemoteRecord> CalDavService::fetchRecord(const std::string& zoneName,
                                                        const std::string& resource) {
+    checkResource(resource, "reading a record of zone " + zoneName);
     const std::string target = zoneUrl(zoneName) + percentEncodeSegment(resource);
     HttpRequest request("GET", target, {"Accept: text/calendar"});
     request.maxBody = MultistatusLimits{}.responseBytes;

@@ -16,7 +16,9 @@ namespace almanor::caldav {
 // The user's cloud database over a CalDAV server: zones are calendar collections in the user's
 // calendar home, records are event resources. Changes are listed with sync-collection (RFC 6578)
 // where the server offers it, else by comparing getctag and getetag; bodies come through
-// calendar-multiget, only for what changed. Writes are conditional (If-None-Match, If-Match).
+// calendar-multiget, only for what changed. Writes are conditional (If-None-Match, If-Match); a
+// replace edits the server's current copy of the event. A resource name that names no event
+// (empty, ".ics" alone, with "/" or control characters, not UTF-8) is refused before any request.
 class CalDavService : public CloudService {
   public:
     using PasswordSource = HttpClient::PasswordSource;
@@ -46,7 +48,8 @@ class CalDavService : public CloudService {
     void trustOrigins(const std::vector<std::string>& origins);
     std::vector<std::string> trustedOrigins() const;
 
-    // What went over the network, for tests and benchmarks: requests sent, event bodies read.
+    // What went over the network, for tests and benchmarks: requests sent, event bodies read
+    // (a replace's read of the event it edits is a request, not a body read).
     int requestsSent() const { return requests_; }
     int bodiesRead() const { return bodies_; }
     // How many resources one calendar-multiget asks for.
@@ -112,8 +115,10 @@ class CalDavService : public CloudService {
     void fetchBodies(const std::string& url, const std::string& zoneName,
                      const std::map<std::string, std::string>& wanted,
                      const std::map<std::string, std::string>& known, ZoneChanges& changes);
-    std::string put(const CloudRecord& record, const std::string& resource,
-                    const std::string& condition);
+    // A PUT of `body` to `target` in `collection`; nullopt when the collection is missing.
+    std::optional<std::string> put(const std::string& collection, const std::string& target,
+                                   const std::string& body, const std::string& condition,
+                                   const std::string& what);
 
     std::string server_;
     std::optional<HttpClient> client_;

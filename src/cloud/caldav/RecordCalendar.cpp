@@ -7,10 +7,12 @@
 #include <array>
 #include <charconv>
 #include <ctime>
+#include <glib.h>
 #include <libical/ical.h>
 #include <memory>
 #include <mutex>
 #include <strings.h>
+#include <vector>
 
 namespace almanor::caldav {
 
@@ -29,6 +31,18 @@ struct ComponentDeleter {
     void operator()(icalcomponent* c) const { icalcomponent_free(c); }
 };
 using ComponentPtr = std::unique_ptr<icalcomponent, ComponentDeleter>;
+struct BufferDeleter {
+    void operator()(char* s) const { icalmemory_free_buffer(s); }
+};
+using BufferPtr = std::unique_ptr<char, BufferDeleter>;
+struct TimeZoneDeleter {
+    void operator()(GTimeZone* z) const { g_time_zone_unref(z); }
+};
+using TimeZonePtr = std::unique_ptr<GTimeZone, TimeZoneDeleter>;
+struct DateTimeDeleter {
+    void operator()(GDateTime* t) const { g_date_time_unref(t); }
+};
+using DateTimePtr = std::unique_ptr<GDateTime, DateTimeDeleter>;
 
 // The one place that turns libical's failure into an error.
 [[noreturn]] void failIcal(const char* what) {
@@ -120,35 +134,14 @@ std::string propertyName(std::string_view key) {
     return name;
 }
 
-std::string parameterValue(std::string_view key) {
+// Field names travel in a parameter value, which cannot carry these.
+void checkKey(std::string_view key) {
     for (unsigned char c : key)
         if (c < 0x20 || c == '"' || c == 0x7F)
             throw CloudError("a field name that iCalendar cannot carry");
-    for (unsigned char c : key) {
-        if (c == ';' || c == ':' || c == ',') {
-            // Appended rather than "\"" + key: GCC 12 warns falsely (-Wrestrict) on that at -O3.
-            return std::string(1, '"').append(key).append(1, '"');
-        }
-    }
-    return std::string(key);
-}
-
-std::string utcStamp(Instant t) {
-    std::time_t secs =
-        std::chrono::duration_cast<std::chrono::seconds>(t.time_since_epoch()).count();
-    std::tm tm{};
-    gmtime_r(&secs, &tm);
-    std::array<char, 32> buf{};
-    std::strftime(buf.data(), buf.size(), "%Y%m%dT%H%M%SZ", &tm);
-    return buf.data();
 }
 
 constexpr std::array<const char*, 7> weekdays = {"SU", "MO", "TU", "WE", "TH", "FR", "SA"};
-
-void addLine(std::string& out, std::string_view line) {
-    out += foldLine(line);
-    out += "\r\n";
-}
 
 template <typename T> const T* field(const CloudRecord& record, const char* key) {
     auto it = record.fields.find(key);
@@ -158,23 +151,61 @@ template <typename T> const T* field(const CloudRecord& record, const char* key)
 // The rule that puts a recurring event on the days its count goes to: the last day of a shorter
 // month for days past the 28th (BYMONTHDAY=31 alone would skip those months), and 28 February in
 // common years for 29 February.
-std::string recurrenceRule(std::int64_t schedule, const std::tm& day) {
-    const int mday = day.tm_mday;
+std::string recurrenceRule(std::int64_t schedule, std::chrono::year_month_day day) {
+    const unsigned mday = unsigned(day.day());
+    const unsigned month = unsigned(day.month());
     switch (schedule) {
     case 1:
-        return std::string("FREQ=WEEKLY;BYDAY=") + weekdays[std::size_t(day.tm_wday)];
+        return std::string("FREQ=WEEKLY;BYDAY=") +
+               weekdays[std::chrono::weekday(std::chrono::sys_days(day)).c_encoding()];
     case 2:
         if (mday <= 28)
             return "FREQ=MONTHLY;BYMONTHDAY=" + std::to_string(mday);
         return "FREQ=MONTHLY;BYMONTHDAY=" + std::to_string(mday) + ",-1;BYSETPOS=1";
     case 3:
-        if (day.tm_mon == 1 && mday == 29)
+        if (month == 2 && mday == 29)
             return "FREQ=YEARLY;BYMONTH=2;BYMONTHDAY=29,-1;BYSETPOS=1";
-        return "FREQ=YEARLY;BYMONTH=" + std::to_string(day.tm_mon + 1) +
+        return "FREQ=YEARLY;BYMONTH=" + std::to_string(month) +
                ";BYMONTHDAY=" + std::to_string(mday);
     default:
         return {};
     }
+}
+
+// A rule as libical writes it, whatever order its parts came in; the week's start matters to
+// none of the rules read as a schedule.
+std::string ruleText(icalrecurrencetype rule) {
+    rule.week_start = ICAL_MONDAY_WEEKDAY;
+    BufferPtr text(icalrecurrencetype_as_string_r(&rule));
+    return text ? std::string(text.get()) : std::string();
+}
+
+// The schedule a calendar app's rule stands for: FREQ=WEEKLY, MONTHLY or YEARLY alone, or with
+// only the parts that restate the start's own day as ours do; nullopt for any other rule (an
+// interval, a count, an end, other days).
+std::optional<std::int64_t> scheduleOfRule(const icalrecurrencetype& rule,
+                                           std::chrono::year_month_day start) {
+    std::int64_t schedule = 0;
+    std::string bare;
+    switch (rule.freq) {
+    case ICAL_WEEKLY_RECURRENCE:
+        schedule = 1, bare = "FREQ=WEEKLY";
+        break;
+    case ICAL_MONTHLY_RECURRENCE:
+        schedule = 2, bare = "FREQ=MONTHLY";
+        break;
+    case ICAL_YEARLY_RECURRENCE:
+        schedule = 3, bare = "FREQ=YEARLY";
+        break;
+    default:
+        return std::nullopt;
+    }
+    const std::string text = ruleText(rule);
+    if (text == bare ||
+        text == ruleText(icalrecurrencetype_from_string(recurrenceRule(schedule, start).c_str())) ||
+        (schedule == 3 && text == bare + ";BYMONTH=" + std::to_string(unsigned(start.month()))))
+        return schedule;
+    return std::nullopt;
 }
 
 template <typename T> std::optional<T> number(std::string_view s) {
@@ -275,101 +306,54 @@ std::string foldLine(std::string_view line) {
 
 namespace {
 
-// A field of the record as a private property whose parameters carry its key and its type.
-std::string fieldLine(const std::string& key, const FieldValue& value) {
-    std::string type;
-    std::string text;
-    if (const auto* s = std::get_if<std::string>(&value)) {
-        // An empty X- value does not survive a parser, so emptiness is said by the type.
-        if (s->empty())
-            type = "EMPTY", text = "-";
-        else if (fitsText(*s))
-            type = "TEXT", text = escapeText(*s);
-        else
-            type = "BASE64", text = base64(*s);
-    } else if (const auto* n = std::get_if<std::int64_t>(&value)) {
-        type = "INTEGER", text = std::to_string(*n);
-    } else if (const auto* d = std::get_if<double>(&value)) {
-        std::array<char, 64> buf{};
-        auto [end, ec] = std::to_chars(buf.data(), buf.data() + buf.size(), *d);
-        type = "FLOAT", text.assign(buf.data(), end);
-    } else if (const auto* t = std::get_if<Instant>(&value)) {
-        type = "TIMESTAMP", text = std::to_string(t->time_since_epoch().count());
-    }
-    return propertyName(key) + ";" + keyParameter + "=" + parameterValue(key) + ";" +
-           typeParameter + "=" + type + ":" + text;
+// A zone of the system's time-zone database (TZDIR honoured); null for a name that is none of
+// its zones, a path or an offset.
+TimeZonePtr systemZone(std::string_view name) {
+    if (name.empty() || name.front() == '/' || name.find("..") != std::string_view::npos)
+        return nullptr;
+    for (unsigned char c : name)
+        if (!std::isalnum(c) && c != '/' && c != '_' && c != '-' && c != '+')
+            return nullptr;
+    return TimeZonePtr(g_time_zone_new_identifier(std::string(name).c_str()));
 }
 
-} // namespace
-
-std::string writeRecordCalendar(const CloudRecord& record, Instant now) {
-    std::string out;
-    addLine(out, "BEGIN:VCALENDAR");
-    addLine(out, "VERSION:2.0");
-    addLine(out, "PRODID:-//Almanor//Almanor for Linux//EN");
-    addLine(out, "BEGIN:VEVENT");
-    addLine(out, "UID:" + escapeText(record.recordId.recordName));
-    addLine(out, "DTSTAMP:" + utcStamp(now));
-    if (record.modified) {
-        // LAST-MODIFIED has whole seconds; the private copy keeps the milliseconds.
-        addLine(out, "LAST-MODIFIED:" + utcStamp(*record.modified));
-        addLine(out, std::string(modifiedCopyProperty) + ":" +
-                         std::to_string(record.modified->time_since_epoch().count()));
-    }
-    if (const auto* date = field<Instant>(record, "CD_date")) {
-        std::time_t secs =
-            std::chrono::floor<std::chrono::seconds>(*date).time_since_epoch().count();
-        std::tm day{};
-        localtime_r(&secs, &day);
-        std::array<char, 16> buf{};
-        std::strftime(buf.data(), buf.size(), "%Y%m%d", &day);
-        addLine(out, std::string("DTSTART;VALUE=DATE:") + buf.data());
-        addLine(out, std::string(dateCopyProperty) + ":" + buf.data());
-        if (const auto* schedule = field<std::int64_t>(record, "CD_recurring")) {
-            if (std::string rule = recurrenceRule(*schedule, day); !rule.empty())
-                addLine(out, "RRULE:" + rule);
-        }
-    }
-    if (const auto* name = field<std::string>(record, "CD_name")) {
-        std::string shown;
-        for (char c : *name)
-            shown += (static_cast<unsigned char>(c) < 0x20 && c != '\n') ? ' ' : c;
-        if (!utf8::isValid(shown))
-            shown = "?";
-        addLine(out, "SUMMARY:" + escapeText(shown));
-        addLine(out, std::string(summaryCopyProperty) + ":" + base64(shown));
-    }
-    addLine(out, std::string(recordTypeProperty) + ":" + escapeText(record.recordType));
-    for (const auto& [key, value] : record.fields)
-        addLine(out, fieldLine(key, value));
-    addLine(out, "END:VEVENT");
-    addLine(out, "END:VCALENDAR");
-    return out;
-}
-
-namespace {
-
-std::optional<Instant> instantOf(const icaltimetype& t) {
+// When a time happens: in UTC; with a TZID, in the zone that the resource's VTIMEZONE of that
+// name describes, else in the system's zone of that name; a day, a floating time or a zone known
+// nowhere, in the user's own zone.
+std::optional<Instant> instantOf(const icaltimetype& t, const std::string& tzid = {},
+                                 icalcomponent* root = nullptr) {
     if (icaltime_is_null_time(t) || !icaltime_is_valid_time(t))
         return std::nullopt;
-    std::time_t secs = 0;
-    if (!t.is_date && icaltime_is_utc(t)) {
-        secs = icaltime_as_timet_with_zone(t, icaltimezone_get_utc_timezone());
-    } else if (!t.is_date && t.zone != nullptr) {
-        secs = icaltime_as_timet_with_zone(t, t.zone);
-    } else {
-        // A day, or a floating time: this machine's local time.
-        std::tm tm{};
-        tm.tm_year = t.year - 1900;
-        tm.tm_mon = t.month - 1;
-        tm.tm_mday = t.day;
-        tm.tm_hour = t.is_date ? 0 : t.hour;
-        tm.tm_min = t.is_date ? 0 : t.minute;
-        tm.tm_sec = t.is_date ? 0 : t.second;
-        tm.tm_isdst = -1;
-        secs = std::mktime(&tm);
+    if (!t.is_date && t.zone != nullptr)
+        return Instant(std::chrono::seconds(icaltime_as_timet_with_zone(t, t.zone)));
+    if (!t.is_date && !tzid.empty()) {
+        if (icaltimezone* zone = root ? icalcomponent_get_timezone(root, tzid.c_str()) : nullptr)
+            return Instant(std::chrono::seconds(icaltime_as_timet_with_zone(t, zone)));
+        if (TimeZonePtr zone = systemZone(tzid)) {
+            DateTimePtr at(
+                g_date_time_new(zone.get(), t.year, t.month, t.day, t.hour, t.minute, t.second));
+            if (at)
+                return Instant(std::chrono::seconds(g_date_time_to_unix(at.get())));
+        }
     }
-    return Instant(std::chrono::seconds(secs));
+    std::tm tm{};
+    tm.tm_year = t.year - 1900;
+    tm.tm_mon = t.month - 1;
+    tm.tm_mday = t.day;
+    tm.tm_hour = t.is_date ? 0 : t.hour;
+    tm.tm_min = t.is_date ? 0 : t.minute;
+    tm.tm_sec = t.is_date ? 0 : t.second;
+    tm.tm_isdst = -1;
+    return Instant(std::chrono::seconds(std::mktime(&tm)));
+}
+
+std::optional<std::chrono::year_month_day> dateOf(const icaltimetype& t) {
+    std::chrono::year_month_day day{std::chrono::year{t.year},
+                                    std::chrono::month{unsigned(t.month)},
+                                    std::chrono::day{unsigned(t.day)}};
+    if (icaltime_is_null_time(t) || !day.ok())
+        return std::nullopt;
+    return day;
 }
 
 std::optional<std::chrono::sys_days> dayOf(std::string_view yyyymmdd) {
@@ -386,6 +370,15 @@ std::optional<std::chrono::sys_days> dayOf(std::string_view yyyymmdd) {
     if (!day.ok())
         return std::nullopt;
     return std::chrono::sys_days(day);
+}
+
+// The user's calendar day at `at`.
+std::chrono::year_month_day localDay(Instant at) {
+    std::time_t secs = std::chrono::floor<std::chrono::seconds>(at).time_since_epoch().count();
+    std::tm tm{};
+    localtime_r(&secs, &tm);
+    return {std::chrono::year{tm.tm_year + 1900}, std::chrono::month{unsigned(tm.tm_mon + 1)},
+            std::chrono::day{unsigned(tm.tm_mday)}};
 }
 
 // The same local time of day, `days` calendar days later (DST changes keep the wall time).
@@ -411,6 +404,9 @@ struct EventProperties {
     bool typed = false; // it carries the record type: one of ours
     std::optional<std::string> summary;
     std::optional<icaltimetype> start;
+    std::string startZone; // DTSTART's TZID
+    int rules = 0;
+    std::optional<icalrecurrencetype> rule;
     std::optional<Instant> stamp;
     std::optional<Instant> lastModified;
     std::optional<std::string> summaryCopy;
@@ -459,6 +455,13 @@ std::optional<EventProperties> readProperties(icalcomponent* event, const std::s
             break;
         case ICAL_DTSTART_PROPERTY:
             read.start = icalproperty_get_dtstart(p);
+            if (icalparameter* zone = icalproperty_get_first_parameter(p, ICAL_TZID_PARAMETER))
+                if (const char* tzid = icalparameter_get_tzid(zone))
+                    read.startZone = tzid;
+            break;
+        case ICAL_RRULE_PROPERTY:
+            ++read.rules;
+            read.rule = icalproperty_get_rrule(p);
             break;
         case ICAL_DTSTAMP_PROPERTY:
             read.stamp = instantOf(icalproperty_get_dtstamp(p));
@@ -494,28 +497,42 @@ void takeCalendarEdits(EventProperties& read) {
     auto field = record.fields.find("CD_date");
     auto* date = field == record.fields.end() ? nullptr : std::get_if<Instant>(&field->second);
     const std::optional<icaltimetype>& start = read.start;
-    if (date != nullptr && start && !icaltime_is_null_time(*start) && read.dateCopy) {
-        std::chrono::year_month_day now{std::chrono::year{start->year},
-                                        std::chrono::month{unsigned(start->month)},
-                                        std::chrono::day{unsigned(start->day)}};
+    if (date != nullptr && start && read.dateCopy) {
+        auto now = dateOf(*start);
         auto before = dayOf(*read.dateCopy);
-        if (now.ok() && before && std::chrono::sys_days(now) != *before)
-            *date = movedByDays(*date, (std::chrono::sys_days(now) - *before).count());
+        if (now && before && std::chrono::sys_days(*now) != *before)
+            *date = movedByDays(*date, (std::chrono::sys_days(*now) - *before).count());
     }
 }
 
-ReadEvent readEvent(std::string_view text, const std::string& recordType,
-                    const std::string& zoneName) {
+// The event a resource is about: the first that overrides no single occurrence (RECURRENCE-ID).
+icalcomponent* mainEvent(icalcomponent* root) {
+    if (icalcomponent_isa(root) == ICAL_VEVENT_COMPONENT)
+        return root;
+    icalcomponent* first = nullptr;
+    for (icalcomponent* c = icalcomponent_get_first_component(root, ICAL_VEVENT_COMPONENT);
+         c != nullptr; c = icalcomponent_get_next_component(root, ICAL_VEVENT_COMPONENT)) {
+        if (icalcomponent_get_first_property(c, ICAL_RECURRENCEID_PROPERTY) == nullptr)
+            return c;
+        if (first == nullptr)
+            first = c;
+    }
+    return first;
+}
+
+ComponentPtr parse(std::string_view text) {
     quietOnce();
     icalerror_clear_errno();
     std::string copy(text); // the parser wants a terminated string
     ComponentPtr root(icalparser_parse_string(copy.c_str()));
     if (!root)
         failIcal("not iCalendar");
-    icalcomponent* event =
-        icalcomponent_isa(root.get()) == ICAL_VEVENT_COMPONENT
-            ? root.get()
-            : icalcomponent_get_first_component(root.get(), ICAL_VEVENT_COMPONENT);
+    return root;
+}
+
+ReadEvent readEvent(icalcomponent* root, const std::string& recordType,
+                    const std::string& zoneName) {
+    icalcomponent* event = mainEvent(root);
     if (event == nullptr)
         return {};
     std::optional<EventProperties> read = readProperties(event, recordType);
@@ -539,14 +556,320 @@ ReadEvent readEvent(std::string_view text, const std::string& recordType,
         record.recordType = recordType;
         if (read->summary)
             record.fields["CD_name"] = *read->summary;
-        if (read->start)
-            if (auto at = instantOf(*read->start))
+        if (read->start) {
+            if (auto at = instantOf(*read->start, read->startZone, root))
                 record.fields["CD_date"] = *at;
+            auto day = dateOf(*read->start);
+            if (day && read->rules == 1)
+                if (auto schedule = scheduleOfRule(*read->rule, *day))
+                    record.fields["CD_recurring"] = *schedule;
+        }
     }
     return {std::move(record), !read->typed};
 }
 
+ReadEvent readEvent(std::string_view text, const std::string& recordType,
+                    const std::string& zoneName) {
+    ComponentPtr root = parse(text);
+    return readEvent(root.get(), recordType, zoneName);
+}
+
+icalproperty* xProperty(std::string_view name, const std::string& value) {
+    icalproperty* p = icalproperty_new_x(value.c_str());
+    icalproperty_set_x_name(p, std::string(name).c_str());
+    return p;
+}
+
+void addParameter(icalproperty* p, const char* name, const std::string& value) {
+    icalparameter* parameter = icalparameter_new_x(value.c_str());
+    icalparameter_set_xname(parameter, name);
+    icalproperty_add_parameter(p, parameter);
+}
+
+// A field of the record as a private property whose parameters carry its key and its type; the
+// value as it reads back, escaped when written.
+icalproperty* fieldProperty(const std::string& key, const FieldValue& value) {
+    checkKey(key);
+    std::string type;
+    std::string text;
+    if (const auto* s = std::get_if<std::string>(&value)) {
+        // An empty X- value does not survive a parser, so emptiness is said by the type.
+        if (s->empty())
+            type = "EMPTY", text = "-";
+        else if (fitsText(*s))
+            type = "TEXT", text = *s;
+        else
+            type = "BASE64", text = base64(*s);
+    } else if (const auto* n = std::get_if<std::int64_t>(&value)) {
+        type = "INTEGER", text = std::to_string(*n);
+    } else if (const auto* d = std::get_if<double>(&value)) {
+        std::array<char, 64> buf{};
+        auto [end, ec] = std::to_chars(buf.data(), buf.data() + buf.size(), *d);
+        type = "FLOAT", text.assign(buf.data(), end);
+    } else if (const auto* t = std::get_if<Instant>(&value)) {
+        type = "TIMESTAMP", text = std::to_string(t->time_since_epoch().count());
+    }
+    icalproperty* p = xProperty(propertyName(key), text);
+    addParameter(p, keyParameter, key);
+    addParameter(p, typeParameter, type);
+    return p;
+}
+
+// The calendar as text. libical writes each property but X- ones of text, whose commas and
+// semicolons it leaves bare (servers cut values there): those are escaped here.
+void serialize(icalcomponent* c, std::string& out) {
+    const std::string kind = icalcomponent_kind_to_string(icalcomponent_isa(c));
+    out.append("BEGIN:").append(kind).append("\r\n");
+    for (icalproperty* p = icalcomponent_get_first_property(c, ICAL_ANY_PROPERTY); p != nullptr;
+         p = icalcomponent_get_next_property(c, ICAL_ANY_PROPERTY)) {
+        icalvalue* value = icalproperty_get_value(p);
+        const icalvalue_kind type = value ? icalvalue_isa(value) : ICAL_NO_VALUE;
+        if (icalproperty_isa(p) == ICAL_X_PROPERTY &&
+            (type == ICAL_X_VALUE || type == ICAL_TEXT_VALUE)) {
+            std::string line = icalproperty_get_x_name(p);
+            for (icalparameter* q = icalproperty_get_first_parameter(p, ICAL_ANY_PARAMETER);
+                 q != nullptr; q = icalproperty_get_next_parameter(p, ICAL_ANY_PARAMETER)) {
+                BufferPtr text(icalparameter_as_ical_string_r(q));
+                if (text)
+                    line.append(";").append(text.get());
+            }
+            const char* x =
+                type == ICAL_X_VALUE ? icalvalue_get_x(value) : icalvalue_get_text(value);
+            line.append(":").append(escapeText(x ? x : ""));
+            out.append(foldLine(line)).append("\r\n");
+        } else if (BufferPtr text{icalproperty_as_ical_string_r(p)}) {
+            out.append(text.get());
+        }
+    }
+    for (icalcomponent* child = icalcomponent_get_first_component(c, ICAL_ANY_COMPONENT);
+         child != nullptr; child = icalcomponent_get_next_component(c, ICAL_ANY_COMPONENT))
+        serialize(child, out);
+    out.append("END:").append(kind).append("\r\n");
+}
+
+// Whether libical holds all that the resource had: it turns what it cannot read (a property of a
+// name it does not know, an X- property without a value) into X-LIC-ERROR, and cannot write
+// components of kinds it does not know.
+bool heldWhole(icalcomponent* c) {
+    const icalcomponent_kind kind = icalcomponent_isa(c);
+    if (kind == ICAL_X_COMPONENT || kind == ICAL_XLICINVALID_COMPONENT ||
+        kind == ICAL_NO_COMPONENT ||
+        icalcomponent_get_first_property(c, ICAL_XLICERROR_PROPERTY) != nullptr)
+        return false;
+    for (icalcomponent* child = icalcomponent_get_first_component(c, ICAL_ANY_COMPONENT);
+         child != nullptr; child = icalcomponent_get_next_component(c, ICAL_ANY_COMPONENT))
+        if (!heldWhole(child))
+            return false;
+    return true;
+}
+
+std::optional<std::string> summaryOf(icalcomponent* event) {
+    icalproperty* p = icalcomponent_get_first_property(event, ICAL_SUMMARY_PROPERTY);
+    const char* text = p ? icalproperty_get_summary(p) : nullptr;
+    return text ? std::optional<std::string>(text) : std::nullopt;
+}
+
+void setSummary(icalcomponent* event, const std::string& text) {
+    if (icalproperty* p = icalcomponent_get_first_property(event, ICAL_SUMMARY_PROPERTY))
+        icalproperty_set_summary(p, text.c_str());
+    else
+        icalcomponent_add_property(event, icalproperty_new_summary(text.c_str()));
+}
+
+void removeAll(icalcomponent* c, icalproperty_kind kind, bool (*which)(icalproperty*) = nullptr) {
+    std::vector<icalproperty*> doomed;
+    for (icalproperty* p = icalcomponent_get_first_property(c, kind); p != nullptr;
+         p = icalcomponent_get_next_property(c, kind))
+        if (which == nullptr || which(p))
+            doomed.push_back(p);
+    for (icalproperty* p : doomed) {
+        icalcomponent_remove_property(c, p);
+        icalproperty_free(p);
+    }
+}
+
+bool ownProperty(icalproperty* p) {
+    const char* name = icalproperty_get_x_name(p);
+    return name != nullptr && strncasecmp(name, "X-CD-", 5) == 0;
+}
+
+icaltimetype utcTime(Instant t) {
+    return icaltime_from_timet_with_zone(
+        std::chrono::floor<std::chrono::seconds>(t).time_since_epoch().count(), 0,
+        icaltimezone_get_utc_timezone());
+}
+
+std::int64_t scheduleOf(const CloudRecord& record) {
+    const auto* schedule = field<std::int64_t>(record, "CD_recurring");
+    return schedule && *schedule >= 0 && *schedule <= 3 ? *schedule : 0;
+}
+
+// The one RRULE's schedule when it reads as one, else 0.
+std::int64_t ruleSchedule(icalcomponent* event, std::chrono::year_month_day start) {
+    icalproperty* p = icalcomponent_get_first_property(event, ICAL_RRULE_PROPERTY);
+    if (p == nullptr || icalcomponent_get_next_property(event, ICAL_RRULE_PROPERTY) != nullptr)
+        return 0;
+    return scheduleOfRule(icalproperty_get_rrule(p), start).value_or(0);
+}
+
+std::string shownName(const std::string& name) {
+    std::string shown;
+    for (char c : name)
+        shown += (static_cast<unsigned char>(c) < 0x20 && c != '\n') ? ' ' : c;
+    if (!utf8::isValid(shown))
+        shown = "?";
+    return shown;
+}
+
+// Moves the time of `kind` by whole days, keeping its time of day and its zone.
+void moveByDays(icalcomponent* event, icalproperty_kind kind, int days) {
+    icalproperty* p = icalcomponent_get_first_property(event, kind);
+    if (p == nullptr)
+        return;
+    icaltimetype t =
+        kind == ICAL_DTSTART_PROPERTY ? icalproperty_get_dtstart(p) : icalproperty_get_dtend(p);
+    icaltime_adjust(&t, days, 0, 0, 0);
+    if (kind == ICAL_DTSTART_PROPERTY)
+        icalproperty_set_dtstart(p, t);
+    else
+        icalproperty_set_dtend(p, t);
+}
+
+// The SUMMARY, when the name differs from `before`'s.
+void writeName(icalcomponent* root, icalcomponent* event, const CloudRecord& before,
+               const CloudRecord& record) {
+    const auto* name = field<std::string>(record, "CD_name");
+    const auto* oldName = field<std::string>(before, "CD_name");
+    if (!name || (oldName && *oldName == *name))
+        return;
+    const std::string shown = shownName(*name);
+    const std::optional<std::string> old = summaryOf(event);
+    setSummary(event, shown);
+    // An occurrence that showed the event's name (one an app moved, say) takes the new one; one
+    // renamed on its own keeps its name.
+    for (icalcomponent* c = icalcomponent_get_first_component(root, ICAL_VEVENT_COMPONENT);
+         c != nullptr; c = icalcomponent_get_next_component(root, ICAL_VEVENT_COMPONENT))
+        if (c != event && old && summaryOf(c) == old)
+            setSummary(c, shown);
+}
+
+// The DTSTART and DTEND, moved by the days the date moved (an event without one gets an all-day
+// DTSTART on the local day), and the RRULE when the schedule differs from `before`'s.
+void writeDateAndSchedule(icalcomponent* event, const CloudRecord& before,
+                          const CloudRecord& record) {
+    const auto* date = field<Instant>(record, "CD_date");
+    const auto* oldDate = field<Instant>(before, "CD_date");
+    icalproperty* start = icalcomponent_get_first_property(event, ICAL_DTSTART_PROPERTY);
+    const auto oldDay = start ? dateOf(icalproperty_get_dtstart(start)) : std::nullopt;
+    int days = 0;
+    if (date && start == nullptr) {
+        icaltimetype day = icaltime_null_date();
+        const std::chrono::year_month_day local = localDay(*date);
+        day.year = int(local.year());
+        day.month = int(unsigned(local.month()));
+        day.day = int(unsigned(local.day()));
+        start = icalproperty_new_dtstart(day);
+        icalcomponent_add_property(event, start);
+    } else if (date && oldDate) {
+        days =
+            int((std::chrono::sys_days(localDay(*date)) - std::chrono::sys_days(localDay(*oldDate)))
+                    .count());
+        if (days != 0) {
+            moveByDays(event, ICAL_DTSTART_PROPERTY, days);
+            moveByDays(event, ICAL_DTEND_PROPERTY, days);
+        }
+    }
+    const auto day = start ? dateOf(icalproperty_get_dtstart(start)) : std::nullopt;
+
+    // A rule that reads as the schedule follows the day it moved to; any other stays as it is.
+    const std::int64_t schedule = scheduleOf(record);
+    const std::int64_t oldSchedule = scheduleOf(before);
+    const bool follows =
+        days != 0 && oldDay && oldSchedule != 0 && ruleSchedule(event, *oldDay) == oldSchedule;
+    if (schedule != oldSchedule || follows) {
+        removeAll(event, ICAL_RRULE_PROPERTY);
+        if (std::string rule = day ? recurrenceRule(schedule, *day) : ""; !rule.empty())
+            icalcomponent_add_property(
+                event, icalproperty_new_rrule(icalrecurrencetype_from_string(rule.c_str())));
+    }
+}
+
+// The record's own properties, with the copies of the SUMMARY and DTSTART's day as they are now,
+// DTSTAMP and LAST-MODIFIED, all written anew.
+void writeOwn(icalcomponent* event, const CloudRecord& record, Instant now) {
+    removeAll(event, ICAL_X_PROPERTY, ownProperty);
+    if (record.modified) {
+        // LAST-MODIFIED has whole seconds; the private copy keeps the milliseconds.
+        icalcomponent_add_property(
+            event, xProperty(modifiedCopyProperty,
+                             std::to_string(record.modified->time_since_epoch().count())));
+    }
+    icalproperty* start = icalcomponent_get_first_property(event, ICAL_DTSTART_PROPERTY);
+    const auto day = start ? dateOf(icalproperty_get_dtstart(start)) : std::nullopt;
+    if (field<Instant>(record, "CD_date") && day) {
+        std::array<char, 16> text{};
+        std::snprintf(text.data(), text.size(), "%04d%02u%02u", int(day->year()),
+                      unsigned(day->month()), unsigned(day->day()));
+        icalcomponent_add_property(event, xProperty(dateCopyProperty, text.data()));
+    }
+    if (auto summary = summaryOf(event))
+        icalcomponent_add_property(event, xProperty(summaryCopyProperty, base64(*summary)));
+    icalcomponent_add_property(event, xProperty(recordTypeProperty, record.recordType));
+    for (const auto& [key, value] : record.fields)
+        icalcomponent_add_property(event, fieldProperty(key, value));
+
+    if (icalproperty* p = icalcomponent_get_first_property(event, ICAL_DTSTAMP_PROPERTY))
+        icalproperty_set_dtstamp(p, utcTime(now));
+    else
+        icalcomponent_add_property(event, icalproperty_new_dtstamp(utcTime(now)));
+    removeAll(event, ICAL_LASTMODIFIED_PROPERTY);
+    if (record.modified)
+        icalcomponent_add_property(event, icalproperty_new_lastmodified(utcTime(*record.modified)));
+}
+
+// Writes the record into `event` of `root`, changing of what calendar apps show only what differs
+// between the record and `before` (what the event reads as now); everything else stays.
+void writeInto(icalcomponent* root, icalcomponent* event, const CloudRecord& before,
+               const CloudRecord& record, Instant now) {
+    writeName(root, event, before, record);
+    writeDateAndSchedule(event, before, record);
+    writeOwn(event, record, now);
+}
+
 } // namespace
+
+std::string writeRecordCalendar(const CloudRecord& record, Instant now) {
+    quietOnce();
+    ComponentPtr root(icalcomponent_new(ICAL_VCALENDAR_COMPONENT));
+    icalcomponent_add_property(root.get(), icalproperty_new_version("2.0"));
+    icalcomponent_add_property(root.get(),
+                               icalproperty_new_prodid("-//Almanor//Almanor for Linux//EN"));
+    icalcomponent* event = icalcomponent_new(ICAL_VEVENT_COMPONENT);
+    icalcomponent_add_property(event, icalproperty_new_uid(record.recordId.recordName.c_str()));
+    icalcomponent_add_component(root.get(), event);
+    writeInto(root.get(), event, CloudRecord{}, record, now);
+    std::string out;
+    serialize(root.get(), out);
+    return out;
+}
+
+std::string mergeRecordCalendar(std::string_view current, const CloudRecord& record, Instant now) {
+    ComponentPtr root = parse(current);
+    icalcomponent* event =
+        icalcomponent_isa(root.get()) == ICAL_VCALENDAR_COMPONENT ? mainEvent(root.get()) : nullptr;
+    if (event == nullptr)
+        throw CloudError("unreadable event from the server: no calendar with an event");
+    ReadEvent read = readEvent(root.get(), record.recordType, record.recordId.zoneName);
+    if (!read.record)
+        throw CloudError("unreadable event from the server: no event of this zone's kind");
+    if (!heldWhole(root.get()))
+        throw CloudError("the event on the server holds parts that could not be written back "
+                         "whole; it is left as it is");
+    writeInto(root.get(), event, *read.record, record, now);
+    std::string out;
+    serialize(root.get(), out);
+    return out;
+}
 
 std::optional<CloudRecord> readRecordCalendar(std::string_view text, const std::string& recordType,
                                               const std::string& zoneName) {

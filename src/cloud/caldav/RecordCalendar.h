@@ -16,19 +16,29 @@ namespace almanor::caldav {
 // either is told apart.
 std::string writeRecordCalendar(const CloudRecord& record, Instant now);
 
+// The resource `current` as the server holds it, with the record written into it: of what
+// calendar apps show, only what differs from what `current` reads as changes (the SUMMARY for the
+// name; the DTSTART and DTEND move by the days the date moved, keeping their time of day and
+// zone; the RRULE for the schedule); the record's own properties, DTSTAMP and LAST-MODIFIED are
+// written anew; every other property and component stays. Throws CloudError when `current` is
+// no calendar with an event of the record's type, or holds what libical could not write back.
+std::string mergeRecordCalendar(std::string_view current, const CloudRecord& record, Instant now);
+
 // The record a resource holds, or nullopt when it holds no VEVENT of `recordType` (the user's
 // other events). Fields that cannot be read are left out. Throws CloudError when the text is not
 // iCalendar at all.
 std::optional<CloudRecord> readRecordCalendar(std::string_view text, const std::string& recordType,
                                               const std::string& zoneName);
 
-// The record a resource of the app's own zone holds: every event there is one. A resource that a
-// calendar app made (no record fields) reads as a record named by its UID, with "CD_name" from its
-// SUMMARY and "CD_date" from its DTSTART (an all-day one: local midnight of that day). An app's
-// edit of the SUMMARY or the date of a record of ours counts: the name becomes the SUMMARY, the
-// date moves by the days the DTSTART moved. `modified` comes from LAST-MODIFIED, else DTSTAMP.
-// Throws CloudError when the text is not iCalendar, holds no event, or one without a UID, or one
-// of another record type.
+// The record a resource of the app's own zone holds: every event there is one (the VEVENT that
+// overrides no occurrence). A resource that a calendar app made (no record fields) reads as a
+// record named by its UID, with "CD_name" from its SUMMARY, "CD_date" from its DTSTART (in its
+// TZID's zone, by the resource's VTIMEZONE or else the system's; a day or a floating time in the
+// user's zone: an all-day one is local midnight of that day) and "CD_recurring" from an RRULE
+// that is a plain weekly, monthly or yearly one. An app's edit of the SUMMARY or the date of a
+// record of ours counts: the name becomes the SUMMARY, the date moves by the days the DTSTART
+// moved. `modified` comes from LAST-MODIFIED, else DTSTAMP. Throws CloudError when the text is
+// not iCalendar, holds no event, or one without a UID, or one of another record type.
 CloudRecord readZoneResource(std::string_view text, const std::string& recordType,
                              const std::string& zoneName);
 
