@@ -6,6 +6,7 @@ if(NOT result EQUAL 0)
 endif()
 foreach(path
     bin/almanor
+    ${LIBDIR}/almanor/libalmanor-${VERSION}.so
     libexec/almanor/almanor-tray
     libexec/almanor/almanor-window.so
     libexec/almanor/almanor-caldav.so
@@ -30,6 +31,14 @@ if(NOT err MATCHES "needs a session bus" OR result EQUAL 0)
 endif()
 if(EXISTS ${PREFIX}/home)
   message(FATAL_ERROR "the tray wrote to the home folder although it could not start")
+endif()
+# Nothing of the project but its programs' own private library is needed from outside the prefix.
+execute_process(COMMAND ldd ${PREFIX}/bin/almanor ${PREFIX}/libexec/almanor/almanor-tray
+                        ${PREFIX}/libexec/almanor/almanor-caldav.so ${PREFIX}/libexec/almanor/almanor-window.so
+                OUTPUT_VARIABLE linked)
+if(linked MATCHES "not found" OR linked MATCHES "${BUILD}/libalmanor"
+   OR NOT linked MATCHES "/${LIBDIR}/almanor/libalmanor-")
+  message(FATAL_ERROR "the installed programs do not find their library:\n${linked}")
 endif()
 # The installed almanor finds the installed CalDAV module (logging out without an account loads it
 # and says there is none).

@@ -7,7 +7,7 @@ packages=(
   # build
   g++ make cmake pkg-config ccache
   libsqlite3-dev libicu-dev uuid-dev libglib2.0-dev
-  libcli11-dev nlohmann-json3-dev lld
+  libcli11-dev nlohmann-json3-dev
   libgtkmm-3.0-dev libdbusmenu-glib-dev libayatana-appindicator3-dev
   libcurl4-openssl-dev libxml2-dev libical-dev libsecret-1-dev
   # tests and benchmarks

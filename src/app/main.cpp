@@ -1,13 +1,8 @@
-// almanor: the tray when started with no command, else the command line. Status bars run
-// `almanor status` every few seconds, so the local commands run here, in a program with the
-// libraries they use (SQLite, ICU, GLib, the C++ library) built in: starting it maps and relocates
-// next to nothing. The tray (almanor-tray) is exec'd before anything else runs; the cloud commands,
-// which load the CalDAV adapter, are exec'd as almanor-cloud.
+// almanor: the tray when started with no command, else the command line. The tray (almanor-tray)
+// is exec'd before anything else runs, so that the command line maps no GUI library; the cloud
+// commands load the CalDAV adapter's module when they need it.
 
 #include "Commands.h"
-#ifdef ALMANOR_BUILT_IN_ICU
-#include "platform/IcuData.h"
-#endif
 
 #include <cerrno>
 #include <climits>
@@ -19,9 +14,6 @@
 
 #ifndef ALMANOR_TRAY_RELATIVE
 #define ALMANOR_TRAY_RELATIVE "../libexec/almanor/almanor-tray"
-#endif
-#ifndef ALMANOR_CLOUD_RELATIVE
-#define ALMANOR_CLOUD_RELATIVE "../libexec/almanor/almanor-cloud"
 #endif
 
 namespace {
@@ -78,23 +70,10 @@ int startTray(const Self& self) {
     return 3;
 }
 
-// The commands that load the CalDAV adapter: its module shares the C++ library and ICU with its
-// caller, which needs them as shared libraries.
+// The commands that reach the server run the sync on a thread of their own; the others use the
+// store from one thread, which spares its locks.
 bool isCloudCommand(std::string_view command) {
     return command == "cloud" || command == "sync";
-}
-
-int startCloudCommand(const Self& self, char** argv) {
-    char cloud[PATH_MAX];
-    if (!locate(self, "almanor-cloud", ALMANOR_CLOUD_RELATIVE, cloud)) {
-        std::fprintf(stderr,
-                     "almanor: the cloud commands (almanor-cloud) are not installed beside %s\n",
-                     self.path);
-        return 3;
-    }
-    ::execv(cloud, argv);
-    std::fprintf(stderr, "almanor: cannot start %s: %s\n", cloud, std::strerror(errno));
-    return 3;
 }
 
 } // namespace
@@ -109,12 +88,7 @@ int main(int argc, char** argv) {
         return startTray(self);
     }
     if (isCloudCommand(argv[1])) {
-        return startCloudCommand(self, argv);
+        return almanor::app::runCommands(argc, argv);
     }
-#ifdef ALMANOR_BUILT_IN_ICU
-    if (!almanor::useSystemIcuData()) {
-        return 3;
-    }
-#endif
     return almanor::app::runLocalCommands(argc, argv);
 }

@@ -46,7 +46,6 @@ Uuid selectionTarget(const std::string& target) {
 
 int selectEvent(Services& services, const std::string& target) {
     Uuid id = selectionTarget(target);
-    reserveForReading(services, 3.0);
     Store store(services);
     auto events = store.events();
     bool fixed = target != "next" && target != "random" && target != "rotate";
@@ -82,7 +81,6 @@ std::string statusJson(Services& services, const std::string& title, const Event
 } // namespace
 
 int showStatus(Services& services, bool json) {
-    reserveForReading(services, 3.0);
     Store store(services);
     auto events = store.events();
     RecordedStatusItem item;

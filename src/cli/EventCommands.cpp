@@ -78,7 +78,6 @@ CountMethod countArgument(const std::string& text) {
 }
 
 int listEvents(Services& services, bool json) {
-    reserveForReading(services, json ? 5.0 : 4.0);
     Store store(services);
     auto events = store.events();
     auto calendar = DayCalendar::current();

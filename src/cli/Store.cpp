@@ -2,7 +2,6 @@
 
 #include "cli/Cli.h"
 #include "cli/Services.h"
-#include "platform/Heap.h"
 #include "storage/MigrationManager.h"
 #include "storage/Repository.h"
 #include "storage/StoreError.h"
@@ -38,14 +37,6 @@ EventPtr Store::event(const Uuid& id) {
         }
     }
     throw NotFound{id};
-}
-
-void reserveForReading(const Services& services, double bytesPerStoreByte) {
-    std::error_code error;
-    auto size = std::filesystem::file_size(services.databaseFile(), error);
-    if (!error) {
-        heap::reserve(std::size_t(double(size) * bytesPerStoreByte));
-    }
 }
 
 } // namespace almanor::cli

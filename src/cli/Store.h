@@ -38,8 +38,4 @@ class Store {
     Repository& repository_;
 };
 
-// Commands that read every event first make room for them: see heap::reserve. The factor is what
-// reading a store takes per byte of its file (rows, their sort, the events), measured.
-void reserveForReading(const Services& services, double bytesPerStoreByte);
-
 } // namespace almanor::cli

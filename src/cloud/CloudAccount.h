@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/Export.h"
+
 #include <atomic>
 #include <optional>
 #include <string>
@@ -13,7 +15,7 @@ class UserDefaults;
 // command whose first line of output is the password). The password itself is never kept here.
 // Reading and writing the account needs only the settings; the password needs the CalDAV
 // adapter's module, which defines password().
-struct CloudAccount {
+struct ALMANOR_EXPORT CloudAccount {
     static constexpr const char* serverKey = "cloudServer";
     static constexpr const char* userKey = "cloudUser";
     static constexpr const char* passwordCommandKey = "cloudPasswordCommand";

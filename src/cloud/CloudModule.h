@@ -5,6 +5,7 @@
 
 #include "cloud/CloudService.h"
 #include "cloud/CloudServiceProvider.h"
+#include "platform/Export.h"
 
 #include <memory>
 #include <mutex>
@@ -14,7 +15,7 @@ namespace almanor {
 
 class UserDefaults;
 
-struct CloudModule {
+struct ALMANOR_EXPORT CloudModule {
     // Raised whenever this table changes: a program refuses a module built for another one.
     static constexpr int currentVersion = 1;
     static constexpr const char* fileName = "almanor-caldav.so";
@@ -33,7 +34,7 @@ struct CloudModule {
 
 // Loads the module once, on first use, from beside the program or from `installedDir`
 // (relative to the program's folder). Thread-safe.
-class CloudModuleLoader {
+class ALMANOR_EXPORT CloudModuleLoader {
   public:
     explicit CloudModuleLoader(std::string installedDir) : installedDir_(std::move(installedDir)) {}
 
@@ -49,9 +50,10 @@ class CloudModuleLoader {
 // The service of the account in `defaults`, for the repository. While no account is configured
 // (no cloudServer) it gives none and loads nothing; a module that cannot be loaded is one log line
 // and no service.
-CloudServiceProvider accountCloudServiceProvider(UserDefaults& defaults, std::string installedDir);
+ALMANOR_EXPORT CloudServiceProvider accountCloudServiceProvider(UserDefaults& defaults,
+                                                                std::string installedDir);
 // The same through a loader the caller shares with its other uses of the module.
-CloudServiceProvider accountCloudServiceProvider(UserDefaults& defaults,
-                                                 std::shared_ptr<CloudModuleLoader> loader);
+ALMANOR_EXPORT CloudServiceProvider
+accountCloudServiceProvider(UserDefaults& defaults, std::shared_ptr<CloudModuleLoader> loader);
 
 } // namespace almanor

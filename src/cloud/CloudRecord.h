@@ -1,6 +1,7 @@
 #pragma once
 
 #include "cloud/RecordId.h"
+#include "platform/Export.h"
 #include "platform/Instant.h"
 
 #include <cstdint>
@@ -18,7 +19,7 @@ using FieldValue = std::variant<std::string, std::int64_t, double, Instant>;
 // A record of the cloud database as the adapter stores it: a type, an identity and named fields.
 // A key that is absent has no value. `modified` is when the record's event last changed: written
 // as the resource's LAST-MODIFIED, read from it (else from DTSTAMP); conflicts compare it.
-struct CloudRecord {
+struct ALMANOR_EXPORT CloudRecord {
     std::string recordType;
     RecordId recordId;
     std::map<std::string, FieldValue> fields;

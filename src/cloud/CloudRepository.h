@@ -2,6 +2,7 @@
 
 #include "cloud/CloudService.h"
 #include "cloud/CloudServiceProvider.h"
+#include "platform/Export.h"
 
 #include <memory>
 #include <mutex>
@@ -9,7 +10,7 @@
 namespace almanor {
 
 // The user's cloud database once it is known to be usable: the service, and the app's zone.
-class CloudRepository {
+class ALMANOR_EXPORT CloudRepository {
   public:
     explicit CloudRepository(std::shared_ptr<CloudService> service)
         : service_(std::move(service)) {}
@@ -27,7 +28,7 @@ class CloudRepository {
 
 // The accessor with memory: the first success is kept for good; a failure is not retried until
 // the network comes back (networkCameBack()), so an offline machine asks the cloud only once.
-class CloudRepositoryFactory {
+class ALMANOR_EXPORT CloudRepositoryFactory {
   public:
     explicit CloudRepositoryFactory(CloudServiceProvider provider)
         : provider_(std::move(provider)) {}

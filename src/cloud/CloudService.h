@@ -1,6 +1,7 @@
 #pragma once
 
 #include "cloud/CloudRecord.h"
+#include "platform/Export.h"
 
 #include <map>
 #include <optional>
@@ -24,26 +25,26 @@ enum class AccountStatus {
 
 // A failed request of the cloud; what() is the description that the log lines carry, one line,
 // never a password or a URL's user information.
-class CloudError : public std::runtime_error {
+class ALMANOR_EXPORT CloudError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
 
 // A conditional write met another version than the one it named (HTTP 412): a record exists
 // where a new one was to be created, or the record changed (or went) since its tag was seen.
-class PreconditionFailed : public CloudError {
+class ALMANOR_EXPORT PreconditionFailed : public CloudError {
   public:
     using CloudError::CloudError;
 };
 
 // The zone's collection does not exist (any more), even after looking for it afresh.
-class ZoneMissing : public CloudError {
+class ALMANOR_EXPORT ZoneMissing : public CloudError {
   public:
     using CloudError::CloudError;
 };
 
 // A zone of the user's cloud database. The description printed for it names both.
-struct RecordZone {
+struct ALMANOR_EXPORT RecordZone {
     std::string name; // "com.vostrel.almanor.zone"
     std::string url;  // where the adapter finds it
 };
@@ -54,7 +55,7 @@ struct RecordZone {
 //    for those that calendar apps created. Writes and deletions name it.
 //  - `etag`: the version tag that conditional writes name; empty when the server gave none.
 // `record.recordId.recordName` is the event resource's UID.
-struct RemoteRecord {
+struct ALMANOR_EXPORT RemoteRecord {
     CloudRecord record;
     std::string resource;
     std::string etag;
@@ -63,7 +64,7 @@ struct RemoteRecord {
 };
 
 // What changed in a zone since a sync token, measured against the resources a machine knows.
-struct ZoneChanges {
+struct ALMANOR_EXPORT ZoneChanges {
     // Resources that are new, or whose tag differs from the known one, with their fields.
     std::vector<RemoteRecord> changed;
     // Known resources that the server no longer holds.
@@ -80,7 +81,7 @@ struct ZoneChanges {
 // The operations of the user's private cloud database that the cloud logic uses. An adapter
 // (CalDAV) implements them over the network, a fake in memory. Every call may be made from any
 // thread; each request ends within the adapter's bounded waits, or at once after cancel().
-class CloudService {
+class ALMANOR_EXPORT CloudService {
   public:
     // The name that stands for the database's default zone.
     static constexpr std::string_view defaultZoneName = "_default";

@@ -2,6 +2,7 @@
 
 #include "cloud/CloudEvent.h"
 #include "cloud/CloudService.h"
+#include "platform/Export.h"
 
 #include <memory>
 #include <optional>
@@ -14,10 +15,10 @@ class Clock;
 class UserDefaults;
 
 // How a zone is printed while the zones are walked: its name and where it lives.
-std::string describe(const RecordZone& zone);
+ALMANOR_EXPORT std::string describe(const RecordZone& zone);
 
 // Reads every event record of one zone, once, for the start-up pull.
-class MigrationHelper {
+class ALMANOR_EXPORT MigrationHelper {
   public:
     MigrationHelper(std::shared_ptr<CloudService> service, std::string zoneName)
         : service_(std::move(service)), zoneName_(std::move(zoneName)) {}

@@ -1,11 +1,13 @@
 #pragma once
 
+#include "platform/Export.h"
+
 #include <string>
 
 namespace almanor {
 
 // The cloud identity of one record: its name within its zone, and the zone's name.
-struct RecordId {
+struct ALMANOR_EXPORT RecordId {
     std::string recordName;
     std::string zoneName;
 

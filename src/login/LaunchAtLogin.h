@@ -1,6 +1,7 @@
 #pragma once
 
 #include "login/LoginItemService.h"
+#include "platform/Export.h"
 
 #include <cstdint>
 #include <functional>
@@ -14,7 +15,7 @@ class UserDefaults;
 
 // Registers the application as a login item, tells whether it is, and once moves users of the
 // older helper-based registration over.
-class LaunchAtLogin {
+class ALMANOR_EXPORT LaunchAtLogin {
   public:
     using Observer = std::function<void(bool enabled)>;
     using Token = std::uint64_t;

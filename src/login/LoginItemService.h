@@ -1,18 +1,20 @@
 #pragma once
 
+#include "platform/Export.h"
+
 #include <stdexcept>
 
 namespace almanor {
 
 // A refused registration; what() is the reason logged.
-class LoginItemError : public std::runtime_error {
+class ALMANOR_EXPORT LoginItemError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
 
 // The desktop's login items: the application itself, and the older helper that earlier versions
 // registered instead. On Linux, XDG autostart entries.
-class LoginItemService {
+class ALMANOR_EXPORT LoginItemService {
   public:
     enum class Status { notRegistered, enabled, requiresApproval, notFound };
 

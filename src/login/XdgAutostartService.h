@@ -1,6 +1,7 @@
 #pragma once
 
 #include "login/LoginItemService.h"
+#include "platform/Export.h"
 
 #include <filesystem>
 #include <string>
@@ -9,7 +10,7 @@ namespace almanor {
 
 // Login items as XDG autostart entries in <config home>/autostart: the application's own entry,
 // and the older helper's, which earlier versions wrote instead.
-class XdgAutostartService final : public LoginItemService {
+class ALMANOR_EXPORT XdgAutostartService final : public LoginItemService {
   public:
     // `program` is the almanor that the entry starts: the entry names it by its absolute path
     // unless it is the one that PATH finds.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "model/DayCalendar.h"
+#include "platform/Export.h"
 
 #include <memory>
 #include <string_view>
@@ -15,7 +16,7 @@ class IcuCalendar;
 // and year addition, the choice of offset for skipped and repeated wall times). A multi-year
 // difference costs well under a microsecond instead of ICU's tens. Instants before 1583, where
 // ICU counts in the Julian calendar, and far beyond any real date are handed to IcuCalendar.
-class CivilCalendar final : public DayCalendar {
+class ALMANOR_EXPORT CivilCalendar final : public DayCalendar {
   public:
     static std::unique_ptr<CivilCalendar> current();
     static std::unique_ptr<CivilCalendar> forZone(std::string_view zoneId);

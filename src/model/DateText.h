@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/Export.h"
 #include "platform/Instant.h"
 
 #include <cstdint>
@@ -11,7 +12,7 @@ namespace almanor {
 
 // Dates and ordinals as the user's locale writes them, through ICU: a date pattern ("MMM d, yyyy",
 // "E", "MMM ") in the user's time zone, and ordinal numbers ("1st", "22nd" in English).
-class DateText {
+class ALMANOR_EXPORT DateText {
   public:
     // The locale for dates: LC_ALL, else LC_TIME, else LANG, as ICU names it ("de_DE.UTF-8@euro"
     // -> "de_DE"); "C", "POSIX" or nothing set -> "en_US_POSIX".

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/Export.h"
 #include "platform/Instant.h"
 
 #include <memory>
@@ -14,7 +15,7 @@ namespace almanor {
 // A calendar holds the zone that was current when it was made. Make one per computation (one
 // title, one listing) so that a change of the user's zone is seen at the next one. Not for use
 // from two threads at once.
-class DayCalendar {
+class ALMANOR_EXPORT DayCalendar {
   public:
     virtual ~DayCalendar() = default;
 

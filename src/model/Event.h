@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/Export.h"
 #include "platform/Instant.h"
 #include "platform/Uuid.h"
 
@@ -28,8 +29,8 @@ enum class CountMethod : int {
 
 // Total conversions from stored integers: anything out of range is the first case, so a bad
 // stored value never fails a load.
-Schedule scheduleFromRawValue(std::int64_t raw);
-CountMethod countMethodFromRawValue(std::int64_t raw);
+ALMANOR_EXPORT Schedule scheduleFromRawValue(std::int64_t raw);
+ALMANOR_EXPORT CountMethod countMethodFromRawValue(std::int64_t raw);
 inline int rawValue(Schedule s) {
     return static_cast<int>(s);
 }
@@ -40,7 +41,7 @@ inline int rawValue(CountMethod m) {
 // The one record of the system: a named date to count towards or from. Shared by reference
 // (EventPtr): the list, the window and the editor hold the same object. Two events are equal
 // exactly when their ids are.
-class Event {
+class ALMANOR_EXPORT Event {
   public:
     using Observer = std::function<void()>;
     using Token = std::uint64_t;

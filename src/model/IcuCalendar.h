@@ -1,6 +1,7 @@
 #pragma once
 
 #include "model/DayCalendar.h"
+#include "platform/Export.h"
 
 #include <memory>
 #include <string_view>
@@ -10,7 +11,7 @@ namespace almanor {
 // DayCalendar computed step by step with ICU's icu::GregorianCalendar: the definition of the
 // arithmetic. It is exact everywhere (the Julian calendar before 1582 included) but costs tens
 // of microseconds per difference; CivilCalendar is the fast path and falls back on this one.
-class IcuCalendar final : public DayCalendar {
+class ALMANOR_EXPORT IcuCalendar final : public DayCalendar {
   public:
     static std::unique_ptr<IcuCalendar> current();
     static std::unique_ptr<IcuCalendar> forZone(std::string_view zoneId);

@@ -1,6 +1,7 @@
 #pragma once
 // Internal to the model library: ICU zone creation shared by the two calendars.
 
+#include "platform/Export.h"
 #include "platform/Fatal.h"
 
 #include <memory>
@@ -47,7 +48,7 @@ inline std::string idOf(const icu::TimeZone& zone) {
     return out;
 }
 
-[[noreturn]] inline void failed(int line, UErrorCode status) {
+[[noreturn]] ALMANOR_EXPORT inline void failed(int line, UErrorCode status) {
     fatalError("Almanor/Utility", line,
                std::string("Calendar operation failed: ") + u_errorName(status));
 }

@@ -2,6 +2,7 @@
 
 #include "model/DayCalendar.h"
 #include "model/Event.h"
+#include "platform/Export.h"
 
 #include <string>
 #include <string_view>
@@ -10,7 +11,7 @@ namespace almanor {
 
 // The day counting: from an event and today to one signed number of days, and from that number
 // to the text of the status item. All calendar work goes through the calendar handed in.
-class Utility {
+class ALMANOR_EXPORT Utility {
   public:
     // 00:00 of the local day that holds `now`.
     static Instant startOfToday(const DayCalendar& calendar, Instant now);

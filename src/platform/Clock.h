@@ -1,17 +1,18 @@
 #pragma once
 
+#include "platform/Export.h"
 #include "platform/Instant.h"
 
 namespace almanor {
 
 // The current moment, handed in so that tests can fix it.
-class Clock {
+class ALMANOR_EXPORT Clock {
   public:
     virtual ~Clock() = default;
     virtual Instant now() const = 0;
 };
 
-class SystemClock final : public Clock {
+class ALMANOR_EXPORT SystemClock final : public Clock {
   public:
     Instant now() const override {
         return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
@@ -19,7 +20,7 @@ class SystemClock final : public Clock {
 };
 
 // A clock that says what it is told.
-class FixedClock final : public Clock {
+class ALMANOR_EXPORT FixedClock final : public Clock {
   public:
     explicit FixedClock(Instant t) : t_(t) {}
     Instant now() const override { return t_; }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/Export.h"
+
 #include <string_view>
 
 namespace almanor {
@@ -10,6 +12,7 @@ inline constexpr int fatalExitStatus = 3;
 // Stops the process after one line on standard error: "<site>:<line>: Fatal error: <message>".
 // Used for the states the system cannot continue from (a store that cannot be opened, a calendar
 // operation that fails); it never returns.
-[[noreturn]] void fatalError(std::string_view site, int line, std::string_view message);
+[[noreturn]] ALMANOR_EXPORT void fatalError(std::string_view site, int line,
+                                            std::string_view message);
 
 } // namespace almanor

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/Export.h"
+
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -10,7 +12,7 @@ namespace almanor {
 // An exclusive lock on a file (or a folder) shared by every process of the user, held while the
 // object lives. Waiting for another holder can be given up: `keepWaiting` is asked every
 // `poll`, so that a quitting process never waits behind another one.
-class FileLock {
+class ALMANOR_EXPORT FileLock {
   public:
     // Blocks until the lock is held, `keepWaiting` answers false, or the file cannot be opened
     // (created with mode 0600 when missing); held() tells which.

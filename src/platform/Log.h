@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/Export.h"
+
 #include <functional>
 #include <string_view>
 
@@ -8,7 +10,7 @@ namespace almanor {
 // The system's own one-line messages ("Failed to fetch records: ...", "Recalculating event").
 // The tray application prints them on standard output; the command line sends them to standard
 // error so that its standard output carries only results.
-class Log {
+class ALMANOR_EXPORT Log {
   public:
     using Sink = std::function<void(std::string_view line)>;
 

@@ -1,12 +1,14 @@
 #pragma once
 
+#include "platform/Export.h"
+
 #include <functional>
 
 namespace almanor {
 
 // The thread that runs the user interface. Work that touches what the user sees is carried to it;
 // the tray's is GLib's main loop, tests use a queue they drain themselves.
-class MainThread {
+class ALMANOR_EXPORT MainThread {
   public:
     using Work = std::function<void()>;
 

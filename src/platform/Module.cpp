@@ -1,6 +1,6 @@
 #include "platform/Module.h"
 
-#include <gmodule.h>
+#include <dlfcn.h>
 #include <string>
 
 namespace almanor::module {
@@ -28,14 +28,15 @@ std::filesystem::path locate(std::string_view fileName, std::string_view install
 }
 
 void* load(const std::filesystem::path& file, const char* entryPoint) {
-    // Kept for good: what it made (windows, services) runs its code until the process ends.
-    GModule* loaded = g_module_open(file.c_str(), G_MODULE_BIND_LOCAL);
+    // Never closed: what it made (windows, services) runs its code until the process ends. Bound
+    // now, so that a module that does not fit this program fails here with the name it lacks.
+    void* loaded = ::dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (loaded == nullptr) {
-        throw ModuleError("cannot load " + file.string() + ": " + g_module_error());
+        const char* why = ::dlerror();
+        throw ModuleError("cannot load " + file.string() + ": " + (why ? why : "unknown error"));
     }
-    g_module_make_resident(loaded);
-    gpointer symbol = nullptr;
-    if (!g_module_symbol(loaded, entryPoint, &symbol) || symbol == nullptr) {
+    void* symbol = ::dlsym(loaded, entryPoint);
+    if (symbol == nullptr) {
         throw ModuleError(file.string() + " has no " + entryPoint);
     }
     return symbol;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/Export.h"
+
 #include <filesystem>
 #include <stdexcept>
 #include <string_view>
@@ -7,7 +9,7 @@
 namespace almanor {
 
 // A module that cannot be found or loaded; what() is one line naming it and the reason.
-class ModuleError : public std::runtime_error {
+class ALMANOR_EXPORT ModuleError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
@@ -19,11 +21,12 @@ namespace module {
 // Where `fileName` is: beside the running program (a build tree, and the tray, which is
 // installed beside its modules), else in `installedDir`, relative to the program's folder.
 // Throws ModuleError when neither holds it.
-std::filesystem::path locate(std::string_view fileName, std::string_view installedDir);
+ALMANOR_EXPORT std::filesystem::path locate(std::string_view fileName,
+                                            std::string_view installedDir);
 
 // Loads the module (once; a second call finds it loaded) and returns its symbol `entryPoint`.
 // Throws ModuleError with the loader's message.
-void* load(const std::filesystem::path& file, const char* entryPoint);
+ALMANOR_EXPORT void* load(const std::filesystem::path& file, const char* entryPoint);
 
 } // namespace module
 

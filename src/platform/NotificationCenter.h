@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/Export.h"
+
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -12,7 +14,7 @@ namespace almanor {
 // Named notifications within the process. Observers are called synchronously, on the thread
 // that posts, in the order they were added. No sender object and no payload: the system's only
 // notification carries neither.
-class NotificationCenter {
+class ALMANOR_EXPORT NotificationCenter {
   public:
     using Observer = std::function<void()>;
     using Token = std::uint64_t;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/Export.h"
 #include "platform/Uuid.h"
 
 #include <optional>
@@ -11,7 +12,7 @@ namespace almanor {
 class UserDefaults;
 
 // The keys of the defaults store and the typed accessors of the selection.
-class Settings {
+class ALMANOR_EXPORT Settings {
   public:
     static constexpr std::string_view selectedEvent = "selectedEvent";
     static constexpr std::string_view buildVersion = "buildVersion";

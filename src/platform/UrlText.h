@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/Export.h"
+
 #include <string>
 #include <string_view>
 
@@ -9,9 +11,9 @@ namespace almanor {
 // reach an error, a log line or a status. Every place that prints a URL goes through these.
 
 // `url` alone (well-formed or not) without its user information: "https://host/".
-std::string redactUrl(std::string_view url);
+ALMANOR_EXPORT std::string redactUrl(std::string_view url);
 // Every URL inside a line of text ("scheme://..." tokens) without its user information; the rest
 // of the text, e-mail addresses included, is left as it is.
-std::string redactUrls(std::string_view text);
+ALMANOR_EXPORT std::string redactUrls(std::string_view text);
 
 } // namespace almanor

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/Export.h"
+
 #include <cstdint>
 #include <filesystem>
 #include <map>
@@ -18,7 +20,7 @@ namespace almanor {
 // the file as it was under a name that no earlier copy has (settings.ini.corrupt, then
 // .corrupt.1, ...), writes back the lines that could be read and names each line dropped, once.
 // Keys whose group header was lost are read as keys of `group`, the one group the file holds.
-class UserDefaults {
+class ALMANOR_EXPORT UserDefaults {
   public:
     explicit UserDefaults(std::filesystem::path file);
     ~UserDefaults();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/Export.h"
+
 #include <array>
 #include <cstddef>
 #include <functional>
@@ -10,7 +12,7 @@
 namespace almanor {
 
 // A 128-bit identifier. Its text form is the canonical upper-case 36-character form.
-class Uuid {
+class ALMANOR_EXPORT Uuid {
   public:
     using Bytes = std::array<unsigned char, 16>;
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/Clock.h"
+#include "platform/Export.h"
 #include "platform/Instant.h"
 #include "platform/MainThread.h"
 #include "platform/NotificationCenter.h"
@@ -24,7 +25,7 @@ class Repository;
 class UserDefaults;
 
 // One row of the status menu or of its events submenu, as the tray draws it.
-struct MenuItem {
+struct ALMANOR_EXPORT MenuItem {
     enum class Action { none, updateSelectedEvent, manageEvents, toggleLaunchAtLogin, quit };
 
     std::string title;            // shown as it is: no mnemonics
@@ -38,7 +39,7 @@ struct MenuItem {
 };
 
 // What draws the menus (the menu protocol in the tray, a recorder in tests).
-class MenuPresenter {
+class ALMANOR_EXPORT MenuPresenter {
   public:
     virtual ~MenuPresenter() = default;
     // Start-up: the top-level menu, once.
@@ -52,14 +53,14 @@ class MenuPresenter {
 };
 
 // Creates the status item once the menu exists; the item shows the menu.
-class StatusBar {
+class ALMANOR_EXPORT StatusBar {
   public:
     virtual ~StatusBar() = default;
     virtual StatusItem& createStatusItem() = 0;
 };
 
 // The management window as the delegate sees it: created once, then kept.
-class ManageEventsWindow {
+class ALMANOR_EXPORT ManageEventsWindow {
   public:
     virtual ~ManageEventsWindow() = default;
     virtual bool isVisible() const = 0;
@@ -68,7 +69,7 @@ class ManageEventsWindow {
 };
 
 // The repeating refresh timer.
-class Scheduler {
+class ALMANOR_EXPORT Scheduler {
   public:
     virtual ~Scheduler() = default;
     virtual void scheduleRepeating(double intervalSeconds, double toleranceSeconds,
@@ -77,7 +78,7 @@ class Scheduler {
 
 // The tray's behaviour, as plain C++: start-up, the refresh timer and its gating, the change
 // notification, the menus and their actions. The tray draws what it is told and forwards clicks.
-class AppDelegate {
+class ALMANOR_EXPORT AppDelegate {
   public:
     struct Services {
         Repository& repository;

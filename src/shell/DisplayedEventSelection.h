@@ -3,6 +3,7 @@
 #include "model/DayCalendar.h"
 #include "model/Event.h"
 #include "platform/Clock.h"
+#include "platform/Export.h"
 #include "platform/Settings.h"
 #include "platform/Uuid.h"
 #include "shell/StatusItem.h"
@@ -18,7 +19,7 @@ namespace almanor {
 // Turns the stored selection (an event's id or one of three mode sentinels) into the displayed
 // event, sets the status title and writes the selection back. Plain C++ shared by the tray and
 // the command line, so both show the same event for the same state.
-class DisplayedEventSelection {
+class ALMANOR_EXPORT DisplayedEventSelection {
   public:
     static const Uuid nextEventId;          // "Next upcoming event"
     static const Uuid randomEventId;        // "Random event selection"

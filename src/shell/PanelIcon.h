@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/Export.h"
+
 #include <string>
 #include <string_view>
 
@@ -16,10 +18,10 @@ inline constexpr std::string_view showsCountKey = "panelIconShowsCount";
 
 // Whether the icon carries the count: the setting when it holds a boolean, else whether
 // `currentDesktop` ($XDG_CURRENT_DESKTOP, a colon-separated list) names KDE.
-bool showsCount(const UserDefaults& defaults, std::string_view currentDesktop);
+ALMANOR_EXPORT bool showsCount(const UserDefaults& defaults, std::string_view currentDesktop);
 
 // The count as the icon draws it: "12" before the day, "!" on it, "-3" after it.
-std::string countText(int days);
+ALMANOR_EXPORT std::string countText(int days);
 
 } // namespace panelIcon
 

@@ -1,12 +1,14 @@
 #pragma once
 
+#include "platform/Export.h"
+
 #include <optional>
 #include <string>
 
 namespace almanor {
 
 // The title-bearing item the user sees: the tray's indicator, or what the command line prints.
-class StatusItem {
+class ALMANOR_EXPORT StatusItem {
   public:
     virtual ~StatusItem() = default;
     virtual void setTitle(const std::string& title) = 0;
@@ -16,7 +18,7 @@ class StatusItem {
 };
 
 // A status item that only remembers, for the command line and for tests.
-class RecordedStatusItem final : public StatusItem {
+class ALMANOR_EXPORT RecordedStatusItem final : public StatusItem {
   public:
     void setTitle(const std::string& title) override { title_ = title; }
     const std::string& title() const { return title_; }

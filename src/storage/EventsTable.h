@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/Export.h"
 #include "platform/Instant.h"
 #include "platform/Uuid.h"
 #include "storage/sql/Column.h"
@@ -14,7 +15,7 @@ namespace almanor {
 
 // The "events" table: the event's own fields, then the bookkeeping that the cloud push reads.
 // The sync fields keep snake-case SQL names, unlike their field names.
-struct EventsTable {
+struct ALMANOR_EXPORT EventsTable {
     sql::Table table{"events"};
     sql::Column<Uuid> id{"id"};
     sql::Column<std::string> name{"name"};

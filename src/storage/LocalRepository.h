@@ -2,6 +2,7 @@
 
 #include "model/Event.h"
 #include "platform/Clock.h"
+#include "platform/Export.h"
 #include "platform/NotificationCenter.h"
 #include "storage/EventsTable.h"
 #include "storage/StoreError.h"
@@ -22,7 +23,7 @@ inline constexpr std::string_view eventChangeNotification = "com.vostrel.Almanor
 
 // The store of the user's events in one SQLite file, and the source of truth for them. Deletion is
 // soft: a deleted row stays with its deletion time until the cloud has been told.
-class LocalRepository {
+class ALMANOR_EXPORT LocalRepository {
   public:
     // Opens (creating when missing) directory/fileName; the directory is created with its parents.
     // A failure to open stops the process: nothing can work without the store. The tables are

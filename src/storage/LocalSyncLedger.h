@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/Export.h"
 #include "storage/SyncLedger.h"
 
 namespace almanor {
@@ -9,7 +10,7 @@ class LocalRepository;
 // The sync's bookkeeping in the store's file: the events table's sync columns, beside them one
 // row per record ("sync_records": the record's name, its resource and the version last in step)
 // and the zones' sync tokens ("sync_zones"). The events table keeps its own schema.
-class LocalSyncLedger final : public SyncLedger {
+class ALMANOR_EXPORT LocalSyncLedger final : public SyncLedger {
   public:
     // The tables are the store's own (its schema's second step).
     explicit LocalSyncLedger(LocalRepository& local);

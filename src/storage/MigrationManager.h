@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/Export.h"
 #include "storage/sql/Table.h"
 
 namespace almanor {
@@ -11,7 +12,7 @@ struct EventsTable;
 // Records in the defaults store (buildVersion = 1) that the store has been prepared for this
 // storage format. The store itself makes its tables whenever it opens a file that lacks them, so
 // a database file lost after this ran starts empty instead of failing.
-class MigrationManager {
+class ALMANOR_EXPORT MigrationManager {
   public:
     // CREATE TABLE IF NOT EXISTS "events" (...), built from the table's columns.
     static sql::Statement createTableStatement(const EventsTable& events);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "model/Event.h"
+#include "platform/Export.h"
 #include "storage/LocalRepository.h"
 
 #include <memory>
@@ -11,7 +12,7 @@ namespace almanor {
 
 // The one entry point through which the rest of the system reads and changes events. Failures of
 // the store are logged as one line each and swallowed; callers see an empty list or false.
-class Repository {
+class ALMANOR_EXPORT Repository {
   public:
     explicit Repository(std::unique_ptr<LocalRepository> local);
     Repository(const Repository&) = delete;

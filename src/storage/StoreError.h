@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/Export.h"
+
 #include <stdexcept>
 #include <string>
 
@@ -7,7 +9,7 @@ namespace almanor {
 
 // The store could not do what was asked; what() is one line. The SQL layer's own errors end
 // inside the store: everything above it sees this one.
-class StoreError : public std::runtime_error {
+class ALMANOR_EXPORT StoreError : public std::runtime_error {
   public:
     explicit StoreError(const std::string& what, int code = 0)
         : std::runtime_error(what), code_(code) {}

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "model/Event.h"
+#include "platform/Export.h"
 #include "platform/Instant.h"
 #include "platform/Uuid.h"
 #include "storage/StoreError.h"
@@ -13,7 +14,7 @@
 namespace almanor {
 
 // What the store keeps of the record that mirrors an event on the server.
-struct RecordState {
+struct ALMANOR_EXPORT RecordState {
     std::string recordName; // the record's name (its resource's UID)
     std::string resource;   // the resource's name in the zone's collection
     std::string etag;       // the server's version the row was last in step with; empty: none
@@ -22,7 +23,7 @@ struct RecordState {
 };
 
 // What a decision about a row saw of it: a row changed or deleted since is left alone.
-struct RowVersion {
+struct ALMANOR_EXPORT RowVersion {
     Instant updated;
     std::optional<Instant> deleted;
 
@@ -30,7 +31,7 @@ struct RowVersion {
 };
 
 // A row of the store with its sync bookkeeping, as the sync reads it.
-struct SyncRow {
+struct ALMANOR_EXPORT SyncRow {
     EventPtr event;
     Instant updated;                   // the last change of the event, here or on the server
     std::optional<Instant> deleted;    // the soft deletion
@@ -53,7 +54,7 @@ struct SyncRow {
 // The store as the sync sees it: its rows with their bookkeeping, the zone's sync token, and
 // writes that land together or not at all. Implemented over the SQLite file, and in memory for
 // the rules' tests. Each call throws StoreError.
-class SyncLedger {
+class ALMANOR_EXPORT SyncLedger {
   public:
     virtual ~SyncLedger() = default;
 

@@ -3,6 +3,7 @@
 #include "cloud/CloudRepository.h"
 #include "cloud/CloudServiceProvider.h"
 #include "platform/Clock.h"
+#include "platform/Export.h"
 #include "storage/SyncLedger.h"
 #include "sync/SyncPass.h"
 
@@ -21,7 +22,7 @@ class UserDefaults;
 // Keeps the store and the user's cloud in step: passes of a pull followed by a push, run one at a
 // time on a worker of their own. Two processes on one store take turns through a lock file beside
 // it. A pass asked for while one runs is run once after it.
-class CloudSync {
+class ALMANOR_EXPORT CloudSync {
   public:
     // `lockFile`: the file every process syncing this store locks for the length of a pass.
     CloudSync(SyncLedger& ledger, CloudServiceProvider provider, UserDefaults& defaults,

@@ -3,6 +3,7 @@
 #include "cloud/CloudEvent.h"
 #include "cloud/CloudService.h"
 #include "platform/Clock.h"
+#include "platform/Export.h"
 #include "storage/SyncLedger.h"
 
 #include <atomic>
@@ -20,7 +21,7 @@ class CloudRepository;
 class UserDefaults;
 
 // How a pass ended.
-struct PassResult {
+struct ALMANOR_EXPORT PassResult {
     bool pulled = false;      // the server's changes were read and written here
     bool pushed = false;      // every pending change was sent or settled
     std::string problem;      // the first thing that went wrong, one line
@@ -32,7 +33,7 @@ struct PassResult {
 // compare to the second, the grain of the record's LAST-MODIFIED; a server copy without a time
 // counts as the later one.
 enum class Side { here, server };
-Side laterChange(Instant here, std::optional<Instant> server);
+ALMANOR_EXPORT Side laterChange(Instant here, std::optional<Instant> server);
 
 // One pass of the sync between the store and the app's zone: a pull of what changed on the
 // server since the last one, then a push of what changed here. Every write to the server is
@@ -40,7 +41,7 @@ Side laterChange(Instant here, std::optional<Instant> server);
 // finished by a later one without duplicating or overwriting anything; what the server reports
 // gone is removed here; when both sides changed one event the later change wins and the other is
 // named in one log line.
-class SyncPass {
+class ALMANOR_EXPORT SyncPass {
   public:
     SyncPass(CloudRepository& cloud, SyncLedger& ledger, UserDefaults& defaults, const Clock& clock,
              const std::atomic<bool>& stopping);

@@ -52,4 +52,15 @@ libs=$(loaded cloud logout) || fail "cloud logout: exit $? $(cat "$T/err")"
 echo "$libs" | grep -Eq 'libcurl[-.]' || fail "cloud logout did not load the CalDAV module: $libs"
 libs=$(loaded sync)
 echo "$libs" | grep -Eq 'libcurl[-.]' && fail "sync without an account loaded the CalDAV module"
+
+# A damaged settings file is told on standard error by every command, the CalDAV adapter's
+# included (it logs through the program's own log): standard output carries only results.
+for command in "status" "events list" "select next" "cloud status" "cloud logout" "sync"; do
+  printf '[com.vostrel.Almanor]\n\001garbage\ncloudServer=http://127.0.0.1:9/\ncloudUser=me\ncloudPasswordCommand=echo x\n' \
+    > "$XDG_CONFIG_HOME/Almanor/settings.ini"
+  # shellcheck disable=SC2086
+  "$B" $command > "$T/out" 2> "$T/err"
+  grep -q "damaged settings file" "$T/err" || fail "almanor $command did not tell the damage: $(cat "$T/err")"
+  grep -Eq "settings|dropped" "$T/out" && fail "almanor $command told the damage on standard output"
+done
 exit 0

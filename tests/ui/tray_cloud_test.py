@@ -2,6 +2,7 @@
 from what the start-up pull brought, local changes are pushed at start-up and when they are
 made, an outage loses nothing, and the window follows a pull."""
 
+import glob
 import json
 import os
 import subprocess
@@ -47,7 +48,10 @@ class TrayCloudTest(unittest.TestCase):
         cls.d.almanor(*cls.login)
         cls.d.almanor("events", "add", "Dentist", "--date", "2030-06-01")  # made offline, not pushed yet
         cls.log = open(os.path.join(root, "tray.log"), "w+")
-        cls.tray = cls.d.spawn([BIN + "/almanor"], stdout=cls.log, stderr=subprocess.STDOUT)
+        # The dynamic linker's log of every symbol it binds, read after the window has opened.
+        cls.bindings = os.path.join(root, "bindings")
+        env = dict(os.environ, LD_DEBUG="bindings", LD_DEBUG_OUTPUT=cls.bindings)
+        cls.tray = cls.d.spawn([BIN + "/almanor"], stdout=cls.log, stderr=subprocess.STDOUT, env=env)
         cls.first_label = cls.d.wait_for(desktop.label_or_none, "the tray's first label", timeout=30)
 
     @classmethod
@@ -109,6 +113,18 @@ class TrayCloudTest(unittest.TestCase):
         self.d.wait_for(lambda: any(k.startswith("Picnic - ") for k in desktop.rows()), "the pulled event's menu row")
         cells = lambda: [n.name for n in window.findChildren(lambda n: n.roleName == "table cell")]
         self.d.wait_for(lambda: "Picnic" in cells(), "the pulled event in the window")
+
+        # With the window and the CalDAV adapter loaded: one copy of each library in the process,
+        # and no library binds a symbol to the program itself.
+        with open("/proc/%d/maps" % self.tray.pid) as f:
+            paths = {line.split()[-1] for line in f if "/" in line}
+        for library in ("libstdc++.so", "libicuuc.so", "libsqlite3.so", "libalmanor-", "libglib-2.0.so"):
+            self.assertEqual(len([p for p in paths if os.path.basename(p).startswith(library)]), 1,
+                             (library, sorted(paths)))
+        program = os.path.realpath(os.path.join(BIN, "almanor-tray"))
+        log = "".join(open(p).read() for p in glob.glob(self.bindings + ".%d" % self.tray.pid))
+        self.assertIn("binding file", log)
+        self.assertEqual([line for line in log.splitlines() if " to " + program + " [" in line], [])
 
     def test_6_quit_leaves_nothing_unsent(self):
         desktop.click("Quit")

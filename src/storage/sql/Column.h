@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/Export.h"
 #include "storage/sql/Value.h"
 
 #include <optional>
@@ -9,7 +10,7 @@
 namespace almanor::sql {
 
 // What a column is without its value type: its name and its SQL text (the quoted name).
-class ColumnBase {
+class ALMANOR_EXPORT ColumnBase {
   public:
     explicit ColumnBase(std::string name) : name_(std::move(name)), text_(quoteIdentifier(name_)) {}
 
@@ -23,12 +24,12 @@ class ColumnBase {
 };
 
 // One "column" definition of a CREATE TABLE statement.
-struct ColumnDefinition {
+struct ALMANOR_EXPORT ColumnDefinition {
     std::string text;
 };
 
 // One assignment of an INSERT or UPDATE: the column and either "?" with its binding or a literal.
-struct Setter {
+struct ALMANOR_EXPORT Setter {
     std::string column;
     std::string value;
     std::optional<Binding> binding;

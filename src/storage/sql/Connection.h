@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/Export.h"
 #include "storage/sql/Column.h"
 #include "storage/sql/Table.h"
 
@@ -16,10 +17,10 @@ struct sqlite3_stmt;
 
 namespace almanor::sql {
 
-struct ConnectionDeleter {
+struct ALMANOR_EXPORT ConnectionDeleter {
     void operator()(sqlite3* db) const noexcept;
 };
-struct StatementDeleter {
+struct ALMANOR_EXPORT StatementDeleter {
     void operator()(sqlite3_stmt* statement) const noexcept;
 };
 using ConnectionHandle = std::unique_ptr<sqlite3, ConnectionDeleter>;
@@ -34,7 +35,7 @@ template <class T> struct ColumnIndex {
 };
 
 // The current row of a result. Valid until the result steps again.
-class Row {
+class ALMANOR_EXPORT Row {
   public:
     enum class Storage { integer, real, text, blob, null };
 
@@ -59,7 +60,7 @@ class Row {
 // queue (a recursive mutex: a call made while already on the queue, from the same thread, runs
 // directly instead of deadlocking), and the handle is opened in full-mutex mode as well, so the
 // connection may be used from any thread.
-class Connection {
+class ALMANOR_EXPORT Connection {
   public:
     // The command line and the tray write the same file; a writer waits this long for the other
     // to finish instead of failing at once with "database is locked".
@@ -117,7 +118,7 @@ class Connection {
 
 // The rows of one prepared query, stepped through in order: range-for or next() and row().
 // Neither copyable nor movable: rows read from it refer back to it.
-class Rows {
+class ALMANOR_EXPORT Rows {
   public:
     Rows(Connection& connection, const Statement& statement);
     ~Rows();

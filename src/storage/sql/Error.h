@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/Export.h"
+
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -12,7 +14,7 @@ namespace almanor::sql {
 // statement. `what()` is the description that ends up in log lines: "message (code: N)". Errors
 // raised by this layer itself rather than by SQLite (a NULL read into a non-optional value, a
 // missing column, text that is not a date) have code 0 and describe themselves by message alone.
-class Error : public std::runtime_error {
+class ALMANOR_EXPORT Error : public std::runtime_error {
   public:
     Error(std::string message, int code, std::string statement = {});
     explicit Error(std::string message) : Error(std::move(message), 0) {}
@@ -30,6 +32,6 @@ class Error : public std::runtime_error {
 // The one place where a SQLite result code becomes an error: returns `resultCode` when it reports
 // success (OK, ROW or DONE), else throws with the connection's current message and code. Callers
 // hold the connection's queue, so the message is the one of this call.
-int check(sqlite3* db, int resultCode, std::string_view statement = {});
+ALMANOR_EXPORT int check(sqlite3* db, int resultCode, std::string_view statement = {});
 
 } // namespace almanor::sql

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/Export.h"
 #include "storage/sql/Column.h"
 
 #include <optional>
@@ -9,7 +10,7 @@
 namespace almanor::sql {
 
 // A condition: its SQL text with "?" placeholders and the values bound to them, in order.
-struct Expression {
+struct ALMANOR_EXPORT Expression {
     std::string text;
     std::vector<Binding> bindings;
 

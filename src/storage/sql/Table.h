@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/Export.h"
 #include "storage/sql/Column.h"
 #include "storage/sql/Expression.h"
 
@@ -11,13 +12,13 @@
 namespace almanor::sql {
 
 // A statement ready to run: its text with "?" placeholders and the values bound to them, in order.
-struct Statement {
+struct ALMANOR_EXPORT Statement {
     std::string text;
     std::vector<Binding> bindings;
 };
 
 // A table by name; builds the statements the store runs against it.
-class Table {
+class ALMANOR_EXPORT Table {
   public:
     explicit Table(std::string name) : name_(std::move(name)), text_(quoteIdentifier(name_)) {}
 

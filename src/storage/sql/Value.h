@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/Export.h"
 #include "platform/Instant.h"
 #include "platform/Uuid.h"
 
@@ -59,8 +60,8 @@ template <class T> struct ValueTraits<std::optional<T>> {
 };
 
 // An identifier in double quotes, any double quote inside doubled.
-std::string quoteIdentifier(std::string_view name);
+ALMANOR_EXPORT std::string quoteIdentifier(std::string_view name);
 // A text literal in single quotes, any single quote inside doubled.
-std::string quoteText(std::string_view text);
+ALMANOR_EXPORT std::string quoteText(std::string_view text);
 
 } // namespace almanor::sql

@@ -7,12 +7,8 @@
 #include "login/XdgAutostartService.h"
 #include "platform/Clock.h"
 #include "platform/GlibOwners.h"
-#ifdef ALMANOR_BUILT_IN_ICU
-#include "platform/IcuData.h"
-#endif
 #include "platform/Log.h"
 #include "platform/Module.h"
-#include "platform/NetworkMonitor.h"
 #include "platform/NotificationCenter.h"
 #include "platform/Paths.h"
 #include "platform/UserDefaults.h"
@@ -24,6 +20,7 @@
 #include "sync/CloudSync.h"
 #include "ui/tray/DbusMenuPresenter.h"
 #include "ui/tray/GlibServices.h"
+#include "ui/tray/NetworkMonitor.h"
 #include "ui/tray/StatusNotifierItem.h"
 #include "ui/window/WindowModule.h"
 
@@ -314,11 +311,6 @@ bool registerOnSessionBus(GApplication* application) {
 
 int main(int argc, char** argv) {
     Log::toStandardOutput();
-#ifdef ALMANOR_BUILT_IN_ICU
-    if (!useSystemIcuData()) {
-        return 3;
-    }
-#endif
     Run run;
     std::error_code ec;
     run.self = std::filesystem::read_symlink("/proc/self/exe", ec);

@@ -1,4 +1,4 @@
-#include "platform/NetworkMonitor.h"
+#include "ui/tray/NetworkMonitor.h"
 
 #include <gio/gio.h>
 #include <gtest/gtest.h>
