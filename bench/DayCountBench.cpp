@@ -6,7 +6,7 @@
 #include "model/IcuCalendar.h"
 #include "model/Utility.h"
 #include "platform/Settings.h"
-#include "platform/UserDefaults.h"
+#include "platform/SettingsFile.h"
 #include "shell/DisplayedEventSelection.h"
 
 #include <benchmark/benchmark.h>
@@ -67,7 +67,7 @@ void selection(benchmark::State& state) {
     }
     auto folder =
         std::filesystem::temp_directory_path() / ("almanor-bench-" + std::to_string(::getpid()));
-    UserDefaults defaults(folder / "settings.ini");
+    SettingsFile defaults(folder / "settings.ini");
     Settings settings(defaults);
     settings.registerDefaults();
     FixedClock clock(Instant(milliseconds(1795000000000LL)));

@@ -6,7 +6,7 @@
 #include "cloud/RecordMapping.h"
 #include "platform/Log.h"
 #include "platform/Settings.h"
-#include "platform/UserDefaults.h"
+#include "platform/SettingsFile.h"
 #include "storage/LocalSyncLedger.h"
 #include "storage/MigrationManager.h"
 #include "storage/Repository.h"
@@ -20,9 +20,9 @@ namespace {
 
 struct Store {
     test::TempDir dir;
-    NotificationCenter center;
+    Signals center;
     SystemClock clock;
-    UserDefaults defaults{dir / "settings.ini"};
+    SettingsFile defaults{dir / "settings.ini"};
     std::shared_ptr<test::FakeCloudService> fake = std::make_shared<test::FakeCloudService>();
     Repository repository{
         std::make_unique<LocalRepository>(dir / "Almanor", "EventsV1.db", center, clock)};

@@ -1,8 +1,8 @@
 // Times the management window over the store of $XDG_DATA_HOME: building and showing it, then
 // reloading its list after a change, as the change notification does. Needs a display.
 
-#include "platform/NotificationCenter.h"
 #include "platform/Paths.h"
+#include "platform/Signals.h"
 #include "storage/LocalRepository.h"
 #include "storage/Repository.h"
 #include "ui/window/ManageEventsWindowGtk.h"
@@ -46,7 +46,7 @@ double median(std::vector<double> v) {
 
 int main(int argc, char** argv) {
     Gtk::Main kit(argc, argv);
-    NotificationCenter center;
+    Signals center;
     SystemClock clock;
     Repository repository(std::make_unique<LocalRepository>(
         paths::databaseDirectory(), paths::databaseFileName, center, clock));

@@ -3,17 +3,17 @@
 #include "cli/Cli.h"
 #include "cli/Services.h"
 #include "platform/Clock.h"
-#include "platform/NotificationCenter.h"
 #include "platform/Paths.h"
-#include "platform/UserDefaults.h"
+#include "platform/SettingsFile.h"
+#include "platform/Signals.h"
 #include "storage/LocalRepository.h"
 
 namespace almanor::app {
 
 int runCommands(int argc, char** argv) {
     // The command line's services, built once here and handed to the command.
-    UserDefaults defaults(paths::settingsFile());
-    NotificationCenter center;
+    SettingsFile defaults(paths::settingsFile());
+    Signals center;
     SystemClock clock;
     cli::Services services(defaults, center, clock, paths::databaseDirectory());
     return cli::run(argc, argv, services);

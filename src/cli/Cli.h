@@ -5,7 +5,7 @@
 namespace almanor {
 class Clock;
 class Repository;
-class UserDefaults;
+class SettingsFile;
 } // namespace almanor
 
 namespace almanor::cli {

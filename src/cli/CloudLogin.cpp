@@ -6,8 +6,8 @@
 #include "cli/Cli.h"
 #include "cloud/caldav/CalDavService.h"
 #include "cloud/caldav/CloudAccount.h"
+#include "platform/SettingsFile.h"
 #include "platform/UrlText.h"
-#include "platform/UserDefaults.h"
 
 #include <cstdio>
 #include <iostream>
@@ -43,7 +43,7 @@ std::string readPassword(const std::string& prompt) {
 
 } // namespace
 
-int cloudLogin(UserDefaults& defaults, const std::string& url, const std::string& userOption,
+int cloudLogin(SettingsFile& defaults, const std::string& url, const std::string& userOption,
                const std::string& passwordCommand) {
     CloudAccount account;
     account.server = url;
@@ -81,7 +81,7 @@ int cloudLogin(UserDefaults& defaults, const std::string& url, const std::string
     }
 }
 
-int cloudLogout(UserDefaults& defaults) {
+int cloudLogout(SettingsFile& defaults) {
     auto account = CloudAccount::load(defaults);
     if (!account) {
         std::fprintf(stderr, "no cloud account\n");

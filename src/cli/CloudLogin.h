@@ -3,15 +3,15 @@
 #include <string>
 
 namespace almanor {
-class UserDefaults;
+class SettingsFile;
 }
 
 namespace almanor::cli {
 
 // `almanor cloud login` and `almanor cloud logout`, as the CalDAV adapter's module runs them.
 // Each returns the exit status.
-int cloudLogin(UserDefaults& defaults, const std::string& url, const std::string& user,
+int cloudLogin(SettingsFile& defaults, const std::string& url, const std::string& user,
                const std::string& passwordCommand);
-int cloudLogout(UserDefaults& defaults);
+int cloudLogout(SettingsFile& defaults);
 
 } // namespace almanor::cli

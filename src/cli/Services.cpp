@@ -10,7 +10,7 @@
 
 namespace almanor::cli {
 
-Services::Services(UserDefaults& defaults, NotificationCenter& center, const Clock& clock,
+Services::Services(SettingsFile& defaults, Signals& center, const Clock& clock,
                    std::filesystem::path databaseDirectory)
     : defaults_(defaults), center_(center), clock_(clock),
       databaseDirectory_(std::move(databaseDirectory)),

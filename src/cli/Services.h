@@ -9,9 +9,9 @@
 namespace almanor {
 class Clock;
 class CloudModuleLoader;
-class NotificationCenter;
+class Signals;
 class Repository;
-class UserDefaults;
+class SettingsFile;
 } // namespace almanor
 
 namespace almanor::cli {
@@ -22,13 +22,13 @@ namespace almanor::cli {
 // neither open nor create the file.
 class Services {
   public:
-    Services(UserDefaults& defaults, NotificationCenter& center, const Clock& clock,
+    Services(SettingsFile& defaults, Signals& center, const Clock& clock,
              std::filesystem::path databaseDirectory);
     ~Services();
     Services(const Services&) = delete;
     Services& operator=(const Services&) = delete;
 
-    UserDefaults& defaults() { return defaults_; }
+    SettingsFile& defaults() { return defaults_; }
     const Clock& clock() const { return clock_; }
     // The database file, whether or not it has been opened yet.
     std::filesystem::path databaseFile() const;
@@ -38,8 +38,8 @@ class Services {
     const CloudServiceProvider& cloudServices() const { return cloudServices_; }
 
   private:
-    UserDefaults& defaults_;
-    NotificationCenter& center_;
+    SettingsFile& defaults_;
+    Signals& center_;
     const Clock& clock_;
     std::filesystem::path databaseDirectory_;
     std::unique_ptr<Repository> repository_;

@@ -1,12 +1,12 @@
 #include "cloud/CloudAccount.h"
 
-#include "platform/UserDefaults.h"
+#include "platform/SettingsFile.h"
 
 #include <sstream>
 
 namespace almanor {
 
-std::optional<CloudAccount> CloudAccount::load(const UserDefaults& defaults) {
+std::optional<CloudAccount> CloudAccount::load(const SettingsFile& defaults) {
     auto server = defaults.string(serverKey);
     if (!server || server->empty())
         return std::nullopt;
@@ -21,7 +21,7 @@ std::optional<CloudAccount> CloudAccount::load(const UserDefaults& defaults) {
     return account;
 }
 
-void CloudAccount::store(UserDefaults& defaults) const {
+void CloudAccount::store(SettingsFile& defaults) const {
     defaults.setString(serverKey, server);
     defaults.setString(userKey, user);
     if (passwordCommand.empty())
@@ -41,7 +41,7 @@ void CloudAccount::store(UserDefaults& defaults) const {
         defaults.setString(originsKey, joined);
 }
 
-void CloudAccount::rememberDiscovery(UserDefaults& defaults, const std::string& home,
+void CloudAccount::rememberDiscovery(SettingsFile& defaults, const std::string& home,
                                      const std::vector<std::string>& origins) {
     auto account = load(defaults);
     if (!account)
@@ -51,7 +51,7 @@ void CloudAccount::rememberDiscovery(UserDefaults& defaults, const std::string& 
     account->store(defaults);
 }
 
-void CloudAccount::forget(UserDefaults& defaults) {
+void CloudAccount::forget(SettingsFile& defaults) {
     defaults.remove(serverKey);
     defaults.remove(userKey);
     defaults.remove(passwordCommandKey);

@@ -9,7 +9,7 @@
 
 namespace almanor {
 
-class UserDefaults;
+class SettingsFile;
 
 // The configured cloud account: where, who, and how the password is had (the keyring, or a
 // command whose first line of output is the password). The password itself is never kept here.
@@ -31,12 +31,12 @@ struct ALMANOR_EXPORT CloudAccount {
     std::string home;
     std::vector<std::string> origins;
 
-    static std::optional<CloudAccount> load(const UserDefaults& defaults);
-    void store(UserDefaults& defaults) const;
-    static void forget(UserDefaults& defaults);
+    static std::optional<CloudAccount> load(const SettingsFile& defaults);
+    void store(SettingsFile& defaults) const;
+    static void forget(SettingsFile& defaults);
     // What discovery found (the calendar home, the origins the server named), kept with the
     // account in `defaults` when there is one.
-    static void rememberDiscovery(UserDefaults& defaults, const std::string& home,
+    static void rememberDiscovery(SettingsFile& defaults, const std::string& home,
                                   const std::vector<std::string>& origins);
 
     // The password, from the command or the keyring. Throws CloudError with the reason; a

@@ -21,12 +21,12 @@ const CloudModule& CloudModuleLoader::module() {
     return *module_;
 }
 
-CloudServiceProvider accountCloudServiceProvider(UserDefaults& defaults, std::string installedDir) {
+CloudServiceProvider accountCloudServiceProvider(SettingsFile& defaults, std::string installedDir) {
     return accountCloudServiceProvider(
         defaults, std::make_shared<CloudModuleLoader>(std::move(installedDir)));
 }
 
-CloudServiceProvider accountCloudServiceProvider(UserDefaults& defaults,
+CloudServiceProvider accountCloudServiceProvider(SettingsFile& defaults,
                                                  std::shared_ptr<CloudModuleLoader> loader) {
     return [loader = std::move(loader), &defaults]() -> std::shared_ptr<CloudService> {
         if (!CloudAccount::load(defaults)) {

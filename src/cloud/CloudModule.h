@@ -13,7 +13,7 @@
 
 namespace almanor {
 
-class UserDefaults;
+class SettingsFile;
 
 struct ALMANOR_EXPORT CloudModule {
     // Raised whenever this table changes: a program refuses a module built for another one.
@@ -24,12 +24,12 @@ struct ALMANOR_EXPORT CloudModule {
     int version;
     // The CalDAV service of the account in the settings; one that reports noAccount when there
     // is none.
-    std::shared_ptr<CloudService> (*makeCloudService)(UserDefaults& defaults);
+    std::shared_ptr<CloudService> (*makeCloudService)(SettingsFile& defaults);
     // `almanor cloud login URL [--user NAME] [--password-command CMD]` and `almanor cloud
     // logout`: each says what happened on standard error and returns the exit status.
-    int (*login)(UserDefaults& defaults, const std::string& url, const std::string& user,
+    int (*login)(SettingsFile& defaults, const std::string& url, const std::string& user,
                  const std::string& passwordCommand);
-    int (*logout)(UserDefaults& defaults);
+    int (*logout)(SettingsFile& defaults);
 };
 
 // Loads the module once, on first use, from beside the program or from `installedDir`
@@ -50,10 +50,10 @@ class ALMANOR_EXPORT CloudModuleLoader {
 // The service of the account in `defaults`, for the repository. While no account is configured
 // (no cloudServer) it gives none and loads nothing; a module that cannot be loaded is one log line
 // and no service.
-ALMANOR_EXPORT CloudServiceProvider accountCloudServiceProvider(UserDefaults& defaults,
+ALMANOR_EXPORT CloudServiceProvider accountCloudServiceProvider(SettingsFile& defaults,
                                                                 std::string installedDir);
 // The same through a loader the caller shares with its other uses of the module.
 ALMANOR_EXPORT CloudServiceProvider
-accountCloudServiceProvider(UserDefaults& defaults, std::shared_ptr<CloudModuleLoader> loader);
+accountCloudServiceProvider(SettingsFile& defaults, std::shared_ptr<CloudModuleLoader> loader);
 
 } // namespace almanor

@@ -58,7 +58,7 @@ void CloudRepositoryFactory::cancelCreation() {
 std::shared_ptr<CloudRepository> CloudRepositoryFactory::create() {
     std::shared_ptr<CloudService> service = provider_ ? provider_() : nullptr;
     if (!service) {
-        Log::line("No cloudkit account available");
+        Log::line("No CalDAV account configured");
         return nullptr;
     }
     {
@@ -76,7 +76,7 @@ std::shared_ptr<CloudRepository> CloudRepositoryFactory::create() {
     } made{*this};
     try {
         if (service->accountStatus() == AccountStatus::noAccount) {
-            Log::line("No cloudkit account available");
+            Log::line("No CalDAV account configured");
             return nullptr;
         }
     } catch (const CloudError& e) {

@@ -3,7 +3,7 @@
 #include "cloud/RecordMapping.h"
 #include "platform/Log.h"
 #include "platform/Settings.h"
-#include "platform/UserDefaults.h"
+#include "platform/SettingsFile.h"
 
 namespace almanor {
 
@@ -35,7 +35,7 @@ bool MigrationHelper::hasRecords(CloudService& service, const std::string& zoneN
     }
 }
 
-std::optional<std::string> MigrationHelper::zoneInUse(UserDefaults& defaults) {
+std::optional<std::string> MigrationHelper::zoneInUse(SettingsFile& defaults) {
     if (defaults.boolean(Settings::appZoneUsed)) {
         return std::string(appZoneName);
     }
@@ -44,7 +44,7 @@ std::optional<std::string> MigrationHelper::zoneInUse(UserDefaults& defaults) {
 
 std::optional<MigrationHelper>
 MigrationHelper::findExistingRecords(std::shared_ptr<CloudService> service,
-                                     UserDefaults& defaults) {
+                                     SettingsFile& defaults) {
     if (!defaults.boolean(Settings::appZoneUsed)) {
         Log::line("Finding existing cloud records");
         try {

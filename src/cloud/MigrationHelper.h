@@ -12,7 +12,7 @@
 namespace almanor {
 
 class Clock;
-class UserDefaults;
+class SettingsFile;
 
 // How a zone is printed while the zones are walked: its name and where it lives.
 ALMANOR_EXPORT std::string describe(const RecordZone& zone);
@@ -36,11 +36,11 @@ class ALMANOR_EXPORT MigrationHelper {
     // (`appZoneUsed`, `recordZone`). None when there is nothing to read. The legacy zone counts
     // only when it holds records; the app's zone as soon as it exists.
     static std::optional<MigrationHelper> findExistingRecords(std::shared_ptr<CloudService> service,
-                                                              UserDefaults& defaults);
+                                                              SettingsFile& defaults);
 
     // The zone in use as the defaults remember it: the app's own zone once it has been seen,
     // else the stored name.
-    static std::optional<std::string> zoneInUse(UserDefaults& defaults);
+    static std::optional<std::string> zoneInUse(SettingsFile& defaults);
 
   private:
     std::shared_ptr<CloudService> service_;

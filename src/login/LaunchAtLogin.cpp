@@ -1,7 +1,7 @@
 #include "login/LaunchAtLogin.h"
 
 #include "platform/Settings.h"
-#include "platform/UserDefaults.h"
+#include "platform/SettingsFile.h"
 
 #include <glib.h>
 
@@ -19,7 +19,7 @@ void logFailure(bool enabled, const std::string& reason) {
 
 } // namespace
 
-LaunchAtLogin::LaunchAtLogin(LoginItemService& service, UserDefaults& defaults)
+LaunchAtLogin::LaunchAtLogin(LoginItemService& service, SettingsFile& defaults)
     : service_(service), defaults_(defaults) {}
 
 std::string LaunchAtLogin::helperIdentifier() {
@@ -87,7 +87,7 @@ LaunchAtLogin::Token LaunchAtLogin::observe(Observer observer) {
     return token;
 }
 
-void LaunchAtLogin::removeObserver(Token token) {
+void LaunchAtLogin::disconnect(Token token) {
     std::lock_guard lock(mutex_);
     std::erase_if(observers_, [&](const auto& entry) { return entry.first == token; });
 }

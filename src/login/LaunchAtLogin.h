@@ -11,7 +11,7 @@
 
 namespace almanor {
 
-class UserDefaults;
+class SettingsFile;
 
 // Registers the application as a login item, tells whether it is, and once moves users of the
 // older helper-based registration over.
@@ -20,7 +20,7 @@ class ALMANOR_EXPORT LaunchAtLogin {
     using Observer = std::function<void(bool enabled)>;
     using Token = std::uint64_t;
 
-    LaunchAtLogin(LoginItemService& service, UserDefaults& defaults);
+    LaunchAtLogin(LoginItemService& service, SettingsFile& defaults);
 
     // The application's own identifier, and the older helper's: it followed by
     // "-LaunchAtLoginHelper".
@@ -37,13 +37,13 @@ class ALMANOR_EXPORT LaunchAtLogin {
 
     // The change signal: called with the requested state after every setEnabled.
     Token observe(Observer observer);
-    void removeObserver(Token token);
+    void disconnect(Token token);
 
   private:
     void registration(bool enabled);
 
     LoginItemService& service_;
-    UserDefaults& defaults_;
+    SettingsFile& defaults_;
     std::mutex mutex_;
     std::vector<std::pair<Token, Observer>> observers_;
     Token next_ = 1;

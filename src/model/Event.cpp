@@ -35,7 +35,7 @@ Event::Token Event::observeWillChange(Observer observer) {
     return token;
 }
 
-void Event::removeObserver(Token token) {
+void Event::disconnect(Token token) {
     std::erase_if(observers_, [token](const auto& o) { return o.first == token; });
 }
 

@@ -64,7 +64,7 @@ class ALMANOR_EXPORT Event {
     void setCountMethod(CountMethod method) { countMethod_ = method; }
 
     Token observeWillChange(Observer observer);
-    void removeObserver(Token token);
+    void disconnect(Token token);
 
     // The label of the status text: the alias when present and not empty, else the name.
     std::string_view displayName() const;

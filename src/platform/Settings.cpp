@@ -1,7 +1,7 @@
 #include "platform/Settings.h"
 
 #include "platform/Fatal.h"
-#include "platform/UserDefaults.h"
+#include "platform/SettingsFile.h"
 
 namespace almanor {
 

@@ -9,7 +9,7 @@
 
 namespace almanor {
 
-class UserDefaults;
+class SettingsFile;
 
 // The keys of the defaults store and the typed accessors of the selection.
 class ALMANOR_EXPORT Settings {
@@ -23,9 +23,9 @@ class ALMANOR_EXPORT Settings {
     // Registered at every start: the selection defaults to the nil UUID, which names no event.
     static constexpr std::string_view selectedEventDefault = "00000000-0000-0000-0000-000000000000";
 
-    explicit Settings(UserDefaults& defaults) : defaults_(defaults) {}
+    explicit Settings(SettingsFile& defaults) : defaults_(defaults) {}
 
-    UserDefaults& defaults() const { return defaults_; }
+    SettingsFile& defaults() const { return defaults_; }
 
     void registerDefaults() const;
 
@@ -36,7 +36,7 @@ class ALMANOR_EXPORT Settings {
     void setSelectedEventId(const Uuid& id) const;
 
   private:
-    UserDefaults& defaults_;
+    SettingsFile& defaults_;
 };
 
 } // namespace almanor

@@ -1,6 +1,6 @@
 #include "shell/PanelIcon.h"
 
-#include "platform/UserDefaults.h"
+#include "platform/SettingsFile.h"
 
 #include <algorithm>
 #include <cctype>
@@ -30,7 +30,7 @@ std::optional<bool> parseBoolean(std::string_view text) {
 
 } // namespace
 
-bool showsCount(const UserDefaults& defaults, std::string_view currentDesktop) {
+bool showsCount(const SettingsFile& defaults, std::string_view currentDesktop) {
     if (auto text = defaults.string(showsCountKey)) {
         if (auto value = parseBoolean(*text)) {
             return *value;

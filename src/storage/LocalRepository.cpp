@@ -74,7 +74,7 @@ sql::Connection LocalRepository::open(const std::filesystem::path& directory,
 }
 
 LocalRepository::LocalRepository(const std::filesystem::path& directory, std::string_view fileName,
-                                 NotificationCenter& center, const Clock& clock)
+                                 Signals& center, const Clock& clock)
     : file_(directory / fileName), connection_(open(directory, fileName)), center_(center),
       clock_(clock) {
     try {
@@ -166,7 +166,7 @@ void LocalRepository::insert(const Event& event) {
             t.updated.set(now),
         }));
     });
-    center_.post(eventChangeNotification);
+    center_.emit(eventChangeNotification);
 }
 
 void LocalRepository::update(const Event& event) {
@@ -183,7 +183,7 @@ void LocalRepository::update(const Event& event) {
             },
             t.id == event.id()));
     });
-    center_.post(eventChangeNotification);
+    center_.emit(eventChangeNotification);
 }
 
 void LocalRepository::deleteEvent(const Event& event) {
@@ -192,11 +192,11 @@ void LocalRepository::deleteEvent(const Event& event) {
     storeCall([&] {
         connection_.run(t.table.update({t.deleted.set(clock_.now())}, t.id == event.id()));
     });
-    center_.post(eventChangeNotification);
+    center_.emit(eventChangeNotification);
 }
 
 void LocalRepository::postChange() {
-    center_.post(eventChangeNotification);
+    center_.emit(eventChangeNotification);
 }
 
 } // namespace almanor

@@ -3,7 +3,7 @@
 #include "model/Event.h"
 #include "platform/Clock.h"
 #include "platform/Export.h"
-#include "platform/NotificationCenter.h"
+#include "platform/Signals.h"
 #include "storage/EventsTable.h"
 #include "storage/StoreError.h"
 #include "storage/sql/Connection.h"
@@ -30,7 +30,7 @@ class ALMANOR_EXPORT LocalRepository {
     // created when the file lacks them; a file that cannot take them (damaged, not a database)
     // is left as it is, and unusable() says why.
     LocalRepository(const std::filesystem::path& directory, std::string_view fileName,
-                    NotificationCenter& center, const Clock& clock);
+                    Signals& center, const Clock& clock);
     LocalRepository(const LocalRepository&) = delete;
     LocalRepository& operator=(const LocalRepository&) = delete;
 
@@ -78,7 +78,7 @@ class ALMANOR_EXPORT LocalRepository {
     EventsTable events_;
     std::filesystem::path file_;
     sql::Connection connection_;
-    NotificationCenter& center_;
+    Signals& center_;
     const Clock& clock_;
     std::atomic<bool> schemaReady_ = false;
 };

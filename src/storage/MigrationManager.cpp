@@ -1,7 +1,7 @@
 #include "storage/MigrationManager.h"
 
 #include "platform/Settings.h"
-#include "platform/UserDefaults.h"
+#include "platform/SettingsFile.h"
 #include "storage/EventsTable.h"
 #include "storage/Repository.h"
 #include "storage/StoreSchema.h"
@@ -12,7 +12,7 @@ sql::Statement MigrationManager::createTableStatement(const EventsTable& events)
     return schemaVersions(events).front().statements.front();
 }
 
-bool MigrationManager::migrate(Repository& repository, UserDefaults& defaults) {
+bool MigrationManager::migrate(Repository& repository, SettingsFile& defaults) {
     if (repository.local().unusable()) {
         return false;
     }
@@ -20,7 +20,7 @@ bool MigrationManager::migrate(Repository& repository, UserDefaults& defaults) {
     return true;
 }
 
-bool MigrationManager::migrateIfNeeded(Repository& repository, UserDefaults& defaults) {
+bool MigrationManager::migrateIfNeeded(Repository& repository, SettingsFile& defaults) {
     if (defaults.integer(Settings::buildVersion) == 0) {
         return migrate(repository, defaults);
     }

@@ -6,7 +6,7 @@
 namespace almanor {
 
 class Repository;
-class UserDefaults;
+class SettingsFile;
 struct EventsTable;
 
 // Records in the defaults store (buildVersion = 1) that the store has been prepared for this
@@ -20,10 +20,10 @@ class ALMANOR_EXPORT MigrationManager {
     // Makes sure the store has its table and sets buildVersion to 1. A store that cannot be read
     // leaves buildVersion as it was for the next start and returns false; the store's unusable()
     // says why.
-    static bool migrate(Repository& repository, UserDefaults& defaults);
+    static bool migrate(Repository& repository, SettingsFile& defaults);
 
     // migrate() when buildVersion is still 0; false only when it ran and failed.
-    static bool migrateIfNeeded(Repository& repository, UserDefaults& defaults);
+    static bool migrateIfNeeded(Repository& repository, SettingsFile& defaults);
 };
 
 } // namespace almanor

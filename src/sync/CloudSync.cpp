@@ -6,7 +6,7 @@
 
 namespace almanor {
 
-CloudSync::CloudSync(SyncLedger& ledger, CloudServiceProvider provider, UserDefaults& defaults,
+CloudSync::CloudSync(SyncLedger& ledger, CloudServiceProvider provider, SettingsFile& defaults,
                      const Clock& clock, std::filesystem::path lockFile)
     : ledger_(ledger), defaults_(defaults), clock_(clock), lockFile_(std::move(lockFile)),
       cloud_(std::move(provider)) {}

@@ -17,7 +17,7 @@
 
 namespace almanor {
 
-class UserDefaults;
+class SettingsFile;
 
 // Keeps the store and the user's cloud in step: passes of a pull followed by a push, run one at a
 // time on a worker of their own. Two processes on one store take turns through a lock file beside
@@ -25,7 +25,7 @@ class UserDefaults;
 class ALMANOR_EXPORT CloudSync {
   public:
     // `lockFile`: the file every process syncing this store locks for the length of a pass.
-    CloudSync(SyncLedger& ledger, CloudServiceProvider provider, UserDefaults& defaults,
+    CloudSync(SyncLedger& ledger, CloudServiceProvider provider, SettingsFile& defaults,
               const Clock& clock, std::filesystem::path lockFile);
     // Stops as stop() does.
     ~CloudSync();
@@ -56,7 +56,7 @@ class ALMANOR_EXPORT CloudSync {
     PassResult runPass(std::uint64_t pass);
 
     SyncLedger& ledger_;
-    UserDefaults& defaults_;
+    SettingsFile& defaults_;
     const Clock& clock_;
     std::filesystem::path lockFile_;
     CloudRepositoryFactory cloud_;

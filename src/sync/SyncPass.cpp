@@ -78,7 +78,7 @@ Side laterChange(Instant here, std::optional<Instant> server) {
     return floor<seconds>(here) > floor<seconds>(*server) ? Side::here : Side::server;
 }
 
-SyncPass::SyncPass(CloudRepository& cloud, SyncLedger& ledger, UserDefaults& defaults,
+SyncPass::SyncPass(CloudRepository& cloud, SyncLedger& ledger, SettingsFile& defaults,
                    const Clock& clock, const std::atomic<bool>& stopping)
     : cloud_(cloud), service_(cloud.service()), ledger_(ledger), defaults_(defaults), clock_(clock),
       stopping_(stopping) {}

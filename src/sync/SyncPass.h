@@ -18,7 +18,7 @@
 namespace almanor {
 
 class CloudRepository;
-class UserDefaults;
+class SettingsFile;
 
 // How a pass ended.
 struct ALMANOR_EXPORT PassResult {
@@ -43,7 +43,7 @@ ALMANOR_EXPORT Side laterChange(Instant here, std::optional<Instant> server);
 // named in one log line.
 class ALMANOR_EXPORT SyncPass {
   public:
-    SyncPass(CloudRepository& cloud, SyncLedger& ledger, UserDefaults& defaults, const Clock& clock,
+    SyncPass(CloudRepository& cloud, SyncLedger& ledger, SettingsFile& defaults, const Clock& clock,
              const std::atomic<bool>& stopping);
 
     // Reads a zone of an older layout while discovery names one, then the app's zone's changes.
@@ -83,7 +83,7 @@ class ALMANOR_EXPORT SyncPass {
     CloudRepository& cloud_;
     CloudService& service_;
     SyncLedger& ledger_;
-    UserDefaults& defaults_;
+    SettingsFile& defaults_;
     const Clock& clock_;
     const std::atomic<bool>& stopping_;
     std::vector<SyncRow> rows_;

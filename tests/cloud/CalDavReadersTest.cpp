@@ -3,7 +3,7 @@
 #include "cloud/caldav/Http.h"
 #include "cloud/caldav/Multistatus.h"
 #include "cloud/caldav/RecordCalendar.h"
-#include "platform/UserDefaults.h"
+#include "platform/SettingsFile.h"
 #include "platform/Utf8.h"
 
 #include <atomic>
@@ -480,7 +480,7 @@ TEST(PasswordCommand, AQuittingProcessCutsAHangingCommandOffAtOnce) {
     char folder[] = "/tmp/almanor-pwcancel-XXXXXX";
     ASSERT_NE(mkdtemp(folder), nullptr);
     {
-        UserDefaults defaults(std::filesystem::path(folder) / "settings.ini");
+        SettingsFile defaults(std::filesystem::path(folder) / "settings.ini");
         CloudAccount{"http://127.0.0.1:9/", "u", "sleep 1000", {}, {}}.store(defaults);
         auto service = makeAccountCloudService(defaults);
         std::thread canceller([&] {

@@ -33,7 +33,7 @@ TEST(CloudRepositoryFactory, EachFailureIsLoggedOnceAndNotRetried) {
         {"status fails", [](FakeCloudService& f) { f.failAll(Op::accountStatus); },
          "Failed to check status of cloud: injected failure before the call"},
         {"no account", [](FakeCloudService& f) { f.setAccountStatus(AccountStatus::noAccount); },
-         "No cloudkit account available"},
+         "No CalDAV account configured"},
     };
     for (const auto& c : cases) {
         test::LogCapture log;
@@ -78,8 +78,7 @@ TEST(CloudRepositoryFactory, WithoutAServiceThereIsNoAccount) {
     EXPECT_EQ(none.existing(), nullptr);
     CloudRepositoryFactory empty{CloudServiceProvider{}};
     EXPECT_EQ(empty.get(), nullptr);
-    EXPECT_EQ(log.lines(),
-              (Lines{"No cloudkit account available", "No cloudkit account available"}));
+    EXPECT_EQ(log.lines(), (Lines{"No CalDAV account configured", "No CalDAV account configured"}));
 }
 
 TEST(CloudRepository, ZoneThatCannotBeCreatedIsOneLineAndTheFactoryGivesUp) {

@@ -5,7 +5,7 @@
 #include "TempDir.h"
 #include "cloud/RecordMapping.h"
 #include "platform/Settings.h"
-#include "platform/UserDefaults.h"
+#include "platform/SettingsFile.h"
 
 #include <gtest/gtest.h>
 
@@ -29,7 +29,7 @@ class ZoneDiscovery : public ::testing::Test {
     }
 
     test::TempDir dir;
-    UserDefaults defaults{dir / "settings.ini"};
+    SettingsFile defaults{dir / "settings.ini"};
     std::shared_ptr<FakeCloudService> fake = std::make_shared<FakeCloudService>();
     FixedClock clock{Instant{}};
     test::LogCapture log;

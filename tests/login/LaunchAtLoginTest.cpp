@@ -3,7 +3,7 @@
 #include "TempDir.h"
 #include "login/XdgAutostartService.h"
 #include "platform/Settings.h"
-#include "platform/UserDefaults.h"
+#include "platform/SettingsFile.h"
 
 #include <fstream>
 #include <glib.h>
@@ -76,7 +76,7 @@ void writeFile(const std::filesystem::path& file, const std::string& text) {
 
 struct Fixture : ::testing::Test {
     test::TempDir home;
-    UserDefaults defaults{home / "settings.ini"};
+    SettingsFile defaults{home / "settings.ini"};
     std::filesystem::path program = home / "my bin/al$manor";
     XdgAutostartService service{home.path(), program};
     LaunchAtLogin launch{service, defaults};
@@ -115,7 +115,7 @@ TEST_F(LaunchAtLoginTest, EnablingWritesAnEntryThatStartsThisProgram) {
     launch.setEnabled(false);
     EXPECT_FALSE(std::filesystem::exists(home / "autostart/com.vostrel.Almanor.desktop"));
     EXPECT_FALSE(launch.isEnabled());
-    launch.removeObserver(token);
+    launch.disconnect(token);
     launch.setEnabled(true);
     EXPECT_EQ(heard, (std::vector<bool>{true, true, false}));
 }

@@ -35,7 +35,7 @@ TEST(Event, ObserversHearBeforeNameOrAliasChange) {
     e.setName("New");
     e.setAlias(std::string("A"));
     e.setDate(Instant{} + days(1)); // not observed
-    e.removeObserver(token);
+    e.disconnect(token);
     e.setName("Gone");
     EXPECT_EQ(seen, (std::vector<std::string>{"Old|-", "New|-"}));
 }

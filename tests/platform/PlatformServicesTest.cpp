@@ -1,5 +1,5 @@
-#include "platform/NotificationCenter.h"
 #include "platform/Paths.h"
+#include "platform/Signals.h"
 #include "platform/Uuid.h"
 
 #include <gtest/gtest.h>
@@ -26,38 +26,38 @@ TEST(Uuid, TextFormIsUpperCaseAndParsingIsStrict) {
     }
 }
 
-TEST(NotificationCenter, DeliversSynchronouslyOnThePostingThreadToMatchingObservers) {
-    NotificationCenter center;
+TEST(Signals, DeliversSynchronouslyOnThePostingThreadToMatchingObservers) {
+    Signals center;
     std::vector<std::string> calls;
     std::thread::id deliveredOn;
-    center.addObserver("a", [&] {
+    center.connect("a", [&] {
         calls.push_back("first");
         deliveredOn = std::this_thread::get_id();
     });
-    auto second = center.addObserver("a", [&] { calls.push_back("second"); });
-    center.addObserver("b", [&] { calls.push_back("other"); });
-    std::thread poster([&] { center.post("a"); });
+    auto second = center.connect("a", [&] { calls.push_back("second"); });
+    center.connect("b", [&] { calls.push_back("other"); });
+    std::thread poster([&] { center.emit("a"); });
     poster.join();
     EXPECT_EQ(calls, (std::vector<std::string>{"first", "second"}));
     EXPECT_NE(deliveredOn, std::this_thread::get_id());
-    center.removeObserver(second);
+    center.disconnect(second);
     calls.clear();
-    center.post("a");
+    center.emit("a");
     EXPECT_EQ(calls, (std::vector<std::string>{"first"}));
 }
 
-TEST(NotificationCenter, ObserversMayChangeTheCenterWhileBeingCalled) {
-    NotificationCenter center;
+TEST(Signals, ObserversMayChangeTheCenterWhileBeingCalled) {
+    Signals center;
     int calls = 0;
-    NotificationCenter::Token self = 0;
-    self = center.addObserver("n", [&] {
+    Signals::Token self = 0;
+    self = center.connect("n", [&] {
         ++calls;
-        center.removeObserver(self);
-        center.addObserver("n", [&] { ++calls; });
+        center.disconnect(self);
+        center.connect("n", [&] { ++calls; });
     });
-    center.post("n");
+    center.emit("n");
     EXPECT_EQ(calls, 1);
-    center.post("n");
+    center.emit("n");
     EXPECT_EQ(calls, 2);
 }
 

@@ -4,7 +4,7 @@
 #include "TempDir.h"
 #include "model/CivilCalendar.h"
 #include "model/Utility.h"
-#include "platform/UserDefaults.h"
+#include "platform/SettingsFile.h"
 
 #include <gtest/gtest.h>
 
@@ -43,7 +43,7 @@ class SelectionTest : public testing::Test {
     std::string stored() const { return defaults.string(Settings::selectedEvent).value(); }
 
     test::TempDir dir;
-    UserDefaults defaults;
+    SettingsFile defaults;
     Settings settings;
     FixedClock clock;
     std::vector<EventPtr> events;

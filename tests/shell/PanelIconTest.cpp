@@ -1,7 +1,7 @@
 #include "shell/PanelIcon.h"
 
 #include "TempDir.h"
-#include "platform/UserDefaults.h"
+#include "platform/SettingsFile.h"
 
 #include <gtest/gtest.h>
 
@@ -11,7 +11,7 @@ namespace {
 
 TEST(PanelIconTest, KdeInTheDesktopListChoosesTheCountUnlessTheSettingSaysOtherwise) {
     test::TempDir dir;
-    UserDefaults defaults(dir.path() / "settings.ini");
+    SettingsFile defaults(dir.path() / "settings.ini");
     for (const char* kde : {"KDE", "kde", "X-Generic:KDE", "KDE:X-Generic"}) {
         EXPECT_TRUE(panelIcon::showsCount(defaults, kde)) << kde;
     }

@@ -58,7 +58,7 @@ class LocalRepositoryTest : public ::testing::Test {
     }
 
     test::TempDir dir;
-    NotificationCenter center;
+    Signals center;
     Instant t0 = at(2025y / January / 10, 8h);
     FixedClock clock{t0};
     LocalRepository store{dir / "data" / "Almanor", "EventsV1.db", center, clock};
@@ -143,7 +143,7 @@ TEST_F(LocalRepositoryTest, StoredCodesOutOfRangeLoadAsTheFirstCase) {
 TEST_F(LocalRepositoryTest, NotifiesOnceAfterEachSuccessfulChangeOnTheWritingThread) {
     std::vector<std::size_t> seen; // the list as an observer reads it, nested in the write
     std::vector<std::thread::id> threads;
-    auto token = center.addObserver(std::string(eventChangeNotification), [&] {
+    auto token = center.connect(std::string(eventChangeNotification), [&] {
         seen.push_back(store.fetchAll().size());
         threads.push_back(std::this_thread::get_id());
     });
@@ -166,13 +166,13 @@ TEST_F(LocalRepositoryTest, NotifiesOnceAfterEachSuccessfulChangeOnTheWritingThr
     EXPECT_THROW(store.update(*other), StoreError);
     EXPECT_THROW(store.deleteEvent(*other), StoreError);
     EXPECT_EQ(threads.size(), 4u);
-    center.removeObserver(token);
+    center.disconnect(token);
 }
 
 TEST(LocalRepositoryDeathTest, StopsWhenTheStoreCannotBeOpened) {
     test::TempDir dir;
     std::ofstream(dir / "file") << "not a folder";
-    NotificationCenter center;
+    Signals center;
     SystemClock clock;
     EXPECT_EXIT(
         { LocalRepository store(dir / "file", "EventsV1.db", center, clock); },

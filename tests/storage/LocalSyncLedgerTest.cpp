@@ -21,7 +21,7 @@ using test::event;
 
 class LocalSyncLedgerTest : public ::testing::Test {
   protected:
-    std::unique_ptr<LocalRepository> open(NotificationCenter& notices) {
+    std::unique_ptr<LocalRepository> open(Signals& notices) {
         auto store =
             std::make_unique<LocalRepository>(dir / "Almanor", "EventsV1.db", notices, clock);
         store->connection().run(MigrationManager::createTableStatement(store->events()));
@@ -29,7 +29,7 @@ class LocalSyncLedgerTest : public ::testing::Test {
     }
 
     test::TempDir dir;
-    NotificationCenter center;
+    Signals center;
     FixedClock clock{at(2026y / November / 23, 9h)};
 };
 
@@ -40,7 +40,7 @@ TEST_F(LocalSyncLedgerTest, AKillInsideAPullsTransactionLeavesNothingOfIt) {
     ASSERT_GE(child, 0);
     if (child == 0) {
         // Events, their records and the token, then the process dies before the commit.
-        NotificationCenter quiet;
+        Signals quiet;
         auto mine = std::make_unique<LocalRepository>(dir / "Almanor", "EventsV1.db", quiet, clock);
         LocalSyncLedger childLedger(*mine);
         childLedger.transaction([&] {
@@ -78,7 +78,7 @@ TEST_F(LocalSyncLedgerTest, AnotherProcesssChangeMadeMeanwhileIsLeftAlone) {
     SyncRow seen = ledger.syncRows().at(0);
 
     // The command line edits the event while the pull is on the network.
-    NotificationCenter otherCenter;
+    Signals otherCenter;
     auto other = open(otherCenter);
     clock.advance(1s);
     e->setName("Edited here meanwhile");
@@ -87,7 +87,7 @@ TEST_F(LocalSyncLedgerTest, AnotherProcesssChangeMadeMeanwhileIsLeftAlone) {
     auto theirs = makeEvent(e->id(), e->date(), "The server's", std::nullopt, Schedule::none,
                             CountMethod::standard);
     int notices = 0;
-    auto token = center.addObserver(std::string(eventChangeNotification), [&] { ++notices; });
+    auto token = center.connect(std::string(eventChangeNotification), [&] { ++notices; });
     ledger.transaction([&] {
         auto error = ledger.attempt([&] {
             ledger.writePulled(*theirs, clock.now(), RecordState{"r", "r.ics", "\"1\""},
@@ -97,7 +97,7 @@ TEST_F(LocalSyncLedgerTest, AnotherProcesssChangeMadeMeanwhileIsLeftAlone) {
         EXPECT_TRUE(ledger.attempt([&] { ledger.writeRemoved(e->id(), seen.version()); }));
         ledger.setSyncToken("zone", "t");
     });
-    center.removeObserver(token);
+    center.disconnect(token);
     SyncRow now = ledger.syncRows().at(0);
     EXPECT_EQ(now.event->name(), "Edited here meanwhile");
     EXPECT_TRUE(now.live() && now.dirty);

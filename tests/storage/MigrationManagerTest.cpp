@@ -6,7 +6,7 @@
 #include "StorageTesting.h"
 #include "TempDir.h"
 #include "platform/Settings.h"
-#include "platform/UserDefaults.h"
+#include "platform/SettingsFile.h"
 #include "storage/Repository.h"
 #include "storage/StoreSchema.h"
 
@@ -96,9 +96,9 @@ class MigrationManagerTest : public ::testing::Test {
 
     test::TempDir dir;
     std::filesystem::path db = dir / "Almanor/EventsV1.db";
-    NotificationCenter center;
+    Signals center;
     SystemClock clock;
-    UserDefaults defaults{dir / "config/settings.ini"};
+    SettingsFile defaults{dir / "config/settings.ini"};
 };
 
 } // namespace
@@ -130,7 +130,7 @@ TEST_F(MigrationManagerTest, OpeningANewFileMakesTheTableAndTheMigrationRecordsI
     EXPECT_EQ(r->local().unusable(), std::nullopt);
     EXPECT_EQ(defaults.integer(Settings::buildVersion), 0); // the settings are the migration's
     EXPECT_TRUE(MigrationManager::migrateIfNeeded(*r, defaults));
-    EXPECT_EQ(UserDefaults(dir / "config/settings.ini").integer(Settings::buildVersion), 1);
+    EXPECT_EQ(SettingsFile(dir / "config/settings.ini").integer(Settings::buildVersion), 1);
 }
 
 TEST_F(MigrationManagerTest, ADatabaseFileLostAfterTheMigrationStartsEmptyAndTakesTheNextAdd) {
@@ -239,7 +239,7 @@ TEST_F(MigrationManagerTest, ADamagedFileIsReportedNeverWrittenAndNotFatal) {
         r.reset();
         EXPECT_EQ(contents(db), c.bytes);
         EXPECT_EQ(filesIn(dir / "Almanor"), std::vector<std::string>{"EventsV1.db"});
-        EXPECT_EQ(UserDefaults(dir / "config/settings.ini").integer(Settings::buildVersion), 0);
+        EXPECT_EQ(SettingsFile(dir / "config/settings.ini").integer(Settings::buildVersion), 0);
     }
     // Put back, the store is whole again.
     write(db, full);

@@ -17,17 +17,16 @@ namespace {
 class RepositoryTest : public ::testing::Test {
   protected:
     RepositoryTest() {
-        token =
-            center.addObserver(std::string(eventChangeNotification), [this] { ++notifications; });
+        token = center.connect(std::string(eventChangeNotification), [this] { ++notifications; });
     }
-    ~RepositoryTest() override { center.removeObserver(token); }
+    ~RepositoryTest() override { center.disconnect(token); }
 
     test::TempDir dir;
-    NotificationCenter center;
+    Signals center;
     FixedClock clock{at(2025y / May / 1)};
     Repository repository{
         std::make_unique<LocalRepository>(dir / "Almanor", "EventsV1.db", center, clock)};
-    NotificationCenter::Token token;
+    Signals::Token token;
     int notifications = 0;
 };
 

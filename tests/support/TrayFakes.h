@@ -3,7 +3,7 @@
 
 #include "login/LoginItemService.h"
 #include "platform/MainThread.h"
-#include "shell/AppDelegate.h"
+#include "shell/TrayApplication.h"
 
 #include <deque>
 #include <functional>

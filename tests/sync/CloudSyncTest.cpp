@@ -8,7 +8,7 @@
 #include "cloud/RecordMapping.h"
 #include "platform/FileLock.h"
 #include "platform/Settings.h"
-#include "platform/UserDefaults.h"
+#include "platform/SettingsFile.h"
 #include "storage/LocalSyncLedger.h"
 #include "storage/MigrationManager.h"
 #include "storage/Repository.h"
@@ -33,8 +33,8 @@ const std::string zone{appZoneName};
 
 // One process's view of the store: its connection, its ledger, its sync.
 struct Process {
-    Process(const std::filesystem::path& dir, NotificationCenter& center, const Clock& clock,
-            UserDefaults& defaults, CloudServiceProvider provider)
+    Process(const std::filesystem::path& dir, Signals& center, const Clock& clock,
+            SettingsFile& defaults, CloudServiceProvider provider)
         : repository(std::make_unique<LocalRepository>(dir, "EventsV1.db", center, clock)),
           ledger((repository.local().connection().run(
                       MigrationManager::createTableStatement(repository.local().events())),
@@ -70,9 +70,9 @@ class CloudSyncTest : public ::testing::Test {
     }
 
     test::TempDir dir;
-    NotificationCenter center;
+    Signals center;
     FixedClock clock{at(2026y / November / 22)};
-    UserDefaults defaults{dir / "settings.ini"};
+    SettingsFile defaults{dir / "settings.ini"};
     std::shared_ptr<FakeCloudService> fake = std::make_shared<FakeCloudService>();
 };
 
@@ -84,7 +84,7 @@ TEST_F(CloudSyncTest, WithoutAnAccountEverythingStaysPending) {
     p->sync.populateFromCloud();
     PassResult r = p->sync.waitForSync();
     EXPECT_FALSE(r.pulled || r.pushed);
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{"No cloudkit account available",
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{"No CalDAV account configured",
                                                      "Cloud not available for syncing"}));
     EXPECT_EQ(pending(*p), 1u);
     EXPECT_EQ(fake->requests(), 0);
@@ -105,7 +105,7 @@ TEST_F(CloudSyncTest, OnlyAStoreThatNeverPulledHoldsItsFirstTitleForThePull) {
     std::shared_future<void> answered = answer.get_future().share();
     fake->setOnCall([answered](const FakeCloudService::Call&) { answered.wait(); });
     std::atomic<int> posts{0};
-    auto token = center.addObserver(std::string(eventChangeNotification), [&] { ++posts; });
+    auto token = center.connect(std::string(eventChangeNotification), [&] { ++posts; });
     auto before = steady_clock::now();
     p->sync.populateFromCloud();
     EXPECT_LT(steady_clock::now() - before, 1s);
@@ -114,7 +114,7 @@ TEST_F(CloudSyncTest, OnlyAStoreThatNeverPulledHoldsItsFirstTitleForThePull) {
     p->sync.waitForSync();
     EXPECT_EQ(p->repository.fetchAll().size(), 2u);
     EXPECT_GT(posts.load(), 0) << "the pull's change is posted for the title";
-    center.removeObserver(token);
+    center.disconnect(token);
 }
 
 TEST_F(CloudSyncTest, QuittingCutsOffAServiceStillAskingForItsPassword) {

@@ -11,7 +11,7 @@
 #include "cloud/CloudRepository.h"
 #include "cloud/RecordMapping.h"
 #include "platform/Settings.h"
-#include "platform/UserDefaults.h"
+#include "platform/SettingsFile.h"
 #include "storage/LocalRepository.h"
 #include "storage/LocalSyncLedger.h"
 #include "storage/MigrationManager.h"
@@ -46,7 +46,7 @@ class Machine {
     }
 
     SyncLedger& ledger() { return memory_ ? static_cast<SyncLedger&>(*memory_) : *sqlLedger_; }
-    UserDefaults& defaults() { return defaults_; }
+    SettingsFile& defaults() { return defaults_; }
     LocalRepository* local() { return local_.get(); }
 
     void add(const Event& e) { memory_ ? memory_->insert(e) : local_->insert(e); }
@@ -81,8 +81,8 @@ class Machine {
 
   private:
     FixedClock& clock_;
-    NotificationCenter center_;
-    UserDefaults defaults_;
+    Signals center_;
+    SettingsFile defaults_;
     std::unique_ptr<LocalRepository> local_;
     std::unique_ptr<LocalSyncLedger> sqlLedger_;
     std::unique_ptr<test::MemoryLedger> memory_;
@@ -482,7 +482,7 @@ TEST(SyncInterleaving, ARowAddedDuringThePushWaitsForTheNextPass) {
 TEST(SyncMarks, AFailedMarkTransactionDuplicatesNothing) {
     FixedClock clock{test::utc(2026, 11, 23, 9)};
     test::TempDir dir;
-    UserDefaults defaults(dir / "settings.ini");
+    SettingsFile defaults(dir / "settings.ini");
     defaults.setBoolean(Settings::appZoneUsed, true);
     test::MemoryLedger ledger(clock);
     auto server = std::make_shared<FakeCloudService>();

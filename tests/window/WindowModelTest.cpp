@@ -3,7 +3,7 @@
 #include "TrayFakes.h"
 #include "model/CivilCalendar.h"
 #include "model/DateText.h"
-#include "platform/UserDefaults.h"
+#include "platform/SettingsFile.h"
 #include "storage/LocalRepository.h"
 #include "storage/MigrationManager.h"
 #include "storage/Repository.h"
@@ -55,8 +55,8 @@ class WindowTest : public testing::Test {
 
     bool set;
     test::TempDir dir;
-    NotificationCenter center;
-    UserDefaults defaults;
+    Signals center;
+    SettingsFile defaults;
     FixedClock clock;
     Repository repository;
     test::QueueMainThread mainThread;

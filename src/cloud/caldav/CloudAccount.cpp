@@ -2,7 +2,7 @@
 
 #include "cloud/caldav/CalDavService.h"
 #include "platform/GlibOwners.h"
-#include "platform/UserDefaults.h"
+#include "platform/SettingsFile.h"
 
 #include <cerrno>
 #include <chrono>
@@ -216,7 +216,7 @@ std::string passwordFromCommand(const std::string& command, PasswordCommandLimit
     return first;
 }
 
-std::shared_ptr<CloudService> makeAccountCloudService(UserDefaults& defaults) {
+std::shared_ptr<CloudService> makeAccountCloudService(SettingsFile& defaults) {
     auto account = CloudAccount::load(defaults);
     if (!account)
         return std::make_shared<caldav::CalDavService>(std::string(), std::string(), nullptr);

@@ -13,7 +13,7 @@
 
 namespace almanor {
 
-class UserDefaults;
+class SettingsFile;
 
 // The desktop keyring's item of an account (schema "com.vostrel.Almanor.CloudAccount"). Each
 // throws CloudError with the keyring's reason.
@@ -35,6 +35,6 @@ std::string passwordFromCommand(const std::string& command, PasswordCommandLimit
                                 const std::atomic<bool>* cancelled = nullptr);
 
 // The CalDAV service of the account in `defaults`; one that reports noAccount when there is none.
-std::shared_ptr<CloudService> makeAccountCloudService(UserDefaults& defaults);
+std::shared_ptr<CloudService> makeAccountCloudService(SettingsFile& defaults);
 
 } // namespace almanor

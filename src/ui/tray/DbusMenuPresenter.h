@@ -1,6 +1,6 @@
 #pragma once
 
-#include "shell/AppDelegate.h"
+#include "shell/TrayApplication.h"
 
 #include <functional>
 #include <memory>

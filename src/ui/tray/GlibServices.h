@@ -2,7 +2,7 @@
 
 #include "platform/GlibOwners.h"
 #include "platform/MainThread.h"
-#include "shell/AppDelegate.h"
+#include "shell/TrayApplication.h"
 
 #include <filesystem>
 #include <functional>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "shell/AppDelegate.h"
 #include "shell/StatusItem.h"
+#include "shell/TrayApplication.h"
 
 #include <filesystem>
 #include <functional>

@@ -9,11 +9,11 @@
 #include "platform/GlibOwners.h"
 #include "platform/Log.h"
 #include "platform/Module.h"
-#include "platform/NotificationCenter.h"
 #include "platform/Paths.h"
-#include "platform/UserDefaults.h"
-#include "shell/AppDelegate.h"
+#include "platform/SettingsFile.h"
+#include "platform/Signals.h"
 #include "shell/PanelIcon.h"
+#include "shell/TrayApplication.h"
 #include "storage/LocalRepository.h"
 #include "storage/LocalSyncLedger.h"
 #include "storage/Repository.h"
@@ -76,7 +76,7 @@ std::filesystem::path syncLockFile(const LocalRepository& local) {
 }
 
 // Which account the settings name, to notice a login or logout made while the tray runs.
-std::string accountName(const UserDefaults& defaults) {
+std::string accountName(const SettingsFile& defaults) {
     auto account = CloudAccount::load(defaults);
     return account ? account->server + "\n" + account->user : std::string();
 }
@@ -111,7 +111,7 @@ struct Tray {
                        return panelIcon::showsCount(defaults, desktop);
                    },
                    countIconFolder()}) {
-        AppDelegate::Services services{
+        TrayApplication::Services services{
             repository,
             cloudSync,
             defaults,
@@ -204,8 +204,8 @@ struct Tray {
     }
 
     GApplication* application;
-    UserDefaults defaults;
-    NotificationCenter center;
+    SettingsFile defaults;
+    Signals center;
     SystemClock clock;
     Repository repository;
     LocalSyncLedger ledger;
@@ -218,7 +218,7 @@ struct Tray {
     DbusMenuPresenter presenter;
     StatusNotifierItem item;
     const WindowModule* window = nullptr;
-    std::optional<AppDelegate> delegate;
+    std::optional<TrayApplication> delegate;
     std::optional<FileWatch> storeWatch;
     std::optional<FileWatch> settingsWatch;
     std::optional<WakeWatch> wakeWatch;

@@ -8,16 +8,16 @@
 
 namespace almanor {
 
-Model::Model(Repository& repository, NotificationCenter& center, MainThread& mainThread)
+Model::Model(Repository& repository, Signals& center, MainThread& mainThread)
     : repository_(repository), center_(center), mainThread_(mainThread),
       events_(repository.fetchAll()) {
     // The store posts on whichever thread wrote; the list may only change on the main thread.
-    observer_ = center_.addObserver(std::string(eventChangeNotification),
-                                    [this] { mainThread_.run([this] { reload(); }); });
+    observer_ = center_.connect(std::string(eventChangeNotification),
+                                [this] { mainThread_.run([this] { reload(); }); });
 }
 
 Model::~Model() {
-    center_.removeObserver(observer_);
+    center_.disconnect(observer_);
 }
 
 void Model::reload() {

@@ -2,7 +2,7 @@
 
 #include "model/Event.h"
 #include "platform/MainThread.h"
-#include "platform/NotificationCenter.h"
+#include "platform/Signals.h"
 
 #include <array>
 #include <cstddef>
@@ -21,7 +21,7 @@ class Model {
   public:
     using Listener = std::function<void()>;
 
-    Model(Repository& repository, NotificationCenter& center, MainThread& mainThread);
+    Model(Repository& repository, Signals& center, MainThread& mainThread);
     ~Model();
     Model(const Model&) = delete;
     Model& operator=(const Model&) = delete;
@@ -38,9 +38,9 @@ class Model {
 
   private:
     Repository& repository_;
-    NotificationCenter& center_;
+    Signals& center_;
     MainThread& mainThread_;
-    NotificationCenter::Token observer_;
+    Signals::Token observer_;
     std::vector<EventPtr> events_;
     Listener willChange_;
     Listener didChange_;

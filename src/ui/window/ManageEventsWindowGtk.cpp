@@ -246,7 +246,7 @@ struct ManageEventsWindowGtk::Impl {
     std::unique_ptr<ConfirmDelete> confirm;
     bool selecting = false;
 
-    Impl(Repository& r, NotificationCenter& center, MainThread& mainThread, const Clock& c)
+    Impl(Repository& r, Signals& center, MainThread& mainThread, const Clock& c)
         : repository(r), clock(c), model(r, center, mainThread),
           builder(Gtk::Builder::create_from_resource(std::string(resources) + "window.ui")) {
         installStyle();
@@ -501,7 +501,7 @@ struct ManageEventsWindowGtk::Impl {
     }
 };
 
-ManageEventsWindowGtk::ManageEventsWindowGtk(Repository& repository, NotificationCenter& center,
+ManageEventsWindowGtk::ManageEventsWindowGtk(Repository& repository, Signals& center,
                                              MainThread& mainThread, const Clock& clock)
     : impl_(std::make_unique<Impl>(repository, center, mainThread, clock)) {}
 

@@ -2,8 +2,8 @@
 
 #include "platform/Clock.h"
 #include "platform/MainThread.h"
-#include "platform/NotificationCenter.h"
-#include "shell/AppDelegate.h"
+#include "platform/Signals.h"
+#include "shell/TrayApplication.h"
 #include "ui/window/EventsModel.h"
 
 #include <memory>
@@ -21,8 +21,8 @@ class Repository;
 // forwards to them; closing it only hides it.
 class ManageEventsWindowGtk final : public ManageEventsWindow {
   public:
-    ManageEventsWindowGtk(Repository& repository, NotificationCenter& center,
-                          MainThread& mainThread, const Clock& clock);
+    ManageEventsWindowGtk(Repository& repository, Signals& center, MainThread& mainThread,
+                          const Clock& clock);
     ~ManageEventsWindowGtk() override;
 
     bool isVisible() const override;

@@ -37,8 +37,7 @@ bool startGtk() {
     return started;
 }
 
-std::unique_ptr<ManageEventsWindow> makeManageEventsWindow(Repository& repository,
-                                                           NotificationCenter& center,
+std::unique_ptr<ManageEventsWindow> makeManageEventsWindow(Repository& repository, Signals& center,
                                                            MainThread& mainThread,
                                                            const Clock& clock) {
     if (!startGtk()) {

@@ -3,7 +3,7 @@
 // module that the tray loads the first time the window is opened, so that the panel item and its
 // menu run without GTK. Plain C++: no GTK type crosses it.
 
-#include "shell/AppDelegate.h"
+#include "shell/TrayApplication.h"
 
 #include <memory>
 
@@ -11,7 +11,7 @@ namespace almanor {
 
 class Clock;
 class MainThread;
-class NotificationCenter;
+class Signals;
 class Repository;
 
 struct WindowModule {
@@ -24,7 +24,7 @@ struct WindowModule {
     // Starts GTK on the first call, then makes the window. Null, after one line on standard
     // output, when GTK cannot start (no display).
     std::unique_ptr<ManageEventsWindow> (*makeManageEventsWindow)(Repository& repository,
-                                                                  NotificationCenter& center,
+                                                                  Signals& center,
                                                                   MainThread& mainThread,
                                                                   const Clock& clock);
     // Brings the application's visible windows to the front.

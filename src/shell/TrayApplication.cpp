@@ -1,9 +1,9 @@
-#include "shell/AppDelegate.h"
+#include "shell/TrayApplication.h"
 
 #include "login/LaunchAtLogin.h"
 #include "model/DateText.h"
 #include "platform/Log.h"
-#include "platform/UserDefaults.h"
+#include "platform/SettingsFile.h"
 #include "storage/LocalRepository.h"
 #include "storage/MigrationManager.h"
 #include "storage/Repository.h"
@@ -50,7 +50,7 @@ Uuid selectedId(const MenuItem& item) {
 
 } // namespace
 
-struct AppDelegate::Impl {
+struct TrayApplication::Impl {
     std::optional<std::int64_t> dataVersion;
     // The store as read once for a title and the submenu that follows it (see OneReading).
     std::optional<std::vector<EventPtr>> reading;
@@ -83,18 +83,18 @@ struct AppDelegate::Impl {
     }
 };
 
-AppDelegate::AppDelegate(Services services)
+TrayApplication::TrayApplication(Services services)
     : s_(std::move(services)), settings_(s_.defaults),
       selection_([this] { return events(); }, settings_, s_.clock, s_.calendar, s_.random),
       impl_(std::make_unique<Impl>()) {}
 
-AppDelegate::~AppDelegate() {
+TrayApplication::~TrayApplication() {
     if (observer_) {
-        s_.center.removeObserver(*observer_);
+        s_.center.disconnect(*observer_);
     }
 }
 
-void AppDelegate::startup() {
+void TrayApplication::startup() {
     // 1. The one-time move off the older login helper.
     s_.launchAtLogin.migrateIfNeeded();
     // 2.
@@ -109,7 +109,7 @@ void AppDelegate::startup() {
     // 9, early: posts come from any thread (the store posts where it writes); the item, the menus
     // and the window are touched only on the main thread. Until start-up is done every post waits
     // in the main loop: the pull's changes are not lost, and none interrupts the first title.
-    observer_ = s_.center.addObserver(std::string(almanor::eventChangeNotification), [this] {
+    observer_ = s_.center.connect(std::string(almanor::eventChangeNotification), [this] {
         if (started_) {
             s_.mainThread.run([this] { eventChangeNotification(); });
         } else {
@@ -145,7 +145,7 @@ void AppDelegate::startup() {
     started_ = true;
 }
 
-void AppDelegate::buildMenu() {
+void TrayApplication::buildMenu() {
     bool launchesAtLogin = s_.launchAtLogin.isEnabled();
     menu_.clear();
     MenuItem events = row("Events");
@@ -164,7 +164,7 @@ void AppDelegate::buildMenu() {
     s_.menuPresenter.buildMenu(menu_);
 }
 
-void AppDelegate::recalculateEvents() {
+void TrayApplication::recalculateEvents() {
     s_.cloudSync.sync();
     Uuid selected = settings_.selectedEventId();
     if (selected == DisplayedEventSelection::cycleUpcomingEventId) {
@@ -181,7 +181,7 @@ void AppDelegate::recalculateEvents() {
     selection_.resolveDisplayedEvent(selected);
 }
 
-void AppDelegate::eventChangeNotification() {
+void TrayApplication::eventChangeNotification() {
     Uuid selected = settings_.selectedEventId();
     {
         Impl::OneReading reading(*impl_, s_.repository);
@@ -190,24 +190,24 @@ void AppDelegate::eventChangeNotification() {
     s_.cloudSync.sync();
 }
 
-void AppDelegate::syncRequested() {
+void TrayApplication::syncRequested() {
     s_.cloudSync.sync();
 }
 
-void AppDelegate::storeChangedOnDisk() {
+void TrayApplication::storeChangedOnDisk() {
     // Posted rather than handled here, so that the window's list follows too.
     if (impl_->storeChangedElsewhere(s_.repository)) {
-        s_.center.post(almanor::eventChangeNotification);
+        s_.center.emit(almanor::eventChangeNotification);
     }
 }
 
-void AppDelegate::settingsChangedOnDisk() {
+void TrayApplication::settingsChangedOnDisk() {
     if (s_.defaults.changedElsewhere()) {
         eventChangeNotification();
     }
 }
 
-void AppDelegate::manageEvents() {
+void TrayApplication::manageEvents() {
     if (!manageEventsWindow_) {
         manageEventsWindow_ = s_.makeManageEventsWindow();
         if (!manageEventsWindow_) {
@@ -222,7 +222,7 @@ void AppDelegate::manageEvents() {
     }
 }
 
-void AppDelegate::updateSelectedEvent(std::size_t eventsMenuIndex) {
+void TrayApplication::updateSelectedEvent(std::size_t eventsMenuIndex) {
     if (eventsMenuIndex >= eventsMenu_.size()) {
         return;
     }
@@ -239,7 +239,7 @@ void AppDelegate::updateSelectedEvent(std::size_t eventsMenuIndex) {
     selection_.resolveDisplayedEvent(id);
 }
 
-void AppDelegate::toggleLaunchAtLogin(std::size_t menuIndex) {
+void TrayApplication::toggleLaunchAtLogin(std::size_t menuIndex) {
     if (menuIndex >= menu_.size()) {
         return;
     }
@@ -249,11 +249,11 @@ void AppDelegate::toggleLaunchAtLogin(std::size_t menuIndex) {
     s_.menuPresenter.setMenuState(menuIndex, enable);
 }
 
-void AppDelegate::quit() {
+void TrayApplication::quit() {
     s_.quit();
 }
 
-std::vector<MenuItem> AppDelegate::eventsMenuRows(const Uuid& marked) const {
+std::vector<MenuItem> TrayApplication::eventsMenuRows(const Uuid& marked) const {
     std::vector<MenuItem> rows;
     rows.push_back(row("Automatic selection"));
     auto mode = [&](const char* title, const Uuid& id) {
@@ -302,11 +302,11 @@ std::vector<MenuItem> AppDelegate::eventsMenuRows(const Uuid& marked) const {
     return rows;
 }
 
-std::vector<EventPtr> AppDelegate::events() const {
+std::vector<EventPtr> TrayApplication::events() const {
     return impl_->reading ? *impl_->reading : s_.repository.fetchAll();
 }
 
-void AppDelegate::rebuildEventsMenu(const Uuid& marked) {
+void TrayApplication::rebuildEventsMenu(const Uuid& marked) {
     if (s_.eventsMenuOnDemand && !eventsMenuMade_) {
         eventsMenuWanted_ = marked;
         return;
@@ -316,7 +316,7 @@ void AppDelegate::rebuildEventsMenu(const Uuid& marked) {
     eventsMenuMade_ = true;
 }
 
-void AppDelegate::eventsMenuAboutToShow() {
+void TrayApplication::eventsMenuAboutToShow() {
     if (auto marked = std::exchange(eventsMenuWanted_, std::nullopt)) {
         eventsMenuMade_ = true;
         rebuildEventsMenu(*marked);

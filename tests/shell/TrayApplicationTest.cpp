@@ -1,4 +1,4 @@
-#include "shell/AppDelegate.h"
+#include "shell/TrayApplication.h"
 
 #include "FakeCloudService.h"
 #include "LocalInstants.h"
@@ -8,7 +8,7 @@
 #include "cloud/RecordMapping.h"
 #include "login/LaunchAtLogin.h"
 #include "model/CivilCalendar.h"
-#include "platform/UserDefaults.h"
+#include "platform/SettingsFile.h"
 #include "storage/LocalRepository.h"
 #include "storage/LocalSyncLedger.h"
 #include "storage/MigrationManager.h"
@@ -42,9 +42,9 @@ struct Environment {
     }
 };
 
-class AppDelegateTest : public testing::Test {
+class TrayApplicationTest : public testing::Test {
   protected:
-    AppDelegateTest()
+    TrayApplicationTest()
         : defaults(dir / "config/settings.ini"), clock(at(2030, 1, 9, 12)), // a Wednesday, noon
           repository(std::make_unique<LocalRepository>(dir / "data", "EventsV1.db", center, clock)),
           ledger(repository.local()),
@@ -54,26 +54,26 @@ class AppDelegateTest : public testing::Test {
           launchAtLogin(loginItems, defaults), presenter(journal), statusBar(journal),
           scheduler(journal) {}
 
-    AppDelegate& start() {
-        delegate = std::make_unique<AppDelegate>(
-            AppDelegate::Services{*store, cloudSync, defaults, launchAtLogin, center, mainThread,
-                                  clock, presenter, statusBar, scheduler,
-                                  [this]() -> std::unique_ptr<ManageEventsWindow> {
-                                      if (refuseWindow) {
-                                          return nullptr;
-                                      }
-                                      auto w = std::make_unique<test::FakeWindow>();
-                                      window = w.get();
-                                      ++windowsMade;
-                                      return w;
-                                  },
-                                  [this] { ++presentations; }, [this] { ++quits; },
-                                  [] { return DayCalendar::forZone(zone); },
-                                  [this](std::size_t count) {
-                                      ++draws;
-                                      return std::size_t(draws) % count;
-                                  },
-                                  eventsMenuOnDemand});
+    TrayApplication& start() {
+        delegate = std::make_unique<TrayApplication>(
+            TrayApplication::Services{*store, cloudSync, defaults, launchAtLogin, center,
+                                      mainThread, clock, presenter, statusBar, scheduler,
+                                      [this]() -> std::unique_ptr<ManageEventsWindow> {
+                                          if (refuseWindow) {
+                                              return nullptr;
+                                          }
+                                          auto w = std::make_unique<test::FakeWindow>();
+                                          window = w.get();
+                                          ++windowsMade;
+                                          return w;
+                                      },
+                                      [this] { ++presentations; }, [this] { ++quits; },
+                                      [] { return DayCalendar::forZone(zone); },
+                                      [this](std::size_t count) {
+                                          ++draws;
+                                          return std::size_t(draws) % count;
+                                      },
+                                      eventsMenuOnDemand});
         delegate->startup();
         return *delegate;
     }
@@ -110,8 +110,8 @@ class AppDelegateTest : public testing::Test {
 
     Environment environment;
     test::TempDir dir;
-    NotificationCenter center;
-    UserDefaults defaults;
+    Signals center;
+    SettingsFile defaults;
     FixedClock clock;
     std::shared_ptr<test::FakeCloudService> cloud; // none: no account
     Repository repository;
@@ -129,10 +129,10 @@ class AppDelegateTest : public testing::Test {
     int windowsMade = 0, presentations = 0, quits = 0, draws = 0;
     bool refuseWindow = false; // as when GTK cannot start
     bool eventsMenuOnDemand = false;
-    std::unique_ptr<AppDelegate> delegate;
+    std::unique_ptr<TrayApplication> delegate;
 };
 
-TEST_F(AppDelegateTest, AStoreThatCannotBeReadShowsTheNoEventsTitleAndSaysSoOnce) {
+TEST_F(TrayApplicationTest, AStoreThatCannotBeReadShowsTheNoEventsTitleAndSaysSoOnce) {
     std::filesystem::create_directories(dir / "damaged");
     const std::string garbage(4096, 'x');
     { std::ofstream(dir / "damaged/EventsV1.db") << garbage; }
@@ -161,14 +161,14 @@ TEST_F(AppDelegateTest, AStoreThatCannotBeReadShowsTheNoEventsTitleAndSaysSoOnce
     delegate.reset();
 }
 
-TEST_F(AppDelegateTest, StartUpSetsTheFirstTitleBeforeAnyChangeIsHandledAndTheTimerExists) {
+TEST_F(TrayApplicationTest, StartUpSetsTheFirstTitleBeforeAnyChangeIsHandledAndTheTimerExists) {
     test::LogCapture log;
     loginItems.legacy = true; // an older helper that launched at login
     int rebuildsAtFirstTitle = -1;
     statusBar.item.onTitle = [&] {
         if (rebuildsAtFirstTitle < 0) {
             // A change now waits until start-up is done, and is not lost.
-            center.post(eventChangeNotification);
+            center.emit(eventChangeNotification);
             rebuildsAtFirstTitle = presenter.rebuilds;
         }
     };
@@ -204,7 +204,7 @@ TEST_F(AppDelegateTest, StartUpSetsTheFirstTitleBeforeAnyChangeIsHandledAndTheTi
     EXPECT_EQ(title(), "Trip 10 days");
 }
 
-TEST_F(AppDelegateTest, TheEventsMenuHasItsSectionsDatesAndMarks) {
+TEST_F(TrayApplicationTest, TheEventsMenuHasItsSectionsDatesAndMarks) {
     auto trip = add("Trip", at(2031, 1, 5, 9));
     add("Gym", at(2030, 1, 7, 18), Schedule::weekly); // a Monday
     add("Rent", at(2029, 12, 22, 0, 30), Schedule::monthly);
@@ -229,7 +229,7 @@ TEST_F(AppDelegateTest, TheEventsMenuHasItsSectionsDatesAndMarks) {
     EXPECT_EQ(title(), "Trip 361 days");
 }
 
-TEST_F(AppDelegateTest, WithoutEventsTheMenuHoldsOnlyTheAutomaticRows) {
+TEST_F(TrayApplicationTest, WithoutEventsTheMenuHoldsOnlyTheAutomaticRows) {
     start();
     EXPECT_EQ(
         presenter.titles(),
@@ -237,10 +237,10 @@ TEST_F(AppDelegateTest, WithoutEventsTheMenuHoldsOnlyTheAutomaticRows) {
                                   "Rotate upcoming events (hourly)", "Random event selection"}));
     EXPECT_EQ(marked(), std::vector<std::string>{});
     // The selection is left alone.
-    EXPECT_EQ(UserDefaults(defaults.file()).string(Settings::selectedEvent), std::nullopt);
+    EXPECT_EQ(SettingsFile(defaults.file()).string(Settings::selectedEvent), std::nullopt);
 }
 
-TEST_F(AppDelegateTest, ChoosingARowMarksItEvenWhenAnotherEventEndsUpShown) {
+TEST_F(TrayApplicationTest, ChoosingARowMarksItEvenWhenAnotherEventEndsUpShown) {
     add("Past", at(2029, 1, 1));
     add("Older", at(2028, 1, 1));
     start();
@@ -254,11 +254,11 @@ TEST_F(AppDelegateTest, ChoosingARowMarksItEvenWhenAnotherEventEndsUpShown) {
     delegate->updateSelectedEvent(indexOf("One off events"));
     EXPECT_EQ(marked(), std::vector<std::string>{});
     // The next rebuild corrects the marks.
-    center.post(eventChangeNotification);
+    center.emit(eventChangeNotification);
     EXPECT_EQ(marked().size(), 1u);
 }
 
-TEST_F(AppDelegateTest, OnDemandTheEventsRowsWaitForAPanelAndThenFollowEveryChange) {
+TEST_F(TrayApplicationTest, OnDemandTheEventsRowsWaitForAPanelAndThenFollowEveryChange) {
     auto trip = add("Trip", at(2031, 1, 5, 9));
     auto gym = add("Gym", at(2030, 1, 7, 18), Schedule::weekly);
     defaults.setString(Settings::selectedEvent, trip->id().uuidString());
@@ -268,7 +268,7 @@ TEST_F(AppDelegateTest, OnDemandTheEventsRowsWaitForAPanelAndThenFollowEveryChan
     EXPECT_EQ(presenter.rebuilds, 0);
     // Chosen before any panel showed the menu: the rows made later mark the last choice.
     defaults.setString(Settings::selectedEvent, gym->id().uuidString());
-    center.post(eventChangeNotification);
+    center.emit(eventChangeNotification);
     EXPECT_EQ(title(), "Gym 4 days");
     EXPECT_EQ(presenter.rebuilds, 0);
     delegate->eventsMenuAboutToShow();
@@ -285,7 +285,7 @@ TEST_F(AppDelegateTest, OnDemandTheEventsRowsWaitForAPanelAndThenFollowEveryChan
     EXPECT_EQ(marked(), (std::vector<std::string>{"Dentist - Mar 3, 2030"}));
 }
 
-TEST_F(AppDelegateTest, TicksRecomputeOnceADayAfterMidnight) {
+TEST_F(TrayApplicationTest, TicksRecomputeOnceADayAfterMidnight) {
     add("Trip", at(2030, 1, 19));
     clock.set(at(2030, 1, 9, 23, 54));
     start();
@@ -305,7 +305,7 @@ TEST_F(AppDelegateTest, TicksRecomputeOnceADayAfterMidnight) {
     EXPECT_EQ(statusBar.item.titles.size(), titles + 1);
 }
 
-TEST_F(AppDelegateTest, RotationRedrawsOnlyAfterMoreThanAnHour) {
+TEST_F(TrayApplicationTest, RotationRedrawsOnlyAfterMoreThanAnHour) {
     add("A", at(2030, 1, 19));
     add("B", at(2030, 1, 20));
     defaults.setString(Settings::selectedEvent,
@@ -324,7 +324,7 @@ TEST_F(AppDelegateTest, RotationRedrawsOnlyAfterMoreThanAnHour) {
     EXPECT_EQ(std::count(lines.begin(), lines.end(), "Recalculating event"), 1);
 }
 
-TEST_F(AppDelegateTest, APostFromAnotherThreadIsHandledOnTheMainThread) {
+TEST_F(TrayApplicationTest, APostFromAnotherThreadIsHandledOnTheMainThread) {
     start();
     auto e = makeEvent(Uuid::random(), at(2030, 1, 12), "From a worker", std::nullopt,
                        Schedule::none, CountMethod::standard);
@@ -336,19 +336,19 @@ TEST_F(AppDelegateTest, APostFromAnotherThreadIsHandledOnTheMainThread) {
     EXPECT_EQ(title(), "From a worker 3 days");
 }
 
-TEST_F(AppDelegateTest, ChangesFromOtherProcessesAreFollowedAndOwnOnesHandledOnce) {
+TEST_F(TrayApplicationTest, ChangesFromOtherProcessesAreFollowedAndOwnOnesHandledOnce) {
     start();
     // Another process: its own connection to the file and its own settings object.
-    NotificationCenter otherCenter;
+    Signals otherCenter;
     Repository other(
         std::make_unique<LocalRepository>(dir / "data", "EventsV1.db", otherCenter, clock));
-    UserDefaults otherDefaults(dir / "config/settings.ini");
+    SettingsFile otherDefaults(dir / "config/settings.ini");
     auto e = makeEvent(Uuid::random(), at(2030, 1, 14), "Elsewhere", std::nullopt, Schedule::none,
                        CountMethod::standard);
     other.insert(*e);
     // The window listens to the same notification, so the change must be posted, not just drawn.
     int heard = 0;
-    auto listener = center.addObserver(std::string(eventChangeNotification), [&] { ++heard; });
+    auto listener = center.connect(std::string(eventChangeNotification), [&] { ++heard; });
     delegate->storeChangedOnDisk();
     mainThread.drain();
     EXPECT_EQ(heard, 1);
@@ -358,7 +358,7 @@ TEST_F(AppDelegateTest, ChangesFromOtherProcessesAreFollowedAndOwnOnesHandledOnc
     mainThread.drain();
     EXPECT_EQ(heard, 1);
     EXPECT_EQ(presenter.rebuilds, 2);
-    center.removeObserver(listener);
+    center.disconnect(listener);
 
     // Own change: handled through the notification, never again through the watch.
     auto mine = add("Mine", at(2030, 1, 11));
@@ -375,7 +375,7 @@ TEST_F(AppDelegateTest, ChangesFromOtherProcessesAreFollowedAndOwnOnesHandledOnc
     EXPECT_EQ(marked(), (std::vector<std::string>{"Mine - Jan 11, 2030"}));
 }
 
-TEST_F(AppDelegateTest, TheCloudIsPulledBeforeTheFirstTitleAndSyncedOnChangesTicksAndAsking) {
+TEST_F(TrayApplicationTest, TheCloudIsPulledBeforeTheFirstTitleAndSyncedOnChangesTicksAndAsking) {
     cloud = std::make_shared<test::FakeCloudService>();
     const std::string appZone{appZoneName};
     cloud->saveZone(appZone);
@@ -400,7 +400,7 @@ TEST_F(AppDelegateTest, TheCloudIsPulledBeforeTheFirstTitleAndSyncedOnChangesTic
     EXPECT_TRUE(inCloud("Changed here"));
 
     // A row that another process wrote, with no notice here, goes with the next tick.
-    NotificationCenter otherCenter;
+    Signals otherCenter;
     Repository other(
         std::make_unique<LocalRepository>(dir / "data", "EventsV1.db", otherCenter, clock));
     other.insert(*makeEvent(Uuid::random(), at(2031, 3, 3), "Elsewhere", std::nullopt,
@@ -429,7 +429,7 @@ TEST_F(AppDelegateTest, TheCloudIsPulledBeforeTheFirstTitleAndSyncedOnChangesTic
         EXPECT_NE(row.title, "Another machine's - Jan 10, 2030");
 }
 
-TEST_F(AppDelegateTest, RandomModeNeverFeedsOnItsOwnWrites) {
+TEST_F(TrayApplicationTest, RandomModeNeverFeedsOnItsOwnWrites) {
     add("A", at(2030, 1, 19));
     add("B", at(2030, 1, 20));
     start();
@@ -450,7 +450,7 @@ TEST_F(AppDelegateTest, RandomModeNeverFeedsOnItsOwnWrites) {
     EXPECT_EQ(before.st_mtim.tv_nsec, after.st_mtim.tv_nsec);
 }
 
-TEST_F(AppDelegateTest, TheWindowIsMadeOnceAndCentredWhenBroughtBack) {
+TEST_F(TrayApplicationTest, TheWindowIsMadeOnceAndCentredWhenBroughtBack) {
     start();
     delegate->manageEvents();
     ASSERT_NE(window, nullptr);
@@ -467,7 +467,7 @@ TEST_F(AppDelegateTest, TheWindowIsMadeOnceAndCentredWhenBroughtBack) {
     EXPECT_EQ(presentations, 3);
 }
 
-TEST_F(AppDelegateTest, AWindowThatCannotBeMadeIsAskedForAgainNextTime) {
+TEST_F(TrayApplicationTest, AWindowThatCannotBeMadeIsAskedForAgainNextTime) {
     start();
     refuseWindow = true;
     delegate->manageEvents();
@@ -481,7 +481,7 @@ TEST_F(AppDelegateTest, AWindowThatCannotBeMadeIsAskedForAgainNextTime) {
     EXPECT_EQ(presentations, 1);
 }
 
-TEST_F(AppDelegateTest, TheLoginRowFollowsTheRequestEvenWhenRefused) {
+TEST_F(TrayApplicationTest, TheLoginRowFollowsTheRequestEvenWhenRefused) {
     start();
     EXPECT_FALSE(presenter.menu()[3].state);
     delegate->toggleLaunchAtLogin(3);

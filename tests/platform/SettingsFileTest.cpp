@@ -1,4 +1,4 @@
-#include "platform/UserDefaults.h"
+#include "platform/SettingsFile.h"
 
 #include "LogCapture.h"
 #include "TempDir.h"
@@ -32,7 +32,7 @@ struct DefaultsTest : testing::Test {
 };
 
 TEST_F(DefaultsTest, MissingKeysReadAsTheStoreDefaultsAndRegistrationIsNeverWritten) {
-    UserDefaults d(file);
+    SettingsFile d(file);
     Settings s(d);
     EXPECT_EQ(d.integer(Settings::buildVersion), 0);
     EXPECT_FALSE(d.boolean(Settings::appZoneUsed));
@@ -45,8 +45,8 @@ TEST_F(DefaultsTest, MissingKeysReadAsTheStoreDefaultsAndRegistrationIsNeverWrit
 }
 
 TEST_F(DefaultsTest, WritesKeepOtherWritersKeysAndAreSeenByOtherReaders) {
-    UserDefaults tray(file);
-    UserDefaults cli(file);
+    SettingsFile tray(file);
+    SettingsFile cli(file);
     tray.setBoolean(Settings::appZoneUsed, true);
     EXPECT_TRUE(cli.boolean(Settings::appZoneUsed)); // cli had nothing cached yet
     cli.setString(Settings::selectedEvent, "d8291056-77f8-44d5-9475-07ae1cf9d9c8");
@@ -57,8 +57,8 @@ TEST_F(DefaultsTest, WritesKeepOtherWritersKeysAndAreSeenByOtherReaders) {
 }
 
 TEST_F(DefaultsTest, ConcurrentWritersFromTwoThreadsLoseNothing) {
-    UserDefaults a(file);
-    UserDefaults b(file);
+    SettingsFile a(file);
+    SettingsFile b(file);
     std::thread t1([&] {
         for (int i = 0; i < 40; ++i) {
             a.setInteger("a" + std::to_string(i), i);
@@ -71,7 +71,7 @@ TEST_F(DefaultsTest, ConcurrentWritersFromTwoThreadsLoseNothing) {
     });
     t1.join();
     t2.join();
-    UserDefaults c(file);
+    SettingsFile c(file);
     for (int i = 0; i < 40; ++i) {
         ASSERT_EQ(c.integer("a" + std::to_string(i)), i);
         ASSERT_EQ(c.integer("b" + std::to_string(i)), i);
@@ -79,9 +79,9 @@ TEST_F(DefaultsTest, ConcurrentWritersFromTwoThreadsLoseNothing) {
 }
 
 TEST_F(DefaultsTest, TextsNeedingEscapesRoundTrip) {
-    UserDefaults d(file);
+    SettingsFile d(file);
     d.setString(Settings::recordZone, " lead;\nnew line\\ and = sign ");
-    EXPECT_EQ(UserDefaults(file).string(Settings::recordZone), " lead;\nnew line\\ and = sign ");
+    EXPECT_EQ(SettingsFile(file).string(Settings::recordZone), " lead;\nnew line\\ and = sign ");
 }
 
 // Everything the user would lose with the file: the account, the selection, login.
@@ -93,7 +93,7 @@ const std::string everyKey = "[com.vostrel.Almanor]\n"
                              "cloudPasswordCommand=pass show dav\n"
                              "LaunchAtLogin__hasMigrated=true\n";
 
-void expectEveryKey(const UserDefaults& d) {
+void expectEveryKey(const SettingsFile& d) {
     EXPECT_EQ(d.integer(Settings::buildVersion), 1);
     EXPECT_EQ(d.string(Settings::selectedEvent), "C72773F5-D96E-478B-92FE-5BB5DDD62102");
     EXPECT_EQ(d.string("cloudServer"), "https://dav.example.org/cal/");
@@ -115,7 +115,7 @@ TEST_F(DefaultsTest, ADamagedLineIsDroppedOnceAndEveryOtherKeySurvives) {
     std::string damaged = withLine(everyKey, 4, "this is not a key file line");
     spit(file, damaged);
     test::LogCapture log;
-    UserDefaults d(file);
+    SettingsFile d(file);
     expectEveryKey(d);
     expectEveryKey(d); // read again: no second warning
     EXPECT_EQ(
@@ -126,13 +126,13 @@ TEST_F(DefaultsTest, ADamagedLineIsDroppedOnceAndEveryOtherKeySurvives) {
     EXPECT_EQ(slurp(file.string() + ".corrupt"), damaged);
     EXPECT_EQ(slurp(file), everyKey); // what could be read, written back as it was
     // Another process reading after the repair has nothing to be told.
-    UserDefaults other(file);
+    SettingsFile other(file);
     expectEveryKey(other);
     EXPECT_EQ(log.lines().size(), 2u);
 }
 
 TEST_F(DefaultsTest, DamageTwiceOverKeepsEachOriginalAndTheAccount) {
-    UserDefaults d(file);
+    SettingsFile d(file);
     std::string first = withLine(everyKey, 3, "\x01\x02 garbage");
     spit(file, first);
     expectEveryKey(d);
@@ -164,7 +164,7 @@ TEST_F(DefaultsTest, KeysOutsideAnyGroupAndLongRunsOfDamageAreReadAndToldShortly
     }
     spit(file, damaged);
     test::LogCapture log;
-    UserDefaults d(file);
+    SettingsFile d(file);
     expectEveryKey(d);
     auto lines = log.lines();
     ASSERT_EQ(lines.size(), 7u); // five lines named, the rest counted, the copy
@@ -180,7 +180,7 @@ TEST_F(DefaultsTest, TwoReadersOfOneDamagedFileRepairItOnce) {
     test::LogCapture log;
     std::vector<std::thread> readers;
     for (int i = 0; i < 4; ++i) {
-        readers.emplace_back([this] { expectEveryKey(UserDefaults(file)); });
+        readers.emplace_back([this] { expectEveryKey(SettingsFile(file)); });
     }
     for (auto& t : readers) {
         t.join();
@@ -192,16 +192,16 @@ TEST_F(DefaultsTest, TwoReadersOfOneDamagedFileRepairItOnce) {
 
 TEST_F(DefaultsTest, ARepairIsTheRepairersOwnChangeAndAnotherReadersNews) {
     spit(file, withLine(everyKey, 2, "garbage"));
-    UserDefaults tray(file);
-    UserDefaults cli(file);
+    SettingsFile tray(file);
+    SettingsFile cli(file);
     expectEveryKey(tray); // repairs
     EXPECT_FALSE(tray.changedElsewhere());
     EXPECT_TRUE(cli.changedElsewhere());
 }
 
 TEST_F(DefaultsTest, AnotherWritersChangeIsNewsEvenWhenItRestoresOurOwnWrite) {
-    UserDefaults tray(file);
-    UserDefaults cli(file);
+    SettingsFile tray(file);
+    SettingsFile cli(file);
     tray.setString("selectedEvent", "A");
     EXPECT_FALSE(tray.changedElsewhere());
     cli.setString("selectedEvent", "B");
@@ -226,7 +226,7 @@ TEST_F(DefaultsTest, WithNoFreeNameForACopyTheDamagedFileIsLeftAndNotOverwritten
         spit(file.string() + ".corrupt." + std::to_string(n), "older copy");
     }
     test::LogCapture log;
-    UserDefaults d(file);
+    SettingsFile d(file);
     expectEveryKey(d); // read in memory all the same
     d.setString(Settings::recordZone, "zone");
     EXPECT_EQ(slurp(file), damaged);
@@ -239,7 +239,7 @@ TEST_F(DefaultsTest, WithNoFreeNameForACopyTheDamagedFileIsLeftAndNotOverwritten
 
 TEST_F(DefaultsTest, WrongTypesReadAsDefaultsAndCorruptSelectionIsARandomUuid) {
     spit(file, "[com.vostrel.Almanor]\nbuildVersion=abc\nappZoneUsed=maybe\nselectedEvent=xyz\n");
-    UserDefaults d(file);
+    SettingsFile d(file);
     Settings s(d);
     EXPECT_EQ(d.integer(Settings::buildVersion), 0);
     EXPECT_FALSE(d.boolean(Settings::appZoneUsed));
@@ -250,7 +250,7 @@ TEST_F(DefaultsTest, WrongTypesReadAsDefaultsAndCorruptSelectionIsARandomUuid) {
 }
 
 TEST_F(DefaultsTest, SelectionIsStoredUpperCase) {
-    UserDefaults d(file);
+    SettingsFile d(file);
     Settings s(d);
     s.setSelectedEventId(*Uuid::parse("c72773f5-d96e-478b-92fe-5bb5ddd62102"));
     EXPECT_NE(slurp(file).find("selectedEvent=C72773F5-D96E-478B-92FE-5BB5DDD62102"),
@@ -258,7 +258,7 @@ TEST_F(DefaultsTest, SelectionIsStoredUpperCase) {
 }
 
 TEST_F(DefaultsTest, AnUnchangedValueDoesNotRewriteTheFile) {
-    UserDefaults d(file);
+    SettingsFile d(file);
     d.setString(Settings::selectedEvent, "A");
     struct stat before {};
     ASSERT_EQ(::stat(file.c_str(), &before), 0);

@@ -1,4 +1,4 @@
-#include "platform/UserDefaults.h"
+#include "platform/SettingsFile.h"
 
 #include "platform/FileLock.h"
 #include "platform/GlibOwners.h"
@@ -193,7 +193,7 @@ std::optional<std::filesystem::path> keepAside(const std::filesystem::path& file
 
 // A version of the file is its content: file identities repeat when writes come fast (inode numbers
 // are reused, timestamps are coarse), the bytes do not.
-struct UserDefaults::Version {
+struct SettingsFile::Version {
     std::optional<std::string> content; // none: no file
 
     static std::optional<std::string> read(const std::filesystem::path& file) {
@@ -206,17 +206,17 @@ struct UserDefaults::Version {
     }
 };
 
-struct UserDefaults::Snapshot {
+struct SettingsFile::Snapshot {
     Identity identity;
     KeyFile keys;
 };
 
-struct UserDefaults::Loaded {
+struct SettingsFile::Loaded {
     KeyFile keys;
     bool settled; // false: a damaged or unreadable file that could not be kept aside
 };
 
-UserDefaults::UserDefaults(std::filesystem::path file) : file_(std::move(file)), seen_(nullptr) {
+SettingsFile::SettingsFile(std::filesystem::path file) : file_(std::move(file)), seen_(nullptr) {
     // The bytes read to tell later changes from this process's own are the first snapshot too,
     // so the file is read once. The identity is taken first: a change in between is newer than
     // that identity, and is read again on the first look.
@@ -228,16 +228,16 @@ UserDefaults::UserDefaults(std::filesystem::path file) : file_(std::move(file)),
         }
     }
 }
-UserDefaults::~UserDefaults() = default;
+SettingsFile::~SettingsFile() = default;
 
-void UserDefaults::registerDefaults(const std::map<std::string, std::string>& strings) {
+void SettingsFile::registerDefaults(const std::map<std::string, std::string>& strings) {
     std::lock_guard lock(mutex_);
     for (const auto& [key, value] : strings) {
         registered_[key] = value;
     }
 }
 
-std::shared_ptr<const UserDefaults::Snapshot> UserDefaults::current() const {
+std::shared_ptr<const SettingsFile::Snapshot> SettingsFile::current() const {
     Identity now = identityOf(file_);
     {
         std::lock_guard lock(mutex_);
@@ -255,7 +255,7 @@ std::shared_ptr<const UserDefaults::Snapshot> UserDefaults::current() const {
     return s;
 }
 
-UserDefaults::Loaded UserDefaults::load(bool keepComments, bool locked) const {
+SettingsFile::Loaded SettingsFile::load(bool keepComments, bool locked) const {
     auto flags = keepComments
                      ? GKeyFileFlags(G_KEY_FILE_KEEP_COMMENTS | G_KEY_FILE_KEEP_TRANSLATIONS)
                      : G_KEY_FILE_NONE;
@@ -294,7 +294,7 @@ UserDefaults::Loaded UserDefaults::load(bool keepComments, bool locked) const {
     return {keys ? std::move(keys) : KeyFile(g_key_file_new()), settled};
 }
 
-bool UserDefaults::replaceDamaged(const std::string& damaged, const std::string& readable) const {
+bool SettingsFile::replaceDamaged(const std::string& damaged, const std::string& readable) const {
     std::string error;
     auto aside = keepAside(file_, &damaged, error);
     if (!aside) {
@@ -317,7 +317,7 @@ bool UserDefaults::replaceDamaged(const std::string& damaged, const std::string&
     return true;
 }
 
-std::optional<std::string> UserDefaults::string(std::string_view key) const {
+std::optional<std::string> SettingsFile::string(std::string_view key) const {
     auto snapshot = current();
     std::string k(key);
     GString_ value(g_key_file_get_string(snapshot->keys.get(), group, k.c_str(), nullptr));
@@ -331,7 +331,7 @@ std::optional<std::string> UserDefaults::string(std::string_view key) const {
     return std::nullopt;
 }
 
-std::int64_t UserDefaults::integer(std::string_view key) const {
+std::int64_t SettingsFile::integer(std::string_view key) const {
     auto snapshot = current();
     std::string k(key);
     Error error;
@@ -342,7 +342,7 @@ std::int64_t UserDefaults::integer(std::string_view key) const {
     return value;
 }
 
-bool UserDefaults::boolean(std::string_view key) const {
+bool SettingsFile::boolean(std::string_view key) const {
     auto snapshot = current();
     std::string k(key);
     Error error;
@@ -354,7 +354,7 @@ bool UserDefaults::boolean(std::string_view key) const {
     return value != FALSE;
 }
 
-void UserDefaults::setString(std::string_view key, std::string_view value) {
+void SettingsFile::setString(std::string_view key, std::string_view value) {
     KeyFile scratch(g_key_file_new());
     std::string v(value);
     g_key_file_set_string(scratch.get(), group, "k", v.c_str());
@@ -362,19 +362,19 @@ void UserDefaults::setString(std::string_view key, std::string_view value) {
     write(key, std::string(text.get()));
 }
 
-void UserDefaults::setInteger(std::string_view key, std::int64_t value) {
+void SettingsFile::setInteger(std::string_view key, std::int64_t value) {
     write(key, std::to_string(value));
 }
 
-void UserDefaults::setBoolean(std::string_view key, bool value) {
+void SettingsFile::setBoolean(std::string_view key, bool value) {
     write(key, value ? "true" : "false");
 }
 
-void UserDefaults::remove(std::string_view key) {
+void SettingsFile::remove(std::string_view key) {
     write(key, std::nullopt);
 }
 
-void UserDefaults::write(std::string_view key, std::optional<std::string> text) {
+void SettingsFile::write(std::string_view key, std::optional<std::string> text) {
     // Writing the value the file holds already changes nothing: the lock and the reread are
     // spared (the command line writes the selection back on every run).
     if (text) {
@@ -435,7 +435,7 @@ void UserDefaults::write(std::string_view key, std::optional<std::string> text) 
     }
 }
 
-bool UserDefaults::changedElsewhere() {
+bool SettingsFile::changedElsewhere() {
     auto now = Version::read(file_);
     std::lock_guard guard(mutex_);
     bool changed = news_ || now != seen_->content;

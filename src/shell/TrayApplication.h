@@ -4,8 +4,8 @@
 #include "platform/Export.h"
 #include "platform/Instant.h"
 #include "platform/MainThread.h"
-#include "platform/NotificationCenter.h"
 #include "platform/Settings.h"
+#include "platform/Signals.h"
 #include "platform/Uuid.h"
 #include "shell/DisplayedEventSelection.h"
 #include "shell/StatusItem.h"
@@ -22,7 +22,7 @@ namespace almanor {
 class CloudSync;
 class LaunchAtLogin;
 class Repository;
-class UserDefaults;
+class SettingsFile;
 
 // One row of the status menu or of its events submenu, as the tray draws it.
 struct ALMANOR_EXPORT MenuItem {
@@ -78,14 +78,14 @@ class ALMANOR_EXPORT Scheduler {
 
 // The tray's behaviour, as plain C++: start-up, the refresh timer and its gating, the change
 // notification, the menus and their actions. The tray draws what it is told and forwards clicks.
-class ALMANOR_EXPORT AppDelegate {
+class ALMANOR_EXPORT TrayApplication {
   public:
     struct Services {
         Repository& repository;
         CloudSync& cloudSync;
-        UserDefaults& defaults;
+        SettingsFile& defaults;
         LaunchAtLogin& launchAtLogin;
-        NotificationCenter& center;
+        Signals& center;
         MainThread& mainThread;
         const Clock& clock;
         MenuPresenter& menuPresenter;
@@ -109,10 +109,10 @@ class ALMANOR_EXPORT AppDelegate {
     static constexpr double refreshTolerance = 30.0;
     static constexpr double rotationSeconds = 3600.0;
 
-    explicit AppDelegate(Services services);
-    ~AppDelegate();
-    AppDelegate(const AppDelegate&) = delete;
-    AppDelegate& operator=(const AppDelegate&) = delete;
+    explicit TrayApplication(Services services);
+    ~TrayApplication();
+    TrayApplication(const TrayApplication&) = delete;
+    TrayApplication& operator=(const TrayApplication&) = delete;
 
     // Start-up, in its fixed order; the first title is set before the observer and the timer.
     void startup();
@@ -164,7 +164,7 @@ class ALMANOR_EXPORT AppDelegate {
     std::vector<MenuItem> eventsMenu_;
     std::optional<Uuid> eventsMenuWanted_; // on demand: the mark of rows not made yet
     bool eventsMenuMade_ = false;
-    std::optional<NotificationCenter::Token> observer_;
+    std::optional<Signals::Token> observer_;
     bool started_ = false; // start-up done: changes on the main thread are handled at once
     std::unique_ptr<Impl> impl_;
 };

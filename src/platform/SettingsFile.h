@@ -20,12 +20,12 @@ namespace almanor {
 // the file as it was under a name that no earlier copy has (settings.ini.corrupt, then
 // .corrupt.1, ...), writes back the lines that could be read and names each line dropped, once.
 // Keys whose group header was lost are read as keys of `group`, the one group the file holds.
-class ALMANOR_EXPORT UserDefaults {
+class ALMANOR_EXPORT SettingsFile {
   public:
-    explicit UserDefaults(std::filesystem::path file);
-    ~UserDefaults();
-    UserDefaults(const UserDefaults&) = delete;
-    UserDefaults& operator=(const UserDefaults&) = delete;
+    explicit SettingsFile(std::filesystem::path file);
+    ~SettingsFile();
+    SettingsFile(const SettingsFile&) = delete;
+    SettingsFile& operator=(const SettingsFile&) = delete;
 
     const std::filesystem::path& file() const { return file_; }
 
