@@ -1,7 +1,7 @@
 #include "shell/AppDelegate.h"
 
+#include "dates/DateText.h"
 #include "login/LaunchAtLogin.h"
-#include "model/DateText.h"
 #include "platform/Log.h"
 #include "platform/UserDefaults.h"
 #include "storage/LocalRepository.h"

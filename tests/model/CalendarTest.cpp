@@ -2,8 +2,8 @@
 // break naive arithmetic: month ends, leap days, DST transitions at every hour, zones with
 // 30-minute shifts, zones that skipped a whole day, and dates around them.
 #include "Instants.h"
+#include "dates/IcuCalendar.h"
 #include "model/CivilCalendar.h"
-#include "model/IcuCalendar.h"
 
 #include <array>
 #include <cstdio>

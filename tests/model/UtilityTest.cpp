@@ -1,7 +1,7 @@
 #include "model/Utility.h"
 
+#include "dates/IcuCalendar.h"
 #include "model/CivilCalendar.h"
-#include "model/IcuCalendar.h"
 #include "model/Text.h"
 
 #include <array>
