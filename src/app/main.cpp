@@ -1,13 +1,10 @@
 // almanor: the tray when started with no command, else the command line. Status bars run
 // `almanor status` every few seconds, so the local commands run here, in a program with the
-// libraries they use (SQLite, ICU, GLib, the C++ library) built in: starting it maps and relocates
+// libraries they use (SQLite, GLib, the C++ library) built in: starting it maps and relocates
 // next to nothing. The tray (almanor-tray) is exec'd before anything else runs; the cloud commands,
 // which load the CalDAV adapter, are exec'd as almanor-cloud.
 
 #include "Commands.h"
-#ifdef ALMANOR_BUILT_IN_ICU
-#include "platform/IcuData.h"
-#endif
 
 #include <cerrno>
 #include <climits>
@@ -111,10 +108,5 @@ int main(int argc, char** argv) {
     if (isCloudCommand(argv[1])) {
         return startCloudCommand(self, argv);
     }
-#ifdef ALMANOR_BUILT_IN_ICU
-    if (!almanor::useSystemIcuData()) {
-        return 3;
-    }
-#endif
     return almanor::app::runLocalCommands(argc, argv);
 }
