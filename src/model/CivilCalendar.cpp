@@ -31,13 +31,26 @@ constexpr std::int64_t farDays = 100'000'000'000;
 // GregorianCalendar counts.
 constexpr std::int64_t cutover = civil::gregorianDays(1582, 10, 15);
 
+// <chrono>'s conversions, the fastest, where they hold: Gregorian dates up to the year 30000.
+constexpr std::int64_t chronoLast = civil::gregorianDays(30000, 1, 1);
+
 civil::Date dateOf(std::int64_t day) {
+    if (day >= cutover && day < chronoLast) {
+        year_month_day date{sys_days(days(day))};
+        return {int(date.year()), int(unsigned(date.month())), int(unsigned(date.day()))};
+    }
     return day >= cutover ? civil::gregorianDate(day) : civil::julianDate(day);
 }
 
 // A date written in the cut-over year that the Gregorian calendar puts before the cut-over
 // (5 to 14 October included) is read as Julian, as ICU reads it.
 std::int64_t dayOf(std::int64_t year, int month, int day) {
+    if (year > 1582 && year < 30000) {
+        return sys_days(std::chrono::year(int(year)) / std::chrono::month(unsigned(month)) /
+                        std::chrono::day(unsigned(day)))
+            .time_since_epoch()
+            .count();
+    }
     if (year >= 1582) {
         std::int64_t g = civil::gregorianDays(year, month, day);
         if (g >= cutover) {
