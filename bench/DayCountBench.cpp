@@ -1,9 +1,9 @@
 // Cost of one event's count (occurrence, day count, status text) for every schedule and count
 // method, on the fast calendar and on ICU's own; and of choosing the displayed event among
 // 10,000 events.
+#include "dates/IcuCalendar.h"
 #include "model/CivilCalendar.h"
 #include "model/EventNames.h"
-#include "model/IcuCalendar.h"
 #include "model/Utility.h"
 #include "platform/Settings.h"
 #include "platform/SettingsFile.h"

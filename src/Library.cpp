@@ -1,11 +1,15 @@
-// libalmanor is made of the layers' archives; this is the one object of its own, naming the build
-// that its programs and modules were made with.
+// libalmanor and libalmanor-dates are made of the layers' archives; this is the one object of
+// their own, naming the build that their programs and modules were made with.
 
 #include "platform/Export.h"
 
 namespace almanor {
 
-ALMANOR_EXPORT extern const char libraryVersion[];
-const char libraryVersion[] = ALMANOR_VERSION;
+#ifndef ALMANOR_LIBRARY_VERSION_NAME
+#define ALMANOR_LIBRARY_VERSION_NAME libraryVersion
+#endif
+
+ALMANOR_EXPORT extern const char ALMANOR_LIBRARY_VERSION_NAME[];
+const char ALMANOR_LIBRARY_VERSION_NAME[] = ALMANOR_VERSION;
 
 } // namespace almanor

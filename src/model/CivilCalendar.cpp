@@ -1,42 +1,76 @@
 #include "model/CivilCalendar.h"
 
-#include "model/IcuCalendar.h"
-#include "model/IcuZone.h"
+#include "model/CivilDays.h"
+#include "model/ZoneRules.h"
+#include "platform/Fatal.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <limits>
-#include <unicode/tztrans.h>
 #include <vector>
 
 namespace almanor {
 
 using namespace std::chrono;
-using icuzone::check;
+using civil::floorDiv;
+using civil::floorMod;
 
 namespace {
 
 constexpr std::int64_t dayMs = 86'400'000;
 
-std::int64_t floorDiv(std::int64_t a, std::int64_t b) {
-    std::int64_t q = a / b;
-    return (a % b != 0 && (a < 0) != (b < 0)) ? q - 1 : q;
-}
-std::int64_t floorMod(std::int64_t a, std::int64_t b) {
-    return a - floorDiv(a, b) * b;
+// The range of instants ICU's calendar takes (it pins others to it), about 5.8 million years
+// either way, and the day numbers that month and year sums are pinned to, far beyond it but
+// still clear of overflow in milliseconds.
+constexpr std::int64_t firstMs = -184'303'902'528'000'000;
+constexpr std::int64_t lastMs = 183'882'168'921'600'000;
+constexpr std::int64_t farDays = 100'000'000'000;
+
+// The Gregorian calendar from 15 October 1582 on, the Julian one before, as ICU's
+// GregorianCalendar counts.
+constexpr std::int64_t cutover = civil::gregorianDays(1582, 10, 15);
+
+// <chrono>'s conversions, the fastest, where they hold: Gregorian dates up to the year 30000.
+constexpr std::int64_t chronoLast = civil::gregorianDays(30000, 1, 1);
+
+civil::Date dateOf(std::int64_t day) {
+    if (day >= cutover && day < chronoLast) {
+        year_month_day date{sys_days(days(day))};
+        return {int(date.year()), int(unsigned(date.month())), int(unsigned(date.day()))};
+    }
+    return day >= cutover ? civil::gregorianDate(day) : civil::julianDate(day);
 }
 
-// Where proleptic Gregorian dates agree with ICU's calendar (which is Julian before its 1582
-// cut-over) and <chrono>'s years stay in range.
-constexpr std::int64_t fastFirst = sys_days(year(1583) / 1 / 1).time_since_epoch().count() * dayMs;
-constexpr std::int64_t fastLast = sys_days(year(30000) / 1 / 1).time_since_epoch().count() * dayMs;
+// A date written in the cut-over year that the Gregorian calendar puts before the cut-over
+// (5 to 14 October included) is read as Julian, as ICU reads it.
+std::int64_t dayOf(std::int64_t year, int month, int day) {
+    if (year > 1582 && year < 30000) {
+        return sys_days(std::chrono::year(int(year)) / std::chrono::month(unsigned(month)) /
+                        std::chrono::day(unsigned(day)))
+            .time_since_epoch()
+            .count();
+    }
+    if (year >= 1582) {
+        std::int64_t g = civil::gregorianDays(year, month, day);
+        if (g >= cutover) {
+            return g;
+        }
+    }
+    return civil::julianDays(year, month, day);
+}
 
-bool fast(std::int64_t ms) {
-    return ms >= fastFirst && ms < fastLast;
+int monthLength(std::int64_t year, int month) {
+    constexpr std::array<int, 12> lengths{31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    if (month != 2) {
+        return lengths[std::size_t(month - 1)];
+    }
+    bool leap = year >= 1582 ? civil::isGregorianLeap(year) : floorMod(year, 4) == 0;
+    return leap ? 29 : 28;
 }
 
 std::int64_t ms(Instant t) {
-    return t.time_since_epoch().count();
+    return std::clamp<std::int64_t>(t.time_since_epoch().count(), firstMs, lastMs);
 }
 Instant instantOf(std::int64_t ms) {
     return Instant(milliseconds(ms));
@@ -45,17 +79,11 @@ Instant instantOf(std::int64_t ms) {
 } // namespace
 
 struct CivilCalendar::Impl {
-    icuzone::ZonePtr zone;
-    mutable std::unique_ptr<IcuCalendar> fallback;
+    Zone zone;
 
-    // Stretches of UTC time with one offset, learnt from ICU's transitions as they are needed.
-    // Counting thousands of events asks for the same few dozen stretches over and over, and a
-    // lookup here is a fraction of the cost of ICU's own offset computation.
-    struct Span {
-        std::int64_t start; // first instant
-        std::int64_t end;   // first instant after
-        std::int64_t offset;
-    };
+    // Stretches of UTC time with one offset, learnt from the zone's rules as they are needed.
+    // Counting thousands of events asks for the same few dozen stretches over and over.
+    using Span = ZoneRules::Span;
     mutable std::vector<Span> spans; // sorted by start, disjoint
     mutable std::size_t lastSpan = 0;
 
@@ -69,27 +97,9 @@ struct CivilCalendar::Impl {
             lastSpan = std::size_t(std::prev(it) - spans.begin());
             return spans[lastSpan];
         }
-        Span span{std::numeric_limits<std::int64_t>::min(),
-                  std::numeric_limits<std::int64_t>::max(), icuOffsetAt(utc)};
-        icu::TimeZoneTransition transition;
-        if (zone->getPreviousTransition(double(utc), true, transition)) {
-            span.start = static_cast<std::int64_t>(transition.getTime());
-        }
-        if (zone->getNextTransition(double(utc), false, transition)) {
-            span.end = static_cast<std::int64_t>(transition.getTime());
-        }
-        it = spans.insert(it, span);
+        it = spans.insert(it, zone.rules.spanAt(utc));
         lastSpan = std::size_t(it - spans.begin());
         return *it;
-    }
-
-    std::int64_t icuOffsetAt(std::int64_t utc) const {
-        UErrorCode status = U_ZERO_ERROR;
-        int32_t raw = 0;
-        int32_t dst = 0;
-        zone->getOffset(double(utc), false, raw, dst, status);
-        check(status, __LINE__);
-        return raw + dst;
     }
 
     // UTC offset at a UTC instant.
@@ -98,6 +108,7 @@ struct CivilCalendar::Impl {
     // Calendar::computeTime's choice for a wall time: skipped wall times use the offset from
     // before the transition (so they land after it), repeated ones the offset after it.
     std::int64_t toUtc(std::int64_t wall) const {
+        wall = std::clamp(wall, firstMs - dayMs, lastMs + dayMs);
         // Offsets differ by at most a day and a few hours, so a wall time whose instant lies this
         // far inside its stretch has no other instant: no transition can be in reach.
         constexpr std::int64_t reach = 30LL * 3'600'000;
@@ -107,13 +118,20 @@ struct CivilCalendar::Impl {
         if (utc - reach >= span.start && utc + reach < span.end) {
             return utc;
         }
-        UErrorCode status = U_ZERO_ERROR;
-        int32_t raw = 0;
-        int32_t dst = 0;
-        zone->getOffsetFromLocal(double(wall), UCAL_TZ_LOCAL_FORMER, UCAL_TZ_LOCAL_LATTER, raw, dst,
-                                 status);
-        check(status, __LINE__);
-        return wall - (raw + dst);
+        // Near a transition: the offset after the last transition whose new wall clock has
+        // started by `wall` (TimeZone::getOffsetFromLocal with "former" for skipped and
+        // "latter" for repeated times).
+        constexpr std::int64_t window = 2 * dayMs;
+        const Span* s = &spanAt(wall - window);
+        std::int64_t offset = s->offset;
+        while (s->end <= wall + window) {
+            std::int64_t transition = s->end;
+            s = &spanAt(transition);
+            if (transition + s->offset <= wall) {
+                offset = s->offset;
+            }
+        }
+        return wall - offset;
     }
     std::int64_t local(std::int64_t utc) const { return utc + offsetAt(utc); }
 
@@ -147,18 +165,17 @@ struct CivilCalendar::Impl {
             return t; // Calendar::add does nothing at all for 0, even on a repeated wall time
         }
         std::int64_t wall = local(t);
-        year_month_day date{sys_days(days(floorDiv(wall, dayMs)))};
-        year_month target = year_month(date.year(), date.month()) + std::chrono::months(months);
-        day d = std::min(date.day(), (target / last).day());
-        std::int64_t targetWall =
-            sys_days(target / d).time_since_epoch().count() * dayMs + floorMod(wall, dayMs);
-        return toUtc(targetWall);
+        civil::Date date = dateOf(floorDiv(wall, dayMs));
+        std::int64_t month = date.month - 1 + months;
+        std::int64_t year = date.year + floorDiv(month, 12);
+        int m = int(floorMod(month, 12)) + 1;
+        int d = std::min(date.day, monthLength(year, m));
+        std::int64_t day = std::clamp(dayOf(year, m, d), -farDays, farDays);
+        return toUtc(day * dayMs + floorMod(wall, dayMs));
     }
 
     std::int64_t localDay(std::int64_t t) const { return floorDiv(local(t), dayMs); }
-    year_month_day localDate(std::int64_t t) const {
-        return year_month_day{sys_days(days(localDay(t)))};
-    }
+    civil::Date localDate(std::int64_t t) const { return dateOf(localDay(t)); }
 
     // Calendar::fieldDifference: the largest n with add(from, n) <= to (or, going back, the
     // n nearest zero with add(from, n) >= to). `add` is monotonic in n, so walking from a close
@@ -186,6 +203,9 @@ struct CivilCalendar::Impl {
                 --n;
             }
         }
+        if (n < std::numeric_limits<int>::min() || n > std::numeric_limits<int>::max()) {
+            fatalError("Almanor/Utility", __LINE__, "Calendar difference out of range");
+        }
         return static_cast<int>(n);
     }
 };
@@ -195,39 +215,26 @@ CivilCalendar::~CivilCalendar() = default;
 
 std::unique_ptr<CivilCalendar> CivilCalendar::current() {
     auto impl = std::make_unique<Impl>();
-    impl->zone = icuzone::detectHost();
+    impl->zone = hostZone();
     return std::unique_ptr<CivilCalendar>(new CivilCalendar(std::move(impl)));
 }
 
 std::unique_ptr<CivilCalendar> CivilCalendar::forZone(std::string_view zoneId) {
-    auto zone = icuzone::named(zoneId);
+    auto zone = namedZone(zoneId);
     if (!zone) {
         return nullptr;
     }
     auto impl = std::make_unique<Impl>();
-    impl->zone = std::move(zone);
+    impl->zone = std::move(*zone);
     return std::unique_ptr<CivilCalendar>(new CivilCalendar(std::move(impl)));
 }
 
-const IcuCalendar& CivilCalendar::fallback() const {
-    if (!impl_->fallback) {
-        impl_->fallback = IcuCalendar::forZone(zoneId());
-        if (!impl_->fallback) {
-            fatalError("Almanor/Utility", __LINE__, "No calendar for the zone " + zoneId());
-        }
-    }
-    return *impl_->fallback;
-}
-
 std::string CivilCalendar::zoneId() const {
-    return icuzone::idOf(*impl_->zone);
+    return impl_->zone.id;
 }
 
 int CivilCalendar::weekday(Instant t) const {
-    if (!fast(ms(t))) {
-        return fallback().weekday(t);
-    }
-    return int(std::chrono::weekday(sys_days(days(impl_->localDay(ms(t))))).c_encoding()) + 1;
+    return civil::weekdayOf(impl_->localDay(ms(t))) + 1;
 }
 
 LocalTime CivilCalendar::localTime(Instant t) const {
@@ -239,69 +246,47 @@ Instant CivilCalendar::instant(LocalTime wall) const {
 }
 
 Instant CivilCalendar::startOfDay(Instant t) const {
-    if (!fast(ms(t))) {
-        return fallback().startOfDay(t);
-    }
     return instantOf(impl_->toUtc(impl_->localDay(ms(t)) * dayMs));
 }
 
 Instant CivilCalendar::addDays(Instant t, int n) const {
-    std::int64_t start = ms(t);
-    std::int64_t naive = start + std::int64_t(n) * dayMs;
-    if (!fast(start) || !fast(naive)) {
-        return fallback().addDays(t, n);
-    }
-    return instantOf(impl_->addDays(start, n));
+    return instantOf(impl_->addDays(ms(t), n));
 }
 
 Instant CivilCalendar::addMonths(Instant t, int n) const {
-    std::int64_t start = ms(t);
-    std::int64_t naive = start + std::int64_t(n) * 31 * dayMs;
-    if (!fast(start) || !fast(naive) || !fast(start + std::int64_t(n) * 28 * dayMs)) {
-        return fallback().addMonths(t, n);
-    }
-    return instantOf(impl_->addMonths(start, n));
+    return instantOf(impl_->addMonths(ms(t), n));
 }
 
 Instant CivilCalendar::addYears(Instant t, int n) const {
-    std::int64_t start = ms(t);
-    if (!fast(start) || !fast(start + std::int64_t(n) * 366 * dayMs) ||
-        !fast(start + std::int64_t(n) * 365 * dayMs)) {
-        return fallback().addYears(t, n);
-    }
-    return instantOf(impl_->addMonths(start, std::int64_t(n) * 12));
+    return instantOf(impl_->addMonths(ms(t), std::int64_t(n) * 12));
 }
 
 int CivilCalendar::daysBetween(Instant from, Instant to) const {
-    if (!fast(ms(from)) || !fast(ms(to))) {
-        return fallback().daysBetween(from, to);
-    }
     const Impl& c = *impl_;
-    std::int64_t estimate = c.localDay(ms(to)) - c.localDay(ms(from));
-    return c.difference(ms(from), ms(to), estimate,
+    std::int64_t a = ms(from);
+    std::int64_t b = ms(to);
+    std::int64_t estimate = c.localDay(b) - c.localDay(a);
+    return c.difference(a, b, estimate,
                         [&c](std::int64_t t, std::int64_t n) { return c.addDays(t, n); });
 }
 
 int CivilCalendar::monthsBetween(Instant from, Instant to) const {
-    if (!fast(ms(from)) || !fast(ms(to))) {
-        return fallback().monthsBetween(from, to);
-    }
     const Impl& c = *impl_;
-    auto a = c.localDate(ms(from));
-    auto b = c.localDate(ms(to));
-    std::int64_t estimate = (int(b.year()) - int(a.year())) * 12 +
-                            (int(unsigned(b.month())) - int(unsigned(a.month())));
-    return c.difference(ms(from), ms(to), estimate,
+    std::int64_t a = ms(from);
+    std::int64_t b = ms(to);
+    civil::Date x = c.localDate(a);
+    civil::Date y = c.localDate(b);
+    std::int64_t estimate = (y.year - x.year) * 12 + (y.month - x.month);
+    return c.difference(a, b, estimate,
                         [&c](std::int64_t t, std::int64_t n) { return c.addMonths(t, n); });
 }
 
 int CivilCalendar::yearsBetween(Instant from, Instant to) const {
-    if (!fast(ms(from)) || !fast(ms(to))) {
-        return fallback().yearsBetween(from, to);
-    }
     const Impl& c = *impl_;
-    std::int64_t estimate = int(c.localDate(ms(to)).year()) - int(c.localDate(ms(from)).year());
-    return c.difference(ms(from), ms(to), estimate,
+    std::int64_t a = ms(from);
+    std::int64_t b = ms(to);
+    std::int64_t estimate = c.localDate(b).year - c.localDate(a).year;
+    return c.difference(a, b, estimate,
                         [&c](std::int64_t t, std::int64_t n) { return c.addMonths(t, n * 12); });
 }
 

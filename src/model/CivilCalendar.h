@@ -8,14 +8,12 @@
 
 namespace almanor {
 
-class IcuCalendar;
-
-// DayCalendar that does the date arithmetic with <chrono> civil types and asks ICU only for the
-// zone's UTC offsets, reproducing icu::Calendar's add and fieldDifference step for step (the
+// DayCalendar that reproduces icu::Calendar's add and fieldDifference step for step (the
 // wall-time repair of day addition across a zone transition, the day-of-month clamping of month
-// and year addition, the choice of offset for skipped and repeated wall times). A multi-year
-// difference costs well under a microsecond instead of ICU's tens. Instants before 1583, where
-// ICU counts in the Julian calendar, and far beyond any real date are handed to IcuCalendar.
+// and year addition, the choice of offset for skipped and repeated wall times, the Julian
+// calendar before 15 October 1582) with its own day arithmetic, and takes the zone's UTC offsets
+// from the system's time-zone database. A multi-year difference costs well under a microsecond
+// instead of ICU's tens, and nothing of ICU is loaded.
 class ALMANOR_EXPORT CivilCalendar final : public DayCalendar {
   public:
     static std::unique_ptr<CivilCalendar> current();
@@ -38,7 +36,6 @@ class ALMANOR_EXPORT CivilCalendar final : public DayCalendar {
 
   private:
     explicit CivilCalendar(std::unique_ptr<Impl> impl);
-    const IcuCalendar& fallback() const;
     std::unique_ptr<Impl> impl_;
 };
 

@@ -2,14 +2,25 @@
 
 #include "platform/Utf8.h"
 
-#include <unicode/uchar.h>
-
 namespace almanor {
 
 namespace {
 
+// Unicode's White_Space property, spelt out: the space classes of GLib and the C library each
+// differ from it (U+000B, U+0085, U+001C..U+001F, no-break spaces).
 bool isWhiteSpace(utf8::Character c) {
-    return c.length != 0 && u_isUWhiteSpace(UChar32(c.codePoint));
+    if (c.length == 0) {
+        return false;
+    }
+    char32_t u = c.codePoint;
+    return (u >= 0x09 && u <= 0x0D) || u == 0x20 || u == 0x85 || u == 0xA0 || u == 0x1680 ||
+           (u >= 0x2000 && u <= 0x200A) || u == 0x2028 || u == 0x2029 || u == 0x202F ||
+           u == 0x205F || u == 0x3000;
+}
+
+// General categories Cc (a set Unicode has fixed for good), Zl and Zp.
+bool breaksTheLine(char32_t u) {
+    return u < 0x20 || (u >= 0x7F && u <= 0x9F) || u == 0x2028 || u == 0x2029;
 }
 
 } // namespace
@@ -38,8 +49,7 @@ std::string controlsAsSpaces(std::string_view text) {
     while (!text.empty()) {
         auto c = utf8::decodeFirst(text);
         std::size_t n = c.length == 0 ? 1 : c.length;
-        int8_t type = c.length == 0 ? int8_t(U_UNASSIGNED) : u_charType(UChar32(c.codePoint));
-        if (type == U_CONTROL_CHAR || type == U_LINE_SEPARATOR || type == U_PARAGRAPH_SEPARATOR) {
+        if (c.length != 0 && breaksTheLine(c.codePoint)) {
             out += ' ';
         } else {
             out.append(text.substr(0, n));

@@ -1,7 +1,6 @@
 #include "shell/TrayApplication.h"
 
 #include "login/LaunchAtLogin.h"
-#include "model/DateText.h"
 #include "platform/Log.h"
 #include "platform/SettingsFile.h"
 #include "storage/LocalRepository.h"
@@ -268,7 +267,8 @@ std::vector<MenuItem> TrayApplication::eventsMenuRows(const Uuid& marked) const 
 
     auto events = this->events();
     // Made afresh: the locale and the time zone are the ones of this moment.
-    const DateText dates;
+    const std::unique_ptr<DateWriter> made = s_.menuDates();
+    const DateWriter& dates = *made;
     // A day's ordinal is the same text for every event on that day, and costly to make.
     std::array<std::string, 32> ordinals;
     auto ordinal = [&](int day) -> const std::string& {

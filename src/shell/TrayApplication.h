@@ -1,5 +1,6 @@
 #pragma once
 
+#include "model/DateWriter.h"
 #include "platform/Clock.h"
 #include "platform/Export.h"
 #include "platform/Instant.h"
@@ -103,6 +104,9 @@ class ALMANOR_EXPORT TrayApplication {
         // eventsMenuAboutToShow): its dates cost start-up time and memory that the title does not
         // need. From then on they follow every change, as the panel may be showing them.
         bool eventsMenuOnDemand = false;
+        // Makes the submenu's dates in the locale and time zone of the moment (the tray's
+        // speak the user's language through ICU, which the rest of this layer does without).
+        std::function<std::unique_ptr<DateWriter>()> menuDates;
     };
 
     static constexpr double refreshInterval = 300.0;

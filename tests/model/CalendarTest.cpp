@@ -2,9 +2,11 @@
 // break naive arithmetic: month ends, leap days, DST transitions at every hour, zones with
 // 30-minute shifts, zones that skipped a whole day, and dates around them.
 #include "Instants.h"
+#include "dates/IcuCalendar.h"
 #include "model/CivilCalendar.h"
-#include "model/IcuCalendar.h"
 
+#include <array>
+#include <cstdio>
 #include <gtest/gtest.h>
 #include <random>
 
@@ -32,13 +34,29 @@ std::string text(Instant t) {
 
 // Zones chosen for their transitions: northern and southern DST, DST at midnight (days whose
 // midnight does not exist), half-hour and 45-minute offsets, a 30-minute DST shift, a zone that
-// skipped 30 December 2011, and the date line.
+// skipped 30 December 2011, the date line, and winter as "negative" DST in the system's files
+// (Dublin). Only zones whose rules ICU's built-in data still has right: the system's database is
+// the one counted by (see OffsetsFollowTheSystemsDatabase).
 const char* const zones[] = {
     "America/New_York",    "Europe/Prague", "Australia/Sydney",   "America/Santiago",
     "America/Sao_Paulo",   "Asia/Beirut",   "Asia/Kolkata",       "Asia/Kathmandu",
     "Australia/Lord_Howe", "Pacific/Apia",  "Pacific/Kiritimati", "America/Havana",
-    "Africa/Casablanca",   "UTC",
+    "Europe/Dublin",       "UTC",
 };
+
+// Every operation on a and b, with n as the amount to add.
+void expectAgreement(const DayCalendar& fast, const DayCalendar& icu, Instant a, Instant b, int n) {
+    ASSERT_EQ(fast.weekday(a), icu.weekday(a));
+    ASSERT_EQ(fast.startOfDay(a), icu.startOfDay(a));
+    ASSERT_EQ(fast.localTime(a), icu.localTime(a));
+    ASSERT_EQ(fast.instant(fast.localTime(b)), icu.instant(icu.localTime(b)));
+    ASSERT_EQ(fast.addDays(a, n), icu.addDays(a, n)) << "days " << n;
+    ASSERT_EQ(fast.addMonths(a, n), icu.addMonths(a, n)) << "months " << n;
+    ASSERT_EQ(fast.addYears(a, n % 200), icu.addYears(a, n % 200)) << "years " << n % 200;
+    ASSERT_EQ(fast.daysBetween(a, b), icu.daysBetween(a, b));
+    ASSERT_EQ(fast.monthsBetween(a, b), icu.monthsBetween(a, b));
+    ASSERT_EQ(fast.yearsBetween(a, b), icu.yearsBetween(a, b));
+}
 
 class CalendarAgreement : public testing::TestWithParam<const char*> {
   protected:
@@ -101,17 +119,8 @@ TEST_P(CalendarAgreement, RandomOperationsMatchIcu) {
         Instant a = draw(rng);
         Instant b = draw(rng);
         SCOPED_TRACE("a=" + text(a) + " b=" + text(b));
-        ASSERT_EQ(fast->weekday(a), icu->weekday(a));
-        ASSERT_EQ(fast->startOfDay(a), icu->startOfDay(a));
-        ASSERT_EQ(fast->localTime(a), icu->localTime(a));
-        ASSERT_EQ(fast->instant(fast->localTime(b)), icu->instant(icu->localTime(b)));
         int n = i % 2 == 0 ? smallAmount(rng) : largeAmount(rng);
-        ASSERT_EQ(fast->addDays(a, n), icu->addDays(a, n)) << "days " << n;
-        ASSERT_EQ(fast->addMonths(a, n), icu->addMonths(a, n)) << "months " << n;
-        ASSERT_EQ(fast->addYears(a, n % 200), icu->addYears(a, n % 200)) << "years " << n % 200;
-        ASSERT_EQ(fast->daysBetween(a, b), icu->daysBetween(a, b));
-        ASSERT_EQ(fast->monthsBetween(a, b), icu->monthsBetween(a, b));
-        ASSERT_EQ(fast->yearsBetween(a, b), icu->yearsBetween(a, b));
+        ASSERT_NO_FATAL_FAILURE(expectAgreement(*fast, *icu, a, b, n));
     }
 }
 
@@ -182,25 +191,80 @@ TEST(Calendar, MonthAndYearAdditionClampToTheMonth) {
         -1);
 }
 
-TEST(Calendar, BeforeTheGregorianReformIcuIsFollowed) {
-    // ICU counts in the Julian calendar before October 1582; the fast path hands such dates over.
+TEST(Calendar, BeforeTheGregorianReformAndFarAheadIcuIsFollowed) {
+    // ICU counts in the Julian calendar before 15 October 1582 (the years before 1 AD included),
+    // and the zone's last rule for ever.
     auto fast = CivilCalendar::forZone("Europe/Rome");
     auto icu = IcuCalendar::forZone("Europe/Rome");
-    Instant old = utc(1400, 2, 20, 12);
-    Instant recent = utc(2000, 1, 1);
-    EXPECT_EQ(fast->weekday(old), icu->weekday(old));
-    EXPECT_EQ(fast->addYears(old, 300), icu->addYears(old, 300));
-    EXPECT_EQ(fast->daysBetween(old, recent), icu->daysBetween(old, recent));
-    EXPECT_EQ(fast->monthsBetween(recent, old), icu->monthsBetween(recent, old));
+    const std::int64_t ranges[][2] = {
+        {utc(-3000, 1, 1).time_since_epoch().count(), utc(1700, 1, 1).time_since_epoch().count()},
+        {utc(1582, 9, 1).time_since_epoch().count(), utc(1582, 12, 1).time_since_epoch().count()},
+        {utc(30000, 1, 1).time_since_epoch().count(), 6'000'000'000'000'000}, // to year 192,000
+    };
+    std::mt19937_64 rng(1582);
+    std::uniform_int_distribution<int> amount(-3000, 3000);
+    for (int i = 0; i < 600; ++i) {
+        const auto& range = ranges[i % 3];
+        std::uniform_int_distribution<std::int64_t> any(range[0], range[1]);
+        Instant a{milliseconds(any(rng))};
+        Instant b = i % 2 == 0 ? Instant{milliseconds(any(rng))} : a + days(amount(rng));
+        SCOPED_TRACE(std::to_string(a.time_since_epoch().count()) + " " +
+                     std::to_string(b.time_since_epoch().count()));
+        ASSERT_NO_FATAL_FAILURE(expectAgreement(*fast, *icu, a, b, amount(rng)));
+    }
 }
 
-TEST(Calendar, UnknownZoneIsRefusedAndTzIsReadEachTime) {
+TEST(Calendar, TzIsReadEachTimeAsIcuReadsIt) {
     EXPECT_EQ(CivilCalendar::forZone("Mars/Olympus_Mons"), nullptr);
-    setenv("TZ", "Asia/Tokyo", 1);
-    EXPECT_EQ(DayCalendar::current()->zoneId(), "Asia/Tokyo");
-    setenv("TZ", "America/Denver", 1);
-    EXPECT_EQ(DayCalendar::current()->zoneId(), "America/Denver");
+    EXPECT_EQ(CivilCalendar::forZone("../zoneinfo/UTC"), nullptr);
+    // Names of zones, with the prefixes a TZ path may carry; names of none (they keep the C
+    // library's standard offset); POSIX rules and the unset TZ (both the system's zone).
+    const char* const values[] = {"Asia/Tokyo",
+                                  ":America/Denver",
+                                  "posix/Europe/Paris",
+                                  "Mars/Olympus_Mons",
+                                  "GMT+5",
+                                  "",
+                                  "CET-1CEST",
+                                  nullptr};
+    for (const char* tz : values) {
+        SCOPED_TRACE(tz == nullptr ? "unset" : tz);
+        tz == nullptr ? unsetenv("TZ") : setenv("TZ", tz, 1);
+        auto fast = DayCalendar::current();
+        auto icu = IcuCalendar::current();
+        EXPECT_EQ(fast->zoneId(), icu->zoneId());
+        for (Instant t : {utc(2024, 1, 15), utc(2024, 7, 15)}) {
+            EXPECT_EQ(fast->localTime(t), icu->localTime(t));
+        }
+    }
     unsetenv("TZ");
+}
+
+TEST(Calendar, OffsetsFollowTheSystemsDatabase) {
+    // Greenland moved to -02 in 2023, with daylight time at -01 from 2024 by a rule of negative
+    // hours, after ICU 72's built-in data was made: zdump reads the same files as the calendar.
+    auto nuuk = CivilCalendar::forZone("America/Nuuk");
+    ASSERT_TRUE(nuuk);
+    std::unique_ptr<FILE, int (*)(FILE*)> zdump(popen("zdump -v -c 2022,2045 America/Nuuk", "r"),
+                                                pclose);
+    ASSERT_TRUE(zdump);
+    const std::string months = "JanFebMarAprMayJunJulAugSepOctNovDec";
+    std::array<char, 256> line{};
+    int checked = 0;
+    while (std::fgets(line.data(), int(line.size()), zdump.get()) != nullptr) {
+        std::array<char, 4> month{};
+        int d = 0, h = 0, min = 0, sec = 0, y = 0;
+        long offset = 0;
+        if (std::sscanf(line.data(), "%*s %*s %3s %d %d:%d:%d %d UT = %*[^=]=%*d gmtoff=%ld",
+                        month.data(), &d, &h, &min, &sec, &y, &offset) != 7) {
+            continue;
+        }
+        Instant t = utc(y, unsigned(months.find(month.data()) / 3 + 1), unsigned(d), h, min, sec);
+        EXPECT_EQ(nuuk->localTime(t).time_since_epoch() - t.time_since_epoch(), seconds(offset))
+            << line.data();
+        ++checked;
+    }
+    EXPECT_GE(checked, 40); // every change to 2045, past the end of the file's table
 }
 
 } // namespace

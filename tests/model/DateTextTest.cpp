@@ -1,4 +1,4 @@
-#include "model/DateText.h"
+#include "dates/DateText.h"
 
 #include "Instants.h"
 

@@ -6,6 +6,7 @@
 #include "TempDir.h"
 #include "TrayFakes.h"
 #include "cloud/RecordMapping.h"
+#include "dates/DateText.h"
 #include "login/LaunchAtLogin.h"
 #include "model/CivilCalendar.h"
 #include "platform/SettingsFile.h"
@@ -73,7 +74,8 @@ class TrayApplicationTest : public testing::Test {
                                           ++draws;
                                           return std::size_t(draws) % count;
                                       },
-                                      eventsMenuOnDemand});
+                                      eventsMenuOnDemand,
+                                      [] { return std::make_unique<DateText>(); }});
         delegate->startup();
         return *delegate;
     }

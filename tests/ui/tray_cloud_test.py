@@ -118,7 +118,9 @@ class TrayCloudTest(unittest.TestCase):
         # and no library binds a symbol to the program itself.
         with open("/proc/%d/maps" % self.tray.pid) as f:
             paths = {line.split()[-1] for line in f if "/" in line}
-        for library in ("libstdc++.so", "libicuuc.so", "libsqlite3.so", "libalmanor-", "libglib-2.0.so"):
+        version = os.environ["ALMANOR_VERSION"]
+        for library in ("libstdc++.so", "libicuuc.so", "libsqlite3.so", "libglib-2.0.so",
+                        "libalmanor-%s.so" % version, "libalmanor-dates-%s.so" % version):
             self.assertEqual(len([p for p in paths if os.path.basename(p).startswith(library)]), 1,
                              (library, sorted(paths)))
         program = os.path.realpath(os.path.join(BIN, "almanor-tray"))

@@ -2,6 +2,7 @@
 // its menu need GLib and GIO only; GTK comes with the window, loaded the first time it is opened.
 
 #include "cloud/CloudAccount.h"
+#include "dates/DateText.h"
 #include "cloud/CloudModule.h"
 #include "login/LaunchAtLogin.h"
 #include "login/XdgAutostartService.h"
@@ -136,6 +137,7 @@ struct Tray {
             [this] { g_application_quit(application); },
         };
         services.eventsMenuOnDemand = true;
+        services.menuDates = [] { return std::make_unique<DateText>(); };
         delegate.emplace(std::move(services));
     }
 

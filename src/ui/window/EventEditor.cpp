@@ -1,6 +1,6 @@
 #include "ui/window/EventEditor.h"
 
-#include "model/DateText.h"
+#include "dates/DateText.h"
 #include "model/DayCalendar.h"
 #include "model/Text.h"
 #include "storage/Repository.h"

@@ -1,6 +1,6 @@
 #include "ui/window/ManageEventsWindowGtk.h"
 
-#include "model/DateText.h"
+#include "dates/DateText.h"
 #include "model/DayCalendar.h"
 #include "storage/Repository.h"
 #include "ui/window/EventEditor.h"

@@ -1,6 +1,6 @@
-#include "model/IcuCalendar.h"
+#include "dates/IcuCalendar.h"
 
-#include "model/IcuZone.h"
+#include "dates/IcuZone.h"
 
 #include <unicode/gregocal.h>
 

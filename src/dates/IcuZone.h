@@ -1,5 +1,5 @@
 #pragma once
-// Internal to the model library: ICU zone creation shared by the two calendars.
+// Internal to the dates library: ICU zone creation shared by DateText and IcuCalendar.
 
 #include "platform/Export.h"
 #include "platform/Fatal.h"

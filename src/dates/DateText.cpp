@@ -1,6 +1,6 @@
-#include "model/DateText.h"
+#include "dates/DateText.h"
 
-#include "model/IcuZone.h"
+#include "dates/IcuZone.h"
 
 #include <cstdlib>
 #include <unicode/datefmt.h>

@@ -8,9 +8,9 @@
 
 namespace almanor {
 
-// DayCalendar computed step by step with ICU's icu::GregorianCalendar: the definition of the
-// arithmetic. It is exact everywhere (the Julian calendar before 1582 included) but costs tens
-// of microseconds per difference; CivilCalendar is the fast path and falls back on this one.
+// DayCalendar computed step by step with ICU's icu::GregorianCalendar and ICU's own zone data:
+// the definition of the arithmetic, which CivilCalendar reproduces without ICU. It costs tens of
+// microseconds per difference.
 class ALMANOR_EXPORT IcuCalendar final : public DayCalendar {
   public:
     static std::unique_ptr<IcuCalendar> current();
