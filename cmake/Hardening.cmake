@@ -3,6 +3,6 @@
 # made read-only before the program runs (full RELRO).
 include(CheckPIESupported)
 check_pie_supported()
-add_compile_options(-fstack-protector-strong
+add_compile_options(-fstack-protector-strong -fno-semantic-interposition
                     $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
-add_link_options(-Wl,-z,relro -Wl,-z,now)
+add_link_options(-Wl,-z,relro)

@@ -2,6 +2,7 @@
 
 #include "platform/Fatal.h"
 
+#include <array>
 #include <uuid/uuid.h>
 
 namespace almanor {
@@ -21,41 +22,44 @@ Uuid Uuid::fromName(std::string_view name) {
     return Uuid(b);
 }
 
+namespace {
+
+// Each character's hex value, 16 for anything else.
+constexpr std::array<unsigned char, 256> hexValues = [] {
+    std::array<unsigned char, 256> v{};
+    v.fill(16);
+    for (int c = 0; c < 10; ++c) {
+        v[std::size_t('0' + c)] = static_cast<unsigned char>(c);
+    }
+    for (int c = 0; c < 6; ++c) {
+        v[std::size_t('a' + c)] = v[std::size_t('A' + c)] = static_cast<unsigned char>(10 + c);
+    }
+    return v;
+}();
+
+// Where each byte's two digits start in the text form.
+constexpr std::array<std::size_t, 16> digitPositions = {0,  2,  4,  6,  9,  11, 14, 16,
+                                                        19, 21, 24, 26, 28, 30, 32, 34};
+
+} // namespace
+
 std::optional<Uuid> Uuid::parse(std::string_view text) {
     // The same form libuuid's uuid_parse accepts, without its strtoul per group: ids are parsed
     // for every row of every listing.
-    if (text.size() != 36) {
+    if (text.size() != 36 || text[8] != '-' || text[13] != '-' || text[18] != '-' ||
+        text[23] != '-') {
         return std::nullopt;
     }
-    auto nibble = [](char c) -> int {
-        if (c >= '0' && c <= '9') {
-            return c - '0';
-        }
-        if (c >= 'a' && c <= 'f') {
-            return c - 'a' + 10;
-        }
-        if (c >= 'A' && c <= 'F') {
-            return c - 'A' + 10;
-        }
-        return -1;
-    };
     Bytes b;
-    std::size_t i = 0;
-    for (std::size_t pos = 0; pos < 36;) {
-        if (pos == 8 || pos == 13 || pos == 18 || pos == 23) {
-            if (text[pos] != '-') {
-                return std::nullopt;
-            }
-            ++pos;
-            continue;
-        }
-        int hi = nibble(text[pos]);
-        int lo = nibble(text[pos + 1]);
-        if (hi < 0 || lo < 0) {
-            return std::nullopt;
-        }
-        b[i++] = static_cast<unsigned char>(hi << 4 | lo);
-        pos += 2;
+    unsigned bad = 0;
+    for (std::size_t i = 0; i < b.size(); ++i) {
+        unsigned hi = hexValues[static_cast<unsigned char>(text[digitPositions[i]])];
+        unsigned lo = hexValues[static_cast<unsigned char>(text[digitPositions[i] + 1])];
+        bad |= (hi | lo) & 16U;
+        b[i] = static_cast<unsigned char>(hi << 4 | (lo & 15U));
+    }
+    if (bad != 0) {
+        return std::nullopt;
     }
     return Uuid(b);
 }

@@ -267,14 +267,14 @@ std::vector<MenuItem> TrayApplication::eventsMenuRows(const Uuid& marked) const 
 
     auto events = this->events();
     // Made afresh: the locale and the time zone are the ones of this moment.
-    const std::unique_ptr<DateWriter> made = s_.menuDates();
-    const DateWriter& dates = *made;
+    // Without one (its library could not be loaded) the rows name the events alone.
+    const std::unique_ptr<DateWriter> dates = s_.menuDates ? s_.menuDates() : nullptr;
     // A day's ordinal is the same text for every event on that day, and costly to make.
     std::array<std::string, 32> ordinals;
     auto ordinal = [&](int day) -> const std::string& {
         auto& text = ordinals[std::size_t(day) % ordinals.size()];
         if (text.empty()) {
-            text = dates.ordinal(day);
+            text = dates->ordinal(day);
         }
         return text;
     };
@@ -288,12 +288,14 @@ std::vector<MenuItem> TrayApplication::eventsMenuRows(const Uuid& marked) const 
                 rows.push_back(row(section.header));
                 headed = true;
             }
-            std::string text = dates.format(event->date(), section.pattern);
-            if (section.ordinal) {
-                text += ordinal(int(dates.dayOfMonth(event->date())));
+            std::string title = event->name();
+            if (dates != nullptr) {
+                title += " - " + dates->format(event->date(), section.pattern);
+                if (section.ordinal) {
+                    title += ordinal(int(dates->dayOfMonth(event->date())));
+                }
             }
-            MenuItem item =
-                row(event->name() + " - " + text, MenuItem::Action::updateSelectedEvent);
+            MenuItem item = row(title, MenuItem::Action::updateSelectedEvent);
             item.data = event->id();
             item.state = event->id() == marked;
             rows.push_back(item);

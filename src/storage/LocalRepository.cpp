@@ -6,6 +6,7 @@
 #include "storage/StoreSchema.h"
 #include "storage/sql/Error.h"
 
+#include <algorithm>
 #include <sqlite3.h>
 #include <system_error>
 
@@ -128,13 +129,18 @@ std::vector<EventPtr> LocalRepository::fetchAll() {
     const auto& t = events_;
     return storeCall([&] {
         return connection_.sync([&] {
-            auto rows =
-                connection_.prepare(t.table.select(t.deleted == std::nullopt, {t.date, t.name}));
+            auto rows = connection_.prepare(t.table.select(t.deleted == std::nullopt));
             EventColumns columns(rows, t);
             std::vector<EventPtr> result;
             for (const auto& row : rows) {
                 result.push_back(columns.event(row));
             }
+            // By date, then name as bytes, as ORDER BY would; sorting the parsed events costs a
+            // fraction of SQLite's sorter, which copies every row.
+            std::stable_sort(
+                result.begin(), result.end(), [](const EventPtr& a, const EventPtr& b) {
+                    return a->date() != b->date() ? a->date() < b->date() : a->name() < b->name();
+                });
             return result;
         });
     });

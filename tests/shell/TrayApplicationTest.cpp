@@ -56,26 +56,25 @@ class TrayApplicationTest : public testing::Test {
           scheduler(journal) {}
 
     TrayApplication& start() {
-        delegate = std::make_unique<TrayApplication>(
-            TrayApplication::Services{*store, cloudSync, defaults, launchAtLogin, center,
-                                      mainThread, clock, presenter, statusBar, scheduler,
-                                      [this]() -> std::unique_ptr<ManageEventsWindow> {
-                                          if (refuseWindow) {
-                                              return nullptr;
-                                          }
-                                          auto w = std::make_unique<test::FakeWindow>();
-                                          window = w.get();
-                                          ++windowsMade;
-                                          return w;
-                                      },
-                                      [this] { ++presentations; }, [this] { ++quits; },
-                                      [] { return DayCalendar::forZone(zone); },
-                                      [this](std::size_t count) {
-                                          ++draws;
-                                          return std::size_t(draws) % count;
-                                      },
-                                      eventsMenuOnDemand,
-                                      [] { return std::make_unique<DateText>(); }});
+        delegate = std::make_unique<TrayApplication>(TrayApplication::Services{
+            *store, cloudSync, defaults, launchAtLogin, center, mainThread, clock, presenter,
+            statusBar, scheduler,
+            [this]() -> std::unique_ptr<ManageEventsWindow> {
+                if (refuseWindow) {
+                    return nullptr;
+                }
+                auto w = std::make_unique<test::FakeWindow>();
+                window = w.get();
+                ++windowsMade;
+                return w;
+            },
+            [this] { ++presentations; }, [this] { ++quits; },
+            [] { return DayCalendar::forZone(zone); },
+            [this](std::size_t count) {
+                ++draws;
+                return std::size_t(draws) % count;
+            },
+            eventsMenuOnDemand, [] { return std::make_unique<DateText>(); }});
         delegate->startup();
         return *delegate;
     }

@@ -2,10 +2,10 @@
 // its menu need GLib and GIO only; GTK comes with the window, loaded the first time it is opened.
 
 #include "cloud/CloudAccount.h"
-#include "dates/DateText.h"
 #include "cloud/CloudModule.h"
 #include "login/LaunchAtLogin.h"
 #include "login/XdgAutostartService.h"
+#include "model/DateWriter.h"
 #include "platform/Clock.h"
 #include "platform/GlibOwners.h"
 #include "platform/Log.h"
@@ -28,6 +28,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <dlfcn.h>
 #include <gio/gio.h>
 #include <glib-unix.h>
 #include <malloc.h>
@@ -38,6 +39,25 @@
 using namespace almanor;
 
 namespace {
+
+// The events menu's dates, from libalmanor-dates (ICU), loaded the first time they are needed and
+// kept; found through this program's RUNPATH. Null, after one line, when it cannot be loaded: the
+// menu then names the events without their dates.
+std::unique_ptr<DateWriter> menuDates() {
+    using Make = DateWriter* (*)();
+    static const Make make = []() -> Make {
+        void* library = ::dlopen(ALMANOR_DATES_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+        void* entry = library != nullptr ? ::dlsym(library, "almanor_dates_make_writer") : nullptr;
+        if (entry == nullptr) {
+            const char* why = ::dlerror();
+            Log::line(std::string("Failed to load the menu's dates: ") +
+                      (why != nullptr ? why : ALMANOR_DATES_LIBRARY));
+            return nullptr;
+        }
+        return reinterpret_cast<Make>(entry);
+    }();
+    return std::unique_ptr<DateWriter>(make != nullptr ? make() : nullptr);
+}
 
 constexpr const char* applicationId = "com.vostrel.Almanor";
 // Where panels have always found the item and its menu.
@@ -137,7 +157,7 @@ struct Tray {
             [this] { g_application_quit(application); },
         };
         services.eventsMenuOnDemand = true;
-        services.menuDates = [] { return std::make_unique<DateText>(); };
+        services.menuDates = [] { return menuDates(); };
         delegate.emplace(std::move(services));
     }
 
