@@ -106,7 +106,7 @@ class ALMANOR_EXPORT TrayApplication {
         bool eventsMenuOnDemand = false;
         // Makes the submenu's dates in the locale and time zone of the moment (the tray's
         // speak the user's language through ICU, which the rest of this layer does without).
-        std::function<std::unique_ptr<DateWriter>()> menuDates;
+        std::function<std::unique_ptr<DateWriter>()> menuDates = nullptr;
     };
 
     static constexpr double refreshInterval = 300.0;
