@@ -30,8 +30,9 @@ struct CloudAccount {
     std::vector<std::string> origins;
 
     static std::optional<CloudAccount> load(const UserDefaults& defaults);
-    void store(UserDefaults& defaults) const;
-    static void forget(UserDefaults& defaults);
+    // Both in one write of the settings file; false when it could not be saved (logged).
+    bool store(UserDefaults& defaults) const;
+    static bool forget(UserDefaults& defaults);
     // What discovery found (the calendar home, the origins the server named), kept with the
     // account in `defaults` when there is one.
     static void rememberDiscovery(UserDefaults& defaults, const std::string& home,
