@@ -1,77 +1,48 @@
-#!/ bin / sh
-#The cloud commands against a real Radicale and, inside a private D - Bus session, a real keyring.
-#Usage : cloud_cli_test.sh ALMANOR
-set - u B = $1 T = $(mktemp - d) RADICALE = cleanup() {
-    [-n "$RADICALE"] && kill "$RADICALE" 2 > / dev / null&& wait "$RADICALE" 2 > / dev / null;
-    rm - rf "$T";
-}
-trap cleanup EXIT fail() {
-    echo "FAIL: $*" > &2;
-    exit 1;
-}
+#!/bin/sh
+# The cloud commands against a real Radicale and, inside a private D-Bus session, a real keyring.
+# Usage: cloud_cli_test.sh ALMANOR
+set -u
+B=$1
+T=$(mktemp -d)
+RADICALE=
+cleanup() { [ -n "$RADICALE" ] && kill "$RADICALE" 2>/dev/null && wait "$RADICALE" 2>/dev/null; rm -rf "$T"; }
+trap cleanup EXIT
+fail() { echo "FAIL: $*" >&2; exit 1; }
 P=$(/usr/bin/python3 -c 'import socket;s=socket.socket();s.bind(("127.0.0.1",0));print(s.getsockname()[1])')
 echo "alice:s3cret" > "$T/users"
 printf '[server]\nhosts = 127.0.0.1:%s\n[auth]\ntype = htpasswd\nhtpasswd_filename = %s/users\nhtpasswd_encryption = plain\ndelay = 0\n[rights]\ntype = owner_only\n[storage]\nfilesystem_folder = %s/col\n[web]\ntype = none\n' "$P" "$T" "$T" > "$T/cfg"
 /usr/bin/python3 -m radicale --config "$T/cfg" > "$T/log" 2>&1 &
 RADICALE=$!
-for i in $(seq 100);
-do
-    curl - s - o / dev / null "http://127.0.0.1:$P/" && break;
-sleep 0.1;
-done URL = "http://127.0.0.1:$P/"
+for i in $(seq 100); do curl -s -o /dev/null "http://127.0.0.1:$P/" && break; sleep 0.1; done
+URL="http://127.0.0.1:$P/"
 
-    export XDG_CONFIG_HOME = "$T/c1" XDG_DATA_HOME =
-        "$T/d1"
-        "$B" cloud login "$URL" --user alice-- password -
-            command "echo wrong" 2 >
-        "$T/err";
-rc = $ ? [$rc = 2] || fail "wrong password gave $rc"["$(wc -l < " $T / err ")" = 1] ||
-             fail "wrong password: not one line" grep - q cloudServer
-                     "$XDG_CONFIG_HOME/Almanor/settings.ini" 2 >
-                 / dev /
-                         null&& fail "stored after a refused login"
-                                     "$B" cloud login
-                                     "http://127.0.0.1:9/" --user alice-- password -
-                     command "echo s3cret" 2 >
-                 / dev / null; [ $? = 2 ] || fail "unreachable server accepted"
-#TLS is verified : a self - signed server is refused, and plain http only goes to this machine.
+export XDG_CONFIG_HOME="$T/c1" XDG_DATA_HOME="$T/d1"
+"$B" cloud login "$URL" --user alice --password-command "echo wrong" 2>"$T/err"; rc=$?
+[ $rc = 2 ] || fail "wrong password gave $rc"
+[ "$(wc -l < "$T/err")" = 1 ] || fail "wrong password: not one line"
+grep -q cloudServer "$XDG_CONFIG_HOME/Almanor/settings.ini" 2>/dev/null && fail "stored after a refused login"
+"$B" cloud login "http://127.0.0.1:9/" --user alice --password-command "echo s3cret" 2>/dev/null; [ $? = 2 ] || fail "unreachable server accepted"
+# TLS is verified: a self-signed server is refused, and plain http only goes to this machine.
 openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=127.0.0.1 -keyout "$T/key" -out "$T/cert" -days 2 2>/dev/null
 S=$(/usr/bin/python3 -c 'import socket;s=socket.socket();s.bind(("127.0.0.1",0));print(s.getsockname()[1])')
 /usr/bin/python3 -c 'import http.server,ssl,sys
 s=http.server.HTTPServer(("127.0.0.1",int(sys.argv[1])),http.server.BaseHTTPRequestHandler)
-c=ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER);
-c.load_cert_chain(sys.argv[2], sys.argv[3]) s.socket = c.wrap_socket(s.socket, server_side = True);
-s.serve_forever()' "$S" "$T/cert" "$T/key" 2>/dev/null & TLS =
-    $ !sleep 1 "$B" cloud login "https://127.0.0.1:$S/" --user alice-- password - command
-        "echo s3cret" 2 >
-    "$T/err";
-rc =
-    $ ? kill $TLS[$rc = 2] && ["$(wc -l < " $T / err ")" = 1] && grep - qi certificate "$T/err" || {
-    cat "$T/err" > &2;
-    fail "self-signed server: $rc";
-}
-"$B" cloud login "http://192.0.2.1/" --user alice-- password - command "echo s3cret" 2 > "$T/err";
-rc = $ ? [$rc = 2] && grep - q "https://"
-                               "$T/err" ||
-{
-    cat "$T/err" > &2;
-    fail "plain http elsewhere: $rc";
-}
-#A URL that could never work is refused before any password is asked for (stdin is empty here).
-for
-    bad in notaurl ftp : // h/ https://u:p@h/; do
-                         "$B" cloud login "$bad" --user alice</ dev / null 2> "$T/err";
-rc = $ ? [$rc = 2] && !grep - q "no password given"
-                                "$T/err" ||
-{
-    cat "$T/err" > &2;
-    fail "bad URL $bad: $rc";
-}
-done grep - q cloudServer "$XDG_CONFIG_HOME/Almanor/settings.ini" 2 >
-    / dev /
-        null&& fail "stored after a refused login"
-                    "$B" sync 2 >
-    "$T/err"; [ $? = 1 ] || fail "sync without account"
+c=ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER);c.load_cert_chain(sys.argv[2],sys.argv[3])
+s.socket=c.wrap_socket(s.socket,server_side=True);s.serve_forever()' "$S" "$T/cert" "$T/key" 2>/dev/null &
+TLS=$!
+sleep 1
+"$B" cloud login "https://127.0.0.1:$S/" --user alice --password-command "echo s3cret" 2>"$T/err"; rc=$?
+kill $TLS
+[ $rc = 2 ] && [ "$(wc -l < "$T/err")" = 1 ] && grep -qi certificate "$T/err" || { cat "$T/err" >&2; fail "self-signed server: $rc"; }
+"$B" cloud login "http://192.0.2.1/" --user alice --password-command "echo s3cret" 2>"$T/err"; rc=$?
+[ $rc = 2 ] && grep -q "https://" "$T/err" || { cat "$T/err" >&2; fail "plain http elsewhere: $rc"; }
+# A URL that could never work is refused before any password is asked for (stdin is empty here).
+for bad in notaurl ftp://h/ https://u:p@h/; do
+  "$B" cloud login "$bad" --user alice </dev/null 2>"$T/err"; rc=$?
+  [ $rc = 2 ] && ! grep -q "no password given" "$T/err" || { cat "$T/err" >&2; fail "bad URL $bad: $rc"; }
+done
+grep -q cloudServer "$XDG_CONFIG_HOME/Almanor/settings.ini" 2>/dev/null && fail "stored after a refused login"
+"$B" sync 2>"$T/err"; [ $? = 1 ] || fail "sync without account"
 grep -q "no cloud account; run almanor cloud login URL" "$T/err" || fail "sync without account message"
 
 "$B" cloud login "$URL" --user alice --password-command "echo s3cret" 2>/dev/null || fail "login with command"
@@ -81,22 +52,15 @@ grep -q "no cloud account; run almanor cloud login URL" "$T/err" || fail "sync w
 "$B" events list > "$T/list1"
 "$B" cloud status --json | grep -q '"pending":{"inserted":0,"updated":0,"deleted":0}' || fail "status after sync"
 
-#A second machine sees it, text intact.
+# A second machine sees it, text intact.
 export XDG_CONFIG_HOME="$T/c2" XDG_DATA_HOME="$T/d2"
 "$B" cloud login "$URL" --user alice --password-command "echo s3cret" 2>/dev/null || fail "second login"
 "$B" sync 2>/dev/null || fail "second sync"
-"$B" events list > "$T/list";
-cmp - s "$T/list"
-        "$T/list1" ||
-{
-    cat "$T/list"
-        "$T/list1" > &2;
-    fail "second machine did not get the same event";
-}
+"$B" events list > "$T/list"; cmp -s "$T/list" "$T/list1" || { cat "$T/list" "$T/list1" >&2; fail "second machine did not get the same event"; }
 
-#The keyring : stdin password, stored under the schema, removed by logout.
-#Under the usual umask the account and the events are still the user's alone, in a settings
-#folder an older build left open too; a logout that cannot be saved says so and keeps both.
+# The keyring: stdin password, stored under the schema, removed by logout.
+# Under the usual umask the account and the events are still the user's alone, in a settings
+# folder an older build left open too; a logout that cannot be saved says so and keeps both.
 export XDG_CONFIG_HOME="$T/c3" XDG_DATA_HOME="$T/d3"
 mkdir -m 755 "$T/c3" "$T/c3/Almanor"
 dbus-run-session -- sh -c '
@@ -119,10 +83,6 @@ dbus-run-session -- sh -c '
   "$0" events list | grep -q Trip || exit 13
 ' "$B" "$URL" 2>"$T/err"
 rc=$?
-[ $rc = 0 ] || {
-    cat "$T/err" > &2;
-    fail "keyring step $rc";
-}
-grep - rq s3cret "$T/c3"
-                 "$T/d3" &&
-    fail "password in a file" echo ok
+[ $rc = 0 ] || { cat "$T/err" >&2; fail "keyring step $rc"; }
+grep -rq s3cret "$T/c3" "$T/d3" && fail "password in a file"
+echo ok
