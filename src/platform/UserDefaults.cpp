@@ -412,7 +412,7 @@ bool UserDefaults::apply(const Changes& changes) {
         return true;
     }
     auto failed = [&](const std::string& why) {
-        Log::line("Failed to save settings to " + file_.string() + ": " + why);
+        reportFailure(why);
         return false;
     };
     if (auto why = paths::makePrivateFolder(file_.parent_path()); !why.empty()) {
@@ -451,12 +451,26 @@ bool UserDefaults::apply(const Changes& changes) {
     std::lock_guard guard(mutex_);
     cache_.reset();
     if (!saved) {
-        Log::line("Failed to save settings to " + file_.string() + ": " + error->message);
+        reportFailure(error->message);
         return false;
+    }
+    {
+        std::lock_guard failures(failureMutex_);
+        lastFailure_.clear();
     }
     news_ = news_ || before != seen_->content;
     seen_->content = std::string(data.get(), length);
     return true;
+}
+
+void UserDefaults::reportFailure(const std::string& why) {
+    // One line per cause: a command that writes twice into a full disk says it once.
+    std::string line = "Failed to save settings to " + file_.string() + ": " + why;
+    std::lock_guard failures(failureMutex_);
+    if (line != lastFailure_) {
+        Log::line(line);
+        lastFailure_ = std::move(line);
+    }
 }
 
 bool UserDefaults::changedElsewhere() {

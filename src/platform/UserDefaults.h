@@ -71,7 +71,11 @@ class UserDefaults {
     // Writes raw values (already in the key file's escapes).
     bool apply(const Changes& raw);
 
+    void reportFailure(const std::string& why);
+
     std::filesystem::path file_;
+    std::mutex failureMutex_;
+    std::string lastFailure_; // the failure last told, until a write succeeds
     mutable std::mutex mutex_;
     mutable std::shared_ptr<const Snapshot> cache_;
     std::map<std::string, std::string, std::less<>> registered_;
