@@ -399,15 +399,22 @@ bool UserDefaults::write(std::string_view key, std::optional<std::string> text) 
     return apply({{std::string(key), std::move(text)}});
 }
 
+namespace {
+
+bool holdsAlready(GKeyFile* keys, const UserDefaults::Changes& changes) {
+    return std::all_of(changes.begin(), changes.end(), [&](const auto& change) {
+        GString_ old(
+            g_key_file_get_value(keys, UserDefaults::group, change.first.c_str(), nullptr));
+        return change.second ? (old && *change.second == old.get()) : !old;
+    });
+}
+
+} // namespace
+
 bool UserDefaults::apply(const Changes& changes) {
     // Writing what the file holds already changes nothing: the lock and the reread are spared
     // (the command line writes the selection back on every run).
-    auto unchanged = [&](GKeyFile* keys) {
-        return std::all_of(changes.begin(), changes.end(), [&](const auto& change) {
-            GString_ old(g_key_file_get_value(keys, group, change.first.c_str(), nullptr));
-            return change.second ? (old && *change.second == old.get()) : !old;
-        });
-    };
+    auto unchanged = [&](GKeyFile* keys) { return holdsAlready(keys, changes); };
     if (unchanged(current()->keys.get())) {
         return true;
     }
