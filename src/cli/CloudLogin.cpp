@@ -71,7 +71,8 @@ int cloudLogin(SettingsFile& defaults, const std::string& url, const std::string
         account.origins = service.trustedOrigins();
         if (passwordCommand.empty())
             keyring::storePassword(url, account.user, password);
-        account.store(defaults);
+        if (!account.store(defaults))
+            return exitStoreFailed; // the line saying why is out
         std::fprintf(stderr, "Logged in as %s; calendars at %s\n", account.user.c_str(),
                      redactUrl(account.home).c_str());
         return exitSuccess;
@@ -87,6 +88,10 @@ int cloudLogout(SettingsFile& defaults) {
         std::fprintf(stderr, "no cloud account\n");
         return exitSuccess;
     }
+    // The account goes first: kept, it still has its password; gone, a password left in the
+    // keyring is only a line.
+    if (!CloudAccount::forget(defaults))
+        return exitStoreFailed;
     int status = exitSuccess;
     if (account->passwordCommand.empty()) {
         try {
@@ -96,7 +101,6 @@ int cloudLogout(SettingsFile& defaults) {
             status = exitPending;
         }
     }
-    CloudAccount::forget(defaults);
     return status;
 }
 

@@ -53,7 +53,9 @@ int selectEvent(Services& services, const std::string& target) {
                               [&](const EventPtr& e) { return e->id() == id; })) {
         throw Store::NotFound{id}; // must name a live event
     }
-    store.settings().setSelectedEventId(id);
+    if (!store.settings().setSelectedEventId(id)) {
+        return exitStoreFailed; // the line saying why is out
+    }
     RecordedStatusItem item;
     auto selection = makeSelection(services, store, item, events);
     selection.resolveDisplayedEvent(id);

@@ -21,24 +21,18 @@ std::optional<CloudAccount> CloudAccount::load(const SettingsFile& defaults) {
     return account;
 }
 
-void CloudAccount::store(SettingsFile& defaults) const {
-    defaults.setString(serverKey, server);
-    defaults.setString(userKey, user);
-    if (passwordCommand.empty())
-        defaults.remove(passwordCommandKey);
-    else
-        defaults.setString(passwordCommandKey, passwordCommand);
-    if (home.empty())
-        defaults.remove(homeKey);
-    else
-        defaults.setString(homeKey, home);
+bool CloudAccount::store(SettingsFile& defaults) const {
+    auto unlessEmpty = [](const std::string& value) {
+        return value.empty() ? std::nullopt : std::optional<std::string>(value);
+    };
     std::string joined;
     for (const auto& origin : origins)
         joined += (joined.empty() ? "" : " ") + origin;
-    if (joined.empty())
-        defaults.remove(originsKey);
-    else
-        defaults.setString(originsKey, joined);
+    return defaults.setStrings({{serverKey, server},
+                                {userKey, user},
+                                {passwordCommandKey, unlessEmpty(passwordCommand)},
+                                {homeKey, unlessEmpty(home)},
+                                {originsKey, unlessEmpty(joined)}});
 }
 
 void CloudAccount::rememberDiscovery(SettingsFile& defaults, const std::string& home,
@@ -51,12 +45,12 @@ void CloudAccount::rememberDiscovery(SettingsFile& defaults, const std::string& 
     account->store(defaults);
 }
 
-void CloudAccount::forget(SettingsFile& defaults) {
-    defaults.remove(serverKey);
-    defaults.remove(userKey);
-    defaults.remove(passwordCommandKey);
-    defaults.remove(homeKey);
-    defaults.remove(originsKey);
+bool CloudAccount::forget(SettingsFile& defaults) {
+    return defaults.setStrings({{serverKey, std::nullopt},
+                                {userKey, std::nullopt},
+                                {passwordCommandKey, std::nullopt},
+                                {homeKey, std::nullopt},
+                                {originsKey, std::nullopt}});
 }
 
 } // namespace almanor

@@ -32,8 +32,9 @@ struct ALMANOR_EXPORT CloudAccount {
     std::vector<std::string> origins;
 
     static std::optional<CloudAccount> load(const SettingsFile& defaults);
-    void store(SettingsFile& defaults) const;
-    static void forget(SettingsFile& defaults);
+    // Both in one write of the settings file; false when it could not be saved (logged).
+    bool store(SettingsFile& defaults) const;
+    static bool forget(SettingsFile& defaults);
     // What discovery found (the calendar home, the origins the server named), kept with the
     // account in `defaults` when there is one.
     static void rememberDiscovery(SettingsFile& defaults, const std::string& home,

@@ -1,7 +1,11 @@
 #include "platform/Paths.h"
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
 #include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace almanor::paths {
@@ -39,6 +43,61 @@ std::filesystem::path databaseDirectory() {
 }
 std::filesystem::path settingsFile() {
     return configHome() / "Almanor" / "settings.ini";
+}
+
+namespace {
+
+// Creates the missing levels 0700; existing ones (the home folder among them) stay as they are.
+std::string createFolders(const std::filesystem::path& folder) {
+    struct stat st {};
+    if (::stat(folder.c_str(), &st) == 0) {
+        return S_ISDIR(st.st_mode) ? std::string() : folder.string() + " is not a folder";
+    }
+    if (errno != ENOENT) {
+        return std::strerror(errno);
+    }
+    if (folder.has_parent_path() && folder.parent_path() != folder) {
+        if (auto why = createFolders(folder.parent_path()); !why.empty()) {
+            return why;
+        }
+    }
+    if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
+        return std::strerror(errno);
+    }
+    return {};
+}
+
+} // namespace
+
+std::string makePrivateFolder(const std::filesystem::path& folder) {
+    if (auto why = createFolders(folder); !why.empty()) {
+        return why;
+    }
+    struct stat st {};
+    if (::stat(folder.c_str(), &st) != 0) {
+        return std::strerror(errno);
+    }
+    if ((st.st_mode & 077) != 0 && st.st_uid == ::geteuid() &&
+        ::chmod(folder.c_str(), st.st_mode & 07700) != 0) {
+        return std::strerror(errno);
+    }
+    return {};
+}
+
+std::string makePrivateFile(const std::filesystem::path& file) {
+    int fd = ::open(file.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOCTTY, 0600);
+    if (fd < 0) {
+        return std::strerror(errno);
+    }
+    struct stat st {};
+    std::string why;
+    if (::fstat(fd, &st) != 0) {
+        why = std::strerror(errno);
+    } else if ((st.st_mode & 077) != 0 && ::fchmod(fd, st.st_mode & 07700) != 0) {
+        why = std::strerror(errno);
+    }
+    ::close(fd);
+    return why;
 }
 
 } // namespace almanor::paths

@@ -20,8 +20,8 @@ Uuid Settings::selectedEventId() const {
     return Uuid::random();
 }
 
-void Settings::setSelectedEventId(const Uuid& id) const {
-    defaults_.setString(selectedEvent, id.uuidString());
+bool Settings::setSelectedEventId(const Uuid& id) const {
+    return defaults_.setString(selectedEvent, id.uuidString());
 }
 
 } // namespace almanor

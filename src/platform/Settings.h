@@ -32,8 +32,8 @@ class ALMANOR_EXPORT Settings {
     // The stored selection. Text that is not a UUID reads as a fresh random UUID each time (it
     // then matches no event); a store with no string at all is a fatal error.
     Uuid selectedEventId() const;
-    // Stores the upper-case text form.
-    void setSelectedEventId(const Uuid& id) const;
+    // Stores the upper-case text form; false when it could not be saved (logged).
+    bool setSelectedEventId(const Uuid& id) const;
 
   private:
     SettingsFile& defaults_;

@@ -3,7 +3,9 @@
 #include "platform/FileLock.h"
 #include "platform/GlibOwners.h"
 #include "platform/Log.h"
+#include "platform/Paths.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -19,6 +21,9 @@ namespace {
 using KeyFile = glib::Owner<GKeyFile, g_key_file_free>;
 using Error = glib::Error;
 using GString_ = glib::Chars;
+
+// The file holds the account and the command that yields its password.
+constexpr int privateMode = 0600;
 
 // What identifies one version of the file on disk.
 struct Identity {
@@ -221,6 +226,9 @@ SettingsFile::SettingsFile(std::filesystem::path file) : file_(std::move(file)),
     // so the file is read once. The identity is taken first: a change in between is newer than
     // that identity, and is read again on the first look.
     Identity identity = identityOf(file_);
+    if (identity.exists) {
+        (void)paths::makePrivateFolder(file_.parent_path()); // writes report failures
+    }
     seen_ = std::make_unique<Version>(Version{Version::read(file_)});
     if (identity.exists && seen_->content) {
         if (KeyFile keys = parse(*seen_->content, G_KEY_FILE_NONE)) {
@@ -303,8 +311,8 @@ bool SettingsFile::replaceDamaged(const std::string& damaged, const std::string&
         return false;
     }
     Error e;
-    if (!g_file_set_contents(file_.c_str(), readable.data(), gssize(readable.size()),
-                             glib::out(e))) {
+    if (!g_file_set_contents_full(file_.c_str(), readable.data(), gssize(readable.size()),
+                                  G_FILE_SET_CONTENTS_CONSISTENT, privateMode, glib::out(e))) {
         Log::line("Failed to save settings to " + file_.string() + ": " + e->message);
         // The original is still in place: the next reader tries again, without a second copy.
         ::unlink(aside->c_str());
@@ -354,68 +362,89 @@ bool SettingsFile::boolean(std::string_view key) const {
     return value != FALSE;
 }
 
-void SettingsFile::setString(std::string_view key, std::string_view value) {
+bool SettingsFile::setString(std::string_view key, std::string_view value) {
+    return setStrings({{std::string(key), std::string(value)}});
+}
+
+bool SettingsFile::setStrings(const Changes& changes) {
+    Changes raw;
+    raw.reserve(changes.size());
     KeyFile scratch(g_key_file_new());
-    std::string v(value);
-    g_key_file_set_string(scratch.get(), group, "k", v.c_str());
-    GString_ text(g_key_file_get_value(scratch.get(), group, "k", nullptr));
-    write(key, std::string(text.get()));
-}
-
-void SettingsFile::setInteger(std::string_view key, std::int64_t value) {
-    write(key, std::to_string(value));
-}
-
-void SettingsFile::setBoolean(std::string_view key, bool value) {
-    write(key, value ? "true" : "false");
-}
-
-void SettingsFile::remove(std::string_view key) {
-    write(key, std::nullopt);
-}
-
-void SettingsFile::write(std::string_view key, std::optional<std::string> text) {
-    // Writing the value the file holds already changes nothing: the lock and the reread are
-    // spared (the command line writes the selection back on every run).
-    if (text) {
-        auto snapshot = current();
-        std::string k(key);
-        GString_ old(g_key_file_get_value(snapshot->keys.get(), group, k.c_str(), nullptr));
-        if (old && *text == old.get()) {
-            return;
+    for (const auto& [key, value] : changes) {
+        if (!value) {
+            raw.emplace_back(key, std::nullopt);
+            continue;
         }
+        // The key file's own escapes for newlines, tabs and leading blanks.
+        g_key_file_set_string(scratch.get(), group, "k", value->c_str());
+        GString_ text(g_key_file_get_value(scratch.get(), group, "k", nullptr));
+        raw.emplace_back(key, std::string(text.get()));
     }
-    std::error_code ec;
-    std::filesystem::create_directories(file_.parent_path(), ec);
-    if (ec) {
-        Log::line("Failed to save settings to " + file_.string() + ": " + ec.message());
-        return;
+    return apply(raw);
+}
+
+bool SettingsFile::setInteger(std::string_view key, std::int64_t value) {
+    return write(key, std::to_string(value));
+}
+
+bool SettingsFile::setBoolean(std::string_view key, bool value) {
+    return write(key, value ? "true" : "false");
+}
+
+bool SettingsFile::remove(std::string_view key) {
+    return write(key, std::nullopt);
+}
+
+bool SettingsFile::write(std::string_view key, std::optional<std::string> text) {
+    return apply({{std::string(key), std::move(text)}});
+}
+
+namespace {
+
+bool holdsAlready(GKeyFile* keys, const SettingsFile::Changes& changes) {
+    return std::all_of(changes.begin(), changes.end(), [&](const auto& change) {
+        GString_ old(
+            g_key_file_get_value(keys, SettingsFile::group, change.first.c_str(), nullptr));
+        return change.second ? (old && *change.second == old.get()) : !old;
+    });
+}
+
+} // namespace
+
+bool SettingsFile::apply(const Changes& changes) {
+    // Writing what the file holds already changes nothing: the lock and the reread are spared
+    // (the command line writes the selection back on every run).
+    auto unchanged = [&](GKeyFile* keys) { return holdsAlready(keys, changes); };
+    if (unchanged(current()->keys.get())) {
+        return true;
+    }
+    auto failed = [&](const std::string& why) {
+        reportFailure(why);
+        return false;
+    };
+    if (auto why = paths::makePrivateFolder(file_.parent_path()); !why.empty()) {
+        return failed(why);
     }
     // Writers of the file serialise on its folder, which leaves no lock file behind.
     FileLock lock(file_.parent_path());
     if (!lock.held()) {
-        Log::line("Failed to save settings to " + file_.string() + ": cannot lock its folder (" +
-                  lock.error() + ")");
-        return;
+        return failed("cannot lock its folder (" + lock.error() + ")");
     }
 
     Loaded loaded = load(true, true);
     if (!loaded.settled) {
-        Log::line("Failed to save settings to " + file_.string() +
-                  ": the file as it is could not be kept");
-        return;
+        return failed("the file as it is could not be kept");
     }
     KeyFile& keys = loaded.keys;
-
-    std::string k(key);
-    GString_ old(g_key_file_get_value(keys.get(), group, k.c_str(), nullptr));
-    if (text ? (old && *text == old.get()) : !old) {
-        return; // unchanged: spare the disk a rewrite
+    if (unchanged(keys.get())) {
+        return true; // spare the disk a rewrite
     }
-    if (text) {
-        g_key_file_set_value(keys.get(), group, k.c_str(), text->c_str());
-    } else {
-        g_key_file_remove_key(keys.get(), group, k.c_str(), nullptr);
+    for (const auto& [key, text] : changes) {
+        if (text) {
+            g_key_file_set_value(keys.get(), group, key.c_str(), text->c_str());
+        } else {
+            g_key_file_remove_key(keys.get(), group, key.c_str(), nullptr);
+        }
     }
     gsize length = 0;
     GString_ data(g_key_file_to_data(keys.get(), &length, nullptr));
@@ -423,15 +452,31 @@ void SettingsFile::write(std::string_view key, std::optional<std::string> text) 
     // looked, that change is still news after this write folds it in.
     auto before = Version::read(file_);
     Error error;
-    bool saved = g_file_set_contents(file_.c_str(), data.get(), gssize(length), glib::out(error));
-    if (!saved) {
-        Log::line("Failed to save settings to " + file_.string() + ": " + error->message);
-    }
+    bool saved =
+        g_file_set_contents_full(file_.c_str(), data.get(), gssize(length),
+                                 G_FILE_SET_CONTENTS_CONSISTENT, privateMode, glib::out(error));
     std::lock_guard guard(mutex_);
     cache_.reset();
-    if (saved) {
-        news_ = news_ || before != seen_->content;
-        seen_->content = std::string(data.get(), length);
+    if (!saved) {
+        reportFailure(error->message);
+        return false;
+    }
+    {
+        std::lock_guard failures(failureMutex_);
+        lastFailure_.clear();
+    }
+    news_ = news_ || before != seen_->content;
+    seen_->content = std::string(data.get(), length);
+    return true;
+}
+
+void SettingsFile::reportFailure(const std::string& why) {
+    // One line per cause: a command that writes twice into a full disk says it once.
+    std::string line = "Failed to save settings to " + file_.string() + ": " + why;
+    std::lock_guard failures(failureMutex_);
+    if (line != lastFailure_) {
+        Log::line(line);
+        lastFailure_ = std::move(line);
     }
 }
 

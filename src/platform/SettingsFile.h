@@ -10,6 +10,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace almanor {
 
@@ -36,10 +38,17 @@ class ALMANOR_EXPORT SettingsFile {
     std::int64_t integer(std::string_view key) const; // 0 when absent or not a number
     bool boolean(std::string_view key) const;         // false when absent or not a boolean
 
-    void setString(std::string_view key, std::string_view value);
-    void setInteger(std::string_view key, std::int64_t value);
-    void setBoolean(std::string_view key, bool value);
-    void remove(std::string_view key);
+    // Keys with their new values; nullopt removes the key.
+    using Changes = std::vector<std::pair<std::string, std::optional<std::string>>>;
+
+    // Each write returns whether the file now holds it; a failure has been logged in one line.
+    // The file and its folder are kept private to the user (0600 in 0700).
+    bool setString(std::string_view key, std::string_view value);
+    bool setInteger(std::string_view key, std::int64_t value);
+    bool setBoolean(std::string_view key, bool value);
+    bool remove(std::string_view key);
+    // All of the changes in one write: the file gets every one of them or none.
+    bool setStrings(const Changes& changes);
 
     // Whether the file changed on disk since the last call, by a writer other than this object.
     // What this object wrote itself is taken as seen; another writer's change counts even when it
@@ -60,9 +69,15 @@ class ALMANOR_EXPORT SettingsFile {
     // could not be done, leaving the file as it is.
     bool replaceDamaged(const std::string& damaged, const std::string& readable) const;
     // Writes `text` as the key's raw value, or removes the key when nullopt.
-    void write(std::string_view key, std::optional<std::string> text);
+    bool write(std::string_view key, std::optional<std::string> text);
+    // Writes raw values (already in the key file's escapes).
+    bool apply(const Changes& raw);
+
+    void reportFailure(const std::string& why);
 
     std::filesystem::path file_;
+    std::mutex failureMutex_;
+    std::string lastFailure_; // the failure last told, until a write succeeds
     mutable std::mutex mutex_;
     mutable std::shared_ptr<const Snapshot> cache_;
     std::map<std::string, std::string, std::less<>> registered_;

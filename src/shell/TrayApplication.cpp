@@ -226,6 +226,10 @@ void TrayApplication::updateSelectedEvent(std::size_t eventsMenuIndex) {
         return;
     }
     Uuid id = selectedId(eventsMenu_[eventsMenuIndex]);
+    // A choice that cannot be kept is not shown as made: the marks stay on the kept one.
+    if (!settings_.setSelectedEventId(id)) {
+        return;
+    }
     for (std::size_t i = 0; i < eventsMenu_.size(); ++i) {
         bool on = selectedId(eventsMenu_[i]) == id;
         if (eventsMenu_[i].state != on) {
@@ -233,7 +237,6 @@ void TrayApplication::updateSelectedEvent(std::size_t eventsMenuIndex) {
             s_.menuPresenter.setEventsMenuState(i, on);
         }
     }
-    settings_.setSelectedEventId(id);
     // The marks set above stay until the next rebuild, even when another event is shown.
     selection_.resolveDisplayedEvent(id);
 }

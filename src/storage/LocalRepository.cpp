@@ -2,6 +2,7 @@
 
 #include "platform/Fatal.h"
 #include "platform/Log.h"
+#include "platform/Paths.h"
 #include "platform/Settings.h"
 #include "storage/StoreSchema.h"
 #include "storage/sql/Error.h"
@@ -60,12 +61,13 @@ void LocalRepository::useFromOneThreadOnly() {
 
 sql::Connection LocalRepository::open(const std::filesystem::path& directory,
                                       std::string_view fileName) {
-    std::error_code error;
-    if (!std::filesystem::exists(directory, error)) {
-        std::filesystem::create_directories(directory, error);
-        if (error) {
-            failToInitialize(error.message());
-        }
+    // SQLite gives its journal and WAL files the database file's mode.
+    auto why = paths::makePrivateFolder(directory);
+    if (why.empty()) {
+        why = paths::makePrivateFile(directory / fileName);
+    }
+    if (!why.empty()) {
+        failToInitialize(why);
     }
     try {
         return sql::Connection(directory.string() + "/" + std::string(fileName));

@@ -466,28 +466,33 @@ void SyncPass::remove(SyncRow& row, const RecordState& state) {
           "Failed to sync deleted: ");
 }
 
+void SyncPass::goneFromServer(SyncRow& row, const RecordState& state, bool creating) {
+    const Uuid id = row.event->id();
+    if (!row.live()) {
+        if (row.syncId)
+            later([this, id] { ledger_.markDeletionSent(id); }, "Failed to sync deleted: ");
+        else
+            later([this, id] { ledger_.dropRecord(id); }, "Failed to sync deleted: ");
+        return;
+    }
+    // Gone from the server while this row holds a change: the change wins, as a new record under
+    // the same name. A second refusal ends this row's turn; the next pass settles it.
+    CloudRecord record =
+        recordFromEvent(CloudEvent{RecordId{state.recordName, appZone}, row.event, row.updated});
+    std::string etag = service_.createRecord(record, state.resource);
+    ++sent_;
+    RecordState sent{state.recordName, state.resource, etag};
+    later([this, id, sent, at = row.updated] { ledger_.markPushed(id, sent, at); },
+          creating ? "Failed to sync inserted: " : "Failed to sync updated: ");
+}
+
 // The server did not hold the version this row was last in step with (or it is not known): look
 // at what it holds now and settle by the later change.
 void SyncPass::settleWithServer(SyncRow& row, const RecordState& state, bool creating) {
     const Uuid id = row.event->id();
     std::optional<RemoteRecord> current = service_.fetchRecord(appZone, state.resource);
     if (!current) {
-        if (!row.live()) {
-            if (row.syncId)
-                later([this, id] { ledger_.markDeletionSent(id); }, "Failed to sync deleted: ");
-            else
-                later([this, id] { ledger_.dropRecord(id); }, "Failed to sync deleted: ");
-            return;
-        }
-        // Gone from the server while this row holds a change: the change wins, as a new record
-        // under the same name. A second refusal ends this row's turn; the next pass settles it.
-        CloudRecord record = recordFromEvent(
-            CloudEvent{RecordId{state.recordName, appZone}, row.event, row.updated});
-        std::string etag = service_.createRecord(record, state.resource);
-        ++sent_;
-        RecordState sent{state.recordName, state.resource, etag};
-        later([this, id, sent, at = row.updated] { ledger_.markPushed(id, sent, at); },
-              creating ? "Failed to sync inserted: " : "Failed to sync updated: ");
+        goneFromServer(row, state, creating);
         return;
     }
     CloudEvent theirs = eventFromRecord(current->record, clock_);

@@ -75,6 +75,8 @@ class ALMANOR_EXPORT SyncPass {
     void replace(SyncRow& row, const RecordState& state);
     void remove(SyncRow& row, const RecordState& state);
     void settleWithServer(SyncRow& row, const RecordState& state, bool creating);
+    // The server holds nothing under the row's resource: a deletion is done, a change is sent anew.
+    void goneFromServer(SyncRow& row, const RecordState& state, bool creating);
     void keepServerCopy(const SyncRow& row, const RemoteRecord& remote, const CloudEvent& theirs);
     void later(std::function<void()> write, std::string failureMessage);
     void flush();

@@ -479,6 +479,17 @@ TEST_F(CliTest, AnUnopenableStoreStopsWithTheFatalMessage) {
         << r.err;
 }
 
+TEST_F(CliTest, ASelectionThatCannotBeSavedIsExitThreeAndOneLine) {
+    add({"Kept", "--date", "2030-05-05"});
+    std::filesystem::remove_all(home / "config/Almanor");
+    { std::ofstream(home / "config/Almanor") << "a file where the folder should be"; }
+    Result r = run({"select", "random"});
+    EXPECT_EQ(r.status, 3);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err.find("Failed to save settings to "), 0u) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+}
+
 TEST_F(CliTest, HelpAndVersion) {
     Result help = run({"--help"});
     EXPECT_EQ(help.status, 0);

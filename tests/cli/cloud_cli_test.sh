@@ -59,13 +59,26 @@ export XDG_CONFIG_HOME="$T/c2" XDG_DATA_HOME="$T/d2"
 "$B" events list > "$T/list"; cmp -s "$T/list" "$T/list1" || { cat "$T/list" "$T/list1" >&2; fail "second machine did not get the same event"; }
 
 # The keyring: stdin password, stored under the schema, removed by logout.
+# Under the usual umask the account and the events are still the user's alone, in a settings
+# folder an older build left open too; a logout that cannot be saved says so and keeps both.
 export XDG_CONFIG_HOME="$T/c3" XDG_DATA_HOME="$T/d3"
+mkdir -m 755 "$T/c3" "$T/c3/Almanor"
 dbus-run-session -- sh -c '
+  umask 022
   printf keyring-unlock | gnome-keyring-daemon --unlock --components=secrets --daemonize >/dev/null || exit 5
   echo s3cret | "$0" cloud login "$1" --user alice 2>/dev/null || exit 6
   secret-tool lookup server "$1" user alice | grep -qx s3cret || exit 7
+  modes=$(stat -c %a "$XDG_CONFIG_HOME" "$XDG_CONFIG_HOME/Almanor" "$XDG_CONFIG_HOME/Almanor/settings.ini")
+  [ "$(echo $modes)" = "755 700 600" ] || exit 14
+  # (Its lines go through a pipe: the size limit would stop them in a file.)
+  said=$( (trap "" XFSZ; ulimit -f 0; "$0" cloud logout; echo "exit $?") 2>&1 | cat)
+  [ "$(echo "$said" | sed -n "1s/: .*//p;2p")" = "Failed to save settings to $XDG_CONFIG_HOME/Almanor/settings.ini
+exit 3" ] && [ "$(echo "$said" | wc -l)" = 2 ] || { echo "$said" >&2; exit 15; }
+  secret-tool lookup server "$1" user alice | grep -qx s3cret || exit 16
+  "$0" cloud status | grep -q "^Server: " || exit 17
   "$0" sync 2>/dev/null || exit 8
   "$0" events list | grep -q Trip || exit 9
+  [ "$(echo $(stat -c %a "$XDG_DATA_HOME/Almanor" "$XDG_DATA_HOME/Almanor/EventsV1.db"))" = "700 600" ] || exit 18
   "$0" cloud logout || exit 10
   secret-tool lookup server "$1" user alice && exit 11
   "$0" cloud status --json | grep -q "\"server\":null" || exit 12

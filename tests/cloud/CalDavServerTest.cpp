@@ -404,7 +404,7 @@ TEST(CalDavAccount, ASilentServerCostsOneBoundedWaitPerPass) {
     });
     const std::string url = "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/";
     CalDavService service(
-        url, "u", [] { return std::string("pw"); }, caldav::Limits{2s, 2s, 120s});
+        url, "u", [] { return std::string("pw"); }, caldav::Limits{2s, 2s, 120s, 2s});
     service.rememberHome(url + "home/");
     EXPECT_THROW(service.fetchChanges(appZone, {}, {}), CloudError);
     EXPECT_EQ(connections, 1);
