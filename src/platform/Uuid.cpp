@@ -28,11 +28,11 @@ namespace {
 constexpr std::array<unsigned char, 256> hexValues = [] {
     std::array<unsigned char, 256> v{};
     v.fill(16);
-    for (int c = 0; c < 10; ++c) {
-        v[std::size_t('0' + c)] = static_cast<unsigned char>(c);
+    for (unsigned char c = 0; c < 10; ++c) {
+        v[std::size_t{'0'} + c] = c;
     }
-    for (int c = 0; c < 6; ++c) {
-        v[std::size_t('a' + c)] = v[std::size_t('A' + c)] = static_cast<unsigned char>(10 + c);
+    for (unsigned char c = 0; c < 6; ++c) {
+        v[std::size_t{'a'} + c] = v[std::size_t{'A'} + c] = static_cast<unsigned char>(10 + c);
     }
     return v;
 }();
