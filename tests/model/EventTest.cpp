@@ -7,17 +7,6 @@
 using namespace almanor;
 using namespace std::chrono;
 
-TEST(Event, EqualityIsIdentityOnly) {
-    Uuid id = Uuid::random();
-    Instant d{};
-    Event a(id, d, "One", std::nullopt, Schedule::none, CountMethod::standard);
-    Event b(id, d + days(3), "Two", std::string("x"), Schedule::weekly,
-            CountMethod::excludeWeekends);
-    Event c(Uuid::random(), d, "One", std::nullopt, Schedule::none, CountMethod::standard);
-    EXPECT_EQ(a, b);
-    EXPECT_NE(a, c);
-}
-
 TEST(Event, StoredCodesOutOfRangeReadAsTheFirstCase) {
     EXPECT_EQ(scheduleFromRawValue(3), Schedule::annually);
     EXPECT_EQ(scheduleFromRawValue(7), Schedule::none);

@@ -1,12 +1,10 @@
-// The sync's rules over the in-memory cloud, run over the in-memory ledger and over the real
-// SQLite file: two machines share one server; each case arranges one event on both sides and
-// checks where every side ends.
+// The sync's rules over the in-memory cloud and the real SQLite file: two machines share one
+// server; each case arranges one event on both sides and checks where every side ends.
 #include "sync/SyncPass.h"
 
 #include "FakeCloudService.h"
 #include "Instants.h"
 #include "LogCapture.h"
-#include "MemoryLedger.h"
 #include "TempDir.h"
 #include "cloud/CloudRepository.h"
 #include "cloud/RecordMapping.h"
@@ -29,34 +27,27 @@ using namespace std::chrono_literals;
 
 const std::string zone(appZoneName);
 
-// One machine: its store (in memory or the SQLite file) and its settings.
+// One machine: its store (the SQLite file) and its settings.
 class Machine {
   public:
-    Machine(bool sqlite, const std::filesystem::path& home, FixedClock& clock)
-        : clock_(clock), defaults_(home / "settings.ini") {
+    Machine(const std::filesystem::path& home, FixedClock& clock)
+        : defaults_(home / "settings.ini"),
+          local_(std::make_unique<LocalRepository>(home, "EventsV1.db", center_, clock)) {
         // The app's zone is known: discovery of older zones is another suite's.
         defaults_.setBoolean(Settings::appZoneUsed, true);
-        if (sqlite) {
-            local_ = std::make_unique<LocalRepository>(home, "EventsV1.db", center_, clock);
-            local_->connection().run(MigrationManager::createTableStatement(local_->events()));
-            sqlLedger_ = std::make_unique<LocalSyncLedger>(*local_);
-        } else {
-            memory_ = std::make_unique<test::MemoryLedger>(clock);
-        }
+        local_->connection().run(MigrationManager::createTableStatement(local_->events()));
+        sqlLedger_ = std::make_unique<LocalSyncLedger>(*local_);
     }
 
-    SyncLedger& ledger() { return memory_ ? static_cast<SyncLedger&>(*memory_) : *sqlLedger_; }
+    SyncLedger& ledger() { return *sqlLedger_; }
     SettingsFile& defaults() { return defaults_; }
     LocalRepository* local() { return local_.get(); }
 
-    void add(const Event& e) { memory_ ? memory_->insert(e) : local_->insert(e); }
-    void edit(const Event& e) { memory_ ? memory_->update(e) : local_->update(e); }
+    void add(const Event& e) { local_->insert(e); }
+    void edit(const Event& e) { local_->update(e); }
     void remove(const Uuid& id) {
-        if (memory_)
-            memory_->remove(id);
-        else
-            local_->deleteEvent(*makeEvent(id, Instant{}, "x", std::nullopt, Schedule::none,
-                                           CountMethod::standard));
+        local_->deleteEvent(
+            *makeEvent(id, Instant{}, "x", std::nullopt, Schedule::none, CountMethod::standard));
     }
     std::optional<SyncRow> row(const Uuid& id) {
         for (auto& r : ledger().syncRows())
@@ -80,12 +71,10 @@ class Machine {
     }
 
   private:
-    FixedClock& clock_;
     Signals center_;
     SettingsFile defaults_;
     std::unique_ptr<LocalRepository> local_;
     std::unique_ptr<LocalSyncLedger> sqlLedger_;
-    std::unique_ptr<test::MemoryLedger> memory_;
 };
 
 EventPtr event(const std::string& name, Instant date = test::utc(2030, 5, 1),
@@ -98,7 +87,7 @@ EventPtr renamed(const SyncRow& row, const std::string& name) {
     return makeEvent(e.id(), e.date(), name, e.alias(), e.schedule(), e.countMethod());
 }
 
-class SyncRules : public ::testing::TestWithParam<bool> {
+class SyncRules : public ::testing::Test {
   protected:
     PassResult sync(Machine& m) {
         std::atomic<bool> stopping{false};
@@ -133,8 +122,8 @@ class SyncRules : public ::testing::TestWithParam<bool> {
     test::TempDir dir;
     FixedClock clock{test::utc(2026, 11, 23, 9)};
     std::shared_ptr<FakeCloudService> server = std::make_shared<FakeCloudService>();
-    Machine a{GetParam(), dir / "a", clock};
-    Machine b{GetParam(), dir / "b", clock};
+    Machine a{dir / "a", clock};
+    Machine b{dir / "b", clock};
     test::LogCapture log;
 
     bool conflictLogged(const std::string& name, const std::string& kept) {
@@ -155,7 +144,7 @@ class SyncRules : public ::testing::TestWithParam<bool> {
 
 // Remote (changed on machine b, or not) against local (machine a): the server's side of each
 // case, then where a ends after one pass, and whether anything was sent.
-TEST_P(SyncRules, RemoteAgainstLocalTable) {
+TEST_F(SyncRules, RemoteAgainstLocalTable) {
     enum class Remote { unchanged, changed, deleted };
     enum class Local { clean, changed, deleted };
     struct Case {
@@ -185,8 +174,8 @@ TEST_P(SyncRules, RemoteAgainstLocalTable) {
         SCOPED_TRACE("case " + std::to_string(n++));
         server = std::make_shared<FakeCloudService>();
         test::TempDir caseDir;
-        Machine ma{GetParam(), caseDir / "a", clock};
-        Machine mb{GetParam(), caseDir / "b", clock};
+        Machine ma{caseDir / "a", clock};
+        Machine mb{caseDir / "b", clock};
         auto e = event("E");
         ma.add(*e);
         ASSERT_TRUE(sync(ma).pushed);
@@ -241,7 +230,7 @@ TEST_P(SyncRules, RemoteAgainstLocalTable) {
     }
 }
 
-TEST_P(SyncRules, ANewEventReachesTheOtherMachineAndNothingIsSentTwice) {
+TEST_F(SyncRules, ANewEventReachesTheOtherMachineAndNothingIsSentTwice) {
     auto e = event("Trip");
     share(*e);
     server->resetCounts();
@@ -253,7 +242,7 @@ TEST_P(SyncRules, ANewEventReachesTheOtherMachineAndNothingIsSentTwice) {
     EXPECT_EQ(server->stored(zone).size(), 1u);
 }
 
-TEST_P(SyncRules, PreconditionFailuresSettleByTheLaterChange) {
+TEST_F(SyncRules, PreconditionFailuresSettleByTheLaterChange) {
     // Between a's pull and a's write another client changes the record: a's conditional write
     // is refused and a settles with what the server then holds.
     auto e = event("Rent");
@@ -313,7 +302,7 @@ TEST_P(SyncRules, PreconditionFailuresSettleByTheLaterChange) {
     EXPECT_FALSE(conflictLogged("Gym", "this machine's version"));
 }
 
-TEST_P(SyncRules, TiesGoToTheServer) {
+TEST_F(SyncRules, TiesGoToTheServer) {
     auto e = event("Tie");
     share(*e);
     // Both edits in the same second: LAST-MODIFIED cannot tell them apart.
@@ -325,7 +314,7 @@ TEST_P(SyncRules, TiesGoToTheServer) {
     EXPECT_EQ(serverNames(), std::vector<std::string>{"Tie-b"});
 }
 
-TEST_P(SyncRules, AnswersLostAfterTheServerActedNeverDuplicateOrRevert) {
+TEST_F(SyncRules, AnswersLostAfterTheServerActedNeverDuplicateOrRevert) {
     // Every write is applied by the server and its answer lost; then a pass with a good
     // connection finds the server already in step.
     server->setFailureHook([](const FakeCloudService::Call& c) {
@@ -359,7 +348,7 @@ TEST_P(SyncRules, AnswersLostAfterTheServerActedNeverDuplicateOrRevert) {
     EXPECT_EQ(b.liveNames(), std::vector<std::string>{"Lost-renamed"});
 }
 
-TEST_P(SyncRules, BadRecordsAreSkippedWithTheirLineAndThePullGoesOn) {
+TEST_F(SyncRules, BadRecordsAreSkippedWithTheirLineAndThePullGoesOn) {
     auto good = event("Good");
     // Two records carrying one event id (copies left by older versions), a record without any
     // event id (a calendar app's), and a good one.
@@ -382,7 +371,7 @@ TEST_P(SyncRules, BadRecordsAreSkippedWithTheirLineAndThePullGoesOn) {
     EXPECT_EQ(a.pending(), 0u);
 }
 
-TEST_P(SyncRules, AStoreSyncedBeforeRecordsWereKeptSendsNothingAgain) {
+TEST_F(SyncRules, AStoreSyncedBeforeRecordsWereKeptSendsNothingAgain) {
     // Rows with record names but no record state and no token, as the previous version left them.
     std::vector<EventPtr> events;
     for (int i = 0; i < 5; ++i) {
@@ -407,7 +396,7 @@ TEST_P(SyncRules, AStoreSyncedBeforeRecordsWereKeptSendsNothingAgain) {
     EXPECT_TRUE(a.row(events[0]->id())->record);
 }
 
-TEST_P(SyncRules, AZoneLostOnTheServerIsFilledAgainNotEmptiedHere) {
+TEST_F(SyncRules, AZoneLostOnTheServerIsFilledAgainNotEmptiedHere) {
     auto e = event("Keep me");
     share(*e);
     server->dropZone(zone);
@@ -418,7 +407,7 @@ TEST_P(SyncRules, AZoneLostOnTheServerIsFilledAgainNotEmptiedHere) {
     EXPECT_EQ(b.liveNames(), std::vector<std::string>{"Keep me"});
 }
 
-TEST_P(SyncRules, AnExpiredTokenFallsBackToOneFullListing) {
+TEST_F(SyncRules, AnExpiredTokenFallsBackToOneFullListing) {
     for (int i = 0; i < 3; ++i)
         a.add(*event("E" + std::to_string(i)));
     ASSERT_TRUE(sync(a).pushed);
@@ -432,11 +421,6 @@ TEST_P(SyncRules, AnExpiredTokenFallsBackToOneFullListing) {
     EXPECT_EQ(server->bodiesFetched(), 0);
 }
 
-std::string ledgerName(const ::testing::TestParamInfo<bool>& param) {
-    return param.param ? "Sqlite" : "Memory";
-}
-INSTANTIATE_TEST_SUITE_P(Ledgers, SyncRules, ::testing::Values(false, true), ledgerName);
-
 } // namespace
 } // namespace almanor
 
@@ -448,7 +432,7 @@ namespace {
 TEST(SyncInterleaving, ARowAddedDuringThePushWaitsForTheNextPass) {
     FixedClock clock{test::utc(2026, 11, 23, 9)};
     test::TempDir dir;
-    Machine m(true, dir / "m", clock);
+    Machine m(dir / "m", clock);
     auto server = std::make_shared<FakeCloudService>();
     CloudRepository cloud(server);
     std::atomic<bool> stopping{false};
@@ -477,38 +461,38 @@ TEST(SyncInterleaving, ARowAddedDuringThePushWaitsForTheNextPass) {
     EXPECT_EQ(m.pending(), 0u);
 }
 
-// A pass whose marks cannot be written (a full disk) sent its changes all the same: the next
-// pass finds them on the server and sends nothing twice.
+// A pass whose marks cannot be written (a full disk; a trigger stands in for it) sent its changes
+// all the same: the next pass finds them on the server and sends nothing twice.
 TEST(SyncMarks, AFailedMarkTransactionDuplicatesNothing) {
     FixedClock clock{test::utc(2026, 11, 23, 9)};
     test::TempDir dir;
-    SettingsFile defaults(dir / "settings.ini");
-    defaults.setBoolean(Settings::appZoneUsed, true);
-    test::MemoryLedger ledger(clock);
+    Machine m(dir / "m", clock);
     auto server = std::make_shared<FakeCloudService>();
     CloudRepository cloud(server);
     std::atomic<bool> stopping{false};
     auto pass = [&] {
-        SyncPass p(cloud, ledger, defaults, clock, stopping);
+        SyncPass p(cloud, m.ledger(), m.defaults(), clock, stopping);
         bool ok = p.pull();
         ok = p.push() && ok;
         clock.advance(std::chrono::seconds(1));
         return ok;
     };
     auto e = event("Full disk");
-    ledger.insert(*e);
-    ledger.failNext("markPushed");
+    m.add(*e);
+    m.local()->connection().run("CREATE TEMP TRIGGER full BEFORE UPDATE OF sync_id ON events "
+                                "BEGIN SELECT RAISE(FAIL, 'disk full'); END");
     test::LogCapture log;
     EXPECT_FALSE(pass());
     EXPECT_EQ(server->stored(zone).size(), 1u);
-    EXPECT_TRUE(ledger.row(e->id())->pending());
+    EXPECT_TRUE(m.row(e->id())->pending());
     EXPECT_EQ(log.lines().back().rfind("Failed to sync inserted: disk full", 0), 0u)
         << log.lines().back();
 
+    m.local()->connection().run("DROP TRIGGER full");
     EXPECT_TRUE(pass());
     EXPECT_EQ(server->stored(zone).size(), 1u);
     EXPECT_EQ(server->calls(Op::create), 1);
-    EXPECT_FALSE(ledger.row(e->id())->pending());
+    EXPECT_FALSE(m.row(e->id())->pending());
 }
 
 } // namespace
