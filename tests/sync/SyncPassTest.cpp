@@ -421,25 +421,13 @@ TEST_F(SyncRules, AnExpiredTokenFallsBackToOneFullListing) {
     EXPECT_EQ(server->bodiesFetched(), 0);
 }
 
-} // namespace
-} // namespace almanor
-
-namespace almanor {
-namespace {
-
 // Another process adds an event after the push named its creates and before it read the rows
 // again (a trigger stands in for it): that row is sent by the next pass, under a name of its own.
-TEST(SyncInterleaving, ARowAddedDuringThePushWaitsForTheNextPass) {
-    FixedClock clock{test::utc(2026, 11, 23, 9)};
-    test::TempDir dir;
-    Machine m(dir / "m", clock);
-    auto server = std::make_shared<FakeCloudService>();
-    CloudRepository cloud(server);
-    std::atomic<bool> stopping{false};
+TEST_F(SyncRules, ARowAddedDuringThePushWaitsForTheNextPass) {
+    Machine& m = a;
     auto pass = [&] {
-        SyncPass p(cloud, m.ledger(), m.defaults(), clock, stopping);
-        bool ok = p.pull();
-        return p.push() && ok;
+        PassResult r = sync(m);
+        return r.pulled && r.pushed;
     };
     m.add(*event("Named"));
     m.ledger().syncRows();
@@ -463,25 +451,16 @@ TEST(SyncInterleaving, ARowAddedDuringThePushWaitsForTheNextPass) {
 
 // A pass whose marks cannot be written (a full disk; a trigger stands in for it) sent its changes
 // all the same: the next pass finds them on the server and sends nothing twice.
-TEST(SyncMarks, AFailedMarkTransactionDuplicatesNothing) {
-    FixedClock clock{test::utc(2026, 11, 23, 9)};
-    test::TempDir dir;
-    Machine m(dir / "m", clock);
-    auto server = std::make_shared<FakeCloudService>();
-    CloudRepository cloud(server);
-    std::atomic<bool> stopping{false};
+TEST_F(SyncRules, AFailedMarkTransactionDuplicatesNothing) {
+    Machine& m = a;
     auto pass = [&] {
-        SyncPass p(cloud, m.ledger(), m.defaults(), clock, stopping);
-        bool ok = p.pull();
-        ok = p.push() && ok;
-        clock.advance(std::chrono::seconds(1));
-        return ok;
+        PassResult r = sync(m);
+        return r.pulled && r.pushed;
     };
     auto e = event("Full disk");
     m.add(*e);
     m.local()->connection().run("CREATE TEMP TRIGGER full BEFORE UPDATE OF sync_id ON events "
                                 "BEGIN SELECT RAISE(FAIL, 'disk full'); END");
-    test::LogCapture log;
     EXPECT_FALSE(pass());
     EXPECT_EQ(server->stored(zone).size(), 1u);
     EXPECT_TRUE(m.row(e->id())->pending());
