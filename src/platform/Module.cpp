@@ -27,6 +27,13 @@ std::filesystem::path locate(std::string_view fileName, std::string_view install
     throw ModuleError(std::string(fileName) + " is not installed beside " + folder.string());
 }
 
+std::filesystem::path besideThisLibrary(std::string_view fileName) {
+    Dl_info info{};
+    if (::dladdr(reinterpret_cast<void*>(&programFolder), &info) == 0 || info.dli_fname == nullptr)
+        throw ModuleError("cannot tell where " + std::string(fileName) + " is installed");
+    return std::filesystem::path(info.dli_fname).parent_path() / fileName;
+}
+
 void* load(const std::filesystem::path& file, const char* entryPoint) {
     // Never closed: what it made (windows, services) runs its code until the process ends. Bound
     // now, so that a module that does not fit this program fails here with the name it lacks.

@@ -28,7 +28,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <dlfcn.h>
 #include <gio/gio.h>
 #include <glib-unix.h>
 #include <malloc.h>
@@ -41,20 +40,19 @@ using namespace almanor;
 namespace {
 
 // The events menu's dates, from libalmanor-dates (ICU), loaded the first time they are needed and
-// kept; found through this program's RUNPATH. Null, after one line, when it cannot be loaded: the
-// menu then names the events without their dates.
+// kept; found beside libalmanor by path, not by name: a loader in between (a sanitizer's) would not
+// see this program's RUNPATH. Null, after one line, when it cannot be loaded: the menu then names
+// the events without their dates.
 std::unique_ptr<DateWriter> menuDates() {
     using Make = DateWriter* (*)();
     static const Make make = []() -> Make {
-        void* library = ::dlopen(ALMANOR_DATES_LIBRARY, RTLD_NOW | RTLD_LOCAL);
-        void* entry = library != nullptr ? ::dlsym(library, "almanor_dates_make_writer") : nullptr;
-        if (entry == nullptr) {
-            const char* why = ::dlerror();
-            Log::line(std::string("Failed to load the menu's dates: ") +
-                      (why != nullptr ? why : ALMANOR_DATES_LIBRARY));
+        try {
+            return reinterpret_cast<Make>(module::load(
+                module::besideThisLibrary(ALMANOR_DATES_LIBRARY), "almanor_dates_make_writer"));
+        } catch (const ModuleError& e) {
+            Log::line(std::string("Failed to load the menu's dates: ") + e.what());
             return nullptr;
         }
-        return reinterpret_cast<Make>(entry);
     }();
     return std::unique_ptr<DateWriter>(make != nullptr ? make() : nullptr);
 }
