@@ -12,11 +12,10 @@ getetag, getctag, sync-token), MKCALENDAR, PUT and DELETE with If-Match / If-Non
 REPORT calendar-query, calendar-multiget and, unless --no-sync-collection, sync-collection.
 
 Before each request it reads the control file, words of the form key=value:
-  fault=pass | trickle | late | hang | html | html207 | junk-elements | junk-responses | junk-text |
-        junk-tag | big | redirect
+  fault=pass | trickle | late | hang | html | html207 | big | redirect
   method=M   only requests with this method get the fault (default: every request)
   every=S    trickle: one byte every S seconds (default 1); late: the answer after S seconds
-  size=N     junk and big: bytes in the answer (default 200000000)
+  size=N     big: bytes in the answer (default 200000000)
   to=URL     redirect: where a 301 sends the client
 Each request is appended to --log as "METHOD PATH AUTH" (AUTH: the user name sent, or "-").
 """
@@ -174,19 +173,6 @@ class Handler(http.server.BaseHTTPRequestHandler):
         if fault == "html207":
             self.send(207, "<!DOCTYPE html><html><body><h1>Sign in</h1></body></html>",
                       "text/html; charset=utf-8")
-            return True
-        if fault == "junk-elements":
-            self.stream(207, ms + b"<d:response><d:href>/</d:href><d:propstat><d:prop>"
-                        b"<d:current-user-principal>", b"<a/>", b"", size)
-            return True
-        if fault == "junk-responses":
-            self.stream(207, ms, b"<d:response><d:href>/x</d:href></d:response>", b"</d:multistatus>", size)
-            return True
-        if fault == "junk-text":
-            self.stream(207, ms + b"<d:response><d:href>", b"a", b"", size)
-            return True
-        if fault == "junk-tag":
-            self.stream(207, ms + b"<d:response a0=''", b" a=''", b"", size)
             return True
         if fault == "big":
             self.stream(207, ms, b" ", b"</d:multistatus>", size)

@@ -103,35 +103,6 @@ class Desktop:
         return r
 
 
-def fill_store(events):
-    """A store of `events` events of every schedule and count method in this home, in "next
-    upcoming" mode; the ids of the first two."""
-    data = os.path.join(os.environ["XDG_DATA_HOME"], "Almanor")
-    config = os.path.join(os.environ["XDG_CONFIG_HOME"], "Almanor")
-    for folder in (data, config):
-        os.makedirs(folder, exist_ok=True)
-    db = os.path.join(data, "EventsV1.db")
-    if os.path.exists(db):
-        os.remove(db)
-    sql = """CREATE TABLE "events" ("id" TEXT PRIMARY KEY NOT NULL, "name" TEXT NOT NULL, "alias" TEXT,
- "date" TEXT NOT NULL, "schedule" INTEGER NOT NULL, "method" INTEGER NOT NULL, "created" TEXT NOT NULL,
- "updated" TEXT NOT NULL, "deleted" TEXT, "sync_id" TEXT, "sync_date" TEXT, "sync_dirty" INTEGER NOT NULL DEFAULT 0,
- "sync_deleted" INTEGER NOT NULL DEFAULT 0);
-WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < %d)
-INSERT INTO "events" ("id", "name", "alias", "date", "schedule", "method", "created", "updated")
-SELECT upper(hex(randomblob(4)) || '-' || hex(randomblob(2)) || '-4' || substr(hex(randomblob(2)), 2) || '-a'
- || substr(hex(randomblob(2)), 2) || '-' || hex(randomblob(6))), 'Event ' || i, CASE WHEN i %% 3 = 0 THEN 'E' || i END,
- strftime('%%Y-%%m-%%dT%%H:%%M:%%f', '1990-01-01', '+' || (abs(random()) %% 14600) || ' days'), i %% 4, (i / 4) %% 4,
- strftime('%%Y-%%m-%%dT%%H:%%M:%%f', 'now'), strftime('%%Y-%%m-%%dT%%H:%%M:%%f', 'now') FROM n;""" % (events - 1)
-    subprocess.run(["sqlite3", db], input=sql, text=True, check=True)
-    with open(os.path.join(config, "settings.ini"), "w") as f:
-        f.write("[com.vostrel.Almanor]\nbuildVersion=1\nLaunchAtLogin__hasMigrated=true\n"
-                "selectedEvent=C72773F5-D96E-478B-92FE-5BB5DDD62102\n")
-    ids = subprocess.run(["sqlite3", db, 'SELECT "id" FROM "events" LIMIT 2'], capture_output=True, text=True,
-                         check=True).stdout.split()
-    return ids
-
-
 class Laptop:
     """The user's other machine: a home of its own beside the session's, driven through the
     command line, with no display and no session bus."""
@@ -242,6 +213,19 @@ def panel_items():
     keys = ("icon", "position", "address", "path", "icon_path", "label", "guide", "description", "hint",
             "title")
     return [dict(zip(keys, app)) for app in value.unpack()[0]]
+
+
+def application():
+    """The tray's process as AT-SPI shows it."""
+    from dogtail.config import config
+    config.checkForA11y = False
+    config.searchCutoffCount = 20
+    from dogtail import tree
+    return tree.root.application("almanor-tray")
+
+
+def window():
+    return application().child(roleName="frame", name="Almanor - Manage Events")
 
 
 def mapped_libraries(pid):

@@ -21,15 +21,12 @@ class WindowTest(unittest.TestCase):
         cls.d = desktop.Desktop(BIN)
         cls.d.almanor("events", "add", "Existing", "--date", "2030-06-01T18:30", "--schedule", "annually")
         cls.tray = cls.d.spawn([BIN + "/almanor"], stdout=subprocess.DEVNULL)
-        cls.d.wait_for(lambda: cls.d.bus_has(desktop.DEST) and "Manage Events" in _rows(), "the tray's menu")
+        cls.d.wait_for(desktop.bus_has_label, "the tray's menu")
         desktop.click("Manage Events")
         from dogtail.config import config
-        config.checkForA11y = False
-        config.searchCutoffCount = 20
         config.actionDelay = 0.2
-        from dogtail import tree
-        cls.app = tree.root.application("almanor-tray")
-        cls.window = cls.app.child(roleName="frame", name="Almanor - Manage Events")
+        cls.window = desktop.window()
+        cls.app = desktop.application()
 
     @classmethod
     def tearDownClass(cls):
@@ -111,13 +108,6 @@ class WindowTest(unittest.TestCase):
                                        recursive=False)
         self.assertEqual(len(frames), 1)
         self.assertIsNone(self.tray.poll())
-
-
-def _rows():
-    try:
-        return desktop.rows()
-    except (AssertionError, AttributeError):
-        return {}
 
 
 if __name__ == "__main__":

@@ -1,18 +1,23 @@
-"""Real CalDAV servers and the fault proxy for end-to-end tests, each on its own loopback port
-and folder, each ended by PID."""
+"""Real CalDAV servers on their own loopback ports and folders, and machines (a home each) driving
+the almanor binary as a user would."""
+import base64
+import http.client
+import json
 import os
-import re
 import signal
 import socket
 import subprocess
-import tempfile
+import sys
 import time
+import unittest
 import urllib.error
 import urllib.request
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-PROXY = os.path.join(HERE, "..", "..", "support", "fault_proxy.py")
 PYTHON = "/usr/bin/python3"
+APP_ZONE = "com.vostrel.almanor.zone"
+# Bounded waits: connect 10 s, 30 s without progress, a few requests per command.
+COMMAND_LIMIT = 300
+ALMANOR = None  # set by each test's main
 
 
 def home_env(home):
@@ -127,31 +132,64 @@ class Xandikos(Process):
         return os.path.join(self.folder, "user", "calendars", zone, resource)
 
 
-class FaultProxy(Process):
-    def __init__(self, folder, target_port):
-        self.control = os.path.join(folder, "proxy-mode")
-        self.set("pass")
-        port_file = os.path.join(folder, "proxy-port")
-        super().__init__([PYTHON, PROXY, "--target", f"127.0.0.1:{target_port}",
-                          "--control", self.control, "--port-file", port_file])
-        deadline = time.monotonic() + 10
-        while not os.path.exists(port_file):
-            if time.monotonic() > deadline or self.proc.poll() is not None:
-                raise RuntimeError("fault proxy did not start")
-            time.sleep(0.05)
-        with open(port_file) as f:
-            self.port = int(f.read())
-        self.url = f"http://127.0.0.1:{self.port}/"
+class Machine:
+    """One user's home; logs in with a password command whose first line is the password."""
 
-    def set(self, mode):
-        tmp = self.control + ".tmp"
-        with open(tmp, "w") as f:
-            f.write(mode)
-        os.replace(tmp, self.control)
+    def __init__(self, root, name):
+        self.home = os.path.join(root, name)
+        os.makedirs(self.home)
+        self.env = home_env(self.home)
 
-    def seen(self):
-        try:
-            with open(self.control + ".log") as f:
-                return [l.rstrip("\n") for l in f]
-        except OSError:
-            return []
+    def run(self, *args, stdin=None):
+        p = subprocess.run([ALMANOR, *args], env=self.env, input=stdin, capture_output=True,
+                           text=True, timeout=COMMAND_LIMIT)
+        return p.returncode, p.stdout, p.stderr
+
+    def ok(self, *args):
+        rc, out, err = self.run(*args)
+        if rc != 0:
+            raise AssertionError(f"almanor {' '.join(args)} -> {rc}\n{out}\n{err}")
+        return out
+
+    def login(self, server):
+        pw = os.path.join(self.home, "pw")
+        with open(pw, "w") as f:
+            f.write(server.password + "\nsecond line is not the password\n")
+        return self.ok("cloud", "login", server.url, "--user", server.user,
+                       "--password-command", f"cat {pw}")
+
+    def add(self, name, date="2027-03-14"):
+        return self.ok("events", "add", name, "--date", date).strip()
+
+    def events(self):
+        return {e["id"]: e["name"] for e in json.loads(self.ok("events", "list", "--json"))}
+
+
+def dav(server, method, path, body=None, headers=None):
+    conn = http.client.HTTPConnection("127.0.0.1", server.port, timeout=30)
+    h = {"Authorization": "Basic " + base64.b64encode(
+        f"{server.user}:{server.password}".encode()).decode()}
+    h.update(headers or {})
+    try:
+        conn.request(method, path, body=body, headers=h)
+        r = conn.getresponse()
+        return r.status, r.read()
+    finally:
+        conn.close()
+
+
+def stored(server):
+    """Each resource of the app's zone as the server keeps it, folded lines joined."""
+    texts = []
+    for res in server.resources(APP_ZONE):
+        with open(server.resource_path(APP_ZONE, res), encoding="utf-8") as f:
+            texts.append(f.read().replace("\r\n ", "").replace("\n ", ""))
+    return texts
+
+
+def main():
+    """Runs the calling test file's cases against the binary named by the first argument."""
+    global ALMANOR
+    ALMANOR = os.path.abspath(sys.argv.pop(1))
+    result = unittest.main(module="__main__", exit=False).result
+    return 0 if result.wasSuccessful() else 1
