@@ -62,6 +62,14 @@ TEST(RecordCalendar, HostileTextAndEveryTypeReadBackExactly) {
     }
 }
 
+TEST(RecordCalendar, FoldingNeverSplitsAMultibyteCharacter) {
+    std::string line = "SUMMARY:" + std::string(66, 'x') + "€€€€";
+    std::string folded = foldLine(line);
+    // 74 octets fit, the third octet of the next euro sign would not: the fold comes before it.
+    EXPECT_EQ(folded.substr(0, 77), line.substr(0, 74) + "\r\n ");
+    EXPECT_EQ(escapeText("a\\;,\n"), "a\\\\\\;\\,\\n");
+}
+
 TEST(RecordCalendar, OtherEventsAndOtherTypesAreNotRecords) {
     EXPECT_FALSE(readRecordCalendar(
         "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nBEGIN:VEVENT\r\nUID:x\r\nSUMMARY:Dentist\r\n"
