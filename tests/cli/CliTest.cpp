@@ -459,7 +459,8 @@ TEST_F(CliTest, ImportKeepsWhatAnEventCanStandForAndNamesWhatItSkips) {
         vevent("Fortnight", "DTSTART;VALUE=DATE:20300101\r\nRRULE:FREQ=WEEKLY;INTERVAL=2\r\n") +
         vevent("Thrice", "DTSTART;VALUE=DATE:20300101\r\nRRULE:FREQ=YEARLY;COUNT=3\r\n") +
         vevent("Days", "DTSTART;VALUE=DATE:20300101\r\nRRULE:FREQ=MONTHLY;BYDAY=1MO\r\n") +
-        vevent("Undated", "") + vevent("Anna", "DTSTART;VALUE=DATE:20000101\r\n") +
+        vevent("Leapless", "DTSTART;VALUE=DATE:19900229\r\n") + vevent("Undated", "") +
+        vevent("Anna", "DTSTART;VALUE=DATE:20000101\r\n") +
         vevent("Anna", "RECURRENCE-ID;VALUE=DATE:20300412\r\nDTSTART;VALUE=DATE:20300413\r\n") +
         "END:VCALENDAR\r\n";
     std::ofstream(home / "b.ics") << birthdays;
@@ -472,9 +473,10 @@ TEST_F(CliTest, ImportKeepsWhatAnEventCanStandForAndNamesWhatItSkips) {
               "almanor: skipped \"Thrice\": its repetition ends; Almanor's go on for ever\n"
               "almanor: skipped \"Days\": it repeats on days of its own "
               "(RRULE:FREQ=MONTHLY;BYDAY=1MO)\n"
+              "almanor: skipped \"Leapless\": its date does not exist\n"
               "almanor: skipped \"Undated\": it has no date\n"
               "almanor: skipped \"Anna\": its UID is that of an event before it in the file\n"
-              "Imported 3 events; 0 already here, 6 skipped\n");
+              "Imported 3 events; 0 already here, 7 skipped\n");
     Json events = list();
     ASSERT_EQ(events.size(), 3u);
     EXPECT_EQ(events[0]["name"], "Anna");

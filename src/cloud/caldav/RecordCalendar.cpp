@@ -397,7 +397,7 @@ Instant movedByDays(Instant at, long days) {
 struct ReadEvent {
     std::optional<CloudRecord> record; // nullopt: no VEVENT, or one of another type
     bool foreign = false;              // a VEVENT without the record's fields
-    std::string unkept;                // a foreign one's recurrence that no schedule stands for
+    std::string unkept; // why no event stands for a foreign one: its date or its recurrence
 };
 
 // What a VEVENT's properties say, before it becomes a record.
@@ -591,6 +591,8 @@ ReadEvent readEvent(icalcomponent* root, icalcomponent* event, const std::string
                     if (auto schedule = scheduleOfRule(*read->rule, *day))
                         record.fields["CD_recurring"] = *schedule;
                 unkept = unkeptRecurrence(*read, *day);
+            } else {
+                unkept = "its date does not exist"; // 29 February of a common year, say
             }
         }
     }
