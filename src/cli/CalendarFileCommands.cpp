@@ -216,12 +216,11 @@ void declareCalendarFileCommands(CLI::App& events, Action& chosen) {
     auto file = std::make_shared<std::string>();
     auto* out = events.add_subcommand(
         "export", "Write every event as an iCalendar file that calendar applications import");
-    out->add_option("FILE", *file,
-                    "The file to write (replaced whole, keeping its mode; a new one takes the "
-                    "umask's); standard output when none is named");
-    out->footer("Each event is an all-day VEVENT on its date, its recurrence an RRULE, its alias, "
-                "recurrence and counting in X-CD- properties that almanor events import reads "
-                "back exactly.");
+    out->add_option("FILE", *file, "The file to write; standard output when none is named");
+    out->footer("Each event is an all-day VEVENT on its date, its recurrence an RRULE, its\n"
+                "alias, recurrence and counting in X-CD- properties, which events import\n"
+                "reads back exactly. A file named is replaced whole (written aside, then\n"
+                "renamed) and keeps its mode; a new one gets the mode the umask gives.");
     out->callback(
         [&chosen, file] { chosen = [file](Services& s) { return exportEvents(s, *file); }; });
 
@@ -232,12 +231,13 @@ void declareCalendarFileCommands(CLI::App& events, Action& chosen) {
     import->add_option("FILE", *in, "The file to read, at most 16 MiB; - for standard input")
         ->required();
     import->footer(
-        "Each VEVENT with a date (all-day, or a time in its zone) that does not repeat, or "
-        "repeats every week, month or year, becomes an event; others are skipped, each named on "
-        "standard error with why. An event is known by its UID: importing a file again adds "
-        "only what is new, and leaves events already here as they are, edits included. The new "
-        "events' ids go to standard output. A file that is not iCalendar, is cut short or is "
-        "too large is exit status 2, and nothing is imported.");
+        "Each VEVENT with a date (all-day, or a time in its zone) that does not repeat or\n"
+        "repeats every week, month or year becomes an event; any other is skipped, named on\n"
+        "standard error with why. An event is known by its UID: importing a file again adds\n"
+        "only what is new, leaves the events here as they are (edits included) and does not\n"
+        "bring back events deleted here. The new events' ids go to standard output; a\n"
+        "calendar server gets them at the next sync. A file that is not iCalendar, is cut\n"
+        "short or is too large is exit status 2, and nothing is imported.");
     import->callback([&chosen, in] { chosen = [in](Services& s) { return importEvents(s, *in);
 };
 } // namespace almanor::cli
