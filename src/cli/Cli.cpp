@@ -3,10 +3,13 @@
 #include "cli/Command.h"
 #include "cli/Services.h"
 #include "cli/Store.h"
+#include "cli/TextEscapes.h"
 #include "platform/Log.h"
+#include "platform/Module.h"
 #include "platform/UrlText.h"
 #include "storage/Repository.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -27,6 +30,8 @@ constexpr const char* description =
     "  almanor events edit ID [--name NAME] [--alias TEXT] [--date DATE] [--schedule S] "
     "[--count C]\n"
     "  almanor events delete ID\n"
+    "  almanor events export [FILE]\n"
+    "  almanor events import FILE|-\n"
     "  almanor select ID|next|random|rotate\n"
     "  almanor status [--json]\n"
     "  almanor cloud login URL [--user NAME] [--password-command CMD]\n"
@@ -39,12 +44,36 @@ constexpr const char* description =
 constexpr const char* footer =
     "DATE is YYYY-MM-DD (local midnight) or YYYY-MM-DDTHH:MM[:SS[.fff]] (local time),\n"
     "optionally followed by Z or +HH:MM/-HH:MM.\n"
+    "ID is an event's id as events list prints it, or its first 4 characters or more,\n"
+    "in either case.\n"
     "Exit status: 0 success, 1 no event with that id, 2 bad usage or input,\n"
-    "3 the event store could not be read or written.";
+    "3 the event store or a file could not be read or written, 4 the CalDAV module\n"
+    "(which export, import, cloud login|logout and sync use) could not be loaded.";
 
 // The command groups, in the order of the help text.
 constexpr void (*commandGroups[])(CLI::App&, Action&) = {
     declareEventCommands, declareDisplayCommands, declareCloudCommands};
+
+// A prefix that several events' ids start with: a line saying so, then each candidate's id, as
+// much of it as tells them apart, and its name.
+std::string ambiguityLines(const Store::Ambiguous& e) {
+    std::size_t shown = 8; // at least the id's first group
+    for (std::size_t i = 1; i < e.candidates.size(); ++i) {
+        const std::string a = e.candidates[i - 1]->id().uuidString();
+        const std::string b = e.candidates[i]->id().uuidString();
+        std::size_t same = std::mismatch(a.begin(), a.end(), b.begin()).first - a.begin();
+        shown = std::max(shown, same + 1);
+    }
+    std::string out = "almanor: the id " + e.id +
+                      " is ambiguous: " + std::to_string(e.candidates.size()) +
+                      " events start with it\n";
+    for (const auto& event : e.candidates) {
+        out += event->id().uuidString().substr(0, shown) + "  ";
+        appendListingText(out, event->name());
+        out += '\n';
+    }
+    return out;
+}
 
 // Runs a command, turning the outcomes that are not results into their exit status.
 int handled(Services& services, const Action& command) {
@@ -54,10 +83,16 @@ int handled(Services& services, const Action& command) {
         std::fprintf(stderr, "almanor: %s\n", e.message.c_str());
         return exitUsage;
     } catch (const Store::NotFound& e) {
-        std::fprintf(stderr, "no event with id %s\n", e.id.uuidString().c_str());
+        std::fprintf(stderr, "no event with id %s\n", e.id.c_str());
         return exitNoSuchEvent;
+    } catch (const Store::Ambiguous& e) {
+        std::fputs(ambiguityLines(e).c_str(), stderr);
+        return exitUsage;
     } catch (const Store::Failed&) {
         return exitStoreFailed; // one line on standard error has said why
+    } catch (const ModuleError& e) {
+        std::fprintf(stderr, "almanor: %s\n", e.what());
+        return exitModuleMissing;
     }
 }
 

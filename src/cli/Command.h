@@ -19,9 +19,10 @@ struct UsageError {
 
 // Each group declares its commands on the parser (in the order of the help text); the command
 // given sets `chosen`.
-void declareEventCommands(CLI::App& app, Action& chosen);   // events list|add|edit|delete
-void declareDisplayCommands(CLI::App& app, Action& chosen); // select, status
-void declareCloudCommands(CLI::App& app, Action& chosen);   // cloud login|logout|status, sync
+void declareEventCommands(CLI::App& app, Action& chosen);           // events list|add|edit|delete
+void declareCalendarFileCommands(CLI::App& events, Action& chosen); // events export|import
+void declareDisplayCommands(CLI::App& app, Action& chosen);         // select, status
+void declareCloudCommands(CLI::App& app, Action& chosen); // cloud login|logout|status, sync
 
 // `almanor status [--json]`, which status bars run every few seconds: reached without the parser.
 int showStatus(Services& services, bool json);

@@ -9,9 +9,9 @@
 #include "model/Utility.h"
 #include "shell/DisplayedEventSelection.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <memory>
+#include <optional>
 
 namespace almanor::cli {
 
@@ -27,8 +27,8 @@ DisplayedEventSelection makeSelection(Services& services, Store& store, StatusIt
     return selection;
 }
 
-// An event's id or one of the three modes.
-Uuid selectionTarget(const std::string& target) {
+// The three modes' ids; nullopt for anything else.
+std::optional<Uuid> selectionMode(const std::string& target) {
     if (target == "next") {
         return DisplayedEventSelection::nextEventId;
     }
@@ -38,21 +38,18 @@ Uuid selectionTarget(const std::string& target) {
     if (target == "rotate") {
         return DisplayedEventSelection::cycleUpcomingEventId;
     }
-    if (auto parsed = Uuid::parse(target)) {
-        return *parsed;
-    }
-    throw UsageError{"'" + target + "' is neither an event id nor next, random or rotate"};
+    return std::nullopt;
 }
 
 int selectEvent(Services& services, const std::string& target) {
-    Uuid id = selectionTarget(target);
-    Store store(services);
-    auto events = store.events();
-    bool fixed = target != "next" && target != "random" && target != "rotate";
-    if (fixed && std::none_of(events.begin(), events.end(),
-                              [&](const EventPtr& e) { return e->id() == id; })) {
-        throw Store::NotFound{id}; // must name a live event
+    std::optional<Uuid> mode = selectionMode(target);
+    std::optional<IdPrefix> prefix;
+    if (!mode) {
+        prefix = IdPrefix::parse(target, "an event id, next, random or rotate");
     }
+    Store store(services);
+    Uuid id = mode ? *mode : store.event(*prefix)->id(); // must name a live event
+    auto events = store.events();
     if (!store.settings().setSelectedEventId(id)) {
         return exitStoreFailed; // the line saying why is out
     }
@@ -99,7 +96,8 @@ void declareDisplayCommands(CLI::App& app, Action& chosen) {
     auto* select = app.add_subcommand("select", "Choose the displayed event and print its title");
     select
         ->add_option("TARGET", *target,
-                     "An event id, or next (next upcoming), random or rotate (hourly)")
+                     "An event id (or its first 4 characters or more), or next (next upcoming), "
+                     "random or rotate (hourly)")
         ->required();
     select->callback([&chosen, target] {
         chosen = [target](Services& services) { return selectEvent(services, *target); };

@@ -1,4 +1,4 @@
-// almanor events list|add|edit|delete.
+// almanor events list|add|edit|delete (export and import: CalendarFileCommands.cpp).
 
 #include "cli/Cli.h"
 #include "cli/Command.h"
@@ -43,14 +43,6 @@ Instant parseDateOption(const std::string& text, const DayCalendar& calendar) {
     throw UsageError{"invalid date '" + text +
                      "': use YYYY-MM-DD or YYYY-MM-DDTHH:MM[:SS[.fff]], optionally followed by "
                      "Z or +HH:MM (years 1583 to 9999)"};
-}
-
-Uuid parseId(const std::string& text) {
-    if (auto id = Uuid::parse(text)) {
-        return *id;
-    }
-    throw UsageError{"'" + text + "' is not an event id (a UUID such as " +
-                     "3F2504E0-4F89-41D3-9A0C-0305E82C3301)"};
 }
 
 std::string nameArgument(const std::string& text) {
@@ -116,7 +108,7 @@ int addEvent(Services& services, const EventOptions& o) {
 }
 
 int editEvent(Services& services, const EventOptions& o, const EditFlags& given) {
-    Uuid id = parseId(o.id);
+    IdPrefix id = IdPrefix::parse(o.id);
     if (!given.any()) {
         throw UsageError{"nothing to change: give --name, --alias, --date, --schedule or --count"};
     }
@@ -150,7 +142,7 @@ int editEvent(Services& services, const EventOptions& o, const EditFlags& given)
 }
 
 int deleteEvent(Services& services, const std::string& idText) {
-    Uuid id = parseId(idText);
+    IdPrefix id = IdPrefix::parse(idText);
     Store store(services);
     EventPtr event = store.event(id);
     return store.repository().deleteEvent(*event) ? exitSuccess : exitStoreFailed;
@@ -196,7 +188,7 @@ void declareAdd(CLI::App& events, Action& chosen) {
 void declareEdit(CLI::App& events, Action& chosen) {
     auto o = std::make_shared<EventOptions>();
     auto* edit = events.add_subcommand("edit", "Change an event");
-    edit->add_option("ID", o->id, "The event's id")->required();
+    edit->add_option("ID", o->id, "The event's id, or its first 4 characters or more")->required();
     auto* name = edit->add_option("--name", o->name, "New name");
     auto* alias = edit->add_option("--alias", o->alias, "New alias; empty removes it");
     auto* date = edit->add_option("--date", o->date, "New date");
@@ -214,7 +206,7 @@ void declareEdit(CLI::App& events, Action& chosen) {
 void declareDelete(CLI::App& events, Action& chosen) {
     auto id = std::make_shared<std::string>();
     auto* remove = events.add_subcommand("delete", "Delete an event");
-    remove->add_option("ID", *id, "The event's id")->required();
+    remove->add_option("ID", *id, "The event's id, or its first 4 characters or more")->required();
     remove->callback([&chosen, id] {
         chosen = [id](Services& services) { return deleteEvent(services, *id); };
     });
@@ -223,12 +215,14 @@ void declareDelete(CLI::App& events, Action& chosen) {
 } // namespace
 
 void declareEventCommands(CLI::App& app, Action& chosen) {
-    auto* events = app.add_subcommand("events", "List, add, edit and delete events");
+    auto* events =
+        app.add_subcommand("events", "List, add, edit, delete, export and import events");
     events->require_subcommand(1);
     declareList(*events, chosen);
     declareAdd(*events, chosen);
     declareEdit(*events, chosen);
     declareDelete(*events, chosen);
+    declareCalendarFileCommands(*events, chosen);
 }
 
 } // namespace almanor::cli

@@ -1,11 +1,13 @@
 #include "cli/Store.h"
 
 #include "cli/Cli.h"
+#include "cli/Command.h"
 #include "cli/Services.h"
 #include "storage/MigrationManager.h"
 #include "storage/Repository.h"
 #include "storage/StoreError.h"
 
+#include <cctype>
 #include <cstdio>
 #include <filesystem>
 
@@ -30,13 +32,52 @@ std::vector<EventPtr> Store::events() {
     }
 }
 
-EventPtr Store::event(const Uuid& id) {
-    for (auto& e : events()) {
-        if (e->id() == id) {
-            return e;
-        }
+IdPrefix IdPrefix::parse(std::string_view typed, std::string_view expected) {
+    constexpr std::string_view example = "3F2504E0-4F89-41D3-9A0C-0305E82C3301";
+    bool fits = typed.size() <= example.size();
+    std::string text;
+    for (std::size_t i = 0; fits && i < typed.size(); ++i) {
+        auto c = static_cast<unsigned char>(typed[i]);
+        fits = example[i] == '-' ? c == '-' : std::isxdigit(c) != 0;
+        text += char(std::toupper(c));
     }
-    throw NotFound{id};
+    if (!fits) {
+        throw UsageError{"'" + std::string(typed) + "' is not " + std::string(expected) +
+                         " (a UUID such as " + std::string(example) + ", or its first characters)"};
+    }
+    if (text.size() < shortest) {
+        throw UsageError{"'" + std::string(typed) +
+                         "' is too short for an event id: give at least " +
+                         std::to_string(shortest) + " of its characters"};
+    }
+    return IdPrefix{std::move(text)};
+}
+
+EventPtr Store::event(const IdPrefix& id) {
+    std::vector<EventPtr> found;
+    try {
+        found = repository_.local().fetchByIdPrefix(id.text);
+    } catch (const StoreError& e) {
+        std::fprintf(stderr, "almanor: %s\n", repository_.local().unusableLine(e).c_str());
+        throw Failed{};
+    }
+    if (found.empty()) {
+        throw NotFound{id.text};
+    }
+    if (found.size() > 1) {
+        throw Ambiguous{id.text, std::move(found)};
+    }
+    return found.front();
+}
+
+std::vector<LocalRepository::Held> Store::insertNew(const std::vector<EventPtr>& events) {
+    try {
+        return repository_.local().insertNew(events);
+    } catch (const StoreError& e) {
+        // (Rolled back: none of them was written.)
+        std::fprintf(stderr, "Failed to insert records: %s\n", e.what());
+        throw Failed{};
+    }
 }
 
 } // namespace almanor::cli

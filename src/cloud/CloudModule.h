@@ -1,15 +1,19 @@
 #pragma once
 // The seam between the programs and the CalDAV adapter. The adapter, and libcurl, libxml2,
 // libical and libsecret with it, is a module loaded the first time a program talks to the
-// cloud: the commands that only read the store, and a tray without an account, never load it.
+// cloud or reads or writes a calendar file: the commands that only read the store, and a tray
+// without an account, never load it.
 
+#include "cloud/CalendarFile.h"
 #include "cloud/CloudService.h"
 #include "cloud/CloudServiceProvider.h"
 #include "platform/Export.h"
 
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
+#include <string_view>
 
 namespace almanor {
 
@@ -17,7 +21,7 @@ class SettingsFile;
 
 struct ALMANOR_EXPORT CloudModule {
     // Raised whenever this table changes: a program refuses a module built for another one.
-    static constexpr int currentVersion = 1;
+    static constexpr int currentVersion = 2;
     static constexpr const char* fileName = "almanor-caldav.so";
     static constexpr const char* entryPoint = "almanor_caldav_module";
 
@@ -30,6 +34,12 @@ struct ALMANOR_EXPORT CloudModule {
     int (*login)(SettingsFile& defaults, const std::string& url, const std::string& user,
                  const std::string& passwordCommand);
     int (*logout)(SettingsFile& defaults);
+    // Calendar files, through the adapter's own iCalendar writer and reader (RecordCalendar.h):
+    // every record as a VEVENT of one VCALENDAR; and a file's events as records, or CloudError
+    // with one line when the text is not iCalendar or is cut short.
+    std::string (*writeCalendar)(std::span<const CloudRecord> records, Instant now);
+    CalendarFile (*readCalendarFile)(std::string_view text, const std::string& recordType,
+                                     const std::string& zoneName);
 };
 
 // Loads the module once, on first use, from beside the program or from `installedDir`

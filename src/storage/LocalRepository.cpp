@@ -148,6 +148,65 @@ std::vector<EventPtr> LocalRepository::fetchAll() {
     });
 }
 
+std::vector<EventPtr> LocalRepository::fetchByIdPrefix(std::string_view prefix) {
+    ensureSchema();
+    const auto& t = events_;
+    // Every id that starts with the prefix sorts from it up to the prefix with its last character
+    // raised by one; ids are canonical text, so no other row falls in between.
+    std::string end(prefix);
+    if (!end.empty()) {
+        ++end.back();
+    }
+    sql::Expression range("(" + t.id.text() + " >= ? AND " + t.id.text() + " < ?)",
+                          {std::string(prefix), end});
+    return storeCall([&] {
+        return connection_.sync([&] {
+            auto rows =
+                connection_.prepare(t.table.select(range && t.deleted == std::nullopt, {t.id}));
+            EventColumns columns(rows, t);
+            std::vector<EventPtr> result;
+            for (const auto& row : rows) {
+                result.push_back(columns.event(row));
+            }
+            return result;
+        });
+    });
+}
+
+std::vector<LocalRepository::Held> LocalRepository::insertNew(const std::vector<EventPtr>& events) {
+    ensureSchema();
+    const auto& t = events_;
+    std::vector<Held> held;
+    storeCall([&] {
+        connection_.sync([&] {
+            connection_.run("BEGIN IMMEDIATE");
+            try {
+                for (const auto& event : events) {
+                    auto rows = connection_.prepare(t.table.select(t.id == event->id()));
+                    held.push_back(!rows.next()                ? Held::nothing
+                                   : rows.row().get(t.deleted) ? Held::deleted
+                                                               : Held::live);
+                    if (held.back() == Held::nothing) {
+                        insertRow(*event);
+                    }
+                }
+                connection_.run("COMMIT");
+            } catch (...) {
+                try {
+                    connection_.run("ROLLBACK");
+                } catch (const sql::Error&) {
+                    // SQLite has rolled back already.
+                }
+                throw;
+            }
+        });
+    });
+    if (std::find(held.begin(), held.end(), Held::nothing) != held.end()) {
+        center_.emit(eventChangeNotification);
+    }
+    return held;
+}
+
 std::int64_t LocalRepository::dataVersion() {
     return storeCall([&] {
         return connection_.sync([&] {
@@ -160,6 +219,11 @@ std::int64_t LocalRepository::dataVersion() {
 
 void LocalRepository::insert(const Event& event) {
     ensureSchema();
+    insertRow(event);
+    center_.emit(eventChangeNotification);
+}
+
+void LocalRepository::insertRow(const Event& event) {
     const auto& t = events_;
     Instant now = clock_.now();
     storeCall([&] {
@@ -174,7 +238,6 @@ void LocalRepository::insert(const Event& event) {
             t.updated.set(now),
         }));
     });
-    center_.emit(eventChangeNotification);
 }
 
 void LocalRepository::update(const Event& event) {

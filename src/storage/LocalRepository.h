@@ -49,6 +49,15 @@ class ALMANOR_EXPORT LocalRepository {
 
     // Live events ordered by date, then name. Throws StoreError.
     std::vector<EventPtr> fetchAll();
+    // Live events whose id starts with `prefix` (upper-case, as ids are stored), by id: a range
+    // of the primary key's index, as cheap over 10,000 events as over ten. Throws StoreError.
+    std::vector<EventPtr> fetchByIdPrefix(std::string_view prefix);
+
+    // What the store holds under an event's id.
+    enum class Held { nothing, live, deleted };
+    // Inserts, in one transaction, the events whose ids the store has never held, and says for
+    // each what it held before. All land or none do (StoreError); one change notification follows.
+    std::vector<Held> insertNew(const std::vector<EventPtr>& events);
 
     // Each throws StoreError, and posts the change notification only when it succeeded.
     void insert(const Event& event);
@@ -72,6 +81,8 @@ class ALMANOR_EXPORT LocalRepository {
     void ensureSchema();
 
   private:
+    // The insert without its notification.
+    void insertRow(const Event& event);
     // Makes sure the directory exists, then opens the connection; stops the process on failure.
     static sql::Connection open(const std::filesystem::path& directory, std::string_view fileName);
 

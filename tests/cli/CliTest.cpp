@@ -4,6 +4,8 @@
 #include "model/CivilCalendar.h"
 #include "model/Utility.h"
 #include "platform/Clock.h"
+#include "platform/Signals.h"
+#include "storage/LocalRepository.h"
 
 #include <fcntl.h>
 #include <filesystem>
@@ -235,6 +237,52 @@ TEST_F(CliTest, UnknownIdsExitOneWithOneLineAndChangeNothing) {
     EXPECT_EQ(run({"select", id}).status, 1);
 }
 
+TEST_F(CliTest, EveryCommandTakesAUniquePrefixOfFourOrMoreInEitherCase) {
+    {
+        Signals center;
+        SystemClock clock;
+        LocalRepository store(home / "data/Almanor", "EventsV1.db", center, clock);
+        Instant when = clock.now() + days(3);
+        for (auto [id, name] : {std::pair{"ABCD1234-0000-4000-8000-000000000001", "Alpha"},
+                                {"ABCD1299-0000-4000-8000-000000000002", "Be\nta"},
+                                {"ABCE0000-0000-4000-8000-000000000003", "Gamma"},
+                                {"ABCF0000-0000-4000-8000-000000000004", "Gone"}}) {
+            store.insert(Event(Uuid::fromLiteral(id), when, name, std::nullopt, Schedule::none,
+                               CountMethod::standard));
+        }
+        store.deleteEvent(*store.fetchByIdPrefix("ABCF").front());
+    }
+    const std::string ambiguous = "almanor: the id ABCD12 is ambiguous: 2 events start with it\n"
+                                  "ABCD1234  Alpha\nABCD1299  Be\\nta\n";
+    struct Case {
+        std::vector<std::string> args;
+        int status;
+        std::string err; // "*": any one line
+    };
+    for (const Case& c : std::vector<Case>{
+             {{"events", "delete", "abcd12"}, 2, ambiguous},
+             {{"events", "edit", "ABCD12", "--name", "X"}, 2, ambiguous},
+             {{"select", "abCD12"}, 2, ambiguous},
+             {{"events", "edit", "abcd123", "--name", "Renamed"}, 0, ""},
+             {{"select", "abce"}, 0, ""},
+             {{"events", "delete", "ABCE0000-0000-4000-8000-000000000003"}, 0, ""},
+             {{"select", "abc"}, 2, "*"},
+             {{"events", "delete", "abcd_"}, 2, "*"},
+             {{"events", "delete", "abcf"}, 1, "no event with id ABCF\n"}, // deleted
+             {{"select", "abce"}, 1, "no event with id ABCE\n"},
+         }) {
+        Result r = run(c.args);
+        EXPECT_EQ(r.status, c.status) << c.args[2] << r.err;
+        EXPECT_TRUE(c.err == "*" ? std::count(r.err.begin(), r.err.end(), '\n') == 1
+                                 : r.err == c.err)
+            << c.args[2] << r.err;
+    }
+    Json events = list();
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[1]["id"], "ABCD1234-0000-4000-8000-000000000001"); // whole ids
+    EXPECT_EQ(events[1]["name"], "Renamed");
+}
+
 TEST_F(CliTest, BadInputIsOneLineOnStandardErrorAndWritesNothing) {
     for (auto args : std::vector<std::vector<std::string>>{
              {"events", "add", "   ", "--date", "2030-01-01"},
@@ -370,6 +418,84 @@ std::map<std::string, std::string> snapshot(const std::filesystem::path& folder)
         }
     }
     return files;
+}
+
+TEST_F(CliTest, AnExportImportedIntoAnEmptyStoreGivesTheSameListOnce) {
+    add({"Leap, \"day\"; \\ x", "--date", "2028-02-29", "--schedule", "annually", "--alias",
+         "L;p"});
+    add({"Rent", "--date", "2024-01-31", "--schedule", "monthly", "--count", "monday-after"});
+    add({"Gym\nclass", "--date", "2030-01-07T18:30", "--schedule", "weekly", "--count",
+         "friday-before"});
+    add({"Trip", "--date", "2031-01-05", "--count", "exclude-weekends"});
+    Json before = list();
+    ASSERT_EQ(run({"events", "export", (home / "all.ics").string()}).status, 0);
+    EXPECT_EQ(run({"events", "export"}).out.size(), slurp(home / "all.ics").size());
+    std::filesystem::rename(home / "data", home / "first");
+    Result first = run({"events", "import", (home / "all.ics").string()});
+    EXPECT_EQ(first.status, 0) << first.err;
+    EXPECT_EQ(first.err, "Imported 4 events; 0 already here, 0 skipped\n");
+    Result again = run({"events", "import", (home / "all.ics").string()});
+    EXPECT_EQ(again.out, "");
+    EXPECT_EQ(again.err, "Imported 0 events; 4 already here, 0 skipped\n");
+    EXPECT_EQ(list(), before);
+    ASSERT_EQ(run({"events", "delete", before[0]["id"]}).status, 0);
+    EXPECT_EQ(run({"events", "import", (home / "all.ics").string()}).err,
+              "almanor: skipped \"Rent\": it was deleted here; add it again with events add\n"
+              "Imported 0 events; 3 already here, 1 skipped\n");
+}
+
+TEST_F(CliTest, ImportKeepsWhatAnEventCanStandForAndNamesWhatItSkips) {
+    auto vevent = [](const std::string& uid, const std::string& lines) {
+        return "BEGIN:VEVENT\r\nUID:" + uid + "\r\nSUMMARY:" + uid + "\r\n" + lines +
+               "END:VEVENT\r\n";
+    };
+    const std::string birthdays =
+        "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Contacts//EN\r\n" +
+        vevent("Anna", "DTSTART;VALUE=DATE:19850412\r\nRRULE:FREQ=YEARLY\r\n") +
+        vevent("Bob",
+               "DTSTART;VALUE=DATE:19920131\r\nRRULE:FREQ=YEARLY;BYMONTH=1;BYMONTHDAY=31\r\n") +
+        vevent("Call", "DTSTART;TZID=Europe/Prague:20300105T013000\r\n") +
+        vevent("Daily", "DTSTART;VALUE=DATE:20300101\r\nRRULE:FREQ=DAILY\r\n") +
+        vevent("Fortnight", "DTSTART;VALUE=DATE:20300101\r\nRRULE:FREQ=WEEKLY;INTERVAL=2\r\n") +
+        vevent("Thrice", "DTSTART;VALUE=DATE:20300101\r\nRRULE:FREQ=YEARLY;COUNT=3\r\n") +
+        vevent("Days", "DTSTART;VALUE=DATE:20300101\r\nRRULE:FREQ=MONTHLY;BYDAY=1MO\r\n") +
+        vevent("Leapless", "DTSTART;VALUE=DATE:19900229\r\n") + vevent("Undated", "") +
+        vevent("Anna", "DTSTART;VALUE=DATE:20000101\r\n") +
+        vevent("Anna", "RECURRENCE-ID;VALUE=DATE:20300412\r\nDTSTART;VALUE=DATE:20300413\r\n") +
+        "END:VCALENDAR\r\n";
+    std::ofstream(home / "b.ics") << birthdays;
+    Result r = run({"events", "import", (home / "b.ics").string()});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err,
+              "almanor: skipped \"Daily\": it repeats daily; only weekly, monthly and "
+              "yearly ones are kept\n"
+              "almanor: skipped \"Fortnight\": it repeats every 2 weeks\n"
+              "almanor: skipped \"Thrice\": its repetition ends; Almanor's go on for ever\n"
+              "almanor: skipped \"Days\": it repeats on days of its own "
+              "(RRULE:FREQ=MONTHLY;BYDAY=1MO)\n"
+              "almanor: skipped \"Leapless\": its date does not exist\n"
+              "almanor: skipped \"Undated\": it has no date\n"
+              "almanor: skipped \"Anna\": its UID is that of an event before it in the file\n"
+              "Imported 3 events; 0 already here, 7 skipped\n");
+    Json events = list();
+    ASSERT_EQ(events.size(), 3u);
+    EXPECT_EQ(events[0]["name"], "Anna");
+    EXPECT_EQ(events[0]["date"], "1985-04-12T05:00:00.000Z"); // local midnight
+    EXPECT_EQ(events[0]["schedule"], "annually");
+    EXPECT_EQ(events[1]["schedule"], "annually");
+    EXPECT_EQ(events[2]["date"], "2030-01-05T00:30:00.000Z");
+    EXPECT_EQ(events[2]["schedule"], "none");
+
+    std::string big = "BEGIN:VCALENDAR\r\n" + std::string(16 << 20, 'x');
+    for (const std::string& bad : {std::string("hello"), birthdays.substr(0, 300),
+                                   birthdays.substr(0, 20) + '\0' + birthdays.substr(20), big}) {
+        std::filesystem::remove_all(home / "data");
+        std::ofstream(home / "bad.ics") << bad;
+        Result refused = run({"events", "import", (home / "bad.ics").string()});
+        EXPECT_EQ(refused.status, 2) << refused.err;
+        EXPECT_EQ(std::count(refused.err.begin(), refused.err.end(), '\n'), 1) << refused.err;
+        EXPECT_FALSE(std::filesystem::exists(home / "data"));
+    }
 }
 
 TEST_F(CliTest, ADamagedStoreIsExitThreeAndOneLineForEveryCommandAndNothingIsWritten) {

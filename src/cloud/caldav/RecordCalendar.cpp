@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <strings.h>
+#include <unordered_set>
 #include <vector>
 
 namespace almanor::caldav {
@@ -396,6 +397,7 @@ Instant movedByDays(Instant at, long days) {
 struct ReadEvent {
     std::optional<CloudRecord> record; // nullopt: no VEVENT, or one of another type
     bool foreign = false;              // a VEVENT without the record's fields
+    std::string unkept; // why no event stands for a foreign one: its date or its recurrence
 };
 
 // What a VEVENT's properties say, before it becomes a record.
@@ -530,17 +532,42 @@ ComponentPtr parse(std::string_view text) {
     return root;
 }
 
-ReadEvent readEvent(icalcomponent* root, const std::string& recordType,
-                    const std::string& zoneName) {
-    icalcomponent* event = mainEvent(root);
-    if (event == nullptr)
+// Why a calendar app's recurrence is none of the schedules; empty when it is one.
+std::string unkeptRecurrence(const EventProperties& read, std::chrono::year_month_day start) {
+    if (read.rules == 0)
         return {};
+    if (read.rules > 1)
+        return "it repeats by " + std::to_string(read.rules) + " rules at once";
+    const icalrecurrencetype& rule = *read.rule;
+    const char* unit = rule.freq == ICAL_WEEKLY_RECURRENCE    ? "weeks"
+                       : rule.freq == ICAL_MONTHLY_RECURRENCE ? "months"
+                       : rule.freq == ICAL_YEARLY_RECURRENCE  ? "years"
+                                                              : nullptr;
+    if (unit == nullptr) {
+        std::string freq =
+            icalrecur_freq_to_string(rule.freq) ? icalrecur_freq_to_string(rule.freq) : "?";
+        for (char& c : freq)
+            c = char(std::tolower(static_cast<unsigned char>(c)));
+        return "it repeats " + freq + "; only weekly, monthly and yearly ones are kept";
+    }
+    if (rule.interval > 1)
+        return "it repeats every " + std::to_string(rule.interval) + " " + unit;
+    if (rule.count > 0 || !icaltime_is_null_time(rule.until))
+        return "its repetition ends; Almanor's go on for ever";
+    if (!scheduleOfRule(rule, start))
+        return "it repeats on days of its own (RRULE:" + ruleText(rule) + ")";
+    return {};
+}
+
+ReadEvent readEvent(icalcomponent* root, icalcomponent* event, const std::string& recordType,
+                    const std::string& zoneName) {
     std::optional<EventProperties> read = readProperties(event, recordType);
     if (!read)
         return {};
 
     CloudRecord& record = read->record;
     record.recordId.zoneName = zoneName;
+    std::string unkept;
     // LAST-MODIFIED has whole seconds: the copy with milliseconds stands for it while they agree.
     const std::optional<Instant>& lastModified = read->lastModified;
     const std::optional<std::int64_t>& modifiedCopy = read->modifiedCopy;
@@ -559,13 +586,26 @@ ReadEvent readEvent(icalcomponent* root, const std::string& recordType,
         if (read->start) {
             if (auto at = instantOf(*read->start, read->startZone, root))
                 record.fields["CD_date"] = *at;
-            auto day = dateOf(*read->start);
-            if (day && read->rules == 1)
-                if (auto schedule = scheduleOfRule(*read->rule, *day))
-                    record.fields["CD_recurring"] = *schedule;
+            if (auto day = dateOf(*read->start)) {
+                if (read->rules == 1)
+                    if (auto schedule = scheduleOfRule(*read->rule, *day))
+                        record.fields["CD_recurring"] = *schedule;
+                unkept = unkeptRecurrence(*read, *day);
+            } else {
+                unkept = "its date does not exist"; // 29 February of a common year, say
+            }
         }
     }
-    return {std::move(record), !read->typed};
+    return {std::move(record), !read->typed, std::move(unkept)};
+}
+
+// The event a resource is about (mainEvent).
+ReadEvent readEvent(icalcomponent* root, const std::string& recordType,
+                    const std::string& zoneName) {
+    icalcomponent* event = mainEvent(root);
+    if (event == nullptr)
+        return {};
+    return readEvent(root, event, recordType, zoneName);
 }
 
 ReadEvent readEvent(std::string_view text, const std::string& recordType,
@@ -839,15 +879,21 @@ void writeInto(icalcomponent* root, icalcomponent* event, const CloudRecord& bef
 } // namespace
 
 std::string writeRecordCalendar(const CloudRecord& record, Instant now) {
+    return writeCalendar(std::span(&record, 1), now);
+}
+
+std::string writeCalendar(std::span<const CloudRecord> records, Instant now) {
     quietOnce();
     ComponentPtr root(icalcomponent_new(ICAL_VCALENDAR_COMPONENT));
     icalcomponent_add_property(root.get(), icalproperty_new_version("2.0"));
     icalcomponent_add_property(root.get(),
                                icalproperty_new_prodid("-//Almanor//Almanor for Linux//EN"));
-    icalcomponent* event = icalcomponent_new(ICAL_VEVENT_COMPONENT);
-    icalcomponent_add_property(event, icalproperty_new_uid(record.recordId.recordName.c_str()));
-    icalcomponent_add_component(root.get(), event);
-    writeInto(root.get(), event, CloudRecord{}, record, now);
+    for (const CloudRecord& record : records) {
+        icalcomponent* event = icalcomponent_new(ICAL_VEVENT_COMPONENT);
+        icalcomponent_add_property(event, icalproperty_new_uid(record.recordId.recordName.c_str()));
+        icalcomponent_add_component(root.get(), event);
+        writeInto(root.get(), event, CloudRecord{}, record, now);
+    }
     std::string out;
     serialize(root.get(), out);
     return out;
@@ -887,6 +933,97 @@ CloudRecord readZoneResource(std::string_view text, const std::string& recordTyp
     if (read.record->recordId.recordName.empty())
         throw CloudError("unreadable event from the server: an event without a UID");
     return std::move(*read.record);
+}
+
+namespace {
+
+// The calendar's last content line, unfolded and without blanks at either end.
+std::string lastLine(std::string_view text) {
+    std::string line;
+    std::size_t end = text.size();
+    while (end > 0) {
+        std::size_t start = text.rfind('\n', end - 1);
+        start = start == std::string_view::npos ? 0 : start + 1;
+        std::string_view piece = text.substr(start, end - start);
+        end = start == 0 ? 0 : start - 1;
+        if (!piece.empty() && piece.back() == '\r')
+            piece.remove_suffix(1);
+        if (!piece.empty() && (piece.front() == ' ' || piece.front() == '\t')) {
+            line.insert(0, piece.substr(1)); // a continuation of the line before it
+            continue;
+        }
+        line.insert(0, piece);
+        if (!trimmed(line).empty())
+            return trimmed(line);
+        line.clear();
+    }
+    return line;
+}
+
+std::string displayName(icalcomponent* event, const std::string& uid) {
+    if (auto summary = summaryOf(event); summary && !trimmed(*summary).empty())
+        return *summary;
+    return uid.empty() ? std::string("(an event without a name or UID)") : "UID " + uid;
+}
+
+} // namespace
+
+CalendarFile readCalendarFile(std::string_view text, const std::string& recordType,
+                              const std::string& zoneName) {
+    std::string_view body = text.substr(text.substr(0, 3) == "\xEF\xBB\xBF" ? 3 : 0);
+    body.remove_prefix(std::min(body.find_first_not_of(" \t\r\n"), body.size()));
+    if (strncasecmp(std::string(body.substr(0, 15)).c_str(), "BEGIN:VCALENDAR", 15) != 0 ||
+        text.find('\0') != std::string_view::npos)
+        throw CloudError("not an iCalendar file");
+    if (strcasecmp(lastLine(body).c_str(), "END:VCALENDAR") != 0)
+        throw CloudError("the calendar is cut short: it does not end with END:VCALENDAR");
+    ComponentPtr root;
+    try {
+        root = parse(body);
+    } catch (const CloudError&) {
+        throw CloudError("not an iCalendar file: its lines could not be read");
+    }
+    // Calendars one after another come inside one root.
+    std::vector<icalcomponent*> calendars;
+    if (icalcomponent_isa(root.get()) == ICAL_VCALENDAR_COMPONENT)
+        calendars.push_back(root.get());
+    for (icalcomponent* c = icalcomponent_get_first_component(root.get(), ICAL_VCALENDAR_COMPONENT);
+         c != nullptr; c = icalcomponent_get_next_component(root.get(), ICAL_VCALENDAR_COMPONENT))
+        calendars.push_back(c);
+    if (calendars.empty())
+        throw CloudError("not an iCalendar file");
+
+    CalendarFile file;
+    std::unordered_set<std::string> uids;
+    for (icalcomponent* calendar : calendars) {
+        for (icalcomponent* event =
+                 icalcomponent_get_first_component(calendar, ICAL_VEVENT_COMPONENT);
+             event != nullptr;
+             event = icalcomponent_get_next_component(calendar, ICAL_VEVENT_COMPONENT)) {
+            // An occurrence moved or changed by an app belongs to its event's series.
+            if (icalcomponent_get_first_property(event, ICAL_RECURRENCEID_PROPERTY) != nullptr)
+                continue;
+            const char* uid = icalcomponent_get_uid(event);
+            const std::string id = uid != nullptr ? uid : "";
+            auto skip = [&](std::string reason) {
+                file.skipped.push_back({displayName(event, id), std::move(reason)});
+            };
+            ReadEvent read = readEvent(calendar, event, recordType, zoneName);
+            if (!read.record)
+                skip("it is a record of another kind");
+            else if (id.empty())
+                skip("it has no UID");
+            else if (!uids.insert(id).second)
+                skip("its UID is that of an event before it in the file");
+            else if (!field<Instant>(*read.record, "CD_date"))
+                skip("it has no date");
+            else if (!read.unkept.empty())
+                skip(std::move(read.unkept));
+            else
+                file.records.push_back(std::move(*read.record));
+        }
+    }
+    return file;
 }
 
 } // namespace almanor::caldav

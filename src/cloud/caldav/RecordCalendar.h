@@ -1,8 +1,10 @@
 #pragma once
 
+#include "cloud/CalendarFile.h"
 #include "cloud/CloudRecord.h"
 
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -15,6 +17,16 @@ namespace almanor::caldav {
 // recurs on), and a private copy of the SUMMARY and DTSTART written, by which an app's edit of
 // either is told apart.
 std::string writeRecordCalendar(const CloudRecord& record, Instant now);
+// Every record so, in one VCALENDAR: the calendar file that `almanor events export` writes.
+std::string writeCalendar(std::span<const CloudRecord> records, Instant now);
+
+// A calendar file's events (each VEVENT that overrides no occurrence), each read as
+// readZoneResource reads a resource, with zoneName as the records' zone. Skipped, each with why:
+// a VEVENT without a UID or a date, a UID seen before in the file, a record of another type, and
+// one of a calendar app whose recurrence no schedule stands for (another frequency, an interval,
+// an end, days of its own). Throws CloudError when the text is not iCalendar or is cut short.
+CalendarFile readCalendarFile(std::string_view text, const std::string& recordType,
+                              const std::string& zoneName);
 
 // The resource `current` as the server holds it, with the record written into it: of what
 // calendar apps show, only what differs from what `current` reads as changes (the SUMMARY for the
