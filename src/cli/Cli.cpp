@@ -39,8 +39,9 @@ constexpr const char* description =
 constexpr const char* footer =
     "DATE is YYYY-MM-DD (local midnight) or YYYY-MM-DDTHH:MM[:SS[.fff]] (local time),\n"
     "optionally followed by Z or +HH:MM/-HH:MM.\n"
-    "Exit status: 0 success, 1 no event with that id, 2 bad usage or input,\n"
-    "3 the event store could not be read or written.";
+    "Exit status: 0 success, 1 no event with that id (sync: not all sent), 2 bad usage\n"
+    "or input, 3 the event store could not be read or written, 4 the CalDAV module\n"
+    "could not be loaded. More in almanor(1).";
 
 // The command groups, in the order of the help text.
 constexpr void (*commandGroups[])(CLI::App&, Action&) = {
