@@ -8,8 +8,8 @@ foreach(path
     bin/almanor
     ${LIBDIR}/almanor/libalmanor-${VERSION}.so
     libexec/almanor/almanor-tray
-    libexec/almanor/almanor-window.so
-    libexec/almanor/almanor-caldav.so
+    ${LIBDIR}/almanor/almanor-window.so
+    ${LIBDIR}/almanor/almanor-caldav.so
     share/applications/com.vostrel.Almanor.desktop
     share/metainfo/com.vostrel.Almanor.metainfo.xml
     share/icons/hicolor/scalable/apps/com.vostrel.Almanor.svg
@@ -34,7 +34,7 @@ if(EXISTS ${PREFIX}/home)
 endif()
 # Nothing of the project but its programs' own private library is needed from outside the prefix.
 execute_process(COMMAND ldd ${PREFIX}/bin/almanor ${PREFIX}/libexec/almanor/almanor-tray
-                        ${PREFIX}/libexec/almanor/almanor-caldav.so ${PREFIX}/libexec/almanor/almanor-window.so
+                        ${PREFIX}/${LIBDIR}/almanor/almanor-caldav.so ${PREFIX}/${LIBDIR}/almanor/almanor-window.so
                 OUTPUT_VARIABLE linked)
 if(linked MATCHES "not found" OR linked MATCHES "${BUILD}/libalmanor"
    OR NOT linked MATCHES "/${LIBDIR}/almanor/libalmanor-")

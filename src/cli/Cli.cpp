@@ -46,9 +46,10 @@ constexpr const char* footer =
     "optionally followed by Z or +HH:MM/-HH:MM.\n"
     "ID is an event's id as events list prints it, or its first 4 characters or more,\n"
     "in either case.\n"
-    "Exit status: 0 success, 1 no event with that id, 2 bad usage or input,\n"
-    "3 the event store or a file could not be read or written, 4 the CalDAV module\n"
-    "(which export, import, cloud login|logout and sync use) could not be loaded.";
+    "Exit status: 0 success, 1 no event with that id (sync: not all sent), 2 bad usage\n"
+    "or input, 3 the event store or a file could not be read or written, 4 the CalDAV\n"
+    "module (which export, import, cloud login|logout and sync use) could not be loaded.\n"
+    "More in almanor(1).";
 
 // The command groups, in the order of the help text.
 constexpr void (*commandGroups[])(CLI::App&, Action&) = {

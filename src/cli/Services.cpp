@@ -5,7 +5,7 @@
 #include "storage/Repository.h"
 
 #ifndef ALMANOR_MODULES_RELATIVE
-#define ALMANOR_MODULES_RELATIVE "../libexec/almanor"
+#error "ALMANOR_MODULES_RELATIVE must be defined by the build"
 #endif
 
 namespace almanor::cli {

@@ -18,8 +18,8 @@ class ALMANOR_EXPORT ModuleError : public std::runtime_error {
 // loaded with dlopen on first use and kept until the process ends.
 namespace module {
 
-// Where `fileName` is: beside the running program (a build tree, and the tray, which is
-// installed beside its modules), else in `installedDir`, relative to the program's folder.
+// Where `fileName` is: beside the running program (a build tree), else in `installedDir`,
+// relative to the program's folder.
 // Throws ModuleError when neither holds it.
 ALMANOR_EXPORT std::filesystem::path locate(std::string_view fileName,
                                             std::string_view installedDir);

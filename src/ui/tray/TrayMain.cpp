@@ -37,7 +37,15 @@
 
 using namespace almanor;
 
+#ifndef ALMANOR_MODULES_RELATIVE
+#error "ALMANOR_MODULES_RELATIVE must be defined by the build"
+#endif
+
 namespace {
+
+// Where an install puts the window's and the CalDAV adapter's modules, from this program's folder
+// (a build tree has them beside it).
+constexpr const char* modulesFolder = ALMANOR_MODULES_RELATIVE;
 
 // The events menu's dates, from libalmanor-dates (ICU), loaded the first time they are needed and
 // kept; found beside libalmanor by path, not by name: a loader in between (a sanitizer's) would not
@@ -109,7 +117,7 @@ struct Tray {
           ledger(repository.local()),
           // The user's calendar server, when `almanor cloud login` has named one; the adapter is
           // loaded only then.
-          cloudSync(ledger, accountCloudServiceProvider(defaults, "."), defaults, clock,
+          cloudSync(ledger, accountCloudServiceProvider(defaults, modulesFolder), defaults, clock,
                     syncLockFile(repository.local())),
           account(accountName(defaults)), loginItems(paths::configHome(), almanorProgram(self)),
           launchAtLogin(loginItems, defaults),
@@ -208,8 +216,9 @@ struct Tray {
     const WindowModule* windowModule() {
         if (window == nullptr) {
             try {
-                auto entry = reinterpret_cast<const WindowModule* (*)()>(module::load(
-                    module::locate(WindowModule::fileName, "."), WindowModule::entryPoint));
+                auto entry = reinterpret_cast<const WindowModule* (*)()>(
+                    module::load(module::locate(WindowModule::fileName, modulesFolder),
+                                 WindowModule::entryPoint));
                 const WindowModule* loaded = entry();
                 if (loaded->version != WindowModule::currentVersion) {
                     throw ModuleError(std::string(WindowModule::fileName) +
