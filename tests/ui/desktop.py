@@ -16,6 +16,40 @@ ITEM = "/org/ayatana/NotificationItem/com_vostrel_Almanor"
 NEXT = "C72773F5-D96E-478B-92FE-5BB5DDD62102"
 RANDOM = "D8291056-77F8-44D5-9475-07AE1CF9D9C8"
 ROTATE = "F32C697A-D3DE-4796-BC68-B55C77265494"
+# Two 1024x768 monitors side by side. GTK sees one monitor in Xvfb, with +xinerama and with
+# `xrandr --setmonitor` alike; Xorg's dummy driver has RandR outputs, of which two are switched on.
+TWO_MONITORS = """Section "ServerFlags"
+  Option "AutoAddDevices" "false"
+  Option "DontVTSwitch" "true"
+EndSection
+Section "Device"
+  Identifier "dummy"
+  Driver "dummy"
+  VideoRam 65536
+  Option "Monitor-DUMMY0" "left"
+  Option "Monitor-DUMMY1" "right"
+EndSection
+Section "Monitor"
+  Identifier "left"
+  HorizSync 5.0-1000.0
+  VertRefresh 5.0-200.0
+  Option "PreferredMode" "1024x768"
+EndSection
+Section "Monitor"
+  Identifier "right"
+  HorizSync 5.0-1000.0
+  VertRefresh 5.0-200.0
+  Option "PreferredMode" "1024x768"
+  Option "Enable" "true"
+  Option "RightOf" "left"
+EndSection
+Section "Screen"
+  Identifier "screen"
+  Device "dummy"
+  Monitor "left"
+  DefaultDepth 24
+EndSection
+"""
 
 
 def in_private_session(script):
@@ -38,28 +72,35 @@ def in_private_session(script):
 
 
 class Desktop:
-    """Xvfb, the watcher and the processes a test starts; everything ends by PID."""
+    """Xvfb (or, for two monitors, Xorg with its dummy driver: root only), the watcher and the
+    processes a test starts; everything ends by PID."""
 
-    def __init__(self, binary_dir):
+    def __init__(self, binary_dir, two_monitors=False):
         self.bin = binary_dir
         self.processes = []
-        self.display = self._start_x()
+        self.display = self._start_x(two_monitors)
         os.environ["DISPLAY"] = self.display
         subprocess.run(["dbus-update-activation-environment", "DISPLAY"], check=True)
         self.watcher = self.spawn([WATCHER])
         self.wait_for(lambda: self.bus_has("org.kde.StatusNotifierWatcher"), "the watcher")
 
-    def _start_x(self):
+    def _start_x(self, two_monitors):
         read, write = os.pipe()
-        x = subprocess.Popen(["Xvfb", "-displayfd", str(write), "-screen", "0", "1024x768x24", "-nolisten",
-                              "tcp", "-noreset"], pass_fds=[write], stderr=subprocess.DEVNULL)
+        args = ["Xvfb", "-screen", "0", "1024x768x24"]
+        if two_monitors:
+            conf = os.path.join(os.environ["HOME"], "xorg.conf")
+            with open(conf, "w") as f:
+                f.write(TWO_MONITORS)
+            args = ["Xorg", "-config", conf, "-logfile", os.environ["HOME"] + "/Xorg.log"]
+        x = subprocess.Popen(args + ["-displayfd", str(write), "-nolisten", "tcp", "-noreset"], pass_fds=[write],
+                             stderr=subprocess.DEVNULL)
         os.close(write)
         self.processes.append(x)
         number = b""
         while not number.endswith(b"\n"):
             chunk = os.read(read, 16)
             if not chunk:
-                raise RuntimeError("Xvfb did not start")
+                raise RuntimeError(args[0] + " did not start")
             number += chunk
         os.close(read)
         return ":" + number.decode().strip()
