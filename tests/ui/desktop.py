@@ -16,40 +16,6 @@ ITEM = "/org/ayatana/NotificationItem/com_vostrel_Almanor"
 NEXT = "C72773F5-D96E-478B-92FE-5BB5DDD62102"
 RANDOM = "D8291056-77F8-44D5-9475-07AE1CF9D9C8"
 ROTATE = "F32C697A-D3DE-4796-BC68-B55C77265494"
-# Two 1024x768 monitors side by side. GTK sees one monitor in Xvfb, with +xinerama and with
-# `xrandr --setmonitor` alike; Xorg's dummy driver has RandR outputs, of which two are switched on.
-TWO_MONITORS = """Section "ServerFlags"
-  Option "AutoAddDevices" "false"
-  Option "DontVTSwitch" "true"
-EndSection
-Section "Device"
-  Identifier "dummy"
-  Driver "dummy"
-  VideoRam 65536
-  Option "Monitor-DUMMY0" "left"
-  Option "Monitor-DUMMY1" "right"
-EndSection
-Section "Monitor"
-  Identifier "left"
-  HorizSync 5.0-1000.0
-  VertRefresh 5.0-200.0
-  Option "PreferredMode" "1024x768"
-EndSection
-Section "Monitor"
-  Identifier "right"
-  HorizSync 5.0-1000.0
-  VertRefresh 5.0-200.0
-  Option "PreferredMode" "1024x768"
-  Option "Enable" "true"
-  Option "RightOf" "left"
-EndSection
-Section "Screen"
-  Identifier "screen"
-  Device "dummy"
-  Monitor "left"
-  DefaultDepth 24
-EndSection
-"""
 
 
 def in_private_session(script):
@@ -88,10 +54,8 @@ class Desktop:
         read, write = os.pipe()
         args = ["Xvfb", "-screen", "0", "1024x768x24"]
         if two_monitors:
-            conf = os.path.join(os.environ["HOME"], "xorg.conf")
-            with open(conf, "w") as f:
-                f.write(TWO_MONITORS)
-            args = ["Xorg", "-config", conf, "-logfile", os.environ["HOME"] + "/Xorg.log"]
+            args = ["Xorg", "-config", os.path.join(os.path.dirname(os.path.abspath(__file__)), "two-monitors.conf"),
+                    "-logfile", os.environ["HOME"] + "/Xorg.log"]
         x = subprocess.Popen(args + ["-displayfd", str(write), "-nolisten", "tcp", "-noreset"], pass_fds=[write],
                              stderr=subprocess.DEVNULL)
         os.close(write)

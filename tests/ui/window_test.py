@@ -59,7 +59,7 @@ class WindowTest(unittest.TestCase):
         self.assertTrue(self.window.child(roleName="push button", name="Delete Event"))
 
     def test_2_add_through_the_sheet(self):
-        self.window.child(roleName="push button", name="Add Event").click()
+        keys("key", "ctrl+n")
         sheet = self.app.child(roleName="dialog", name="Add Event")
         save = sheet.child(roleName="push button", name="Save Event")
         self.assertFalse(save.sensitive)
