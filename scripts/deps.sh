@@ -19,6 +19,7 @@ packages=(
   clang libclang-rt-14-dev clang-format clang-tidy
   desktop-file-utils appstream
   xvfb xauth x11-utils imagemagick dbus-x11 at-spi2-core python3-dogtail xdotool
+  xserver-xorg-core xserver-xorg-video-dummy
   ayatana-indicator-application xfce4-panel xfce4-indicator-plugin
   python3-radicale xandikos python3-caldav gnome-keyring libsecret-tools vdirsyncer khal
   glib-networking librsvg2-common

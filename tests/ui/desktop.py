@@ -38,28 +38,33 @@ def in_private_session(script):
 
 
 class Desktop:
-    """Xvfb, the watcher and the processes a test starts; everything ends by PID."""
+    """Xvfb (or, for two monitors, Xorg with its dummy driver: root only), the watcher and the
+    processes a test starts; everything ends by PID."""
 
-    def __init__(self, binary_dir):
+    def __init__(self, binary_dir, two_monitors=False):
         self.bin = binary_dir
         self.processes = []
-        self.display = self._start_x()
+        self.display = self._start_x(two_monitors)
         os.environ["DISPLAY"] = self.display
         subprocess.run(["dbus-update-activation-environment", "DISPLAY"], check=True)
         self.watcher = self.spawn([WATCHER])
         self.wait_for(lambda: self.bus_has("org.kde.StatusNotifierWatcher"), "the watcher")
 
-    def _start_x(self):
+    def _start_x(self, two_monitors):
         read, write = os.pipe()
-        x = subprocess.Popen(["Xvfb", "-displayfd", str(write), "-screen", "0", "1024x768x24", "-nolisten",
-                              "tcp", "-noreset"], pass_fds=[write], stderr=subprocess.DEVNULL)
+        args = ["Xvfb", "-screen", "0", "1024x768x24"]
+        if two_monitors:
+            args = ["Xorg", "-config", os.path.join(os.path.dirname(os.path.abspath(__file__)), "two-monitors.conf"),
+                    "-logfile", os.environ["HOME"] + "/Xorg.log"]
+        x = subprocess.Popen(args + ["-displayfd", str(write), "-nolisten", "tcp", "-noreset"], pass_fds=[write],
+                             stderr=subprocess.DEVNULL)
         os.close(write)
         self.processes.append(x)
         number = b""
         while not number.endswith(b"\n"):
             chunk = os.read(read, 16)
             if not chunk:
-                raise RuntimeError("Xvfb did not start")
+                raise RuntimeError(args[0] + " did not start")
             number += chunk
         os.close(read)
         return ":" + number.decode().strip()

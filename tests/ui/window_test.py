@@ -1,6 +1,7 @@
-"""The management window driven as a user does, through AT-SPI: opened from the tray's menu, an
-event added through the sheet, selected, edited, a bad date refused, deleted with Cancel and with
-Confirm; the store is checked through the command line afterwards."""
+"""The management window driven as a user does, through AT-SPI and the keyboard, on two monitors:
+opened from the tray's menu on the pointer's monitor, an event added through the sheet, selected,
+edited, a bad date refused, found by the search, deleted with Cancel and with Confirm; the store is
+checked through the command line afterwards."""
 
 import json
 import os
@@ -15,13 +16,18 @@ desktop.in_private_session(os.path.abspath(__file__))
 BIN = os.environ["ALMANOR_BINARY_DIR"]
 
 
+def keys(*args):
+    subprocess.run(["xdotool", *args], check=True, timeout=10)
+
+
 class WindowTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.d = desktop.Desktop(BIN)
+        cls.d = desktop.Desktop(BIN, two_monitors=True)
         cls.d.almanor("events", "add", "Existing", "--date", "2030-06-01T18:30", "--schedule", "annually")
         cls.tray = cls.d.spawn([BIN + "/almanor"], stdout=subprocess.DEVNULL)
         cls.d.wait_for(desktop.bus_has_label, "the tray's menu")
+        subprocess.run(["xdotool", "mousemove", "1536", "384"], check=True)  # the second monitor's middle
         desktop.click("Manage Events")
         from dogtail.config import config
         config.actionDelay = 0.2
@@ -39,6 +45,12 @@ class WindowTest(unittest.TestCase):
         """The name cell of an event's row in the sidebar."""
         return self.window.child(roleName="table cell", name=name)
 
+    def test_0_opens_centred_on_the_pointers_monitor(self):
+        (x, y), (w, h) = self.window.position, self.window.size
+        self.assertLessEqual(abs(x + w // 2 - 1536), 1, (x, w))
+        self.assertLessEqual(abs(y + h // 2 - 384), 1, (y, h))
+        subprocess.run(["import", "-window", "root", BIN + "/window-on-second-monitor.png"], check=True)
+
     def test_1_window_layout(self):
         for header in ("One Off Events", "Weekly Events", "Monthly Events", "Annual Events"):
             self.assertTrue(self.window.child(name=header).showing, header)
@@ -47,21 +59,21 @@ class WindowTest(unittest.TestCase):
         self.assertTrue(self.window.child(roleName="push button", name="Delete Event"))
 
     def test_2_add_through_the_sheet(self):
-        self.window.child(roleName="push button", name="Add Event").click()
+        keys("key", "ctrl+n")
         sheet = self.app.child(roleName="dialog", name="Add Event")
         save = sheet.child(roleName="push button", name="Save Event")
         self.assertFalse(save.sensitive)
         sheet.child(roleName="text", label="Event:").typeText("  Dentist  ")
-        sheet.child(roleName="text", label="Menubar:").typeText("Teeth")
+        keys("key", "alt+m")  # the field's mnemonic
+        keys("type", "Teeth")
         sheet.child(roleName="radio button", name="Monthly").click()
         self.d.wait_for(lambda: save.sensitive, "Save Event enabled")
-        save.click()
+        keys("key", "ctrl+s")
         self.d.wait_for(lambda: "Dentist" in self.events(), "the new event in the store")
         e = self.events()["Dentist"]
         self.assertEqual(e["alias"], "Teeth")
         self.assertEqual(e["schedule"], "monthly")
         self.d.wait_for(lambda: self.row("Dentist"), "the new row")
-        self.assertTrue(self.row("Teeth"))  # the alias beside the name
 
     def test_3_edit_the_selected_event(self):
         self.start_time = self.events()["Existing"]["date"][10:]
@@ -79,7 +91,7 @@ class WindowTest(unittest.TestCase):
         alias = self.window.child(roleName="text", label="Menubar:")
         alias.typeText("Ex")
         self.d.wait_for(lambda: save.sensitive, "Save Event enabled")
-        save.click()
+        keys("key", "ctrl+s")
         self.d.wait_for(lambda: self.events()["Existing"]["alias"] == "Ex", "the edit in the store")
         e = self.events()["Existing"]
         self.assertTrue(e["date"].startswith("2030-07-04T"), e["date"])
@@ -87,13 +99,30 @@ class WindowTest(unittest.TestCase):
         self.assertEqual(e["date"][10:], self.start_time)
         self.d.wait_for(lambda: not save.sensitive, "Save Event disabled after saving")
 
-    def test_4_delete_with_cancel_then_confirm(self):
+    def test_4_search_by_name_and_alias(self):
+        def names():
+            return {n.name for n in self.window.findChildren(lambda n: n.roleName == "table cell")}
         self.row("Dentist").click()
-        self.window.child(roleName="push button", name="Delete Event").click()
+        keys("type", "tee")  # typing in the list searches; Dentist's alias is "Teeth"
+        self.d.wait_for(lambda: "Existing" not in names(), "the list filtered")
+        self.assertIn("Dentist", names())
+        keys("key", "Escape")  # closes the search, not the window
+        self.d.wait_for(lambda: "Existing" in names(), "every row back")
+        keys("key", "ctrl+f")
+        keys("type", "EXI")
+        keys("key", "Return")  # the first row found
+        self.d.wait_for(lambda: self.window.findChildren(lambda n: n.name == "Existing - Jul 4, 2030"), "Existing")
+        keys("key", "Escape")  # from the list too
+        self.d.wait_for(lambda: "Dentist" in names(), "every row back")
+
+    def test_5_delete_with_cancel_then_confirm(self):
+        self.row("Dentist").click()
+        keys("key", "Delete")
         sheet = self.app.child(roleName="dialog", name="Delete Event")
         self.assertTrue(sheet.child(roleName="label", name='Are you sure you want to remove "Dentist"?'))
-        sheet.child(roleName="push button", name="Cancel").click()
+        keys("key", "Escape")
         self.d.wait_for(lambda: not sheet.showing, "the sheet gone")
+        self.assertTrue(self.window.showing)
         self.assertIn("Dentist", self.events())
         self.window.child(roleName="push button", name="Delete Event").click()
         sheet = self.app.child(roleName="dialog", name="Delete Event")
@@ -102,8 +131,11 @@ class WindowTest(unittest.TestCase):
         self.d.wait_for(lambda: self.window.child(roleName="label", name="Nothing Selected").showing,
                         "Nothing Selected")
 
-    def test_5_manage_events_again_shows_the_same_window(self):
-        desktop.click("Manage Events")
+    def test_6_manage_events_again_shows_the_same_window(self):
+        for close in ("ctrl+w", "Escape"):
+            keys("key", close)
+            self.d.wait_for(lambda: not self.window.showing, "the window closed by " + close)
+            desktop.click("Manage Events")
         frames = self.app.findChildren(lambda n: n.roleName == "frame" and n.name == "Almanor - Manage Events",
                                        recursive=False)
         self.assertEqual(len(frames), 1)

@@ -91,6 +91,38 @@ TEST_F(WindowTest, RowsShowTheAliasOnlyWhenItHasText) {
     EXPECT_EQ(versionText(""), "");
 }
 
+TEST(EventSearchTest, FindsNameOrAliasWhateverTheCaseAccentsAndCompatibilityForms) {
+    std::vector<EventPtr> events;
+    for (auto [name, alias] :
+         std::initializer_list<std::pair<const char*, const char*>>{{"Café Zürich", nullptr},
+                                                                    {"Straße", "\uFB01x"},
+                                                                    {"Dentist", "Teeth"},
+                                                                    {"Cafe\u0301 noir", nullptr}}) {
+        events.push_back(makeEvent(Uuid::random(), at(2030, 1, 1), name,
+                                   alias ? std::optional<std::string>(alias) : std::nullopt,
+                                   Schedule::none, CountMethod::standard));
+    }
+    EventSearch search;
+    search.index(events);
+    for (const auto& [query, shown] : std::initializer_list<std::pair<const char*, std::string>>{
+             {"", "0123"},
+             {" \t ", "0123"},
+             {"  CAFÉ ", "03"}, // precomposed against decomposed, trimmed
+             {"zurich", "0"},
+             {"STRASSE", "1"}, // ß folds to ss
+             {"fix", "1"},     // the alias's ligature
+             {"teeth", "2"},
+             {"tistte", ""}, // name and alias do not run into each other
+         }) {
+        search.setQuery(query);
+        std::string found;
+        for (std::size_t i = 0; i < events.size(); ++i) {
+            found += search.shows(i) ? std::to_string(i) : "";
+        }
+        EXPECT_EQ(found, shown) << query;
+    }
+}
+
 TEST_F(WindowTest, TheModelReloadsOnTheMainThreadAndSelectionSurvivesAsAnId) {
     Model model(repository, center, mainThread);
     ManageEventsState state(model);

@@ -1,10 +1,12 @@
 #include "ui/window/EventsModel.h"
 
 #include "platform/Fatal.h"
+#include "platform/GlibOwners.h"
 #include "storage/LocalRepository.h"
 #include "storage/Repository.h"
 
 #include <algorithm>
+#include <glib.h>
 
 namespace almanor {
 
@@ -62,6 +64,45 @@ EventRowText eventRowText(const Event& event) {
         row.alias = *event.alias();
     }
     return row;
+}
+
+std::string searchFold(std::string_view text) {
+    // Plain ASCII, what most names are, needs neither normalising nor Unicode's case tables.
+    if (std::all_of(text.begin(), text.end(), [](char c) { return (c & 0x80) == 0; })) {
+        std::string folded(text);
+        std::transform(folded.begin(), folded.end(), folded.begin(),
+                       [](char c) { return char(g_ascii_tolower(c)); });
+        return folded;
+    }
+    // Decomposed, so that accents become marks of their own and are dropped; then case folded.
+    glib::Chars decomposed(g_utf8_normalize(text.data(), gssize(text.size()), G_NORMALIZE_ALL));
+    if (!decomposed) {
+        return {};
+    }
+    std::string bare;
+    for (const gchar* c = decomposed.get(); *c != 0; c = g_utf8_next_char(c)) {
+        if (g_unichar_type(g_utf8_get_char(c)) != G_UNICODE_NON_SPACING_MARK) {
+            bare.append(c, std::size_t(g_utf8_next_char(c) - c));
+        }
+    }
+    glib::Chars folded(g_utf8_casefold(bare.data(), gssize(bare.size())));
+    return folded.get();
+}
+
+void EventSearch::index(const std::vector<EventPtr>& events) {
+    keys_.clear();
+    keys_.reserve(events.size());
+    for (const auto& e : events) {
+        keys_.push_back(searchFold(e->name()) + '\n' + searchFold(e->alias().value_or("")));
+    }
+}
+
+void EventSearch::setQuery(std::string_view query) {
+    const char* blank = " \t\n\r\f\v";
+    auto first = query.find_first_not_of(blank);
+    query_ = first == std::string_view::npos
+                 ? std::string()
+                 : searchFold(query.substr(first, query.find_last_not_of(blank) - first + 1));
 }
 
 std::string versionText(std::string_view version) {

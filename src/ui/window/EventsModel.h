@@ -64,6 +64,29 @@ struct EventRowText {
 };
 EventRowText eventRowText(const Event& event);
 
+// The sidebar's search. Text is folded so that case, accents and compatibility forms do not count:
+// "cafe" finds "Café", "strasse" finds "Straße", "ﬁ" finds "fi". Not UTF-8: no text.
+std::string searchFold(std::string_view text);
+
+// The sidebar's filter: each event's name and alias folded once per list, so that a keystroke
+// costs one substring search per row shown.
+class EventSearch {
+  public:
+    // Folds the names and aliases of `events`, the list whose rows shows() is then asked about.
+    void index(const std::vector<EventPtr>& events);
+    // Trimmed, then folded. Blank: every row is shown.
+    void setQuery(std::string_view query);
+    bool active() const { return !query_.empty(); }
+    // Whether the `i`th event of the indexed list holds the query in its name or alias.
+    bool shows(std::size_t i) const {
+        return i < keys_.size() && keys_[i].find(query_) != std::string::npos;
+    }
+
+  private:
+    std::vector<std::string> keys_; // folded name, a line break, folded alias
+    std::string query_;
+};
+
 // The version text under the list: "v" and the version, or nothing without a version.
 std::string versionText(std::string_view version);
 

@@ -9,8 +9,9 @@
 #include <memory>
 
 namespace Gtk {
+class Entry;
 class Window;
-}
+} // namespace Gtk
 
 namespace almanor {
 
@@ -30,6 +31,8 @@ class ManageEventsWindowGtk final : public ManageEventsWindow {
     void present() override;
 
     Gtk::Window& window();
+    // The sidebar's search, which filters the list as it changes.
+    Gtk::Entry& searchEntry();
     const Model& model() const;
 
     struct Impl;
