@@ -124,14 +124,14 @@ def rss_kb(pid):
     return 0
 
 
-def run(program):
+def run(program, log=subprocess.DEVNULL):
     before = set(items())
     # The tray turns GTK's GLX probe off by itself; the minimal program is given the same.
     env = dict(os.environ)
     if not program.endswith("/almanor"):
         env["GDK_GL"] = "disable"
     start = time.monotonic()
-    p = subprocess.Popen([program], env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    p = subprocess.Popen([program], env=env, stdout=log, stderr=subprocess.DEVNULL)
     item, _ = wait_label(before)
     return p, item, (time.monotonic() - start) * 1000
 
@@ -159,12 +159,14 @@ def account_rss(rounds):
         subprocess.run([almanor, "sync"], check=True, stderr=subprocess.DEVNULL)
         figures = []
         for _ in range(rounds):
-            p, _, _ = run(almanor)
-            time.sleep(6)
-            if not any(lib.startswith("libcurl") for lib in desktop.mapped_libraries(p.pid)):
-                raise RuntimeError("the tray did not load the CalDAV adapter")
-            figures.append(rss_kb(p.pid) / 1024)
-            stop(p)
+            with open(os.path.join(home, "tray.log"), "w+") as log:
+                p, _, _ = run(almanor, log)
+                time.sleep(6)
+                log.seek(0)
+                if "Synced: 0 received, 0 sent" not in log.read():
+                    raise RuntimeError("the tray's first pull did not end")
+                figures.append(rss_kb(p.pid) / 1024)
+                stop(p)
         subprocess.run([almanor, "cloud", "logout"], check=True, stderr=subprocess.DEVNULL)
         return statistics.median(figures)
     finally:

@@ -8,6 +8,7 @@
 #include "cloud/CloudAccount.h"
 #include "cloud/CloudModule.h"
 #include "cloud/MigrationHelper.h"
+#include "cloud/PasswordHandover.h"
 #include "cloud/RecordMapping.h"
 #include "platform/Clock.h"
 #include "platform/Module.h"
@@ -16,10 +17,21 @@
 #include "storage/LocalSyncLedger.h"
 #include "storage/MigrationManager.h"
 #include "storage/Repository.h"
-#include "sync/CloudSync.h"
+#include "sync/InProcessPasses.h"
+#include "sync/PassReport.h"
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <csignal>
 #include <cstdio>
+#include <fcntl.h>
 #include <memory>
+#include <optional>
+#include <pthread.h>
+#include <thread>
+#include <unistd.h>
 
 namespace almanor::cli {
 
@@ -135,9 +147,102 @@ std::string incompleteSyncLine(const PassResult& result, const Pending& pending)
     return line;
 }
 
-int syncNow(Services& services) {
+// `almanor sync` as the tray runs it: the fds of its report and of the password the tray hands
+// over (-1: none). See PassReport.
+struct TrayPipes {
+    int report = -1;
+    int password = -1;
+};
+
+// The password that the tray hands over, to the pipe's end (which is closed), within the record's
+// limit; empty when there is none or it is too long.
+std::string takeHandover(int fd) {
+    std::string given;
+    std::array<char, 4096> buffer{};
+    for (ssize_t n = 0; (n = ::read(fd, buffer.data(), buffer.size())) != 0;) {
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0 || given.size() + std::size_t(n) > PassReport::maxPassword) {
+            std::fill(given.begin(), given.end(), '\0');
+            given.clear();
+            break;
+        }
+        given.append(buffer.data(), std::size_t(n));
+    }
+    std::fill(buffer.begin(), buffer.end(), '\0');
+    ::close(fd);
+    return given;
+}
+
+void tell(int fd, std::string text) {
+    for (std::size_t off = 0; off < text.size();) {
+        ssize_t n = ::write(fd, text.data() + off, text.size() - off);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break; // the tray is gone: the pass's work is in the store all the same
+        off += std::size_t(n);
+    }
+    std::fill(text.begin(), text.end(), '\0');
+}
+
+// The tray ends a pass it no longer wants with SIGTERM: the pass is then cut off as a quitting
+// tray's own would be, a password command with it, and the process ends at once. Made before any
+// other thread, which then keeps SIGTERM blocked too.
+class StopOnTerm {
+  public:
+    explicit StopOnTerm(PassRunner& passes) {
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, SIGTERM);
+        sigaddset(&set, passEnded);
+        pthread_sigmask(SIG_BLOCK, &set, nullptr);
+        waiter_ = std::thread([&passes, set] {
+            int signal = 0;
+            sigwait(&set, &signal);
+            if (signal == SIGTERM)
+                passes.stop();
+        });
+    }
+    ~StopOnTerm() {
+        pthread_kill(waiter_.native_handle(), passEnded);
+        waiter_.join();
+    }
+    StopOnTerm(const StopOnTerm&) = delete;
+    StopOnTerm& operator=(const StopOnTerm&) = delete;
+
+  private:
+    static constexpr int passEnded = SIGUSR2; // ends the waiter
+    std::thread waiter_;
+};
+
+// One pass in this process; with the tray's pipes, told to the tray as it goes.
+PassResult onePass(Services& services, LocalSyncLedger& ledger, const TrayPipes& tray) {
+    std::shared_ptr<PasswordHandover> handover;
+    if (tray.report >= 0)
+        handover = std::make_shared<PasswordHandover>(
+            tray.password >= 0 ? takeHandover(tray.password) : std::string());
+    InProcessPasses passes(ledger, services.cloudServices(handover), services.defaults(),
+                           services.clock(), syncLockFile(services.repository().local()));
+    std::optional<StopOnTerm> stopOnTerm;
+    if (tray.report >= 0)
+        stopOnTerm.emplace(passes);
+    PassResult result = passes.run([&] {
+        if (tray.report >= 0)
+            tell(tray.report, PassReport::pulledLine());
+    });
+    if (tray.report >= 0) {
+        if (std::string password = handover->handOn(); !password.empty())
+            tell(tray.report, PassReport::passwordRecord(password));
+        tell(tray.report, PassReport::doneLine(result));
+    }
+    return result;
+}
+
+int syncNow(Services& services, const TrayPipes& tray) {
     auto& defaults = services.defaults();
-    if (!CloudAccount::load(defaults)) {
+    // The tray's child says "no account" in its report, as a pass does.
+    if (tray.report < 0 && !CloudAccount::load(defaults)) {
         std::fprintf(stderr, "no cloud account; run almanor cloud login URL\n");
         return exitPending;
     }
@@ -150,12 +255,7 @@ int syncNow(Services& services) {
     Pending pending;
     try {
         LocalSyncLedger ledger(repository.local());
-        {
-            CloudSync cloudSync(ledger, services.cloudServices(), defaults, services.clock(),
-                                syncLockFile(repository.local()));
-            cloudSync.populateFromCloud();
-            result = cloudSync.waitForSync();
-        }
+        result = onePass(services, ledger, tray);
         pending = countPending(ledger);
     } catch (const StoreError& e) {
         std::fprintf(stderr, "almanor: %s\n", e.what());
@@ -163,7 +263,9 @@ int syncNow(Services& services) {
     }
     if (result.pulled && result.pushed && pending.total() == 0)
         return exitSuccess;
-    std::fprintf(stderr, "%s\n", incompleteSyncLine(result, pending).c_str());
+    // The tray has its own lines for a pass that did not complete.
+    if (tray.report < 0)
+        std::fprintf(stderr, "%s\n", incompleteSyncLine(result, pending).c_str());
     return exitPending;
 }
 
@@ -224,7 +326,26 @@ void declareCloudCommands(CLI::App& app, Action& chosen) {
     });
     auto* sync =
         app.add_subcommand("sync", "Pull from the cloud, push local changes, and wait for them");
-    sync->callback([&chosen] { chosen = [](Services& services) { return syncNow(services); }; });
+    // The tray's: not in the help.
+    auto tray = std::make_shared<TrayPipes>();
+    sync->add_option("--report-fd", tray->report)->group("")->check(CLI::Range(3, INT_MAX));
+    sync->add_option("--password-fd", tray->password)
+        ->group("")
+        ->check(CLI::Range(3, INT_MAX))
+        ->needs("--report-fd");
+    sync->callback([&chosen, tray] {
+        chosen = [tray](Services& services) {
+            for (int fd : {tray->report, tray->password})
+                if (fd >= 0 && ::fcntl(fd, F_GETFD) < 0)
+                    throw UsageError{"fd " + std::to_string(fd) + " is not open"};
+            if (tray->report >= 0) {
+                // Nothing this process starts (a password command) inherits the report.
+                ::fcntl(tray->report, F_SETFD, FD_CLOEXEC);
+                std::signal(SIGPIPE, SIG_IGN);
+            }
+            return syncNow(services, *tray);
+        };
+    });
 }
 
 } // namespace almanor::cli

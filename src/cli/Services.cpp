@@ -14,10 +14,13 @@ Services::Services(SettingsFile& defaults, Signals& center, const Clock& clock,
                    std::filesystem::path databaseDirectory)
     : defaults_(defaults), center_(center), clock_(clock),
       databaseDirectory_(std::move(databaseDirectory)),
-      cloudModule_(std::make_shared<CloudModuleLoader>(ALMANOR_MODULES_RELATIVE)),
-      cloudServices_(accountCloudServiceProvider(defaults, cloudModule_)) {}
+      cloudModule_(std::make_shared<CloudModuleLoader>(ALMANOR_MODULES_RELATIVE)) {}
 
 Services::~Services() = default;
+
+CloudServiceProvider Services::cloudServices(std::shared_ptr<PasswordHandover> handover) const {
+    return accountCloudServiceProvider(defaults_, cloudModule_, std::move(handover));
+}
 
 std::filesystem::path Services::databaseFile() const {
     return databaseDirectory_ / paths::databaseFileName;

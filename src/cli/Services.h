@@ -9,6 +9,7 @@
 namespace almanor {
 class Clock;
 class CloudModuleLoader;
+class PasswordHandover;
 class Signals;
 class Repository;
 class SettingsFile;
@@ -33,9 +34,10 @@ class Services {
     // The database file, whether or not it has been opened yet.
     std::filesystem::path databaseFile() const;
     Repository& repository();
-    // The CalDAV adapter's module, loaded on first use; and the account's service through it.
+    // The CalDAV adapter's module, loaded on first use; and the account's service through it,
+    // its password through `handover` when one is given.
     CloudModuleLoader& cloudModule() { return *cloudModule_; }
-    const CloudServiceProvider& cloudServices() const { return cloudServices_; }
+    CloudServiceProvider cloudServices(std::shared_ptr<PasswordHandover> handover = nullptr) const;
 
   private:
     SettingsFile& defaults_;
@@ -44,7 +46,6 @@ class Services {
     std::filesystem::path databaseDirectory_;
     std::unique_ptr<Repository> repository_;
     std::shared_ptr<CloudModuleLoader> cloudModule_;
-    CloudServiceProvider cloudServices_;
 };
 
 } // namespace almanor::cli

@@ -21,19 +21,16 @@ const CloudModule& CloudModuleLoader::module() {
     return *module_;
 }
 
-CloudServiceProvider accountCloudServiceProvider(SettingsFile& defaults, std::string installedDir) {
-    return accountCloudServiceProvider(
-        defaults, std::make_shared<CloudModuleLoader>(std::move(installedDir)));
-}
-
 CloudServiceProvider accountCloudServiceProvider(SettingsFile& defaults,
-                                                 std::shared_ptr<CloudModuleLoader> loader) {
-    return [loader = std::move(loader), &defaults]() -> std::shared_ptr<CloudService> {
+                                                 std::shared_ptr<CloudModuleLoader> loader,
+                                                 std::shared_ptr<PasswordHandover> handover) {
+    return [loader = std::move(loader), handover = std::move(handover),
+            &defaults]() -> std::shared_ptr<CloudService> {
         if (!CloudAccount::load(defaults)) {
             return nullptr;
         }
         try {
-            return loader->module().makeCloudService(defaults);
+            return loader->module().makeCloudService(defaults, handover);
         } catch (const ModuleError& e) {
             Log::line(std::string("Failed to load the CalDAV adapter: ") + e.what());
             return nullptr;

@@ -17,6 +17,7 @@
 
 namespace almanor {
 
+class PasswordHandover;
 class SettingsFile;
 
 struct ALMANOR_EXPORT CloudModule {
@@ -27,8 +28,9 @@ struct ALMANOR_EXPORT CloudModule {
 
     int version;
     // The CalDAV service of the account in the settings; one that reports noAccount when there
-    // is none.
-    std::shared_ptr<CloudService> (*makeCloudService)(SettingsFile& defaults);
+    // is none. Its password goes through `handover` when one is given.
+    std::shared_ptr<CloudService> (*makeCloudService)(
+        SettingsFile& defaults, const std::shared_ptr<PasswordHandover>& handover);
     // `almanor cloud login URL [--user NAME] [--password-command CMD]` and `almanor cloud
     // logout`: each says what happened on standard error and returns the exit status.
     int (*login)(SettingsFile& defaults, const std::string& url, const std::string& user,
@@ -57,13 +59,12 @@ class ALMANOR_EXPORT CloudModuleLoader {
     const CloudModule* module_ = nullptr;
 };
 
-// The service of the account in `defaults`, for the repository. While no account is configured
-// (no cloudServer) it gives none and loads nothing; a module that cannot be loaded is one log line
-// and no service.
-ALMANOR_EXPORT CloudServiceProvider accountCloudServiceProvider(SettingsFile& defaults,
-                                                                std::string installedDir);
-// The same through a loader the caller shares with its other uses of the module.
+// The service of the account in `defaults`, for the repository, through a loader the caller
+// shares with its other uses of the module; its password through `handover` when one is given.
+// While no account is configured (no cloudServer) it gives none and loads nothing; a module that
+// cannot be loaded is one log line and no service.
 ALMANOR_EXPORT CloudServiceProvider
-accountCloudServiceProvider(SettingsFile& defaults, std::shared_ptr<CloudModuleLoader> loader);
+accountCloudServiceProvider(SettingsFile& defaults, std::shared_ptr<CloudModuleLoader> loader,
+                            std::shared_ptr<PasswordHandover> handover = nullptr);
 
 } // namespace almanor

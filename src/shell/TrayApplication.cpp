@@ -9,6 +9,8 @@
 #include "sync/CloudSync.h"
 
 #include <array>
+#include <cstdint>
+#include <string_view>
 #include <utility>
 
 namespace almanor {
@@ -47,10 +49,38 @@ Uuid selectedId(const MenuItem& item) {
     return item.data.value_or(Uuid::random());
 }
 
+// What the events are, as far as the title and the menus go: tells another process's commit that
+// changed them from one that left them as they were (FNV-1a over every field).
+std::uint64_t digestOf(const std::vector<EventPtr>& events) {
+    std::uint64_t digest = 14695981039346656037ULL;
+    auto mix = [&](std::uint64_t value) {
+        for (int byte = 0; byte < 8; ++byte, value >>= 8) {
+            digest = (digest ^ (value & 0xff)) * 1099511628211ULL;
+        }
+    };
+    auto mixText = [&](std::string_view text) {
+        mix(text.size());
+        for (unsigned char c : text) {
+            digest = (digest ^ c) * 1099511628211ULL;
+        }
+    };
+    for (const auto& e : events) {
+        mixText(e->id().uuidString());
+        mixText(e->name());
+        mix(e->alias() ? 1 : 0);
+        mixText(e->alias().value_or(""));
+        mix(std::uint64_t(e->date().time_since_epoch().count()));
+        mix(std::uint64_t(rawValue(e->schedule())));
+        mix(std::uint64_t(rawValue(e->countMethod())));
+    }
+    return digest;
+}
+
 } // namespace
 
 struct TrayApplication::Impl {
     std::optional<std::int64_t> dataVersion;
+    std::optional<std::uint64_t> digest; // of the events as last read
     // The store as read once for a title and the submenu that follows it (see OneReading).
     std::optional<std::vector<EventPtr>> reading;
 
@@ -58,6 +88,7 @@ struct TrayApplication::Impl {
     struct OneReading {
         OneReading(Impl& impl, Repository& repository) : impl_(impl) {
             impl_.reading = repository.fetchAll();
+            impl_.digest = digestOf(*impl_.reading);
         }
         ~OneReading() { impl_.reading.reset(); }
         OneReading(const OneReading&) = delete;
@@ -67,17 +98,35 @@ struct TrayApplication::Impl {
         Impl& impl_;
     };
 
-    // Whether another process committed to the store since the last look; a store that cannot be
-    // asked counts as changed, so a change is never missed.
-    bool storeChangedElsewhere(Repository& repository) {
-        std::optional<std::int64_t> now;
+    static std::optional<std::int64_t> versionOf(Repository& repository) {
         try {
-            now = repository.local().dataVersion();
+            return repository.local().dataVersion();
         } catch (const StoreError& e) {
             Log::line(std::string("Failed to read the store's version: ") + e.what());
+            return std::nullopt;
         }
-        bool changed = !now || now != dataVersion;
+    }
+
+    // What the store holds now counts as seen.
+    void seen(Repository& repository) { dataVersion = versionOf(repository); }
+
+    // Whether another process changed the events since the last look. A commit that left them as
+    // they were (the bookkeeping of a sync pass that another process ran: its tokens and marks)
+    // is none: following it would start another pass. A store that cannot be asked counts as
+    // changed, so a change is never missed.
+    bool storeChangedElsewhere(Repository& repository) {
+        std::optional<std::int64_t> now = versionOf(repository);
+        if (now && now == dataVersion) {
+            return false;
+        }
         dataVersion = now;
+        auto events = now ? repository.tryFetchAll() : std::nullopt;
+        std::optional<std::uint64_t> read;
+        if (events) {
+            read = digestOf(*events);
+        }
+        bool changed = !read || read != digest;
+        digest = read;
         return changed;
     }
 };
@@ -128,14 +177,13 @@ void TrayApplication::startup() {
     Uuid stored = settings_.selectedEventId();
     Log::line("selectedEvent " + stored.uuidString());
 
-    // 8. The first title, before anything can change it.
+    // 8. The first title, before anything can change it. What it shows counts as this process's
+    // own; the store's version is taken first, so that a commit made meanwhile is looked at again.
+    impl_->seen(s_.repository);
     {
         Impl::OneReading reading(*impl_, s_.repository);
         rebuildEventsMenu(selection_.resolveDisplayedEvent(stored));
     }
-
-    // What this process has seen of the files so far counts as its own.
-    impl_->storeChangedElsewhere(s_.repository);
     s_.defaults.changedElsewhere();
 
     // 10.

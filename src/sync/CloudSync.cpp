@@ -1,15 +1,17 @@
 #include "sync/CloudSync.h"
 
 #include "cloud/RecordMapping.h"
-#include "platform/FileLock.h"
-#include "platform/Log.h"
+#include "sync/InProcessPasses.h"
 
 namespace almanor {
 
+CloudSync::CloudSync(SyncLedger& ledger, std::unique_ptr<PassRunner> runner)
+    : ledger_(ledger), runner_(std::move(runner)) {}
+
 CloudSync::CloudSync(SyncLedger& ledger, CloudServiceProvider provider, SettingsFile& defaults,
                      const Clock& clock, std::filesystem::path lockFile)
-    : ledger_(ledger), defaults_(defaults), clock_(clock), lockFile_(std::move(lockFile)),
-      cloud_(std::move(provider)) {}
+    : CloudSync(ledger, std::make_unique<InProcessPasses>(ledger, std::move(provider), defaults,
+                                                          clock, std::move(lockFile))) {}
 
 CloudSync::~CloudSync() {
     stop();
@@ -56,12 +58,7 @@ void CloudSync::stop() {
         stopping_ = true;
     }
     changed_.notify_all();
-    {
-        std::lock_guard lock(mutex_);
-        if (inFlight_)
-            inFlight_->service().cancel();
-    }
-    cloud_.cancelCreation();
+    runner_->stop();
     if (worker_.joinable())
         worker_.join();
     std::lock_guard lock(mutex_);
@@ -70,12 +67,12 @@ void CloudSync::stop() {
 }
 
 void CloudSync::networkCameBack() {
-    cloud_.networkCameBack();
+    runner_->networkCameBack();
     sync();
 }
 
 void CloudSync::accountChanged() {
-    cloud_.reset();
+    runner_->accountChanged();
     sync();
 }
 
@@ -87,64 +84,17 @@ void CloudSync::worker() {
             return;
         std::uint64_t pass = asked_;
         lock.unlock();
-        PassResult result = runPass(pass);
+        PassResult result = runner_->run([this, pass] {
+            std::lock_guard pulledLock(mutex_);
+            pulled_ = pass;
+            changed_.notify_all();
+        });
         lock.lock();
         last_ = result;
         pulled_ = std::max(pulled_, pass);
         done_ = pass;
         changed_.notify_all();
     }
-}
-
-PassResult CloudSync::runPass(std::uint64_t pass) {
-    PassResult result;
-    auto pulled = [&] {
-        std::lock_guard lock(mutex_);
-        pulled_ = pass;
-        changed_.notify_all();
-    };
-    std::shared_ptr<CloudRepository> cloud = cloud_.get();
-    if (!cloud) {
-        Log::line("Cloud not available for syncing");
-        result.problem = "the cloud is not available";
-        return result;
-    }
-    // Known to stop(), which cuts its requests off.
-    {
-        std::lock_guard lock(mutex_);
-        inFlight_ = cloud;
-    }
-    struct Landed {
-        CloudSync& sync;
-        ~Landed() {
-            std::lock_guard lock(sync.mutex_);
-            sync.inFlight_.reset();
-        }
-    } landed{*this};
-    FileLock lock(lockFile_, [this] { return !stopping_; });
-    if (!lock.held()) {
-        if (!stopping_)
-            Log::line("Failed to lock the store for syncing: " + lock.error());
-        result.problem = "the store could not be locked for syncing: " + lock.error();
-        return result;
-    }
-    // A stop that came while this pass started must still reach its service.
-    if (stopping_)
-        return result;
-    cloud->service().startPass();
-    SyncPass syncPass(*cloud, ledger_, defaults_, clock_, stopping_);
-    result.pulled = syncPass.pull();
-    pulled();
-    if (!stopping_)
-        result.pushed = syncPass.push();
-    result.problem = syncPass.problem();
-    result.received = syncPass.received();
-    result.sent = syncPass.sent();
-    // What failed has said so in its own line.
-    if (result.pulled && result.pushed)
-        Log::line("Synced: " + std::to_string(result.received) + " received, " +
-                  std::to_string(result.sent) + " sent");
-    return result;
 }
 
 } // namespace almanor

@@ -1,17 +1,17 @@
 #pragma once
 
-#include "cloud/CloudRepository.h"
 #include "cloud/CloudServiceProvider.h"
 #include "platform/Clock.h"
 #include "platform/Export.h"
 #include "storage/SyncLedger.h"
-#include "sync/SyncPass.h"
+#include "sync/PassRunner.h"
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -20,11 +20,12 @@ namespace almanor {
 class SettingsFile;
 
 // Keeps the store and the user's cloud in step: passes of a pull followed by a push, run one at a
-// time on a worker of their own. Two processes on one store take turns through a lock file beside
-// it. A pass asked for while one runs is run once after it.
+// time on a worker of their own. A pass asked for while one runs is run once after it.
 class ALMANOR_EXPORT CloudSync {
   public:
-    // `lockFile`: the file every process syncing this store locks for the length of a pass.
+    // Passes by `runner`; `ledger` tells whether the store has ever pulled.
+    CloudSync(SyncLedger& ledger, std::unique_ptr<PassRunner> runner);
+    // Passes in this process (InProcessPasses).
     CloudSync(SyncLedger& ledger, CloudServiceProvider provider, SettingsFile& defaults,
               const Clock& clock, std::filesystem::path lockFile);
     // Stops as stop() does.
@@ -53,13 +54,9 @@ class ALMANOR_EXPORT CloudSync {
 
   private:
     void worker();
-    PassResult runPass(std::uint64_t pass);
 
     SyncLedger& ledger_;
-    SettingsFile& defaults_;
-    const Clock& clock_;
-    std::filesystem::path lockFile_;
-    CloudRepositoryFactory cloud_;
+    std::unique_ptr<PassRunner> runner_;
 
     std::mutex mutex_;
     std::condition_variable changed_;
@@ -67,7 +64,6 @@ class ALMANOR_EXPORT CloudSync {
     std::uint64_t pulled_ = 0; // asks covered by a pass whose pull has ended
     std::uint64_t done_ = 0;   // asks covered by a pass that has ended
     PassResult last_;
-    std::shared_ptr<CloudRepository> inFlight_; // the cloud of the pass under way
     std::atomic<bool> stopping_{false};
     std::thread worker_;
 };

@@ -27,6 +27,8 @@ struct ALMANOR_EXPORT PassResult {
     std::string problem;      // the first thing that went wrong, one line
     std::size_t received = 0; // the server's changes written here
     std::size_t sent = 0;     // this machine's changes the server took
+    // No cloud to sync with: no account, or its service could not be had (its password, say).
+    bool unavailable = false;
 };
 
 // Which side wins when both changed one event: the later change, ties to the server. Times

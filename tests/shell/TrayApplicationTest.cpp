@@ -356,6 +356,9 @@ TEST_F(TrayApplicationTest, ChangesFromOtherProcessesAreFollowedAndOwnOnesHandle
     EXPECT_EQ(presenter.rebuilds, 2);
     EXPECT_EQ(title(), "Elsewhere 5 days");
     delegate->storeChangedOnDisk(); // a second event of the same watch
+    // A commit that leaves the events as they were (another process's sync bookkeeping).
+    LocalSyncLedger(other.local()).setSyncToken("zone", "token");
+    delegate->storeChangedOnDisk();
     mainThread.drain();
     EXPECT_EQ(heard, 1);
     EXPECT_EQ(presenter.rebuilds, 2);

@@ -45,7 +45,9 @@ class TrayCloudTest(unittest.TestCase):
         cls.laptop.almanor("sync")
 
         cls.d = desktop.Desktop(BIN)
-        cls.d.almanor(*cls.login)
+        # This machine's password command notes each time it is asked.
+        cls.asked = os.path.join(root, "asked")
+        cls.d.almanor(*cls.login[:-1], "echo >> %s; cat %s" % (cls.asked, cls.pwfile))
         cls.d.almanor("events", "add", "Dentist", "--date", "2030-06-01")  # made offline, not pushed yet
         cls.log = open(os.path.join(root, "tray.log"), "w+")
         # The dynamic linker's log of every symbol it binds, read after the window has opened.
@@ -76,6 +78,8 @@ class TrayCloudTest(unittest.TestCase):
                         "the start-up pass's summary")
         self.assertFalse([l for l in self.tray_log() if l.startswith("Populating ")])
         self.assertIn("Gym - Mon", desktop.rows())
+        # A child process ran the pass: the network stack stays out of the tray.
+        self.assertFalse([l for l in desktop.mapped_libraries(self.tray.pid) if l.startswith("libcurl")])
 
     def test_2_the_offline_event_is_pushed_at_start_up(self):
         self.wait_on_laptop({"Dentist"}, "the offline event on the laptop")
@@ -98,6 +102,9 @@ class TrayCloudTest(unittest.TestCase):
         self.assertEqual(len(names), len(set(names)), names)
         self.assertEqual(len(self.server.resources("com.vostrel.almanor.zone")), len(names))
         self.assertIsNone(self.tray.poll())
+        # Asked at login and by the tray's first pass; the tray handed it to every later one.
+        with open(self.asked) as f:
+            self.assertEqual(len(f.readlines()), 2)
 
     def test_5_the_window_follows_a_pull(self):
         second = subprocess.run([BIN + "/almanor"], capture_output=True, timeout=30)
@@ -114,8 +121,8 @@ class TrayCloudTest(unittest.TestCase):
         cells = lambda: [n.name for n in window.findChildren(lambda n: n.roleName == "table cell")]
         self.d.wait_for(lambda: "Picnic" in cells(), "the pulled event in the window")
 
-        # With the window and the CalDAV adapter loaded: one copy of each library in the process,
-        # and no library binds a symbol to the program itself.
+        # With the window loaded and passes run: one copy of each library in the process, and no
+        # library binds a symbol to the program itself.
         with open("/proc/%d/maps" % self.tray.pid) as f:
             paths = {line.split()[-1] for line in f if "/" in line}
         version = os.environ["ALMANOR_VERSION"]

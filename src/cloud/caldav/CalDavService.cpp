@@ -183,7 +183,10 @@ const HttpClient& CalDavService::client() const {
 HttpResponse CalDavService::send(const HttpRequest& request) const {
     const HttpClient& http = client();
     ++requests_;
-    return http.perform(request);
+    HttpResponse response = http.perform(request);
+    if (response.status == 401 && refusedListener_)
+        refusedListener_();
+    return response;
 }
 
 HttpResponse CalDavService::sendReading(HttpRequest request,

@@ -75,6 +75,10 @@ class CalDavService : public CloudService {
     void setCancelListener(std::function<void()> listener) {
         cancelListener_ = std::move(listener);
     }
+    // Called, from the requesting thread, whenever the server refuses the credentials (401).
+    void setRefusedListener(std::function<void()> listener) {
+        refusedListener_ = std::move(listener);
+    }
 
   private:
     struct Listing;
@@ -125,6 +129,7 @@ class CalDavService : public CloudService {
     std::string setupError_;
     PasswordSource password_;
     std::function<void()> cancelListener_;
+    std::function<void()> refusedListener_;
 
     mutable std::mutex mutex_; // guards the discovered addresses and the listener
     std::string home_;

@@ -1,5 +1,6 @@
 #include "cloud/caldav/CloudAccount.h"
 
+#include "cloud/PasswordHandover.h"
 #include "cloud/caldav/CalDavService.h"
 #include "platform/GlibOwners.h"
 #include "platform/SettingsFile.h"
@@ -216,16 +217,21 @@ std::string passwordFromCommand(const std::string& command, PasswordCommandLimit
     return first;
 }
 
-std::shared_ptr<CloudService> makeAccountCloudService(SettingsFile& defaults) {
+std::shared_ptr<CloudService>
+makeAccountCloudService(SettingsFile& defaults, const std::shared_ptr<PasswordHandover>& handover) {
     auto account = CloudAccount::load(defaults);
     if (!account)
         return std::make_shared<caldav::CalDavService>(std::string(), std::string(), nullptr);
     // Shared with the service: its cancel() cuts a password command off too.
     auto cancelled = std::make_shared<std::atomic<bool>>(false);
     auto service = std::make_shared<caldav::CalDavService>(
-        account->server, account->user,
-        [a = *account, cancelled] { return a.password(cancelled.get()); });
+        account->server, account->user, [a = *account, cancelled, handover] {
+            auto ask = [&] { return a.password(cancelled.get()); };
+            return handover ? handover->password(a, ask) : ask();
+        });
     service->setCancelListener([cancelled] { *cancelled = true; });
+    if (handover)
+        service->setRefusedListener([handover] { handover->refused(); });
     service->trustOrigins(account->origins);
     // An ordinary pull goes straight to the collection; discovery runs again only when the
     // collection is missing, and what it finds is kept for the next process.

@@ -13,6 +13,7 @@
 
 namespace almanor {
 
+class PasswordHandover;
 class SettingsFile;
 
 // The desktop keyring's item of an account (schema "com.vostrel.Almanor.CloudAccount"). Each
@@ -35,6 +36,10 @@ std::string passwordFromCommand(const std::string& command, PasswordCommandLimit
                                 const std::atomic<bool>* cancelled = nullptr);
 
 // The CalDAV service of the account in `defaults`; one that reports noAccount when there is none.
-std::shared_ptr<CloudService> makeAccountCloudService(SettingsFile& defaults);
+// Its password comes through `handover` when one is given, which is told when the server refuses
+// it.
+std::shared_ptr<CloudService>
+makeAccountCloudService(SettingsFile& defaults,
+                        const std::shared_ptr<PasswordHandover>& handover = nullptr);
 
 } // namespace almanor

@@ -2,7 +2,6 @@
 // its menu need GLib and GIO only; GTK comes with the window, loaded the first time it is opened.
 
 #include "cloud/CloudAccount.h"
-#include "cloud/CloudModule.h"
 #include "login/LaunchAtLogin.h"
 #include "login/XdgAutostartService.h"
 #include "model/DateWriter.h"
@@ -18,6 +17,7 @@
 #include "storage/LocalRepository.h"
 #include "storage/LocalSyncLedger.h"
 #include "storage/Repository.h"
+#include "sync/ChildProcessPasses.h"
 #include "sync/CloudSync.h"
 #include "ui/tray/DbusMenuPresenter.h"
 #include "ui/tray/GlibServices.h"
@@ -95,11 +95,15 @@ std::filesystem::path countIconFolder() {
     return base / "almanor" / ("count-icons-" + std::to_string(::getpid()));
 }
 
-// The file every process syncing the store locks for the length of a pass.
-std::filesystem::path syncLockFile(const LocalRepository& local) {
-    std::filesystem::path file = local.file();
-    file += ".sync-lock";
-    return file;
+// The almanor that runs the sync passes (`almanor sync`, as a child): the one beside this program
+// (a build tree), else where an install puts it; never one found on PATH. One that is missing is a
+// line when the first pass tries to start it.
+std::filesystem::path syncProgram(const std::filesystem::path& self) {
+    try {
+        return module::locate("almanor", ALMANOR_BIN_RELATIVE);
+    } catch (const ModuleError&) {
+        return (self.parent_path() / ALMANOR_BIN_RELATIVE / "almanor").lexically_normal();
+    }
 }
 
 // Which account the settings name, to notice a login or logout made while the tray runs.
@@ -115,10 +119,10 @@ struct Tray {
           repository(std::make_unique<LocalRepository>(paths::databaseDirectory(),
                                                        paths::databaseFileName, center, clock)),
           ledger(repository.local()),
-          // The user's calendar server, when `almanor cloud login` has named one; the adapter is
-          // loaded only then.
-          cloudSync(ledger, accountCloudServiceProvider(defaults, modulesFolder), defaults, clock,
-                    syncLockFile(repository.local())),
+          // The user's calendar server, when `almanor cloud login` has named one: each pass is
+          // a child `almanor sync`, so that the network stack and the keyring stay out of this
+          // long-lived process.
+          cloudSync(ledger, std::make_unique<ChildProcessPasses>(syncProgram(self), defaults)),
           account(accountName(defaults)), loginItems(paths::configHome(), almanorProgram(self)),
           launchAtLogin(loginItems, defaults),
           presenter(std::string(itemPath) + "/Menu",
