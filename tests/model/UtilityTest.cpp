@@ -1,6 +1,5 @@
 #include "model/Utility.h"
 
-#include "dates/IcuCalendar.h"
 #include "model/CivilCalendar.h"
 #include "model/Text.h"
 
@@ -14,166 +13,112 @@ using namespace std::chrono;
 
 namespace {
 
-// Every case runs on both calendars: the fast one must give the same counts as ICU's own.
-class UtilityTest : public testing::TestWithParam<bool> {
-  protected:
-    void SetUp() override {
-        if (GetParam()) {
-            cal = CivilCalendar::forZone("America/New_York");
-        } else {
-            cal = IcuCalendar::forZone("America/New_York");
-        }
-    }
-    Instant at(int y, unsigned m, unsigned d, int h = 0, int min = 0) const {
-        return cal->instant(
-            LocalTime(local_days(year(y) / m / d).time_since_epoch() + hours(h) + minutes(min)));
-    }
-    int count(Instant today, Instant date, Schedule s,
-              CountMethod m = CountMethod::standard) const {
-        return Utility::dayCount(*cal, today, Utility::occurrenceDate(*cal, today, date, s), m);
-    }
-    std::unique_ptr<DayCalendar> cal;
+// A wall-clock time in New York, where Sunday 10 March 2024 has 23 hours.
+struct Wall {
+    int y;
+    unsigned m, d;
+    int h = 0, min = 0;
 };
 
-// The week of 4 March 2024: Monday 4 ... Sunday 10 (also the day clocks go forward).
-constexpr unsigned mon = 4, wed = 6, thu = 7, fri = 8, sat = 9, sun = 10;
+const auto ny = CivilCalendar::forZone("America/New_York");
 
-TEST_P(UtilityTest, StandardCountsThePastWithAnExtraDay) {
-    Instant today = at(2024, 3, wed);
-    EXPECT_EQ(Utility::dayCount(*cal, today, today, CountMethod::standard), 0);
-    EXPECT_EQ(Utility::dayCount(*cal, today, at(2024, 3, thu), CountMethod::standard), 1);
-    EXPECT_EQ(Utility::dayCount(*cal, today, at(2024, 3, 5), CountMethod::standard), -2);
-    EXPECT_EQ(Utility::dayCount(*cal, today, at(2024, 2, 28), CountMethod::standard), -8);
-    // Across the 23-hour day: Saturday to Monday is still two days.
-    EXPECT_EQ(Utility::dayCount(*cal, at(2024, 3, sat), at(2024, 3, 11), CountMethod::standard), 2);
-    // A later time of day today is today, not tomorrow.
-    EXPECT_EQ(Utility::dayCount(*cal, today, at(2024, 3, wed, 23, 59), CountMethod::standard), 0);
-    EXPECT_EQ(Utility::dayCount(*cal, today, at(2024, 3, thu, 23, 59), CountMethod::standard), 1);
+Instant at(Wall w) {
+    return ny->instant(LocalTime(local_days(year(w.y) / w.m / w.d).time_since_epoch() + hours(w.h) +
+                                 minutes(w.min)));
 }
 
-TEST_P(UtilityTest, WeekdaysOnlyCountsMondayToFriday) {
-    auto wd = [&](Instant today, Instant target) {
-        return Utility::weekdaysBetween(*cal, today, target);
+TEST(Utility, CountsForEveryScheduleAndMethod) {
+    using enum Schedule;
+    using enum CountMethod;
+    struct Case {
+        Wall today, date;
+        Schedule schedule;
+        CountMethod method;
+        int days;
     };
-    EXPECT_EQ(wd(at(2024, 3, wed), at(2024, 3, fri)), 2);
-    EXPECT_EQ(wd(at(2024, 3, fri), at(2024, 3, 11)), 1);
-    EXPECT_EQ(wd(at(2024, 3, 11), at(2024, 3, fri)), -2);
-    EXPECT_EQ(wd(at(2024, 3, 3), at(2024, 3, sat)), 5);
-    EXPECT_EQ(wd(at(2024, 3, wed), at(2024, 3, wed)), 0);
-    EXPECT_EQ(wd(at(2024, 3, sun), at(2024, 3, sat)), 0);
-    // A Friday event seen on Saturday is one weekday ago.
-    EXPECT_EQ(wd(at(2024, 3, sat), at(2024, 3, fri)), -1);
-    // Whole weeks: Monday to the Monday four weeks later is 20 weekdays.
-    EXPECT_EQ(wd(at(2024, 3, mon), at(2024, 4, 1)), 20);
-    EXPECT_EQ(wd(at(2024, 4, 1), at(2024, 3, mon)), -21);
-}
-
-TEST_P(UtilityTest, WeekendTargetsMoveToFridayOrMonday) {
-    Instant today = at(2024, 3, wed);
-    EXPECT_EQ(Utility::weekendAdjustedCount(*cal, today, at(2024, 3, sun), -1), 2);
-    EXPECT_EQ(Utility::weekendAdjustedCount(*cal, today, at(2024, 3, sun), +1), 5);
-    EXPECT_EQ(Utility::weekendAdjustedCount(*cal, today, at(2024, 3, sat), -1), 2);
-    EXPECT_EQ(Utility::weekendAdjustedCount(*cal, today, at(2024, 3, sat), +1), 5);
-    // Weekdays stay; a past weekend target keeps the past's extra day.
-    EXPECT_EQ(Utility::weekendAdjustedCount(*cal, today, at(2024, 3, thu), -1), 1);
-    EXPECT_EQ(Utility::weekendAdjustedCount(*cal, at(2024, 3, 13), at(2024, 3, sun), +1), -3);
-    // Moved onto today: today!
-    EXPECT_EQ(Utility::weekendAdjustedCount(*cal, at(2024, 3, fri), at(2024, 3, sat), -1), 0);
-}
-
-TEST_P(UtilityTest, WeeklyCountsToTheNextWeekdayOrTheComingSunday) {
-    Instant pastFriday = at(2024, 2, 23, 9, 30);
-    EXPECT_EQ(count(at(2024, 3, fri), pastFriday, Schedule::weekly), 7);
-    EXPECT_EQ(count(at(2024, 3, thu), pastFriday, Schedule::weekly), 1);
-    EXPECT_EQ(count(at(2024, 3, sat), pastFriday, Schedule::weekly), 1); // to Sunday, by design
-    // A Monday event seen on Wednesday counts to the coming Sunday.
-    Instant pastMonday = at(2024, 2, 26);
-    Instant today = at(2024, 3, wed);
-    EXPECT_EQ(Utility::occurrenceDate(*cal, today, pastMonday, Schedule::weekly), at(2024, 3, sun));
-    // Never 0 once the first date has passed, but a first date later today is today.
-    EXPECT_EQ(count(at(2024, 3, mon), pastMonday, Schedule::weekly), 7);
-    EXPECT_EQ(count(today, at(2024, 3, wed, 18), Schedule::weekly), 0);
-    // Under weekdays-only, Saturday to the coming Sunday is 0.
-    EXPECT_EQ(count(at(2024, 3, sat), pastFriday, Schedule::weekly, CountMethod::excludeWeekends),
-              0);
-}
-
-TEST_P(UtilityTest, MonthlyRecursOnTheClampedDayAndComesBackToThe31st) {
-    Instant jan31 = at(2024, 1, 31);
-    EXPECT_EQ(Utility::occurrenceDate(*cal, at(2024, 2, 10), jan31, Schedule::monthly),
-              at(2024, 2, 29));
-    EXPECT_EQ(Utility::occurrenceDate(*cal, at(2024, 3, 1), jan31, Schedule::monthly),
-              at(2024, 3, 31));
-    EXPECT_EQ(Utility::occurrenceDate(*cal, at(2024, 4, 5), jan31, Schedule::monthly),
-              at(2024, 4, 30));
-    // Stored exactly at midnight today: already the next occurrence.
-    Instant mar6 = at(2024, 2, 6);
-    EXPECT_EQ(Utility::occurrenceDate(*cal, at(2024, 3, 6), mar6, Schedule::monthly),
-              at(2024, 4, 6));
-    // With a later time of day the recurrence day itself is today.
-    EXPECT_EQ(count(at(2024, 3, 6), at(2024, 2, 6, 14), Schedule::monthly), 0);
-    // Keeps its time of day across the DST change.
-    EXPECT_EQ(
-        Utility::occurrenceDate(*cal, at(2024, 3, 20), at(2024, 1, 25, 8, 15), Schedule::monthly),
-        at(2024, 3, 25, 8, 15));
-}
-
-TEST_P(UtilityTest, AnnualLeapDayRecursOnThe28thInCommonYears) {
-    Instant leap = at(2020, 2, 29);
-    EXPECT_EQ(Utility::occurrenceDate(*cal, at(2021, 3, 1), leap, Schedule::annually),
-              at(2022, 2, 28));
-    EXPECT_EQ(Utility::occurrenceDate(*cal, at(2023, 3, 1), leap, Schedule::annually),
-              at(2024, 2, 29));
-    EXPECT_EQ(Utility::occurrenceDate(*cal, at(2021, 2, 1), leap, Schedule::annually),
-              at(2021, 2, 28));
-}
-
-TEST_P(UtilityTest, OneOffAndFutureEventsAreNotMoved) {
-    Instant today = at(2024, 3, wed);
-    Instant past = at(2023, 12, 25, 10);
-    EXPECT_EQ(Utility::occurrenceDate(*cal, today, past, Schedule::none), past);
-    EXPECT_LT(count(at(2024, 6, 1), past, Schedule::none), count(today, past, Schedule::none));
-    Instant future = at(2024, 5, 1, 10);
-    for (auto s : {Schedule::none, Schedule::weekly, Schedule::monthly, Schedule::annually}) {
-        EXPECT_EQ(Utility::occurrenceDate(*cal, today, future, s), future);
+    // Around the week of Monday 4 March 2024.
+    const Case cases[] = {
+        // The past counts both days; later today is today; the 23-hour day is a whole day.
+        {{2024, 3, 6}, {2024, 3, 6, 23, 59}, none, standard, 0},
+        {{2024, 3, 6}, {2024, 3, 7, 23, 59}, none, standard, 1},
+        {{2024, 3, 6}, {2024, 3, 5}, none, standard, -2},
+        {{2024, 3, 6}, {2024, 2, 28}, none, standard, -8},
+        {{2024, 3, 9}, {2024, 3, 11}, none, standard, 2},
+        // Weekdays only.
+        {{2024, 3, 6}, {2024, 3, 8}, none, excludeWeekends, 2},
+        {{2024, 3, 8}, {2024, 3, 11}, none, excludeWeekends, 1},
+        {{2024, 3, 11}, {2024, 3, 8}, none, excludeWeekends, -2},
+        {{2024, 3, 3}, {2024, 3, 9}, none, excludeWeekends, 5},
+        {{2024, 3, 10}, {2024, 3, 9}, none, excludeWeekends, 0},
+        {{2024, 3, 9}, {2024, 3, 8}, none, excludeWeekends, -1},
+        {{2024, 3, 4}, {2024, 4, 1}, none, excludeWeekends, 20},
+        {{2024, 4, 1}, {2024, 3, 4}, none, excludeWeekends, -21},
+        {{2024, 3, 6}, {2024, 3, 6, 20}, none, excludeWeekends, 0},
+        // Weekend targets move to the Friday before or the Monday after.
+        {{2024, 3, 6}, {2024, 3, 10}, none, weekendUsesFridayBefore, 2},
+        {{2024, 3, 6}, {2024, 3, 9}, none, weekendUsesMondayAfter, 5},
+        {{2024, 3, 6}, {2024, 3, 7}, none, weekendUsesFridayBefore, 1},
+        {{2024, 3, 13}, {2024, 3, 10}, none, weekendUsesMondayAfter, -3},
+        {{2024, 3, 8}, {2024, 3, 9}, none, weekendUsesFridayBefore, 0},
+        {{2024, 3, 9}, {2024, 3, 9, 20}, none, weekendUsesMondayAfter, 2},
+        // Weekly: the next such weekday, or the coming Sunday once this week's has passed.
+        {{2024, 3, 8}, {2024, 2, 23, 9, 30}, weekly, standard, 7},
+        {{2024, 3, 7}, {2024, 2, 23, 9, 30}, weekly, standard, 1},
+        {{2024, 3, 9}, {2024, 2, 23, 9, 30}, weekly, standard, 1},
+        {{2024, 3, 6}, {2024, 2, 26}, weekly, standard, 4},
+        {{2024, 3, 4}, {2024, 2, 26}, weekly, standard, 7},
+        {{2024, 3, 6}, {2024, 3, 6, 18}, weekly, standard, 0},
+        {{2024, 3, 9}, {2024, 2, 23, 9, 30}, weekly, excludeWeekends, 0},
+        // Monthly on the clamped day and back to the 31st; at midnight today, next month's.
+        {{2024, 2, 10}, {2024, 1, 31}, monthly, standard, 19},
+        {{2024, 3, 1}, {2024, 1, 31}, monthly, standard, 30},
+        {{2024, 4, 5}, {2024, 1, 31}, monthly, standard, 25},
+        {{2024, 3, 6}, {2024, 2, 6}, monthly, standard, 31},
+        {{2024, 3, 6}, {2024, 2, 6, 14}, monthly, standard, 0},
+        // A leap day recurs on the 28th in common years.
+        {{2021, 3, 1}, {2020, 2, 29}, annually, standard, 364},
+        {{2023, 3, 1}, {2020, 2, 29}, annually, standard, 365},
+        {{2021, 2, 1}, {2020, 2, 29}, annually, standard, 27},
+        // Dates ahead stay whatever the schedule.
+        {{2024, 3, 6}, {2024, 5, 1, 10}, annually, standard, 56},
+    };
+    for (const auto& c : cases) {
+        Instant today = at(c.today);
+        Instant date = Utility::occurrenceDate(*ny, today, at(c.date), c.schedule);
+        EXPECT_EQ(Utility::dayCount(*ny, today, date, c.method), c.days)
+            << c.today.m << "/" << c.today.d << " to " << c.date.y << "/" << c.date.m << "/"
+            << c.date.d << " " << int(c.schedule) << " " << int(c.method);
     }
-    // Later today counts 0 with every method unless a weekend rule moves it.
-    Instant laterToday = at(2024, 3, wed, 20);
-    for (auto m : {CountMethod::standard, CountMethod::excludeWeekends,
-                   CountMethod::weekendUsesFridayBefore, CountMethod::weekendUsesMondayAfter}) {
-        EXPECT_EQ(Utility::dayCount(*cal, today, laterToday, m), 0);
+    // The time of day stays across the change to summer time.
+    EXPECT_EQ(Utility::occurrenceDate(*ny, at({2024, 3, 20}), at({2024, 1, 25, 8, 15}), monthly),
+              at({2024, 3, 25, 8, 15}));
+}
+
+TEST(Utility, StatusTextIsOneLine) {
+    const std::tuple<std::string, int, std::string> cases[] = {
+        {"Holiday", 0, "Holiday today!"},
+        {"Holiday", 1, "Holiday 1 day"},
+        {"Holiday", 12, "Holiday 12 days"},
+        {"Holiday", -1, "Holiday 1 day ago"},
+        {"Holiday", -3, "Holiday 3 days ago"},
+        // CR LF, tab, escape, DEL, NUL: a space each; bytes that are no UTF-8 stay as they are.
+        {"Two\r\nlines\tand\x1b[2Jmore\x7F", 3, "Two  lines and [2Jmore  3 days"},
+        {std::string("nul\0byte", 8), 2, "nul byte 2 days"},
+        {"bad\xC2\xFF\xE2\x80", 2, "bad\xC2\xFF\xE2\x80 2 days"},
+    };
+    for (const auto& [label, days, text] : cases) {
+        EXPECT_EQ(Utility::statusText(label, days), text);
     }
-    EXPECT_EQ(Utility::dayCount(*cal, at(2024, 3, sat), at(2024, 3, sat, 20),
-                                CountMethod::weekendUsesMondayAfter),
-              2);
+    Instant today = at({2025, 12, 20});
+    Event e(Uuid::random(), at({2025, 12, 25}), "Christmas Day", std::string("Xmas"),
+            Schedule::annually, CountMethod::standard);
+    EXPECT_EQ(Utility::statusText(*ny, e, today), "Xmas 5 days");
+    e.setAlias(std::string());
+    EXPECT_EQ(Utility::statusText(*ny, e, today + days(6)), "Christmas Day 364 days");
 }
 
-INSTANTIATE_TEST_SUITE_P(BothCalendars, UtilityTest, testing::Values(true, false),
-                         [](const auto& p) { return p.param ? "Civil" : "Icu"; });
-
-TEST(StatusText, Forms) {
-    EXPECT_EQ(Utility::statusText("Holiday", 0), "Holiday today!");
-    EXPECT_EQ(Utility::statusText("Holiday", 1), "Holiday 1 day");
-    EXPECT_EQ(Utility::statusText("Holiday", 12), "Holiday 12 days");
-    EXPECT_EQ(Utility::statusText("Holiday", -1), "Holiday 1 day ago");
-    EXPECT_EQ(Utility::statusText("Holiday", -3), "Holiday 3 days ago");
-    EXPECT_EQ(Utility::statusText("Holiday", 1000), "Holiday 1000 days");
-    EXPECT_EQ(Utility::statusText("", 0), " today!");
-    EXPECT_EQ(Utility::statusText("", 2), " 2 days");
-}
-
-TEST(StatusText, ALabelOfSeveralLinesGivesOneLine) {
-    // CR LF, tab, escape, DEL: one space each (every other character: below).
-    EXPECT_EQ(Utility::statusText("Two\r\nlines\tand\x1b[2Jmore\x7F", 3),
-              "Two  lines and [2Jmore  3 days");
-    // Bytes that are no UTF-8 are no control characters either: left as they are.
-    EXPECT_EQ(Utility::statusText("bad\xC2\xFF\xE2\x80", 2), "bad\xC2\xFF\xE2\x80 2 days");
-    EXPECT_EQ(Utility::statusText(std::string("nul\0byte", 8), 2), "nul byte 2 days");
-}
-
-// Character by character, the classes are ICU's: White_Space for trimming; control characters and
-// line and paragraph separators for one-line text.
-TEST(StatusText, CharacterClassesAreIcusForEveryCodePoint) {
+// Trimming takes ICU's White_Space; one-line text breaks at ICU's controls and separators.
+TEST(Utility, CharacterClassesAreIcusForEveryCodePoint) {
     for (char32_t c = 0; c <= 0x10FFFF; c = c == 0xD7FF ? 0xE000 : c + 1) {
         std::array<char, 4> bytes{};
         int32_t length = 0;
@@ -185,20 +130,6 @@ TEST(StatusText, CharacterClassesAreIcusForEveryCodePoint) {
         ASSERT_EQ(trimmed("x" + one), u_isUWhiteSpace(UChar32(c)) ? "x" : "x" + one) << int(c);
         ASSERT_EQ(controlsAsSpaces(one), breaks ? " " : one) << int(c);
     }
-}
-
-TEST(StatusText, AliasReplacesTheNameUnlessEmpty) {
-    auto cal = CivilCalendar::forZone("Europe/Prague");
-    Instant today = cal->instant(LocalTime(local_days(year(2025) / 12 / 20).time_since_epoch()));
-    Instant christmas =
-        cal->instant(LocalTime(local_days(year(2025) / 12 / 25).time_since_epoch()));
-    Event e(Uuid::random(), christmas, "Christmas Day", std::string("Xmas"), Schedule::annually,
-            CountMethod::standard);
-    EXPECT_EQ(Utility::statusText(*cal, e, today), "Xmas 5 days");
-    e.setAlias(std::string());
-    EXPECT_EQ(Utility::statusText(*cal, e, today), "Christmas Day 5 days");
-    e.setAlias(std::nullopt);
-    EXPECT_EQ(Utility::statusText(*cal, e, today + days(6)), "Christmas Day 364 days");
 }
 
 } // namespace

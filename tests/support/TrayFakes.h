@@ -14,7 +14,7 @@
 
 namespace almanor::test {
 
-// One shared journal, so a test can check the order in which different parts were called.
+// One journal shared by the stand-ins, for the order in which they were called.
 using Journal = std::vector<std::string>;
 
 class RecordingMenuPresenter final : public MenuPresenter {
@@ -68,17 +68,15 @@ class RecordingStatusItem final : public StatusItem {
 
 class RecordingStatusBar final : public StatusBar {
   public:
-    explicit RecordingStatusBar(Journal& journal) : journal_(journal), item(journal) {}
+    explicit RecordingStatusBar(Journal& journal) : item(journal), journal_(journal) {}
     StatusItem& createStatusItem() override {
         journal_.push_back("createStatusItem");
         return item;
     }
+    RecordingStatusItem item;
 
   private:
     Journal& journal_;
-
-  public:
-    RecordingStatusItem item;
 };
 
 class ManualScheduler final : public Scheduler {
