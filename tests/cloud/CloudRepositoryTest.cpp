@@ -1,9 +1,7 @@
 #include "cloud/CloudRepository.h"
 
 #include "FakeCloudService.h"
-#include "Instants.h"
 #include "LogCapture.h"
-#include "cloud/RecordMapping.h"
 
 #include <gtest/gtest.h>
 
@@ -19,38 +17,37 @@ struct Factory {
     int provided = 0;
     CloudRepositoryFactory factory{[this] {
         ++provided;
-        return std::static_pointer_cast<CloudService>(fake);
+        return fake;
     }};
 };
 
+// Each way of failing is one line and not tried again until the network comes back.
 TEST(CloudRepositoryFactory, EachFailureIsLoggedOnceAndNotRetried) {
-    struct Case {
-        const char* what;
-        std::function<void(FakeCloudService&)> arrange;
-        std::string line;
-    };
-    const std::vector<Case> cases = {
-        {"status fails", [](FakeCloudService& f) { f.failAll(Op::accountStatus); },
-         "Failed to check status of cloud: injected failure before the call"},
-        {"no account", [](FakeCloudService& f) { f.setAccountStatus(AccountStatus::noAccount); },
+    const std::vector<std::pair<std::function<void(Factory&)>, std::string>> cases = {
+        {[](Factory& f) { f.fake->failAll(Op::status); },
+         "Failed to check status of cloud: injected failure"},
+        {[](Factory& f) { f.fake->setAccountStatus(AccountStatus::noAccount); },
          "No CalDAV account configured"},
+        {[](Factory& f) {
+             f.fake->failAll(Op::saveZone);
+             EXPECT_FALSE(f.factory.get()->saveZone());
+             f.factory.giveUp();
+         },
+         "Failed to create zone: injected failure"},
     };
-    for (const auto& c : cases) {
+    for (const auto& [arrange, line] : cases) {
         test::LogCapture log;
         Factory f;
-        c.arrange(*f.fake);
-        EXPECT_EQ(f.factory.get(), nullptr) << c.what;
-        int asked = f.fake->calls(Op::accountStatus);
-        EXPECT_EQ(f.factory.get(), nullptr) << c.what;
-        EXPECT_EQ(f.fake->calls(Op::accountStatus), asked)
-            << c.what << ": asked again after giving up";
-        EXPECT_EQ(log.lines(), Lines{c.line}) << c.what;
-
-        // The network coming back lets it try once more.
+        arrange(f);
+        EXPECT_EQ(f.factory.get(), nullptr) << line;
+        EXPECT_EQ(f.factory.get(), nullptr) << line;
+        EXPECT_EQ(f.fake->calls(Op::status), 1) << line << ": asked again after giving up";
+        EXPECT_EQ(log.lines(), Lines{line});
         f.fake->clearFailures();
         f.fake->setAccountStatus(AccountStatus::available);
         f.factory.networkCameBack();
-        EXPECT_NE(f.factory.get(), nullptr) << c.what;
+        ASSERT_NE(f.factory.get(), nullptr) << line;
+        EXPECT_TRUE(f.factory.get()->saveZone());
     }
 }
 
@@ -62,11 +59,11 @@ TEST(CloudRepositoryFactory, OnlyNoAccountStopsCreationAndSuccessIsKept) {
         f.fake->setAccountStatus(status);
         auto first = f.factory.get();
         ASSERT_NE(first, nullptr);
-        EXPECT_EQ(f.fake->requests(), 0);
         EXPECT_EQ(f.factory.get(), first);
         EXPECT_EQ(f.factory.existing(), first);
         EXPECT_EQ(f.provided, 1);
-        EXPECT_EQ(f.fake->calls(Op::accountStatus), 1);
+        EXPECT_EQ(f.fake->requests(), 0);
+        EXPECT_EQ(f.fake->calls(Op::status), 1);
         EXPECT_TRUE(log.lines().empty());
     }
 }
@@ -79,25 +76,6 @@ TEST(CloudRepositoryFactory, WithoutAServiceThereIsNoAccount) {
     CloudRepositoryFactory empty{CloudServiceProvider{}};
     EXPECT_EQ(empty.get(), nullptr);
     EXPECT_EQ(log.lines(), (Lines{"No CalDAV account configured", "No CalDAV account configured"}));
-}
-
-TEST(CloudRepository, ZoneThatCannotBeCreatedIsOneLineAndTheFactoryGivesUp) {
-    test::LogCapture log;
-    Factory f;
-    f.fake->setFailureHook([](const FakeCloudService::Call& c) {
-        return c.op == Op::saveZone ? FakeCloudService::Failure::before
-                                    : FakeCloudService::Failure::none;
-    });
-    auto cloud = f.factory.get();
-    ASSERT_NE(cloud, nullptr);
-    EXPECT_FALSE(cloud->saveZone());
-    f.factory.giveUp();
-    EXPECT_EQ(f.factory.get(), nullptr);
-    EXPECT_EQ(log.lines(), Lines{"Failed to create zone: injected failure before the call"});
-    f.fake->clearFailures();
-    f.factory.networkCameBack();
-    ASSERT_NE(f.factory.get(), nullptr);
-    EXPECT_TRUE(f.factory.get()->saveZone());
 }
 
 } // namespace

@@ -16,16 +16,17 @@ using test::FakeCloudService;
 using Op = FakeCloudService::Op;
 using Lines = std::vector<std::string>;
 
-CloudRecord recordIn(const std::string& zone, const std::string& name) {
-    auto event = makeEvent(Uuid::random(), Instant{}, name, std::nullopt, Schedule::none,
-                           CountMethod::standard);
-    return recordFromEvent(CloudEvent{RecordId{name, zone}, event});
-}
+const std::string legacy(legacyZoneName), app(appZoneName);
 
 class ZoneDiscovery : public ::testing::Test {
   protected:
     std::optional<MigrationHelper> discover() {
         return MigrationHelper::findExistingRecords(fake, defaults);
+    }
+    void seedIn(const std::string& zone) {
+        fake->seed(recordFromEvent(CloudEvent{
+            RecordId{"old", zone}, makeEvent(Uuid::random(), Instant{}, "Old", std::nullopt,
+                                             Schedule::none, CountMethod::standard)}));
     }
 
     test::TempDir dir;
@@ -35,14 +36,6 @@ class ZoneDiscovery : public ::testing::Test {
     test::LogCapture log;
 };
 
-TEST_F(ZoneDiscovery, ZoneInUsePrefersTheAppZoneOnceSeen) {
-    EXPECT_EQ(MigrationHelper::zoneInUse(defaults), std::nullopt);
-    defaults.setString(Settings::recordZone, std::string(legacyZoneName));
-    EXPECT_EQ(MigrationHelper::zoneInUse(defaults), std::string(legacyZoneName));
-    defaults.setBoolean(Settings::appZoneUsed, true);
-    EXPECT_EQ(MigrationHelper::zoneInUse(defaults), std::string(appZoneName));
-}
-
 TEST_F(ZoneDiscovery, NoZonesMeansNothingToMigrate) {
     EXPECT_FALSE(discover());
     EXPECT_EQ(log.lines(), (Lines{"Finding existing cloud records",
@@ -51,64 +44,53 @@ TEST_F(ZoneDiscovery, NoZonesMeansNothingToMigrate) {
 }
 
 TEST_F(ZoneDiscovery, AppZoneWinsOverTheLegacyOneAndIsRememberedForGood) {
-    fake->seed(recordIn(std::string(legacyZoneName), "old"));
+    seedIn(legacy);
     fake->seedZone("Personal");
-    fake->seedZone(std::string(appZoneName));
+    fake->seedZone(app);
     auto reader = discover();
     ASSERT_TRUE(reader);
-    EXPECT_EQ(reader->zoneName(), appZoneName);
-    EXPECT_TRUE(defaults.boolean(Settings::appZoneUsed));
-    EXPECT_EQ(defaults.string(Settings::recordZone), std::string(appZoneName));
-    EXPECT_EQ(
-        log.lines(),
-        (Lines{"Finding existing cloud records",
-               "Zone com.apple.coredata.cloudkit.zone at memory:/com.apple.coredata.cloudkit.zone/",
-               "Zone Personal at memory:/Personal/",
-               "Zone com.vostrel.almanor.zone at memory:/com.vostrel.almanor.zone/"}));
-
-    // Next start: no listing at all.
-    int listings = fake->calls(Op::fetchAllZones);
-    ASSERT_TRUE(discover());
-    EXPECT_EQ(fake->calls(Op::fetchAllZones), listings);
+    EXPECT_EQ(reader->zoneName(), app);
+    EXPECT_EQ(defaults.string(Settings::recordZone), app);
+    EXPECT_EQ(log.lines(),
+              (Lines{"Finding existing cloud records", "Zone Personal at memory:/Personal/",
+                     "Zone " + legacy + " at memory:/" + legacy + "/",
+                     "Zone " + app + " at memory:/" + app + "/"}));
+    // Next start: no listing at all, whatever the stored name says.
+    defaults.setString(Settings::recordZone, legacy);
+    EXPECT_EQ(discover()->zoneName(), app);
+    EXPECT_EQ(fake->calls(Op::zones), 1);
 }
 
 TEST_F(ZoneDiscovery, LegacyZoneCountsOnlyWithRecordsAndNamesMatchExactly) {
-    fake->seedZone(std::string(legacyZoneName));
+    fake->seedZone(legacy);
     fake->seedZone("COM.VOSTREL.ALMANOR.ZONE");
     EXPECT_FALSE(discover());
-    EXPECT_FALSE(defaults.boolean(Settings::appZoneUsed));
-
-    fake->seed(recordIn(std::string(legacyZoneName), "old"));
+    seedIn(legacy);
     auto reader = discover();
     ASSERT_TRUE(reader);
-    EXPECT_EQ(reader->zoneName(), legacyZoneName);
+    EXPECT_EQ(reader->zoneName(), legacy);
     EXPECT_FALSE(defaults.boolean(Settings::appZoneUsed));
     auto events = reader->fetchRecords(clock);
     ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0].recordId, (RecordId{"old", std::string(legacyZoneName)}));
+    EXPECT_EQ(events[0].recordId, (RecordId{"old", legacy}));
 }
 
-TEST_F(ZoneDiscovery, FailedListingFallsBackToTheStoredZone) {
+TEST_F(ZoneDiscovery, FailedRequestsFallBackToTheStoredZoneWithTheirLines) {
     defaults.setString(Settings::recordZone, "_default");
-    fake->failAll(Op::fetchAllZones, "timed out");
-    fake->seed(recordIn("_default", "in-default"));
+    fake->failAll(Op::zones, "timed out");
+    seedIn("_default");
     auto reader = discover();
     ASSERT_TRUE(reader);
     EXPECT_EQ(reader->zoneName(), "_default");
-    fake->clearFailures();
-    ASSERT_EQ(reader->fetchRecords(clock).size(), 1u);
-    EXPECT_EQ(log.lines(),
-              (Lines{"Finding existing cloud records", "Failed to fetch zone: timed out"}));
-}
-
-TEST_F(ZoneDiscovery, FailedQueriesGiveEmptyAnswersWithTheirLines) {
-    fake->seed(recordIn(std::string(legacyZoneName), "old"));
     fake->failAll(Op::query, "HTTP 500");
-    EXPECT_FALSE(MigrationHelper::hasRecords(*fake, std::string(legacyZoneName)));
-    MigrationHelper reader(fake, std::string(legacyZoneName));
-    EXPECT_TRUE(reader.fetchRecords(clock).empty());
-    EXPECT_EQ(log.lines(), (Lines{"Failed to check for records: HTTP 500",
-                                  "Failed to fetch records: HTTP 500"}));
+    EXPECT_FALSE(MigrationHelper::hasRecords(*fake, "_default"));
+    EXPECT_TRUE(reader->fetchRecords(clock).empty());
+    fake->clearFailures();
+    EXPECT_EQ(reader->fetchRecords(clock).size(), 1u);
+    EXPECT_EQ(
+        log.lines(),
+        (Lines{"Finding existing cloud records", "Failed to fetch zone: timed out",
+               "Failed to check for records: HTTP 500", "Failed to fetch records: HTTP 500"}));
 }
 
 } // namespace

@@ -1,0 +1,72 @@
+#pragma once
+
+#include "FakeCloudService.h"
+#include "Instants.h"
+#include "cloud/RecordMapping.h"
+#include "platform/Settings.h"
+#include "platform/SettingsFile.h"
+#include "storage/LocalRepository.h"
+#include "storage/LocalSyncLedger.h"
+#include "storage/MigrationManager.h"
+
+#include <algorithm>
+
+namespace almanor::test {
+
+using Names = std::vector<std::string>;
+
+inline EventPtr event(const std::string& name, Instant date = utc(2030, 5, 1)) {
+    return makeEvent(Uuid::random(), date, name, std::nullopt, Schedule::none,
+                     CountMethod::standard);
+}
+
+// One machine (or one process of it): its store, the real SQLite file, with the sync's ledger
+// over it, and its settings, which know the app's zone.
+struct Machine {
+    Machine(const std::filesystem::path& home, const Clock& clock)
+        : defaults(home / "settings.ini"), store(home, "EventsV1.db", center, clock) {
+        defaults.setBoolean(Settings::appZoneUsed, true);
+        store.connection().run(MigrationManager::createTableStatement(store.events()));
+    }
+    void rename(const Uuid& id, const std::string& name) {
+        const Event& e = *row(id)->event;
+        store.update(*makeEvent(id, e.date(), name, e.alias(), e.schedule(), e.countMethod()));
+    }
+    void remove(const Uuid& id) { store.deleteEvent(*row(id)->event); }
+    std::optional<SyncRow> row(const Uuid& id) {
+        for (auto& r : ledger.syncRows())
+            if (r.event->id() == id)
+                return r;
+        return std::nullopt;
+    }
+    Names liveNames() {
+        Names names;
+        for (auto& e : store.fetchAll())
+            names.push_back(e->name());
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+    std::size_t pending() {
+        auto rows = ledger.syncRows();
+        return std::count_if(rows.begin(), rows.end(),
+                             [](const SyncRow& r) { return r.pending(); });
+    }
+
+    Signals center;
+    SettingsFile defaults;
+    LocalRepository store;
+    LocalSyncLedger ledger{store};
+};
+
+// The names of the events a zone of the server holds, sorted.
+inline Names namesIn(const FakeCloudService& server,
+                     const std::string& zone = std::string(appZoneName)) {
+    Names names;
+    FixedClock clock{Instant{}};
+    for (const auto& [resource, remote] : server.stored(zone))
+        names.push_back(eventFromRecord(remote.record, clock).event->name());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+} // namespace almanor::test
