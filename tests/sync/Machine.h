@@ -29,7 +29,8 @@ struct Machine {
         store.connection().run(MigrationManager::createTableStatement(store.events()));
     }
     void rename(const Uuid& id, const std::string& name) {
-        const Event& e = *row(id)->event;
+        const auto event = row(id)->event; // the row is a temporary; its event must outlive it
+        const Event& e = *event;
         store.update(*makeEvent(id, e.date(), name, e.alias(), e.schedule(), e.countMethod()));
     }
     void remove(const Uuid& id) { store.deleteEvent(*row(id)->event); }
