@@ -3,6 +3,7 @@
 #include "cloud/RecordMapping.h"
 #include "platform/FileLock.h"
 #include "platform/Log.h"
+#include "platform/Translation.h"
 
 namespace almanor {
 
@@ -106,7 +107,7 @@ PassResult CloudSync::runPass(std::uint64_t pass) {
     std::shared_ptr<CloudRepository> cloud = cloud_.get();
     if (!cloud) {
         Log::line("Cloud not available for syncing");
-        result.problem = "the cloud is not available";
+        result.problem = _("the cloud is not available");
         return result;
     }
     // Known to stop(), which cuts its requests off.
@@ -125,7 +126,8 @@ PassResult CloudSync::runPass(std::uint64_t pass) {
     if (!lock.held()) {
         if (!stopping_)
             Log::line("Failed to lock the store for syncing: " + lock.error());
-        result.problem = "the store could not be locked for syncing: " + lock.error();
+        result.problem =
+            formatText(_("the store could not be locked for syncing: %s"), {lock.error()});
         return result;
     }
     // A stop that came while this pass started must still reach its service.

@@ -2,6 +2,7 @@
 
 #include "dates/DateText.h"
 #include "model/DayCalendar.h"
+#include "platform/Translation.h"
 #include "storage/Repository.h"
 #include "ui/window/EventEditor.h"
 
@@ -94,12 +95,12 @@ class EditorView {
         countHelp_ = widget<Gtk::Label>(builder_, "count-help");
         save_ = widget<Gtk::Button>(builder_, "save");
         cancel_ = widget<Gtk::Button>(builder_, "cancel");
-        widget<Gtk::Label>(builder_, "alias-help")->set_text(std::string(EventEditor::aliasHelp));
+        widget<Gtk::Label>(builder_, "alias-help")->set_text(_(EventEditor::aliasHelp.data()));
         for (std::size_t i = 0; i < schedules_.size(); ++i) {
             schedules_[i] = widget<Gtk::RadioButton>(builder_, scheduleIds[i]);
         }
         for (auto choice : EventEditor::countChoices) {
-            count_->append(std::string(choice));
+            count_->append(_(choice.data())); // (the choices are literals: ended by a NUL)
         }
     }
 
@@ -292,16 +293,16 @@ struct ManageEventsWindowGtk::Impl {
         list = std::make_unique<Gtk::TreeView>(rows);
         list->set_headers_visible(false);
         list->set_enable_search(false);
-        list->get_accessible()->set_name("Events");
+        list->get_accessible()->set_name(_("Events"));
         auto* name = Gtk::make_managed<Gtk::CellRendererText>();
         name->property_ellipsize() = Pango::ELLIPSIZE_END;
-        auto* nameColumn = Gtk::make_managed<Gtk::TreeViewColumn>("Name", *name);
+        auto* nameColumn = Gtk::make_managed<Gtk::TreeViewColumn>(_("Name"), *name);
         nameColumn->add_attribute(name->property_text(), columns.name);
         nameColumn->add_attribute(name->property_weight(), columns.weight);
         auto* alias = Gtk::make_managed<Gtk::CellRendererText>();
         alias->property_ellipsize() = Pango::ELLIPSIZE_END;
         alias->property_foreground() = "gray";
-        auto* aliasColumn = Gtk::make_managed<Gtk::TreeViewColumn>("Alias", *alias);
+        auto* aliasColumn = Gtk::make_managed<Gtk::TreeViewColumn>(_("Alias"), *alias);
         aliasColumn->add_attribute(alias->property_text(), columns.alias);
         // Rows of one height, laid out without measuring each: the name takes what the alias
         // leaves.
@@ -432,7 +433,7 @@ struct ManageEventsWindowGtk::Impl {
         list->get_selection()->unselect_all();
         selecting = false;
         showDetail();
-        addDialog = std::make_unique<Gtk::Dialog>("Add Event", *window, true);
+        addDialog = std::make_unique<Gtk::Dialog>(_("Add Event"), *window, true);
         addDialog->set_resizable(false);
         addEditor = std::make_unique<EditorView>(std::make_unique<EventEditor>(repository, clock),
                                                  [this] { closeAdd(); });
@@ -470,7 +471,7 @@ struct ManageEventsWindowGtk::Impl {
         confirm = std::make_unique<ConfirmDelete>(
             state.selectedEvent(), [this] { closeDelete(); },
             [this](const Event& event) { repository.deleteEvent(event); });
-        deleteDialog = std::make_unique<Gtk::Dialog>("Delete Event", *window, true);
+        deleteDialog = std::make_unique<Gtk::Dialog>(_("Delete Event"), *window, true);
         deleteDialog->set_resizable(false);
         auto* area = deleteDialog->get_content_area();
         area->set_spacing(20);
@@ -480,8 +481,8 @@ struct ManageEventsWindowGtk::Impl {
         question->set_line_wrap(true);
         area->pack_start(*question, Gtk::PACK_EXPAND_WIDGET);
         auto* buttons = Gtk::make_managed<Gtk::Box>(Gtk::ORIENTATION_HORIZONTAL, 0);
-        auto* cancel = Gtk::make_managed<Gtk::Button>("Cancel");
-        auto* confirmButton = Gtk::make_managed<Gtk::Button>("Confirm");
+        auto* cancel = Gtk::make_managed<Gtk::Button>(_("Cancel"));
+        auto* confirmButton = Gtk::make_managed<Gtk::Button>(_("Confirm"));
         for (auto [button, colour] : {std::pair{cancel, "gray"}, std::pair{confirmButton, "red"}}) {
             button->get_style_context()->add_class("sheet-button");
             button->get_style_context()->add_class(colour);
