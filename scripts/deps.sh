@@ -10,9 +10,11 @@ packages=(
   libcli11-dev nlohmann-json3-dev
   libgtkmm-3.0-dev libdbusmenu-glib-dev libayatana-appindicator3-dev
   libcurl4-openssl-dev libxml2-dev libical-dev libsecret-1-dev
+  gettext
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev
   sqlite3 hyperfine
+  locales
   clang libclang-rt-14-dev clang-format clang-tidy
   desktop-file-utils appstream
   xvfb xauth x11-utils imagemagick dbus-x11 at-spi2-core python3-dogtail xdotool
