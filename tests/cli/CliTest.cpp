@@ -7,6 +7,7 @@
 #include "platform/Signals.h"
 #include "storage/LocalRepository.h"
 
+#include <array>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -36,10 +37,13 @@ struct Result {
 
 class CliTest : public testing::Test {
   protected:
-    Result run(std::vector<std::string> args, const std::string& tz = "America/New_York") const {
-        std::vector<std::string> env = {
-            "HOME=" + home.path().string(), "XDG_CONFIG_HOME=" + (home / "config").string(),
-            "XDG_DATA_HOME=" + (home / "data").string(), "TZ=" + tz, "LANG=C.UTF-8"};
+    Result run(std::vector<std::string> args, const std::string& tz = "America/New_York",
+               const std::vector<std::string>& language = {"LANG=C.UTF-8"}) const {
+        std::vector<std::string> env = {"HOME=" + home.path().string(),
+                                        "XDG_CONFIG_HOME=" + (home / "config").string(),
+                                        "XDG_DATA_HOME=" + (home / "data").string(), "TZ=" + tz,
+                                        std::string("LOCPATH=") + ALMANOR_TEST_LOCALES};
+        env.insert(env.end(), language.begin(), language.end());
         for (char** e = environ; *e != nullptr; ++e) {
             std::string v = *e;
             if (v.rfind("ASAN_", 0) == 0 || v.rfind("UBSAN_", 0) == 0 || v.rfind("LSAN_", 0) == 0) {
@@ -235,6 +239,34 @@ TEST_F(CliTest, UnknownIdsExitOneWithOneLineAndChangeNothing) {
     ASSERT_EQ(run({"events", "delete", id}).status, 0);
     EXPECT_EQ(run({"events", "delete", id}).status, 1);
     EXPECT_EQ(run({"select", id}).status, 1);
+}
+
+// The language as GNU programs choose it: LANGUAGE unless the locale is C (C.UTF-8 is not C),
+// then LC_ALL, LC_MESSAGES, LANG; English where no catalogue speaks it. Results stay as they are.
+TEST_F(CliTest, MessagesSpeakTheUsersLanguage) {
+    add({"Trip", "--date", localDate("America/New_York", 2)});
+    const std::array<std::string, 2> german{"Trip 2 Tage\n",
+                                            "kein Ereignis mit der Kennung ABCD\n"},
+        czech{"Trip 2 dny\n", "žádná událost s identifikátorem ABCD\n"},
+        english{"Trip 2 days\n", "no event with id ABCD\n"};
+    for (const auto& [language, expected] :
+         std::vector<std::pair<std::vector<std::string>, std::array<std::string, 2>>>{
+             {{"LANG=de_DE.UTF-8"}, german},
+             {{"LANG=de_DE.UTF-8", "LC_MESSAGES=cs_CZ.UTF-8"}, czech},
+             {{"LC_MESSAGES=de_DE.UTF-8", "LC_ALL=cs_CZ.UTF-8"}, czech},
+             {{"LANG=cs_CZ.UTF-8", "LANGUAGE=fr:de"}, german},
+             {{"LANG=C.UTF-8", "LANGUAGE=cs"}, czech},
+             {{"LANG=C", "LANGUAGE=de"}, english},
+             {{"LANG=de_AT.UTF-8", "LANGUAGE=de"}, english}, // no such locale: C
+             {{"LANG=C.UTF-8", "LANGUAGE=fr"}, english}}) {
+        EXPECT_EQ(run({"status"}, "America/New_York", language).out, expected[0]) << language[0];
+        EXPECT_EQ(run({"events", "delete", "abcd"}, "America/New_York", language).err, expected[1])
+            << language[0];
+    }
+    Json json =
+        Json::parse(run({"status", "--json"}, "America/New_York", {"LANG=de_DE.UTF-8"}).out);
+    EXPECT_EQ(json["text"], "Trip 2 Tage");
+    EXPECT_EQ(json["class"], "upcoming");
 }
 
 TEST_F(CliTest, EveryCommandTakesAUniquePrefixOfFourOrMoreInEitherCase) {

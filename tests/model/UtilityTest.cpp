@@ -1,5 +1,6 @@
 #include "model/Utility.h"
 
+#include "Language.h"
 #include "dates/IcuCalendar.h"
 #include "model/CivilCalendar.h"
 #include "model/Text.h"
@@ -160,6 +161,27 @@ TEST(StatusText, Forms) {
     EXPECT_EQ(Utility::statusText("Holiday", 1000), "Holiday 1000 days");
     EXPECT_EQ(Utility::statusText("", 0), " today!");
     EXPECT_EQ(Utility::statusText("", 2), " 2 days");
+}
+
+// Each language's plural rule, from its catalogue: Czech has a form for 2 to 4 (not for 22), and
+// both decline the count after "ago" differently.
+TEST(StatusText, FormsInGermanAndCzech) {
+    const std::vector<std::pair<int, std::array<const char*, 2>>> forms{
+        {0, {"Urlaub heute!", "Urlaub dnes!"}},
+        {1, {"Urlaub 1 Tag", "Urlaub 1 den"}},
+        {2, {"Urlaub 2 Tage", "Urlaub 2 dny"}},
+        {5, {"Urlaub 5 Tage", "Urlaub 5 dní"}},
+        {22, {"Urlaub 22 Tage", "Urlaub 22 dní"}},
+        {-1, {"Urlaub vor 1 Tag", "Urlaub před 1 dnem"}},
+        {-3, {"Urlaub vor 3 Tagen", "Urlaub před 3 dny"}},
+        {-5, {"Urlaub vor 5 Tagen", "Urlaub před 5 dny"}},
+    };
+    for (std::size_t language = 0; language < 2; ++language) {
+        test::Language speaking(language == 0 ? "de_DE.UTF-8" : "cs_CZ.UTF-8");
+        for (const auto& [count, texts] : forms) {
+            EXPECT_EQ(Utility::statusText("Urlaub", count), texts[language]) << count;
+        }
+    }
 }
 
 TEST(StatusText, ALabelOfSeveralLinesGivesOneLine) {

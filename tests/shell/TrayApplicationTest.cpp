@@ -1,6 +1,7 @@
 #include "shell/TrayApplication.h"
 
 #include "FakeCloudService.h"
+#include "Language.h"
 #include "LocalInstants.h"
 #include "LogCapture.h"
 #include "TempDir.h"
@@ -239,6 +240,21 @@ TEST_F(TrayApplicationTest, WithoutEventsTheMenuHoldsOnlyTheAutomaticRows) {
     EXPECT_EQ(marked(), std::vector<std::string>{});
     // The selection is left alone.
     EXPECT_EQ(SettingsFile(defaults.file()).string(Settings::selectedEvent), std::nullopt);
+}
+
+TEST_F(TrayApplicationTest, TheMenuSpeaksTheUsersLanguage) {
+    add("Birthday", at(1990, 3, 5), Schedule::annually);
+    for (auto [locale, quit, next, annual] :
+         {std::tuple{"de_DE.UTF-8", "Beenden", "Nächstes anstehendes Ereignis",
+                     "Jährliche Ereignisse"},
+          std::tuple{"cs_CZ.UTF-8", "Ukončit", "Nejbližší nadcházející událost",
+                     "Výroční události"}}) {
+        test::Language speaking(locale);
+        start();
+        EXPECT_EQ(presenter.menu().back().title, quit);
+        EXPECT_EQ(presenter.titles().at(1), next);
+        EXPECT_EQ(presenter.titles().at(4), annual);
+    }
 }
 
 TEST_F(TrayApplicationTest, ChoosingARowMarksItEvenWhenAnotherEventEndsUpShown) {
