@@ -1,27 +1,25 @@
 #pragma once
-// A test's texts in a language, through the build's own catalogues, in a locale the build made
-// (tests/CMakeLists.txt); English again when it ends.
+// A test in a locale the build made, speaking through the build's catalogues (two folders above
+// the test programs) as the programs do; English again when it ends.
 
 #include "platform/Translation.h"
 
 #include <clocale>
 #include <cstdlib>
-#include <gtest/gtest.h>
 
 namespace almanor::test {
 
-class Language {
-  public:
+struct Language {
     explicit Language(const char* locale) {
         ::setenv("LOCPATH", ALMANOR_TEST_LOCALES, 1);
+        ::setenv("LC_ALL", locale, 1);
         ::unsetenv("LANGUAGE");
-        ::bindtextdomain(textDomain, ALMANOR_TEST_CATALOGUES);
-        ::bind_textdomain_codeset(textDomain, "UTF-8");
-        EXPECT_NE(std::setlocale(LC_MESSAGES, locale), nullptr) << locale << " was not made";
+        useTheUsersLanguage("../../locale");
     }
-    ~Language() { std::setlocale(LC_MESSAGES, "C"); }
-    Language(const Language&) = delete;
-    Language& operator=(const Language&) = delete;
+    ~Language() {
+        ::unsetenv("LC_ALL");
+        std::setlocale(LC_ALL, "C");
+    }
 };
 
 } // namespace almanor::test
