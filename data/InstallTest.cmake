@@ -13,7 +13,9 @@ foreach(path
     share/applications/com.vostrel.Almanor.desktop
     share/metainfo/com.vostrel.Almanor.metainfo.xml
     share/icons/hicolor/scalable/apps/com.vostrel.Almanor.svg
-    share/icons/hicolor/symbolic/apps/com.vostrel.Almanor-symbolic.svg)
+    share/icons/hicolor/symbolic/apps/com.vostrel.Almanor-symbolic.svg
+    share/locale/de/LC_MESSAGES/almanor.mo
+    share/locale/cs/LC_MESSAGES/almanor.mo)
   if(NOT EXISTS ${PREFIX}/${path})
     message(FATAL_ERROR "missing after install: ${path}")
   endif()
@@ -42,11 +44,18 @@ if(linked MATCHES "not found" OR linked MATCHES "${BUILD}/libalmanor"
 endif()
 # The installed almanor finds the installed CalDAV module (logging out without an account loads it
 # and says there is none).
-execute_process(COMMAND env XDG_CONFIG_HOME=${PREFIX}/config XDG_DATA_HOME=${PREFIX}/data
+execute_process(COMMAND env LC_ALL=C XDG_CONFIG_HOME=${PREFIX}/config XDG_DATA_HOME=${PREFIX}/data
                         ${PREFIX}/bin/almanor cloud logout
                 RESULT_VARIABLE result ERROR_VARIABLE err OUTPUT_QUIET TIMEOUT 20)
 if(NOT result EQUAL 0 OR NOT err STREQUAL "no cloud account\n")
   message(FATAL_ERROR "the installed almanor did not load its CalDAV module: ${result}: ${err}")
+endif()
+# And its catalogues (C.UTF-8 honours LANGUAGE, as in every GNU program).
+execute_process(COMMAND env -u LC_ALL -u LC_MESSAGES LANG=C.UTF-8 LANGUAGE=cs XDG_CONFIG_HOME=${PREFIX}/config
+                        XDG_DATA_HOME=${PREFIX}/data ${PREFIX}/bin/almanor cloud logout
+                ERROR_VARIABLE err OUTPUT_QUIET TIMEOUT 20)
+if(NOT err STREQUAL "žádný cloudový účet\n")
+  message(FATAL_ERROR "the installed almanor did not find its catalogues: ${err}")
 endif()
 file(READ ${PREFIX}/share/metainfo/com.vostrel.Almanor.metainfo.xml metainfo)
 if(metainfo MATCHES "@PROJECT_VERSION@")

@@ -10,12 +10,13 @@ packages=(
   libcli11-dev nlohmann-json3-dev
   libgtkmm-3.0-dev libdbusmenu-glib-dev libayatana-appindicator3-dev
   libcurl4-openssl-dev libxml2-dev libical-dev libsecret-1-dev
-  scdoc
+  scdoc gettext
   # the Debian package (scripts/package) and its checks
   dpkg-dev debhelper fakeroot lintian man-db
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev
   sqlite3 hyperfine fish
+  locales
   clang libclang-rt-14-dev clang-format clang-tidy
   desktop-file-utils appstream
   xvfb xauth x11-utils imagemagick dbus-x11 at-spi2-core python3-dogtail xdotool

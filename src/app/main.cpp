@@ -3,6 +3,7 @@
 // commands load the CalDAV adapter's module when they need it.
 
 #include "Commands.h"
+#include "platform/Translation.h"
 
 #include <cerrno>
 #include <climits>
@@ -14,6 +15,9 @@
 
 #ifndef ALMANOR_TRAY_RELATIVE
 #define ALMANOR_TRAY_RELATIVE "../libexec/almanor/almanor-tray"
+#endif
+#ifndef ALMANOR_LOCALE_RELATIVE
+#define ALMANOR_LOCALE_RELATIVE "../share/locale"
 #endif
 
 namespace {
@@ -54,19 +58,27 @@ bool locate(const Self& self, const char* name, const char* installed, char (&ou
     return false;
 }
 
+// A line on standard error, in the user's language (the command line and the tray set it up
+// themselves; this program's own failures come before either).
+void tell(const char* message, std::initializer_list<std::string_view> values = {}) {
+    almanor::useTheUsersLanguage(ALMANOR_LOCALE_RELATIVE);
+    std::fprintf(stderr, "almanor: %s\n", almanor::formatText(almanor::_(message), values).c_str());
+}
+
 // The tray is a program of its own, so that the command line loads no GUI library.
 int startTray(const Self& self) {
     char tray[PATH_MAX];
     if (!locate(self, "almanor-tray", ALMANOR_TRAY_RELATIVE, tray)) {
-        std::fprintf(stderr, "almanor: the tray (almanor-tray) is not installed beside %s\n",
-                     self.path);
+        tell(almanor::N_("the tray (almanor-tray) is not installed beside %s"), {self.path});
         return 3;
     }
     // Login items start the almanor that enabled them: the tray needs to know which one that is.
     ::setenv("ALMANOR_LAUNCHER", self.path, 1);
     char* args[] = {tray, nullptr};
     ::execv(tray, args);
-    std::fprintf(stderr, "almanor: cannot start the tray %s: %s\n", tray, std::strerror(errno));
+    int error = errno;
+    almanor::useTheUsersLanguage(ALMANOR_LOCALE_RELATIVE); // before strerror, which it translates
+    tell(almanor::N_("cannot start the tray %s: %s"), {tray, std::strerror(error)});
     return 3;
 }
 
@@ -81,7 +93,7 @@ bool isCloudCommand(std::string_view command) {
 int main(int argc, char** argv) {
     Self self;
     if (!findSelf(argv[0], self)) {
-        std::fprintf(stderr, "almanor: cannot tell where this program is\n");
+        tell(almanor::N_("cannot tell where this program is"));
         return 3;
     }
     if (argc == 1) {

@@ -9,6 +9,7 @@
 #include "cloud/CloudModule.h"
 #include "cloud/RecordMapping.h"
 #include "platform/Clock.h"
+#include "platform/Translation.h"
 #include "platform/Uuid.h"
 
 #include <cerrno>
@@ -31,11 +32,6 @@ constexpr std::size_t largestCalendarFile = std::size_t{16} << 20;
 constexpr int firstYear = 1583;
 constexpr int lastYear = 9999;
 
-// "1 event", "2 events".
-std::string eventCount(std::size_t count) {
-    return std::to_string(count) + (count == 1 ? " event" : " events");
-}
-
 std::string systemError(int error) {
     return std::strerror(error);
 }
@@ -45,7 +41,7 @@ std::string systemError(int error) {
 std::string readCalendarText(const std::string& file) {
     int fd = file == "-" ? STDIN_FILENO : ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
-        throw UsageError{"cannot read " + file + ": " + systemError(errno)};
+        throw UsageError{formatText(_("cannot read %s: %s"), {file, systemError(errno)})};
     }
     std::string text;
     std::string problem;
@@ -59,9 +55,10 @@ std::string readCalendarText(const std::string& file) {
             continue;
         }
         if (n < 0) {
-            problem = "cannot read " + file + ": " + systemError(errno);
+            problem = formatText(_("cannot read %s: %s"), {file, systemError(errno)});
         } else if (text.size() + std::size_t(n) > largestCalendarFile) {
-            problem = file + " is larger than 16 MiB: no calendar of dates is that large";
+            problem = formatText(_("%s is larger than 16 MiB: no calendar of dates is that large"),
+                                 {file});
         } else {
             text.append(buffer, std::size_t(n));
         }
@@ -137,17 +134,23 @@ int exportEvents(Services& services, const std::string& file) {
     std::string text = module.writeCalendar(records, services.clock().now());
     if (file.empty() || file == "-") {
         if (!writeAll(STDOUT_FILENO, text)) {
-            std::fprintf(stderr, "almanor: cannot write standard output: %s\n",
-                         systemError(errno).c_str());
+            std::fprintf(
+                stderr, "almanor: %s\n",
+                formatText(_("cannot write standard output: %s"), {systemError(errno)}).c_str());
             return exitStoreFailed;
         }
         return exitSuccess;
     }
     if (auto why = writeAtomically(file, text); !why.empty()) {
-        std::fprintf(stderr, "almanor: cannot write %s: %s\n", file.c_str(), why.c_str());
+        std::fprintf(stderr, "almanor: %s\n",
+                     formatText(_("cannot write %s: %s"), {file, why}).c_str());
         return exitStoreFailed;
     }
-    std::fprintf(stderr, "Exported %s to %s\n", eventCount(records.size()).c_str(), file.c_str());
+    std::fprintf(
+        stderr, "%s\n",
+        formatText(P_("Exported %zu event to %s", "Exported %zu events to %s", records.size()),
+                   {std::to_string(records.size()), file})
+            .c_str());
     return exitSuccess;
 }
 
@@ -157,9 +160,9 @@ bool withinYears(Instant date) {
 }
 
 void skippedLine(const std::string& name, const std::string& reason) {
-    std::string line = "almanor: skipped \"";
-    appendListingText(line, name);
-    line += "\": " + reason + "\n";
+    std::string shown;
+    appendListingText(shown, name);
+    std::string line = "almanor: " + formatText(_("skipped \"%s\": %s"), {shown, reason}) + "\n";
     std::fputs(line.c_str(), stderr);
 }
 
@@ -172,7 +175,7 @@ int importEvents(Services& services, const std::string& file) {
         calendar =
             module.readCalendarFile(text, std::string(eventRecordType), std::string(appZoneName));
     } catch (const CloudError& e) {
-        throw UsageError{(file == "-" ? std::string("standard input") : file) + ": " + e.what()};
+        throw UsageError{(file == "-" ? std::string(_("standard input")) : file) + ": " + e.what()};
     }
     std::vector<EventPtr> events;
     for (const auto& record : calendar.records) {
@@ -183,7 +186,7 @@ int importEvents(Services& services, const std::string& file) {
             events.push_back(std::move(event));
         } else {
             calendar.skipped.push_back(
-                {event->name(), "its date is outside the years 1583 to 9999"});
+                {event->name(), _("its date is outside the years 1583 to 9999")});
         }
     }
 
@@ -199,14 +202,18 @@ int importEvents(Services& services, const std::string& file) {
             ++present; // left as it is here: an edit made since is kept
         } else {
             calendar.skipped.push_back(
-                {events[i]->name(), "it was deleted here; add it again with events add"});
+                {events[i]->name(), _("it was deleted here; add it again with events add")});
         }
     }
     for (const auto& skipped : calendar.skipped) {
         skippedLine(skipped.name, skipped.reason);
     }
-    std::fprintf(stderr, "Imported %s; %zu already here, %zu skipped\n", eventCount(added).c_str(),
-                 present, calendar.skipped.size());
+    std::fprintf(stderr, "%s\n",
+                 formatText(P_("Imported %zu event; %zu already here, %zu skipped",
+                               "Imported %zu events; %zu already here, %zu skipped", added),
+                            {std::to_string(added), std::to_string(present),
+                             std::to_string(calendar.skipped.size())})
+                     .c_str());
     return exitSuccess;
 }
 
@@ -215,30 +222,31 @@ int importEvents(Services& services, const std::string& file) {
 void declareCalendarFileCommands(CLI::App& events, Action& chosen) {
     auto file = std::make_shared<std::string>();
     auto* out = events.add_subcommand(
-        "export", "Write every event as an iCalendar file that calendar applications import");
-    out->add_option("FILE", *file, "The file to write; standard output when none is named");
-    out->footer("Each event is an all-day VEVENT on its date, its recurrence an RRULE, its\n"
-                "alias, recurrence and counting in X-CD- properties, which events import\n"
-                "reads back exactly. A file named is replaced whole (written aside, then\n"
-                "renamed) and keeps its mode; a new one gets the mode the umask gives.");
+        "export", _("Write every event as an iCalendar file that calendar applications import"));
+    out->add_option("FILE", *file, _("The file to write; standard output when none is named"));
+    out->footer(_("Each event is an all-day VEVENT on its date, its recurrence an RRULE, its\n"
+                  "alias, recurrence and counting in X-CD- properties, which events import\n"
+                  "reads back exactly. A file named is replaced whole (written aside, then\n"
+                  "renamed) and keeps its mode; a new one gets the mode the umask gives."));
     out->callback(
         [&chosen, file] { chosen = [file](Services& s) { return exportEvents(s, *file); }; });
 
     auto in = std::make_shared<std::string>();
     auto* import = events.add_subcommand(
-        "import", "Add the events of an iCalendar file (birthdays from a contacts application, "
-                  "say) that are not here yet");
-    import->add_option("FILE", *in, "The file to read, at most 16 MiB; - for standard input")
+        "import", _("Add the events of an iCalendar file (birthdays from a contacts application, "
+                    "say) that are not here yet"));
+    import->add_option("FILE", *in, _("The file to read, at most 16 MiB; - for standard input"))
         ->required();
     import->footer(
-        "Each VEVENT with a date (all-day, or a time in its zone) that does not repeat or\n"
-        "repeats every week, month or year becomes an event; any other is skipped, named on\n"
-        "standard error with why. An event is known by its UID: importing a file again adds\n"
-        "only what is new, leaves the events here as they are (edits included) and does not\n"
-        "bring back events deleted here. The new events' ids go to standard output; a\n"
-        "calendar server gets them at the next sync. A file that is not iCalendar, is cut\n"
-        "short or is too large is exit status 2, and nothing is imported.");
-    import->callback([&chosen, in] { chosen = [in](Services& s) { return importEvents(s, *in);
+        _("Each VEVENT with a date (all-day, or a time in its zone) that does not repeat or\n"
+          "repeats every week, month or year becomes an event; any other is skipped, named on\n"
+          "standard error with why. An event is known by its UID: importing a file again adds\n"
+          "only what is new, leaves the events here as they are (edits included) and does not\n"
+          "bring back events deleted here. The new events' ids go to standard output; a\n"
+          "calendar server gets them at the next sync. A file that is not iCalendar, is cut\n"
+          "short or is too large is exit status 2, and nothing is imported."));
+    import->callback(
+        [&chosen, in] { chosen = [in](Services& s) { return importEvents(s, *in);
 };
 } // namespace almanor::cli
 );

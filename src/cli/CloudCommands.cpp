@@ -13,6 +13,7 @@
 #include "platform/Clock.h"
 #include "platform/Module.h"
 #include "platform/Settings.h"
+#include "platform/Translation.h"
 #include "platform/UrlText.h"
 #include "storage/LocalSyncLedger.h"
 #include "storage/MigrationManager.h"
@@ -99,20 +100,24 @@ void printJson(const CloudState& state) {
 void printText(const CloudState& state) {
     const auto& account = state.account;
     if (account)
-        std::printf("Server: %s\nUser: %s\n", redactUrl(account->server).c_str(),
-                    account->user.c_str());
+        std::printf("%s\n%s\n", formatText(_("Server: %s"), {redactUrl(account->server)}).c_str(),
+                    formatText(_("User: %s"), {account->user}).c_str());
     else
-        std::printf("No cloud account\n");
+        std::printf("%s\n", _("No cloud account"));
     // The zone is learnt from the server's listing at the next pull; pushes always go to ours.
     if (state.zone)
-        std::printf("Zone: %s\n", state.zone->c_str());
+        std::printf("%s\n", formatText(_("Zone: %s"), {*state.zone}).c_str());
     else if (!account)
-        std::printf("Zone: none\n");
+        std::printf("%s\n", _("Zone: none"));
     else
-        std::printf("Zone: none found yet (new events go to %s)\n",
-                    std::string(appZoneName).c_str());
-    std::printf("Pending: %zu inserted, %zu updated, %zu deleted\n", state.pending.inserted,
-                state.pending.updated, state.pending.deleted);
+        std::printf(
+            "%s\n",
+            formatText(_("Zone: none found yet (new events go to %s)"), {appZoneName}).c_str());
+    std::printf("%s\n", formatText(_("Pending: %zu inserted, %zu updated, %zu deleted"),
+                                   {std::to_string(state.pending.inserted),
+                                    std::to_string(state.pending.updated),
+                                    std::to_string(state.pending.deleted)})
+                            .c_str());
 }
 
 int cloudStatus(Services& services, bool json) {
@@ -136,15 +141,15 @@ int cloudStatus(Services& services, bool json) {
 
 // One line: what did not complete, and what is still to send.
 std::string incompleteSyncLine(const PassResult& result, const Pending& pending) {
-    std::string line = !result.pulled   ? "sync incomplete: the pull did not complete"
-                       : !result.pushed ? "sync incomplete: the push did not complete"
-                                        : "sync incomplete";
+    std::string line = !result.pulled   ? _("sync incomplete: the pull did not complete")
+                       : !result.pushed ? _("sync incomplete: the push did not complete")
+                                        : _("sync incomplete");
     if (!result.problem.empty())
         line += " (" + result.problem + ")";
-    line += "; not yet in the cloud: " + std::to_string(pending.inserted) + " inserted, " +
-            std::to_string(pending.updated) + " updated, " + std::to_string(pending.deleted) +
-            " deleted";
-    return line;
+    // TRANSLATORS: the first %s says what did not complete.
+    return formatText(_("%s; not yet in the cloud: %zu inserted, %zu updated, %zu deleted"),
+                      {line, std::to_string(pending.inserted), std::to_string(pending.updated),
+                       std::to_string(pending.deleted)});
 }
 
 // `almanor sync` as the tray runs it: the fds of its report and of the password the tray hands
@@ -243,7 +248,7 @@ int syncNow(Services& services, const TrayPipes& tray) {
     auto& defaults = services.defaults();
     // The tray's child says "no account" in its report, as a pass does.
     if (tray.report < 0 && !CloudAccount::load(defaults)) {
-        std::fprintf(stderr, "no cloud account; run almanor cloud login URL\n");
+        std::fprintf(stderr, "%s\n", _("no cloud account; run almanor cloud login URL"));
         return exitPending;
     }
     Settings(defaults).registerDefaults();
@@ -287,12 +292,13 @@ struct LoginOptions {
 
 void declareLogin(CLI::App& cloud, Action& chosen) {
     auto o = std::make_shared<LoginOptions>();
-    auto* login = cloud.add_subcommand("login", "Log in to a CalDAV server and keep the account");
-    login->add_option("URL", o->url, "The server's address")->required();
-    login->add_option("--user", o->user, "The user name (default: your login name)");
+    auto* login =
+        cloud.add_subcommand("login", _("Log in to a CalDAV server and keep the account"));
+    login->add_option("URL", o->url, _("The server's address"))->required();
+    login->add_option("--user", o->user, _("The user name (default: your login name)"));
     login->add_option(
         "--password-command", o->passwordCommand,
-        "A command whose first line of output is the password, run whenever it is needed");
+        _("A command whose first line of output is the password, run whenever it is needed"));
     login->callback([&chosen, o] {
         chosen = [o](Services& services) {
             return inCloudModule(services, [&](const CloudModule& module) {
@@ -305,11 +311,11 @@ void declareLogin(CLI::App& cloud, Action& chosen) {
 } // namespace
 
 void declareCloudCommands(CLI::App& app, Action& chosen) {
-    auto* cloud = app.add_subcommand("cloud", "Connect to your calendar server, or disconnect");
+    auto* cloud = app.add_subcommand("cloud", _("Connect to your calendar server, or disconnect"));
     cloud->require_subcommand(1);
     declareLogin(*cloud, chosen);
     auto* logout =
-        cloud->add_subcommand("logout", "Forget the account and its password; events stay");
+        cloud->add_subcommand("logout", _("Forget the account and its password; events stay"));
     logout->callback([&chosen] {
         chosen = [](Services& services) {
             return inCloudModule(services, [&](const CloudModule& module) {
@@ -319,13 +325,13 @@ void declareCloudCommands(CLI::App& app, Action& chosen) {
     });
     auto json = std::make_shared<bool>(false);
     auto* status =
-        cloud->add_subcommand("status", "Print the account and what is not yet in the cloud");
-    status->add_flag("--json", *json, "Print one JSON object");
+        cloud->add_subcommand("status", _("Print the account and what is not yet in the cloud"));
+    status->add_flag("--json", *json, _("Print one JSON object"));
     status->callback([&chosen, json] {
         chosen = [json](Services& services) { return cloudStatus(services, *json); };
     });
     auto* sync =
-        app.add_subcommand("sync", "Pull from the cloud, push local changes, and wait for them");
+        app.add_subcommand("sync", _("Pull from the cloud, push local changes, and wait for them"));
     // The tray's: not in the help.
     auto tray = std::make_shared<TrayPipes>();
     sync->add_option("--report-fd", tray->report)->group("")->check(CLI::Range(3, INT_MAX));

@@ -7,6 +7,7 @@
 #include "cloud/caldav/CalDavService.h"
 #include "cloud/caldav/CloudAccount.h"
 #include "platform/SettingsFile.h"
+#include "platform/Translation.h"
 #include "platform/UrlText.h"
 
 #include <cstdio>
@@ -56,28 +57,32 @@ int cloudLogin(SettingsFile& defaults, const std::string& url, const std::string
     try {
         // A URL that could never be used is refused before the password is asked for.
         if (url.empty())
-            throw CloudError("no server given");
+            throw CloudError(_("no server given"));
         caldav::HttpClient::parseServer(url);
-        std::string password = passwordCommand.empty()
-                                   ? readPassword("Password for " + account.user + ": ")
-                                   : passwordFromCommand(passwordCommand);
+        std::string password =
+            passwordCommand.empty()
+                ? readPassword(formatText(_("Password for %s: "), {account.user}))
+                : passwordFromCommand(passwordCommand);
         if (password.empty())
-            throw CloudError("no password given");
+            throw CloudError(_("no password given"));
         // One authenticated discovery checks the URL and the credentials before anything is kept.
         caldav::CalDavService service(url, account.user, [password] { return password; });
         if (service.accountStatus() == AccountStatus::noAccount)
-            throw CloudError("no server given");
+            throw CloudError(_("no server given"));
         account.home = service.discoverHome();
         account.origins = service.trustedOrigins();
         if (passwordCommand.empty())
             keyring::storePassword(url, account.user, password);
         if (!account.store(defaults))
             return exitStoreFailed; // the line saying why is out
-        std::fprintf(stderr, "Logged in as %s; calendars at %s\n", account.user.c_str(),
-                     redactUrl(account.home).c_str());
+        std::fprintf(stderr, "%s\n",
+                     formatText(_("Logged in as %s; calendars at %s"),
+                                {account.user, redactUrl(account.home)})
+                         .c_str());
         return exitSuccess;
     } catch (const CloudError& e) {
-        std::fprintf(stderr, "almanor: cloud login failed: %s\n", redactUrls(e.what()).c_str());
+        std::fprintf(stderr, "almanor: %s\n",
+                     formatText(_("cloud login failed: %s"), {redactUrls(e.what())}).c_str());
         return exitUsage;
     }
 }
@@ -85,7 +90,7 @@ int cloudLogin(SettingsFile& defaults, const std::string& url, const std::string
 int cloudLogout(SettingsFile& defaults) {
     auto account = CloudAccount::load(defaults);
     if (!account) {
-        std::fprintf(stderr, "no cloud account\n");
+        std::fprintf(stderr, "%s\n", _("no cloud account"));
         return exitSuccess;
     }
     // The account goes first: kept, it still has its password; gone, a password left in the

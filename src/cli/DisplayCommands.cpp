@@ -7,6 +7,7 @@
 #include "cli/Store.h"
 #include "cli/TextEscapes.h"
 #include "model/Utility.h"
+#include "platform/Translation.h"
 #include "shell/DisplayedEventSelection.h"
 
 #include <cstdio>
@@ -45,7 +46,7 @@ int selectEvent(Services& services, const std::string& target) {
     std::optional<Uuid> mode = selectionMode(target);
     std::optional<IdPrefix> prefix;
     if (!mode) {
-        prefix = IdPrefix::parse(target, "an event id, next, random or rotate");
+        prefix = IdPrefix::parse(target, _("an event id, next, random or rotate"));
     }
     Store store(services);
     Uuid id = mode ? *mode : store.event(*prefix)->id(); // must name a live event
@@ -65,7 +66,9 @@ std::string statusJson(Services& services, const std::string& title, const Event
     std::string out = "{\"text\":";
     appendJsonString(out, title);
     if (!shown) {
-        return out + ",\"tooltip\":\"No events\",\"class\":\"none\"}";
+        out += ",\"tooltip\":";
+        appendJsonString(out, _("No events"));
+        return out + ",\"class\":\"none\"}";
     }
     auto calendar = DayCalendar::current();
     Instant today = Utility::startOfToday(*calendar, services.clock().now());
@@ -93,19 +96,21 @@ int showStatus(Services& services, bool json) {
 
 void declareDisplayCommands(CLI::App& app, Action& chosen) {
     auto target = std::make_shared<std::string>();
-    auto* select = app.add_subcommand("select", "Choose the displayed event and print its title");
+    auto* select =
+        app.add_subcommand("select", _("Choose the displayed event and print its title"));
     select
         ->add_option("TARGET", *target,
-                     "An event id (or its first 4 characters or more), or next (next upcoming), "
-                     "random or rotate (hourly)")
+                     _("An event id (or its first 4 characters or more), or next (next upcoming), "
+                       "random or rotate (hourly)"))
         ->required();
     select->callback([&chosen, target] {
         chosen = [target](Services& services) { return selectEvent(services, *target); };
     });
 
     auto json = std::make_shared<bool>(false);
-    auto* status = app.add_subcommand("status", "Print the panel's title for the displayed event");
-    status->add_flag("--json", *json, "Print a JSON object for waybar: text, tooltip, class");
+    auto* status =
+        app.add_subcommand("status", _("Print the panel's title for the displayed event"));
+    status->add_flag("--json", *json, _("Print a JSON object for waybar: text, tooltip, class"));
     status->callback([&chosen, json] {
         chosen = [json](Services& services) { return showStatus(services, *json); };
     });

@@ -10,6 +10,7 @@
 #include "model/Text.h"
 #include "model/Utility.h"
 #include "platform/Clock.h"
+#include "platform/Translation.h"
 #include "storage/Repository.h"
 
 #include <cstdio>
@@ -40,15 +41,16 @@ Instant parseDateOption(const std::string& text, const DayCalendar& calendar) {
     if (auto t = parseDateInput(text, calendar)) {
         return *t;
     }
-    throw UsageError{"invalid date '" + text +
-                     "': use YYYY-MM-DD or YYYY-MM-DDTHH:MM[:SS[.fff]], optionally followed by "
-                     "Z or +HH:MM (years 1583 to 9999)"};
+    throw UsageError{
+        formatText(_("invalid date '%s': use YYYY-MM-DD or YYYY-MM-DDTHH:MM[:SS[.fff]], "
+                     "optionally followed by Z or +HH:MM (years 1583 to 9999)"),
+                   {text})};
 }
 
 std::string nameArgument(const std::string& text) {
     std::string name = trimmed(text);
     if (name.empty()) {
-        throw UsageError{"the event name must not be blank"};
+        throw UsageError{_("the event name must not be blank")};
     }
     return name;
 }
@@ -110,7 +112,8 @@ int addEvent(Services& services, const EventOptions& o) {
 int editEvent(Services& services, const EventOptions& o, const EditFlags& given) {
     IdPrefix id = IdPrefix::parse(o.id);
     if (!given.any()) {
-        throw UsageError{"nothing to change: give --name, --alias, --date, --schedule or --count"};
+        throw UsageError{
+            _("nothing to change: give --name, --alias, --date, --schedule or --count")};
     }
     // Everything typed is checked before the store is opened.
     std::optional<std::string> name;
@@ -155,17 +158,18 @@ CLI::IsMember spellingCheck(const auto& spellings) {
 // "a, b, c or d", for the help text.
 std::string alternatives(const auto& spellings) {
     std::string out;
-    for (std::size_t i = 0; i < spellings.size(); ++i) {
-        out += i == 0 ? "" : i + 1 == spellings.size() ? " or " : ", ";
+    for (std::size_t i = 0; i + 1 < spellings.size(); ++i) {
+        out += i == 0 ? "" : ", ";
         out += spellings[i];
     }
-    return out;
+    // TRANSLATORS: the last of several choices: "none, weekly, monthly or annually".
+    return formatText(_("%s or %s"), {out, spellings.back()});
 }
 
 void declareList(CLI::App& events, Action& chosen) {
     auto json = std::make_shared<bool>(false);
-    auto* list = events.add_subcommand("list", "List the events, soonest date first");
-    list->add_flag("--json", *json, "Print one JSON array");
+    auto* list = events.add_subcommand("list", _("List the events, soonest date first"));
+    list->add_flag("--json", *json, _("Print one JSON array"));
     list->callback([&chosen, json] {
         chosen = [json](Services& services) { return listEvents(services, *json); };
     });
@@ -173,13 +177,15 @@ void declareList(CLI::App& events, Action& chosen) {
 
 void declareAdd(CLI::App& events, Action& chosen) {
     auto o = std::make_shared<EventOptions>();
-    auto* add = events.add_subcommand("add", "Add an event and print its id");
-    add->add_option("NAME", o->name, "The event's name")->required();
-    add->add_option("--date", o->date, "The event's date (see DATE below)")->required();
-    add->add_option("--alias", o->alias, "Shorter text for the panel instead of the name");
-    add->add_option("--schedule", o->schedule, "Recurrence: " + alternatives(scheduleSpellings))
+    auto* add = events.add_subcommand("add", _("Add an event and print its id"));
+    add->add_option("NAME", o->name, _("The event's name"))->required();
+    add->add_option("--date", o->date, _("The event's date (see DATE below)"))->required();
+    add->add_option("--alias", o->alias, _("Shorter text for the panel instead of the name"));
+    add->add_option("--schedule", o->schedule,
+                    formatText(_("Recurrence: %s"), {alternatives(scheduleSpellings)}))
         ->check(spellingCheck(scheduleSpellings));
-    add->add_option("--count", o->count, "Counting: " + alternatives(countMethodSpellings))
+    add->add_option("--count", o->count,
+                    formatText(_("Counting: %s"), {alternatives(countMethodSpellings)}))
         ->check(spellingCheck(countMethodSpellings));
     add->callback(
         [&chosen, o] { chosen = [o](Services& services) { return addEvent(services, *o); }; });
@@ -187,14 +193,15 @@ void declareAdd(CLI::App& events, Action& chosen) {
 
 void declareEdit(CLI::App& events, Action& chosen) {
     auto o = std::make_shared<EventOptions>();
-    auto* edit = events.add_subcommand("edit", "Change an event");
-    edit->add_option("ID", o->id, "The event's id, or its first 4 characters or more")->required();
-    auto* name = edit->add_option("--name", o->name, "New name");
-    auto* alias = edit->add_option("--alias", o->alias, "New alias; empty removes it");
-    auto* date = edit->add_option("--date", o->date, "New date");
-    auto* schedule = edit->add_option("--schedule", o->schedule, "New recurrence")
+    auto* edit = events.add_subcommand("edit", _("Change an event"));
+    edit->add_option("ID", o->id, _("The event's id, or its first 4 characters or more"))
+        ->required();
+    auto* name = edit->add_option("--name", o->name, _("New name"));
+    auto* alias = edit->add_option("--alias", o->alias, _("New alias; empty removes it"));
+    auto* date = edit->add_option("--date", o->date, _("New date"));
+    auto* schedule = edit->add_option("--schedule", o->schedule, _("New recurrence"))
                          ->check(spellingCheck(scheduleSpellings));
-    auto* count = edit->add_option("--count", o->count, "New counting")
+    auto* count = edit->add_option("--count", o->count, _("New counting"))
                       ->check(spellingCheck(countMethodSpellings));
     edit->callback([&chosen, o, name, alias, date, schedule, count] {
         EditFlags given{name->count() > 0, alias->count() > 0, date->count() > 0,
@@ -205,8 +212,9 @@ void declareEdit(CLI::App& events, Action& chosen) {
 
 void declareDelete(CLI::App& events, Action& chosen) {
     auto id = std::make_shared<std::string>();
-    auto* remove = events.add_subcommand("delete", "Delete an event");
-    remove->add_option("ID", *id, "The event's id, or its first 4 characters or more")->required();
+    auto* remove = events.add_subcommand("delete", _("Delete an event"));
+    remove->add_option("ID", *id, _("The event's id, or its first 4 characters or more"))
+        ->required();
     remove->callback([&chosen, id] {
         chosen = [id](Services& services) { return deleteEvent(services, *id); };
     });
@@ -216,7 +224,7 @@ void declareDelete(CLI::App& events, Action& chosen) {
 
 void declareEventCommands(CLI::App& app, Action& chosen) {
     auto* events =
-        app.add_subcommand("events", "List, add, edit, delete, export and import events");
+        app.add_subcommand("events", _("List, add, edit, delete, export and import events"));
     events->require_subcommand(1);
     declareList(*events, chosen);
     declareAdd(*events, chosen);

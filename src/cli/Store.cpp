@@ -3,11 +3,11 @@
 #include "cli/Cli.h"
 #include "cli/Command.h"
 #include "cli/Services.h"
+#include "platform/Translation.h"
 #include "storage/MigrationManager.h"
 #include "storage/Repository.h"
 #include "storage/StoreError.h"
 
-#include <cctype>
 #include <cstdio>
 #include <filesystem>
 
@@ -37,18 +37,23 @@ IdPrefix IdPrefix::parse(std::string_view typed, std::string_view expected) {
     bool fits = typed.size() <= example.size();
     std::string text;
     for (std::size_t i = 0; fits && i < typed.size(); ++i) {
-        auto c = static_cast<unsigned char>(typed[i]);
-        fits = example[i] == '-' ? c == '-' : std::isxdigit(c) != 0;
-        text += char(std::toupper(c));
+        // ASCII only, whatever the locale's character classes say.
+        char c = typed[i] >= 'a' && typed[i] <= 'f' ? char(typed[i] - 'a' + 'A') : typed[i];
+        fits = example[i] == '-' ? c == '-' : (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F');
+        text += c;
     }
     if (!fits) {
-        throw UsageError{"'" + std::string(typed) + "' is not " + std::string(expected) +
-                         " (a UUID such as " + std::string(example) + ", or its first characters)"};
+        throw UsageError{
+            formatText(_("'%s' is not %s (a UUID such as %s, or its first characters)"),
+                       {typed, expected.empty() ? _("an event id") : expected, example})};
     }
     if (text.size() < shortest) {
-        throw UsageError{"'" + std::string(typed) +
-                         "' is too short for an event id: give at least " +
-                         std::to_string(shortest) + " of its characters"};
+        throw UsageError{formatText(P_("'%s' is too short for an event id: give at least %zu of "
+                                       "its characters",
+                                       "'%s' is too short for an event id: give at least %zu of "
+                                       "its characters",
+                                       shortest),
+                                    {typed, std::to_string(shortest)})};
     }
     return IdPrefix{std::move(text)};
 }
@@ -75,7 +80,8 @@ std::vector<LocalRepository::Held> Store::insertNew(const std::vector<EventPtr>&
         return repository_.local().insertNew(events);
     } catch (const StoreError& e) {
         // (Rolled back: none of them was written.)
-        std::fprintf(stderr, "Failed to insert records: %s\n", e.what());
+        std::fprintf(stderr, "%s\n",
+                     formatText(_("Failed to insert records: %s"), {e.what()}).c_str());
         throw Failed{};
     }
 }

@@ -25,8 +25,8 @@ struct IdPrefix {
     std::string text;
 
     // Throws UsageError saying what is wrong: too short, or not an id; `expected` says what the
-    // command takes ("an event id" by default).
-    static IdPrefix parse(std::string_view typed, std::string_view expected = "an event id");
+    // command takes ("an event id" when empty).
+    static IdPrefix parse(std::string_view typed, std::string_view expected = {});
 };
 
 // The store as the tray opens it: defaults registered, table created on first use. One that

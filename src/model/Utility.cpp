@@ -2,6 +2,7 @@
 
 #include "model/Text.h"
 #include "platform/Fatal.h"
+#include "platform/Translation.h"
 
 namespace almanor {
 
@@ -153,16 +154,16 @@ std::string Utility::statusText(std::string_view label, int count) {
     }
     // Status bars read the first line only: a name pasted with a line break stays on one.
     std::string text = controlsAsSpaces(label);
+    text += ' ';
     if (count == 0) {
-        text += " today!";
+        text += _("today!");
         return text;
     }
-    text += ' ';
-    text += std::to_string(count);
-    text += count == 1 ? " day" : " days";
-    if (past) {
-        text += " ago";
-    }
+    // One message per direction: languages decline the count differently after "ago" (vor 3
+    // Tagen, před 3 dny).
+    const char* days = past ? P_("%d day ago", "%d days ago", static_cast<unsigned long>(count))
+                            : P_("%d day", "%d days", static_cast<unsigned long>(count));
+    text += formatText(days, {std::to_string(count)});
     return text;
 }
 

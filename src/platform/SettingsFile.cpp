@@ -4,6 +4,7 @@
 #include "platform/GlibOwners.h"
 #include "platform/Log.h"
 #include "platform/Paths.h"
+#include "platform/Translation.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -96,8 +97,8 @@ Salvage salvage(std::string_view text, const std::filesystem::path& file,
     std::size_t unreported = 0;
     auto drop = [&](std::size_t number, const char* why) {
         if (result.dropped.size() < reportedLines) {
-            result.dropped.push_back("Settings file " + file.string() + ": line " +
-                                     std::to_string(number) + " dropped: " + why);
+            result.dropped.push_back(formatText(_("Settings file %s: line %zu dropped: %s"),
+                                                {file.string(), std::to_string(number), _(why)}));
         } else {
             ++unreported;
         }
@@ -114,12 +115,12 @@ Salvage salvage(std::string_view text, const std::filesystem::path& file,
         if (start < line.size() && line[start] == '[') {
             inGroup = parses(line + "\n");
             if (!inGroup) {
-                drop(number, "a damaged group header");
+                drop(number, N_("a damaged group header"));
                 continue;
             }
         } else if (start < line.size() && line[start] != '#') {
             if (!parses("[g]\n" + line + "\n")) {
-                drop(number, "not a key, group or comment");
+                drop(number, N_("not a key, group or comment"));
                 continue;
             }
             if (!inGroup) {
@@ -130,8 +131,11 @@ Salvage salvage(std::string_view text, const std::filesystem::path& file,
         result.text += line + "\n";
     }
     if (unreported > 0) {
-        result.dropped.push_back("Settings file " + file.string() + ": " +
-                                 std::to_string(unreported) + " more damaged lines dropped");
+        // TRANSLATORS: never fewer than one; English keeps "lines" for one as well.
+        result.dropped.push_back(
+            formatText(P_("Settings file %s: %zu more damaged lines dropped",
+                          "Settings file %s: %zu more damaged lines dropped", unreported),
+                       {file.string(), std::to_string(unreported)}));
     }
     if (!parses(result.text)) {
         result.text.clear(); // lines fine on their own that GKeyFile refuses together
@@ -190,7 +194,7 @@ std::optional<std::filesystem::path> keepAside(const std::filesystem::path& file
         ::close(fd);
         return aside;
     }
-    error = "no free name for a copy";
+    error = _("no free name for a copy");
     return std::nullopt;
 }
 
@@ -272,12 +276,13 @@ SettingsFile::Loaded SettingsFile::load(bool keepComments, bool locked) const {
         return {KeyFile(g_key_file_new()), true}; // no file yet
     }
     if (!file.bytes) {
-        Log::line("Ignoring settings file " + file_.string() + ": " + file.error);
+        Log::line(formatText(_("Ignoring settings file %s: %s"), {file_.string(), file.error}));
         std::string error;
         // A writer is about to replace it: what could not be read is kept, not overwritten.
         auto aside = locked ? keepAside(file_, nullptr, error) : std::nullopt;
         if (aside) {
-            Log::line("The unreadable settings file was kept as " + aside->string());
+            Log::line(
+                formatText(_("The unreadable settings file was kept as %s"), {aside->string()}));
         }
         return {KeyFile(g_key_file_new()), aside.has_value()};
     }
@@ -290,8 +295,9 @@ SettingsFile::Loaded SettingsFile::load(bool keepComments, bool locked) const {
         if (lock.held()) {
             return load(keepComments, true);
         }
-        Log::line("Cannot lock " + file_.parent_path().string() + " (" + lock.error() +
-                  "): the damaged settings file " + file_.string() + " is left as it is");
+        Log::line(
+            formatText(_("Cannot lock %s (%s): the damaged settings file %s is left as it is"),
+                       {file_.parent_path().string(), lock.error(), file_.string()}));
     }
     Salvage salvaged = salvage(*file.bytes, file_, group);
     for (const auto& line : salvaged.dropped) {
@@ -306,19 +312,20 @@ bool SettingsFile::replaceDamaged(const std::string& damaged, const std::string&
     std::string error;
     auto aside = keepAside(file_, &damaged, error);
     if (!aside) {
-        Log::line("The damaged settings file " + file_.string() + " could not be kept aside (" +
-                  error + "), so it is left as it is");
+        Log::line(formatText(
+            _("The damaged settings file %s could not be kept aside (%s), so it is left as it is"),
+            {file_.string(), error}));
         return false;
     }
     Error e;
     if (!g_file_set_contents_full(file_.c_str(), readable.data(), gssize(readable.size()),
                                   G_FILE_SET_CONTENTS_CONSISTENT, privateMode, glib::out(e))) {
-        Log::line("Failed to save settings to " + file_.string() + ": " + e->message);
+        Log::line(formatText(_("Failed to save settings to %s: %s"), {file_.string(), e->message}));
         // The original is still in place: the next reader tries again, without a second copy.
         ::unlink(aside->c_str());
         return false;
     }
-    Log::line("The damaged settings file was kept as " + aside->string());
+    Log::line(formatText(_("The damaged settings file was kept as %s"), {aside->string()}));
     std::lock_guard guard(mutex_);
     news_ = news_ || damaged != seen_->content;
     seen_->content = readable;
@@ -428,12 +435,12 @@ bool SettingsFile::apply(const Changes& changes) {
     // Writers of the file serialise on its folder, which leaves no lock file behind.
     FileLock lock(file_.parent_path());
     if (!lock.held()) {
-        return failed("cannot lock its folder (" + lock.error() + ")");
+        return failed(formatText(_("cannot lock its folder (%s)"), {lock.error()}));
     }
 
     Loaded loaded = load(true, true);
     if (!loaded.settled) {
-        return failed("the file as it is could not be kept");
+        return failed(_("the file as it is could not be kept"));
     }
     KeyFile& keys = loaded.keys;
     if (unchanged(keys.get())) {
@@ -472,7 +479,7 @@ bool SettingsFile::apply(const Changes& changes) {
 
 void SettingsFile::reportFailure(const std::string& why) {
     // One line per cause: a command that writes twice into a full disk says it once.
-    std::string line = "Failed to save settings to " + file_.string() + ": " + why;
+    std::string line = formatText(_("Failed to save settings to %s: %s"), {file_.string(), why});
     std::lock_guard failures(failureMutex_);
     if (line != lastFailure_) {
         Log::line(line);

@@ -1,18 +1,18 @@
 #include "platform/UrlText.h"
 
 #include <algorithm>
-#include <cctype>
+#include <glib.h>
 
 namespace almanor {
 
 namespace {
 
 bool allDigits(std::string_view s) {
-    return std::all_of(s.begin(), s.end(), [](unsigned char c) { return std::isdigit(c); });
+    return std::all_of(s.begin(), s.end(), [](char c) { return g_ascii_isdigit(c); });
 }
 
 bool isSchemeCharacter(char c) {
-    return std::isalnum(static_cast<unsigned char>(c)) || c == '+' || c == '-' || c == '.';
+    return g_ascii_isalnum(c) || c == '+' || c == '-' || c == '.';
 }
 
 // Where the authority begins: after "scheme:" and its slashes, or at the start when the text has
@@ -21,8 +21,7 @@ std::size_t authorityStart(std::string_view url) {
     std::size_t i = 0;
     while (i < url.size() && isSchemeCharacter(url[i]))
         ++i;
-    if (i == 0 || i >= url.size() || url[i] != ':' ||
-        !std::isalpha(static_cast<unsigned char>(url[0])))
+    if (i == 0 || i >= url.size() || url[i] != ':' || !g_ascii_isalpha(url[0]))
         return 0;
     std::size_t slashes = i + 1;
     while (slashes < url.size() && (url[slashes] == '/' || url[slashes] == '\\'))
@@ -66,7 +65,7 @@ std::string redactUrls(std::string_view text) {
         while (begin > done && isSchemeCharacter(text[begin - 1]))
             --begin;
         std::size_t end = mark;
-        while (end < text.size() && !std::isspace(static_cast<unsigned char>(text[end])))
+        while (end < text.size() && !g_ascii_isspace(text[end]))
             ++end;
         out += text.substr(done, begin - done);
         out += redactUrl(text.substr(begin, end - begin));

@@ -3,7 +3,6 @@
 #include "platform/SettingsFile.h"
 
 #include <algorithm>
-#include <cctype>
 #include <optional>
 
 namespace almanor::panelIcon {
@@ -11,10 +10,10 @@ namespace almanor::panelIcon {
 namespace {
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
-        return std::tolower(static_cast<unsigned char>(x)) ==
-               std::tolower(static_cast<unsigned char>(y));
-    });
+    // ASCII only: a desktop's name knows nothing of the locale's case rules (Turkish i).
+    auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? char(c - 'A' + 'a') : c; };
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                      [&](char x, char y) { return lower(x) == lower(y); });
 }
 
 // GKeyFile's booleans; anything else counts as not set.

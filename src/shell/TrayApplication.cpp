@@ -3,6 +3,7 @@
 #include "login/LaunchAtLogin.h"
 #include "platform/Log.h"
 #include "platform/SettingsFile.h"
+#include "platform/Translation.h"
 #include "storage/LocalRepository.h"
 #include "storage/MigrationManager.h"
 #include "storage/Repository.h"
@@ -25,10 +26,10 @@ struct Section {
 };
 
 constexpr std::array<Section, 4> sections{{
-    {Schedule::none, "One off events", "MMM d, yyyy", false},
-    {Schedule::weekly, "Weekly events", "E", false},
-    {Schedule::monthly, "Monthly events", "", true},
-    {Schedule::annually, "Annual events", "MMM ", true},
+    {Schedule::none, N_("One off events"), "MMM d, yyyy", false},
+    {Schedule::weekly, N_("Weekly events"), "E", false},
+    {Schedule::monthly, N_("Monthly events"), "", true},
+    {Schedule::annually, N_("Annual events"), "MMM ", true},
 }};
 
 MenuItem row(std::string title, MenuItem::Action action = MenuItem::Action::none) {
@@ -195,16 +196,16 @@ void TrayApplication::startup() {
 void TrayApplication::buildMenu() {
     bool launchesAtLogin = s_.launchAtLogin.isEnabled();
     menu_.clear();
-    MenuItem events = row("Events");
+    MenuItem events = row(_("Events"));
     events.hasSubmenu = true;
     menu_.push_back(events);
-    menu_.push_back(row("Manage Events", MenuItem::Action::manageEvents));
+    menu_.push_back(row(_("Manage Events"), MenuItem::Action::manageEvents));
     menu_.push_back(separator());
-    MenuItem launch = row("Launch Almanor at Login", MenuItem::Action::toggleLaunchAtLogin);
+    MenuItem launch = row(_("Launch Almanor at Login"), MenuItem::Action::toggleLaunchAtLogin);
     launch.state = launchesAtLogin;
     menu_.push_back(launch);
     menu_.push_back(separator());
-    menu_.push_back(row("Quit", MenuItem::Action::quit));
+    menu_.push_back(row(_("Quit"), MenuItem::Action::quit));
     if (launchesAtLogin) {
         s_.launchAtLogin.setEnabled(true); // registers again, so a moved binary is followed
     }
@@ -305,16 +306,16 @@ void TrayApplication::quit() {
 
 std::vector<MenuItem> TrayApplication::eventsMenuRows(const Uuid& marked) const {
     std::vector<MenuItem> rows;
-    rows.push_back(row("Automatic selection"));
+    rows.push_back(row(_("Automatic selection")));
     auto mode = [&](const char* title, const Uuid& id) {
-        MenuItem item = row(title, MenuItem::Action::updateSelectedEvent);
+        MenuItem item = row(_(title), MenuItem::Action::updateSelectedEvent);
         item.data = id;
         item.state = id == marked;
         rows.push_back(item);
     };
-    mode("Next upcoming event", DisplayedEventSelection::nextEventId);
-    mode("Rotate upcoming events (hourly)", DisplayedEventSelection::cycleUpcomingEventId);
-    mode("Random event selection", DisplayedEventSelection::randomEventId);
+    mode(N_("Next upcoming event"), DisplayedEventSelection::nextEventId);
+    mode(N_("Rotate upcoming events (hourly)"), DisplayedEventSelection::cycleUpcomingEventId);
+    mode(N_("Random event selection"), DisplayedEventSelection::randomEventId);
 
     auto events = this->events();
     // Made afresh: the locale and the time zone are the ones of this moment.
@@ -336,7 +337,7 @@ std::vector<MenuItem> TrayApplication::eventsMenuRows(const Uuid& marked) const 
                 continue;
             }
             if (!headed) {
-                rows.push_back(row(section.header));
+                rows.push_back(row(_(section.header)));
                 headed = true;
             }
             std::string title = event->name();

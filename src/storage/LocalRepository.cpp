@@ -4,6 +4,7 @@
 #include "platform/Log.h"
 #include "platform/Paths.h"
 #include "platform/Settings.h"
+#include "platform/Translation.h"
 #include "storage/StoreSchema.h"
 #include "storage/sql/Error.h"
 
@@ -105,25 +106,26 @@ std::optional<std::string> LocalRepository::unusable() {
 }
 
 std::string LocalRepository::unusableLine(const StoreError& error) const {
-    const char* remedy = "restore it from a backup, or move it away to start afresh";
+    const char* remedy = _("restore it from a backup, or move it away to start afresh");
     switch (error.code()) {
     case SQLITE_BUSY:
     case SQLITE_LOCKED:
-        remedy = "another program holds it: try again when it is done";
+        remedy = _("another program holds it: try again when it is done");
         break;
     case SQLITE_READONLY:
     case SQLITE_PERM:
     case SQLITE_CANTOPEN:
-        remedy = "make it and its folder writable";
+        remedy = _("make it and its folder writable");
         break;
     case SQLITE_FULL:
-        remedy = "free some disk space";
+        remedy = _("free some disk space");
         break;
     default:
         break;
     }
-    return "The event store " + file_.string() + " could not be read: " + error.what() + "; " +
-           remedy;
+    // TRANSLATORS: the file, SQLite's own message, then what to do.
+    return formatText(_("The event store %s could not be read: %s; %s"),
+                      {file_.string(), error.what(), remedy});
 }
 
 std::vector<EventPtr> LocalRepository::fetchAll() {

@@ -3,6 +3,7 @@
 #include "cloud/CloudAccount.h"
 #include "platform/GlibOwners.h"
 #include "platform/Log.h"
+#include "platform/Translation.h"
 #include "sync/PassReport.h"
 
 #include <algorithm>
@@ -153,7 +154,7 @@ void end(GPid pid, int& status) {
 PassResult notAvailable() {
     Log::line("Cloud not available for syncing");
     PassResult result;
-    result.problem = "the cloud is not available";
+    result.problem = _("the cloud is not available");
     result.unavailable = true;
     return result;
 }

@@ -2,6 +2,7 @@
 
 #include "platform/FileLock.h"
 #include "platform/Log.h"
+#include "platform/Translation.h"
 
 namespace almanor {
 
@@ -26,7 +27,7 @@ PassResult InProcessPasses::run(const std::function<void()>& pulled) {
     std::shared_ptr<CloudRepository> cloud = cloud_.get();
     if (!cloud) {
         Log::line("Cloud not available for syncing");
-        result.problem = "the cloud is not available";
+        result.problem = _("the cloud is not available");
         result.unavailable = true;
         return result;
     }

@@ -4,6 +4,7 @@
 #include "cloud/MigrationHelper.h"
 #include "cloud/RecordMapping.h"
 #include "platform/Log.h"
+#include "platform/Translation.h"
 
 #include <array>
 #include <ctime>
@@ -150,7 +151,7 @@ SyncPass::fetchAppZoneChanges(const std::string& token,
         return std::nullopt;
     }
     if (!cloud_.saveZone()) {
-        fail("the zone could not be created");
+        fail(_("the zone could not be created"));
         return std::nullopt;
     }
     try {
@@ -378,7 +379,7 @@ bool SyncPass::push() {
                      [&](const SyncRow* a, const SyncRow* b) { return rank(*a) < rank(*b); });
     for (SyncRow* row : order) {
         if (stopping_) {
-            fail("stopped");
+            fail(_("stopped"));
             break;
         }
         pushRow(*row);

@@ -36,10 +36,13 @@ struct Result {
 
 class CliTest : public testing::Test {
   protected:
-    Result run(std::vector<std::string> args, const std::string& tz = "America/New_York") const {
-        std::vector<std::string> env = {
-            "HOME=" + home.path().string(), "XDG_CONFIG_HOME=" + (home / "config").string(),
-            "XDG_DATA_HOME=" + (home / "data").string(), "TZ=" + tz, "LANG=C.UTF-8"};
+    Result run(std::vector<std::string> args, const std::string& tz = "America/New_York",
+               const std::vector<std::string>& language = {"LANG=C.UTF-8"}) const {
+        std::vector<std::string> env = {"HOME=" + home.path().string(),
+                                        "XDG_CONFIG_HOME=" + (home / "config").string(),
+                                        "XDG_DATA_HOME=" + (home / "data").string(), "TZ=" + tz,
+                                        std::string("LOCPATH=") + ALMANOR_TEST_LOCALES};
+        env.insert(env.end(), language.begin(), language.end());
         for (char** e = environ; *e != nullptr; ++e) {
             std::string v = *e;
             if (v.rfind("ASAN_", 0) == 0 || v.rfind("UBSAN_", 0) == 0 || v.rfind("LSAN_", 0) == 0) {
@@ -235,6 +238,30 @@ TEST_F(CliTest, UnknownIdsExitOneWithOneLineAndChangeNothing) {
     ASSERT_EQ(run({"events", "delete", id}).status, 0);
     EXPECT_EQ(run({"events", "delete", id}).status, 1);
     EXPECT_EQ(run({"select", id}).status, 1);
+}
+
+// The language as GNU programs choose it: LANGUAGE unless the locale is C (C.UTF-8 is not C),
+// then LC_ALL, LC_MESSAGES, LANG; English where no catalogue speaks it.
+TEST_F(CliTest, MessagesSpeakTheUsersLanguage) {
+    add({"Trip", "--date", localDate("America/New_York", 2)});
+    const std::string zone = "America/New_York", german = "Trip 2 Tage\n", czech = "Trip 2 dny\n",
+                      english = "Trip 2 days\n";
+    for (const auto& [language, title] :
+         std::vector<std::pair<std::vector<std::string>, std::string>>{
+             {{"LANG=de_DE.UTF-8"}, german},
+             {{"LANG=de_DE.UTF-8", "LC_MESSAGES=cs_CZ.UTF-8"}, czech},
+             {{"LC_MESSAGES=de_DE.UTF-8", "LC_ALL=cs_CZ.UTF-8"}, czech},
+             {{"LANG=cs_CZ.UTF-8", "LANGUAGE=fr:de"}, german},
+             {{"LANG=C.UTF-8", "LANGUAGE=cs"}, czech},
+             {{"LANG=C", "LANGUAGE=de"}, english},
+             {{"LANG=de_AT.UTF-8", "LANGUAGE=de"}, english}, // no such locale: C
+             {{"LANG=C.UTF-8", "LANGUAGE=fr"}, english}}) {
+        EXPECT_EQ(run({"status"}, zone, language).out, title) << language[0];
+    }
+    EXPECT_EQ(run({"events", "delete", "abcd"}, zone, {"LANG=de_DE.UTF-8"}).err,
+              "kein Ereignis mit der Kennung ABCD\n");
+    EXPECT_EQ(run({"events", "delete", "abcd"}, zone, {"LANG=cs_CZ.UTF-8"}).err,
+              "žádná událost s identifikátorem ABCD\n");
 }
 
 TEST_F(CliTest, EveryCommandTakesAUniquePrefixOfFourOrMoreInEitherCase) {

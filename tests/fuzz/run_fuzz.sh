@@ -12,7 +12,8 @@ clang++ -fsanitize=fuzzer,address "$WORK/probe.cpp" -o "$WORK/probe" 2>/dev/null
 C="$SRC/src/cloud/caldav"
 clang++ -std=c++20 -g -O1 -fsanitize=fuzzer,address,undefined -I"$SRC/src" $(pkg-config --cflags libxml-2.0 libical libcurl icu-uc glib-2.0) \
   "$SRC/tests/fuzz/ReadersFuzz.cpp" "$C/Multistatus.cpp" "$C/RecordCalendar.cpp" "$C/Http.cpp" \
-  "$SRC/src/platform/UrlText.cpp" "$SRC/src/platform/Utf8.cpp" "$SRC/src/model/Text.cpp" \
+  "$SRC/src/platform/Translation.cpp" "$SRC/src/platform/UrlText.cpp" \
+  "$SRC/src/platform/Utf8.cpp" "$SRC/src/model/Text.cpp" \
   $(pkg-config --libs libxml-2.0 libical libcurl icu-uc glib-2.0) -o "$WORK/readers_fuzz"
 cp "$SRC"/tests/fuzz/seeds/* "$WORK/corpus/" 2>/dev/null || true
 # A finding must fail the test: libFuzzer's own exit status for one is 77, ctest's "skipped".

@@ -1,5 +1,6 @@
 #include "model/Utility.h"
 
+#include "Language.h"
 #include "model/CivilCalendar.h"
 #include "model/Text.h"
 
@@ -115,6 +116,23 @@ TEST(Utility, StatusTextIsOneLine) {
     EXPECT_EQ(Utility::statusText(*ny, e, today), "Xmas 5 days");
     e.setAlias(std::string());
     EXPECT_EQ(Utility::statusText(*ny, e, today + days(6)), "Christmas Day 364 days");
+}
+
+// Each language's plural rule, from its catalogue: Czech has a form for 2 to 4 (not for 22), and
+// both decline the count after "ago" otherwise.
+TEST(StatusText, FormsInGermanAndCzech) {
+    for (auto [locale, expected] :
+         {std::pair{"de_DE.UTF-8",
+                    "heute!|1 Tag|2 Tage|5 Tage|22 Tage|vor 1 Tag|vor 3 Tagen|vor 5 Tagen|"},
+          std::pair{"cs_CZ.UTF-8",
+                    "dnes!|1 den|2 dny|5 dní|22 dní|před 1 dnem|před 3 dny|před 5 dny|"}}) {
+        test::Language speaking(locale);
+        std::string forms;
+        for (int count : {0, 1, 2, 5, 22, -1, -3, -5}) {
+            forms += Utility::statusText("Urlaub", count).substr(7) + "|";
+        }
+        EXPECT_EQ(forms, expected);
+    }
 }
 
 // Trimming takes ICU's White_Space; one-line text breaks at ICU's controls and separators.

@@ -1,6 +1,7 @@
 #include "shell/TrayApplication.h"
 
 #include "FakeCloudService.h"
+#include "Language.h"
 #include "LocalInstants.h"
 #include "LogCapture.h"
 #include "TempDir.h"
@@ -198,6 +199,17 @@ TEST_F(TrayApplicationTest, TheEventsMenuHasItsSectionsDatesAndMarks) {
     EXPECT_EQ(marked(), std::vector<std::string>{});
     center.emit(eventChangeNotification);
     EXPECT_EQ(marked().size(), 1u);
+}
+
+TEST_F(TrayApplicationTest, TheMenuSpeaksTheUsersLanguage) {
+    for (auto [locale, quit, next] :
+         {std::tuple{"de_DE.UTF-8", "Beenden", "Nächstes anstehendes Ereignis"},
+          std::tuple{"cs_CZ.UTF-8", "Ukončit", "Nejbližší nadcházející událost"}}) {
+        test::Language speaking(locale);
+        start();
+        EXPECT_EQ(presenter.menu().back().title, quit);
+        EXPECT_EQ(presenter.titles().at(1), next);
+    }
 }
 
 TEST_F(TrayApplicationTest, OnDemandTheEventsRowsWaitForAPanelAndThenFollowEveryChange) {

@@ -3,6 +3,7 @@
 #include "cloud/RecordMapping.h"
 #include "cloud/caldav/RecordCalendar.h"
 #include "model/Text.h"
+#include "platform/Translation.h"
 #include "platform/UrlText.h"
 #include "platform/Utf8.h"
 #include "platform/XmlText.h"
@@ -32,11 +33,13 @@ bool success(long status) {
         server = redactUrl(url);
     }
     if (response.status == 401)
-        throw CloudError("the server at " + server + " refused the user name or password");
+        throw CloudError(
+            formatText(_("the server at %s refused the user name or password"), {server}));
     if (response.status == 403)
-        throw CloudError(what + ": access refused by the server at " + server + " (403)");
-    throw CloudError(what + ": the server at " + server + " answered " +
-                     std::to_string(response.status));
+        throw CloudError(
+            formatText(_("%s: access refused by the server at %s (403)"), {what, server}));
+    throw CloudError(formatText(_("%s: the server at %s answered %d"),
+                                {what, server, std::to_string(response.status)}));
 }
 
 std::string pathOf(const std::string& url) {
@@ -176,7 +179,7 @@ const HttpClient& CalDavService::client() const {
     if (!setupError_.empty())
         throw CloudError(setupError_);
     if (!client_)
-        throw CloudError("no cloud account");
+        throw CloudError(_("no cloud account"));
     return *client_;
 }
 
@@ -293,7 +296,7 @@ CalDavService::Probe CalDavService::probe(const HttpClient& http, const std::str
         return {Probe::Outcome::notHere,
                 {},
                 {},
-                "no CalDAV server at " + shown + " (" + e.what() + ")"};
+                formatText(_("no CalDAV server at %s (%s)"), {shown, e.what()})};
     }
     if (r.status == 401)
         failStatus("PROPFIND", candidate, r);
@@ -303,8 +306,8 @@ CalDavService::Probe CalDavService::probe(const HttpClient& http, const std::str
         return {Probe::Outcome::notHere,
                 {},
                 {},
-                "no CalDAV server at " + shown + " (the server answered " +
-                    std::to_string(r.status) + ")"};
+                formatText(_("no CalDAV server at %s (the server answered %d)"),
+                           {shown, std::to_string(r.status)})};
     if (!home.empty()) {
         std::lock_guard lock(mutex_);
         home_ = withSlash(named(http, candidate, Url::resolve(candidate, home)));
@@ -317,7 +320,7 @@ CalDavService::Probe CalDavService::probe(const HttpClient& http, const std::str
 std::string CalDavService::findPrincipal(const HttpClient& http) {
     const std::string& server = http.server();
     const std::string shown = redactUrl(server);
-    std::string lastProblem = "no CalDAV server at " + shown;
+    std::string lastProblem = formatText(_("no CalDAV server at %s"), {shown});
     // The URL the user gave, then the well-known address (whose redirect is followed by hand so
     // that each hop passes the same checks).
     for (std::string candidate : {server, Url::parse(server).origin() + "/.well-known/caldav"}) {
@@ -361,7 +364,8 @@ CalDavService::PrincipalAddresses CalDavService::principalAddresses(const HttpCl
     if (!success(r.status))
         failStatus("PROPFIND " + pathOf(principal), principal, r);
     if (given.home.empty())
-        throw CloudError("no CalDAV calendar home for this user at " + redactUrl(http.server()));
+        throw CloudError(formatText(_("no CalDAV calendar home for this user at %s"),
+                                    {redactUrl(http.server())}));
     auto resolved = [&](const std::string& href) {
         return href.empty() ? std::string() : Url::resolve(principal, href);
     };
@@ -441,7 +445,7 @@ std::string CalDavService::defaultCalendarUrl() {
         defaultCalendar_ = zone.url;
         return withSlash(defaultCalendar_);
     }
-    throw CloudError("the server has no default calendar for this user");
+    throw CloudError(_("the server has no default calendar for this user"));
 }
 
 void CalDavService::saveZone(const std::string& zoneName) {
@@ -476,7 +480,7 @@ void CalDavService::saveZone(const std::string& zoneName) {
         return;
     if (r.status == 207 && (exists || !failed))
         return;
-    failStatus("creating zone " + zoneName, url, r);
+    failStatus(formatText(_("creating zone %s"), {zoneName}), url, r);
 }
 
 std::vector<RecordZone> CalDavService::fetchAllZones() {
@@ -497,7 +501,7 @@ std::vector<RecordZone> CalDavService::fetchAllZones() {
         if ((r.status == 404 || moved(r.status)) && round == 0 && rediscover())
             continue;
         if (r.status != 207)
-            failStatus("listing the calendars", homeUrl, r);
+            failStatus(_("listing the calendars"), homeUrl, r);
         return zones;
     }
 }
@@ -587,7 +591,7 @@ std::vector<CloudRecord> CalDavService::performQuery(const std::string& recordTy
             if (r.status == 404 || moved(r.status))
                 return std::nullopt;
             if (r.status != 207)
-                failStatus("reading zone " + zoneName, url, r);
+                failStatus(formatText(_("reading zone %s"), {zoneName}), url, r);
             return std::move(records);
         });
 }
@@ -659,7 +663,7 @@ CalDavService::listByTags(const std::string& url, const std::string& zoneName,
     if (r.status == 404 || moved(r.status) || missing)
         return std::nullopt;
     if (r.status != 207)
-        failStatus("reading zone " + zoneName, url, r);
+        failStatus(formatText(_("reading zone %s"), {zoneName}), url, r);
     ZoneChanges changes;
     changes.token = current.empty() ? std::string() : std::string(ctagPrefix) + current;
     if (!current.empty() && current == ctag)
@@ -686,7 +690,7 @@ CalDavService::listByTags(const std::string& url, const std::string& zoneName,
     if (r.status == 404 || moved(r.status) || missing)
         return std::nullopt;
     if (r.status != 207)
-        failStatus("reading zone " + zoneName, url, r);
+        failStatus(formatText(_("reading zone %s"), {zoneName}), url, r);
     changes.complete = true;
     for (const auto& [name, etag] : known)
         if (!present.count(name))
@@ -752,7 +756,7 @@ void CalDavService::fetchBodies(const std::string& url, const std::string& zoneN
         if (r.status == 404 || moved(r.status))
             throw ZoneMissing("zone " + zoneName + " went away while it was read");
         if (r.status != 207)
-            failStatus("reading zone " + zoneName, url, r);
+            failStatus(formatText(_("reading zone %s"), {zoneName}), url, r);
         for (const auto& name : asked)
             if (!answered.count(name))
                 changes.unreadable.emplace_back(name, "the server did not send it");
@@ -799,7 +803,7 @@ ZoneChanges CalDavService::fetchChanges(const std::string& zoneName, const std::
                 if (!refused) {
                     HttpResponse answer;
                     answer.status = status;
-                    failStatus("reading zone " + zoneName, url, answer);
+                    failStatus(formatText(_("reading zone %s"), {zoneName}), url, answer);
                 }
                 std::lock_guard lock(mutex_);
                 noSyncCollection_ = true;
@@ -840,7 +844,7 @@ Instant nowToTheMillisecond() {
 } // namespace
 
 std::string CalDavService::createRecord(const CloudRecord& record, const std::string& resource) {
-    const std::string what = "saving record " + record.recordId.recordName;
+    const std::string what = formatText(_("saving record %s"), {record.recordId.recordName});
     checkResource(resource, what);
     const std::string body = writeRecordCalendar(record, nowToTheMillisecond());
     return onCollection<std::string>(
@@ -851,7 +855,7 @@ std::string CalDavService::createRecord(const CloudRecord& record, const std::st
 
 std::string CalDavService::replaceRecord(const CloudRecord& record, const std::string& resource,
                                          const std::string& etag) {
-    const std::string what = "saving record " + record.recordId.recordName;
+    const std::string what = formatText(_("saving record %s"), {record.recordId.recordName});
     checkResource(resource, what);
     // The edit goes into the server's own copy, so that what calendar apps keep in the event
     // (alarms, the end, exceptions, a time of day in its zone) stays: one GET before each PUT,
@@ -888,7 +892,7 @@ std::string CalDavService::replaceRecord(const CloudRecord& record, const std::s
 
 void CalDavService::deleteRecord(const std::string& zoneName, const std::string& resource,
                                  const std::string& etag) {
-    checkResource(resource, "deleting a record of zone " + zoneName);
+    checkResource(resource, formatText(_("deleting a record of zone %s"), {zoneName}));
     const std::string target = zoneUrl(zoneName) + percentEncodeSegment(resource);
     std::vector<std::string> headers;
     if (!etag.empty())
@@ -903,12 +907,12 @@ void CalDavService::deleteRecord(const std::string& zoneName, const std::string&
         throw PreconditionFailed("deleting record " + resource +
                                  ": the server holds another version (412)");
     }
-    failStatus("deleting record " + resource, target, r);
+    failStatus(formatText(_("deleting record %s"), {resource}), target, r);
 }
 
 std::optional<RemoteRecord> CalDavService::fetchRecord(const std::string& zoneName,
                                                        const std::string& resource) {
-    checkResource(resource, "reading a record of zone " + zoneName);
+    checkResource(resource, formatText(_("reading a record of zone %s"), {zoneName}));
     const std::string target = zoneUrl(zoneName) + percentEncodeSegment(resource);
     HttpRequest request("GET", target, {"Accept: text/calendar"});
     request.maxBody = MultistatusLimits{}.responseBytes;
@@ -916,7 +920,7 @@ std::optional<RemoteRecord> CalDavService::fetchRecord(const std::string& zoneNa
     if (r.status == 404 || r.status == 410)
         return std::nullopt;
     if (r.status != 200)
-        failStatus("reading record " + resource, target, r);
+        failStatus(formatText(_("reading record %s"), {resource}), target, r);
     if (r.truncated)
         throw CloudError("reading record " + resource + ": the event is too large to read");
     ++bodies_;

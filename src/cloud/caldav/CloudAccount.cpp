@@ -4,6 +4,7 @@
 #include "cloud/caldav/CalDavService.h"
 #include "platform/GlibOwners.h"
 #include "platform/SettingsFile.h"
+#include "platform/Translation.h"
 
 #include <cerrno>
 #include <chrono>
@@ -47,8 +48,8 @@ struct SecretTextDeleter {
 void check(GError* raw, const char* what) {
     glib::Error error(raw);
     if (error)
-        throw CloudError(std::string(what) + ": " +
-                         (error->message ? error->message : "unknown keyring error"));
+        throw CloudError(std::string(_(what)) + ": " +
+                         (error->message ? error->message : _("unknown keyring error")));
 }
 
 struct Fd {
@@ -66,7 +67,7 @@ std::string CloudAccount::password(const std::atomic<bool>* cancelled) const {
         return passwordFromCommand(passwordCommand, {}, cancelled);
     auto found = keyring::lookupPassword(server, user);
     if (!found)
-        throw CloudError("no password in the keyring for " + user + " at " + server);
+        throw CloudError(formatText(_("no password in the keyring for %s at %s"), {user, server}));
     return *found;
 }
 
@@ -79,14 +80,14 @@ void storePassword(const std::string& server, const std::string& user,
     secret_password_store_sync(accountSchema(), SECRET_COLLECTION_DEFAULT, label.c_str(),
                                password.c_str(), nullptr, &error, "server", server.c_str(), "user",
                                user.c_str(), nullptr);
-    check(error, "could not store the password in the keyring");
+    check(error, N_("could not store the password in the keyring"));
 }
 
 std::optional<std::string> lookupPassword(const std::string& server, const std::string& user) {
     GError* error = nullptr;
     std::unique_ptr<gchar, SecretTextDeleter> found(secret_password_lookup_sync(
         accountSchema(), nullptr, &error, "server", server.c_str(), "user", user.c_str(), nullptr));
-    check(error, "could not read the password from the keyring");
+    check(error, N_("could not read the password from the keyring"));
     if (!found)
         return std::nullopt;
     return std::string(found.get());
@@ -96,7 +97,7 @@ void removePassword(const std::string& server, const std::string& user) {
     GError* error = nullptr;
     secret_password_clear_sync(accountSchema(), nullptr, &error, "server", server.c_str(), "user",
                                user.c_str(), nullptr);
-    check(error, "could not remove the password from the keyring");
+    check(error, N_("could not remove the password from the keyring"));
 }
 
 } // namespace keyring
@@ -120,8 +121,8 @@ pid_t startPasswordCommand(const std::string& command, const Fd& writeEnd) {
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
     if (spawned != 0)
-        throw CloudError(std::string("password command could not start: ") +
-                         std::strerror(spawned));
+        throw CloudError(
+            formatText(_("password command could not start: %s"), {std::strerror(spawned)}));
     return pid;
 }
 
@@ -144,12 +145,12 @@ void collect(CommandRun& run, pid_t pid, const Fd& readEnd, PasswordCommandLimit
         if (!run.exited)
             run.exited = ::waitpid(pid, &run.status, WNOHANG) == pid;
         if (Clock::now() >= deadline) {
-            run.failure = "the password command did not finish within " +
-                          std::to_string(limits.time.count()) + " s";
+            run.failure = formatText(_("the password command did not finish within %d s"),
+                                     {std::to_string(limits.time.count())});
             break;
         }
         if (cancelled && *cancelled) {
-            run.failure = "the password command was cut off";
+            run.failure = _("the password command was cut off");
             break;
         }
         if (!open) {
@@ -161,18 +162,18 @@ void collect(CommandRun& run, pid_t pid, const Fd& readEnd, PasswordCommandLimit
         // done once it has exited and its output is drained.
         int ready = ::poll(&p, 1, run.exited ? 0 : 50);
         if (ready < 0 && errno != EINTR) {
-            run.failure = std::string("password command: ") + std::strerror(errno);
+            run.failure = formatText(_("password command: %s"), {std::strerror(errno)});
         } else if (ready > 0) {
             ssize_t n = ::read(readEnd.fd, buffer, sizeof buffer);
             if (n < 0 && errno != EINTR && errno != EAGAIN)
-                run.failure = std::string("password command: ") + std::strerror(errno);
+                run.failure = formatText(_("password command: %s"), {std::strerror(errno)});
             else if (n == 0)
                 open = false;
             else if (n > 0)
                 run.output.append(buffer, std::size_t(n));
             if (run.output.size() > limits.output)
-                run.failure = "the password command printed more than " +
-                              std::to_string(limits.output / 1024) + " KiB";
+                run.failure = formatText(_("the password command printed more than %zu KiB"),
+                                         {std::to_string(limits.output / 1024)});
         } else if (run.exited) {
             open = false; // exited, nothing more to read now
         }
@@ -185,7 +186,7 @@ std::string passwordFromCommand(const std::string& command, PasswordCommandLimit
                                 const std::atomic<bool>* cancelled) {
     int pipeFds[2];
     if (::pipe2(pipeFds, O_CLOEXEC) != 0)
-        throw CloudError(std::string("password command: ") + std::strerror(errno));
+        throw CloudError(formatText(_("password command: %s"), {std::strerror(errno)}));
     Fd readEnd{pipeFds[0]};
     Fd writeEnd{pipeFds[1]};
     pid_t pid = startPasswordCommand(command, writeEnd);
@@ -209,11 +210,12 @@ std::string passwordFromCommand(const std::string& command, PasswordCommandLimit
     }
     int status = run.status;
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-        throw CloudError("the password command failed" +
-                         (WIFEXITED(status) ? " with status " + std::to_string(WEXITSTATUS(status))
-                                            : std::string()));
+        throw CloudError(WIFEXITED(status)
+                             ? formatText(_("the password command failed with status %d"),
+                                          {std::to_string(WEXITSTATUS(status))})
+                             : std::string(_("the password command failed")));
     if (first.empty())
-        throw CloudError("the password command printed no password");
+        throw CloudError(_("the password command printed no password"));
     return first;
 }
 

@@ -2,6 +2,7 @@
 
 #include "cloud/CloudService.h"
 #include "cloud/caldav/Multistatus.h"
+#include "platform/Translation.h"
 #include "platform/UrlText.h"
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <cstdio>
 #include <curl/curl.h>
 #include <exception>
+#include <glib.h>
 #include <memory>
 #include <mutex>
 
@@ -49,7 +51,7 @@ void check(CURLcode code, const char* detail = nullptr) {
 }
 void check(CURLUcode code, const std::string& url) {
     if (code != CURLUE_OK)
-        throw CloudError("not a usable URL: " + redactUrl(url));
+        throw CloudError(formatText(_("not a usable URL: %s"), {redactUrl(url)}));
 }
 
 void initOnce() {
@@ -66,8 +68,7 @@ std::string part(CURLU* u, CURLUPart which, unsigned flags = 0) {
 }
 
 std::string lower(std::string s) {
-    std::transform(s.begin(), s.end(), s.begin(),
-                   [](unsigned char c) { return char(std::tolower(c)); });
+    std::transform(s.begin(), s.end(), s.begin(), [](char c) { return g_ascii_tolower(c); });
     return s;
 }
 
@@ -233,9 +234,10 @@ Url Url::parse(const std::string& text) {
     Url url;
     url.scheme = lower(part(u.get(), CURLUPART_SCHEME));
     if (url.scheme != "http" && url.scheme != "https")
-        throw CloudError("not an http or https URL: " + redactUrl(text));
+        throw CloudError(formatText(_("not an http or https URL: %s"), {redactUrl(text)}));
     if (!part(u.get(), CURLUPART_USER).empty())
-        throw CloudError("a URL must not hold a user name or password: " + redactUrl(text));
+        throw CloudError(
+            formatText(_("a URL must not hold a user name or password: %s"), {redactUrl(text)}));
     url.host = lower(part(u.get(), CURLUPART_HOST));
     if (url.host.size() > 1 && url.host.front() == '[')
         url.host = url.host.substr(1, url.host.size() - 2);
@@ -304,7 +306,7 @@ std::string percentEncodeSegment(std::string_view text) {
     static constexpr char digits[] = "0123456789ABCDEF";
     std::string out;
     for (unsigned char c : text) {
-        if (std::isalnum(c) || c == '-' || c == '.' || c == '_' || c == '~') {
+        if (g_ascii_isalnum(char(c)) || c == '-' || c == '.' || c == '_' || c == '~') {
             out += char(c);
         } else {
             out += '%';
@@ -340,7 +342,7 @@ HttpClient::HttpClient(std::string server, std::string user, PasswordSource pass
 Url HttpClient::parseServer(const std::string& server) {
     Url url = Url::parse(server);
     if (url.scheme == "http" && !url.isLoopback())
-        throw CloudError("plain http is accepted only for this machine; use https://");
+        throw CloudError(_("plain http is accepted only for this machine; use https://"));
     return url;
 }
 
@@ -373,12 +375,13 @@ namespace {
 // rest of a pass, a server found unreachable.
 bool mayCarryCredentials(HttpClient::HandlePool& pool, const Url& target, const std::string& what) {
     if (target.scheme == "http" && !target.isLoopback())
-        throw CloudError("refusing plain http to " + target.host);
+        throw CloudError(formatText(_("refusing plain http to %s"), {target.host}));
     if (pool.cancelled)
-        throw CloudError(what + ": cancelled");
+        throw CloudError(formatText(_("%s: cancelled"), {what}));
     std::lock_guard lock(pool.mutex);
     if (!pool.unreachable.empty())
-        throw CloudError(what + ": " + pool.unreachable + " (not tried again in this pass)");
+        throw CloudError(
+            formatText(_("%s: %s (not tried again in this pass)"), {what, pool.unreachable}));
     return target.origin() == pool.ownOrigin || std::find(pool.trusted.begin(), pool.trusted.end(),
                                                           target.origin()) != pool.trusted.end();
 }
@@ -522,17 +525,18 @@ void throwIfFailed(const Ending& ending, const Transfer& transfer, const char* e
     std::string reason;
     switch (ending.reason) {
     case Ending::Reason::cancelled:
-        throw CloudError(what + ": cancelled");
+        throw CloudError(formatText(_("%s: cancelled"), {what}));
     case Ending::Reason::deadline:
-        unreachable = "the server did not finish its answer within " +
-                      std::to_string(limits.deadline.count()) + " s";
+        unreachable = formatText(_("the server did not finish its answer within %d s"),
+                                 {std::to_string(limits.deadline.count())});
         break;
     case Ending::Reason::firstByte:
-        unreachable = "the server did not begin its answer within " +
-                      std::to_string(limits.firstByte.count()) + " s";
+        unreachable = formatText(_("the server did not begin its answer within %d s"),
+                                 {std::to_string(limits.firstByte.count())});
         break;
     case Ending::Reason::stall:
-        unreachable = "nothing from the server for " + std::to_string(limits.stall.count()) + " s";
+        unreachable = formatText(_("nothing from the server for %d s"),
+                                 {std::to_string(limits.stall.count())});
         break;
     case Ending::Reason::done:
         reason = failureOf(ending.code, transfer, errorText, what, unreachable);

@@ -2,6 +2,7 @@
 
 #include "cloud/CloudService.h"
 #include "model/Text.h"
+#include "platform/Translation.h"
 #include "platform/Utf8.h"
 
 #include <array>
@@ -11,7 +12,6 @@
 #include <libical/ical.h>
 #include <memory>
 #include <mutex>
-#include <strings.h>
 #include <unordered_set>
 #include <vector>
 
@@ -131,7 +131,7 @@ std::string propertyName(std::string_view key) {
     std::string name = "X-CD-";
     std::string_view rest = key.substr(0, 3) == "CD_" ? key.substr(3) : key;
     for (unsigned char c : rest)
-        name += std::isalnum(c) ? char(std::toupper(c)) : '-';
+        name += g_ascii_isalnum(char(c)) ? g_ascii_toupper(char(c)) : '-';
     return name;
 }
 
@@ -250,7 +250,7 @@ std::string_view parameterOf(icalproperty* property, const char* name) {
          p != nullptr; p = icalproperty_get_next_parameter(property, ICAL_X_PARAMETER)) {
         const char* xname = icalparameter_get_xname(p);
         const char* xvalue = icalparameter_get_xvalue(p);
-        if (xname != nullptr && xvalue != nullptr && strcasecmp(xname, name) == 0)
+        if (xname != nullptr && xvalue != nullptr && g_ascii_strcasecmp(xname, name) == 0)
             return xvalue;
     }
     return {};
@@ -313,7 +313,7 @@ TimeZonePtr systemZone(std::string_view name) {
     if (name.empty() || name.front() == '/' || name.find("..") != std::string_view::npos)
         return nullptr;
     for (unsigned char c : name)
-        if (!std::isalnum(c) && c != '/' && c != '_' && c != '-' && c != '+')
+        if (!g_ascii_isalnum(char(c)) && c != '/' && c != '_' && c != '-' && c != '+')
             return nullptr;
     return TimeZonePtr(g_time_zone_new_identifier(std::string(name).c_str()));
 }
@@ -423,16 +423,16 @@ bool readRecordProperty(icalproperty* p, const std::string& recordType, EventPro
     const char* value = icalproperty_get_x(p);
     if (name == nullptr || value == nullptr)
         return true;
-    if (strcasecmp(name, recordTypeProperty.data()) == 0) {
+    if (g_ascii_strcasecmp(name, recordTypeProperty.data()) == 0) {
         if (value != recordType)
             return false;
         read.record.recordType = value;
         read.typed = true;
-    } else if (strcasecmp(name, summaryCopyProperty.data()) == 0) {
+    } else if (g_ascii_strcasecmp(name, summaryCopyProperty.data()) == 0) {
         read.summaryCopy = unbase64(value);
-    } else if (strcasecmp(name, dateCopyProperty.data()) == 0) {
+    } else if (g_ascii_strcasecmp(name, dateCopyProperty.data()) == 0) {
         read.dateCopy = value;
-    } else if (strcasecmp(name, modifiedCopyProperty.data()) == 0) {
+    } else if (g_ascii_strcasecmp(name, modifiedCopyProperty.data()) == 0) {
         read.modifiedCopy = number<std::int64_t>(value);
     } else if (std::string_view key = parameterOf(p, keyParameter); !key.empty()) {
         if (auto v = readValue(parameterOf(p, typeParameter), value))
@@ -537,25 +537,35 @@ std::string unkeptRecurrence(const EventProperties& read, std::chrono::year_mont
     if (read.rules == 0)
         return {};
     if (read.rules > 1)
-        return "it repeats by " + std::to_string(read.rules) + " rules at once";
+        return formatText(P_("it repeats by %d rule at once", "it repeats by %d rules at once",
+                             static_cast<unsigned long>(read.rules)),
+                          {std::to_string(read.rules)});
     const icalrecurrencetype& rule = *read.rule;
-    const char* unit = rule.freq == ICAL_WEEKLY_RECURRENCE    ? "weeks"
-                       : rule.freq == ICAL_MONTHLY_RECURRENCE ? "months"
-                       : rule.freq == ICAL_YEARLY_RECURRENCE  ? "years"
-                                                              : nullptr;
-    if (unit == nullptr) {
+    const auto interval = static_cast<unsigned long>(std::max<short>(rule.interval, 1));
+    // TRANSLATORS: a calendar file's event repeats every few weeks, months or years.
+    const char* every =
+        rule.freq == ICAL_WEEKLY_RECURRENCE
+            ? P_("it repeats every %d week", "it repeats every %d weeks", interval)
+        : rule.freq == ICAL_MONTHLY_RECURRENCE
+            ? P_("it repeats every %d month", "it repeats every %d months", interval)
+        : rule.freq == ICAL_YEARLY_RECURRENCE
+            ? P_("it repeats every %d year", "it repeats every %d years", interval)
+            : nullptr;
+    if (every == nullptr) {
         std::string freq =
             icalrecur_freq_to_string(rule.freq) ? icalrecur_freq_to_string(rule.freq) : "?";
         for (char& c : freq)
-            c = char(std::tolower(static_cast<unsigned char>(c)));
-        return "it repeats " + freq + "; only weekly, monthly and yearly ones are kept";
+            c = g_ascii_tolower(c);
+        // TRANSLATORS: %s is the file's own word for it (daily, hourly, ...), kept as it is.
+        return formatText(_("it repeats %s; only weekly, monthly and yearly ones are kept"),
+                          {freq});
     }
     if (rule.interval > 1)
-        return "it repeats every " + std::to_string(rule.interval) + " " + unit;
+        return formatText(every, {std::to_string(rule.interval)});
     if (rule.count > 0 || !icaltime_is_null_time(rule.until))
-        return "its repetition ends; Almanor's go on for ever";
+        return _("its repetition ends; Almanor's go on for ever");
     if (!scheduleOfRule(rule, start))
-        return "it repeats on days of its own (RRULE:" + ruleText(rule) + ")";
+        return formatText(_("it repeats on days of its own (RRULE:%s)"), {ruleText(rule)});
     return {};
 }
 
@@ -592,7 +602,7 @@ ReadEvent readEvent(icalcomponent* root, icalcomponent* event, const std::string
                         record.fields["CD_recurring"] = *schedule;
                 unkept = unkeptRecurrence(*read, *day);
             } else {
-                unkept = "its date does not exist"; // 29 February of a common year, say
+                unkept = _("its date does not exist"); // 29 February of a common year, say
             }
         }
     }
@@ -730,7 +740,7 @@ void removeAll(icalcomponent* c, icalproperty_kind kind, bool (*which)(icalprope
 
 bool ownProperty(icalproperty* p) {
     const char* name = icalproperty_get_x_name(p);
-    return name != nullptr && strncasecmp(name, "X-CD-", 5) == 0;
+    return name != nullptr && g_ascii_strncasecmp(name, "X-CD-", 5) == 0;
 }
 
 icaltimetype utcTime(Instant t) {
@@ -963,7 +973,8 @@ std::string lastLine(std::string_view text) {
 std::string displayName(icalcomponent* event, const std::string& uid) {
     if (auto summary = summaryOf(event); summary && !trimmed(*summary).empty())
         return *summary;
-    return uid.empty() ? std::string("(an event without a name or UID)") : "UID " + uid;
+    return uid.empty() ? std::string(_("(an event without a name or UID)"))
+                       : formatText(_("UID %s"), {uid});
 }
 
 } // namespace
@@ -972,16 +983,16 @@ CalendarFile readCalendarFile(std::string_view text, const std::string& recordTy
                               const std::string& zoneName) {
     std::string_view body = text.substr(text.substr(0, 3) == "\xEF\xBB\xBF" ? 3 : 0);
     body.remove_prefix(std::min(body.find_first_not_of(" \t\r\n"), body.size()));
-    if (strncasecmp(std::string(body.substr(0, 15)).c_str(), "BEGIN:VCALENDAR", 15) != 0 ||
+    if (g_ascii_strncasecmp(std::string(body.substr(0, 15)).c_str(), "BEGIN:VCALENDAR", 15) != 0 ||
         text.find('\0') != std::string_view::npos)
-        throw CloudError("not an iCalendar file");
-    if (strcasecmp(lastLine(body).c_str(), "END:VCALENDAR") != 0)
-        throw CloudError("the calendar is cut short: it does not end with END:VCALENDAR");
+        throw CloudError(_("not an iCalendar file"));
+    if (g_ascii_strcasecmp(lastLine(body).c_str(), "END:VCALENDAR") != 0)
+        throw CloudError(_("the calendar is cut short: it does not end with END:VCALENDAR"));
     ComponentPtr root;
     try {
         root = parse(body);
     } catch (const CloudError&) {
-        throw CloudError("not an iCalendar file: its lines could not be read");
+        throw CloudError(_("not an iCalendar file: its lines could not be read"));
     }
     // Calendars one after another come inside one root.
     std::vector<icalcomponent*> calendars;
@@ -991,7 +1002,7 @@ CalendarFile readCalendarFile(std::string_view text, const std::string& recordTy
          c != nullptr; c = icalcomponent_get_next_component(root.get(), ICAL_VCALENDAR_COMPONENT))
         calendars.push_back(c);
     if (calendars.empty())
-        throw CloudError("not an iCalendar file");
+        throw CloudError(_("not an iCalendar file"));
 
     CalendarFile file;
     std::unordered_set<std::string> uids;
@@ -1010,13 +1021,13 @@ CalendarFile readCalendarFile(std::string_view text, const std::string& recordTy
             };
             ReadEvent read = readEvent(calendar, event, recordType, zoneName);
             if (!read.record)
-                skip("it is a record of another kind");
+                skip(_("it is a record of another kind"));
             else if (id.empty())
-                skip("it has no UID");
+                skip(_("it has no UID"));
             else if (!uids.insert(id).second)
-                skip("its UID is that of an event before it in the file");
+                skip(_("its UID is that of an event before it in the file"));
             else if (!field<Instant>(*read.record, "CD_date"))
-                skip("it has no date");
+                skip(_("it has no date"));
             else if (!read.unkept.empty())
                 skip(std::move(read.unkept));
             else

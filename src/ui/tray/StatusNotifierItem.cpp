@@ -2,6 +2,7 @@
 
 #include "platform/GlibOwners.h"
 #include "platform/Log.h"
+#include "platform/Translation.h"
 #include "shell/PanelIcon.h"
 #include "ui/tray/CountIcons.h"
 
@@ -255,8 +256,8 @@ StatusItem& StatusNotifierItem::createStatusItem() {
             auto& self = *static_cast<Impl*>(data);
             if (!self.watcherSeen) {
                 self.watcherSeen = true; // said once
-                Log::line("No panel shows status items yet (no StatusNotifierWatcher); the item "
-                          "appears when one starts");
+                Log::line(_("No panel shows status items yet (no StatusNotifierWatcher); the "
+                            "item appears when one starts"));
             }
         },
         &d, nullptr);

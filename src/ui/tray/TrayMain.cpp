@@ -12,6 +12,7 @@
 #include "platform/Paths.h"
 #include "platform/SettingsFile.h"
 #include "platform/Signals.h"
+#include "platform/Translation.h"
 #include "shell/PanelIcon.h"
 #include "shell/TrayApplication.h"
 #include "storage/LocalRepository.h"
@@ -333,8 +334,10 @@ bool registerOnSessionBus(GApplication* application) {
     glib::Object<GDBusConnection> bus(
         g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, glib::out(error)));
     if (!bus || !g_application_register(application, nullptr, glib::out(error))) {
-        std::fprintf(stderr, "almanor: the tray needs a session bus: %s\n",
-                     error ? error->message : "unknown error");
+        std::fprintf(stderr, "almanor: %s\n",
+                     formatText(_("the tray needs a session bus: %s"),
+                                {error ? error->message : _("unknown error")})
+                         .c_str());
         return false;
     }
     return true;
@@ -343,6 +346,7 @@ bool registerOnSessionBus(GApplication* application) {
 } // namespace
 
 int main(int argc, char** argv) {
+    useTheUsersLanguage(ALMANOR_LOCALE_RELATIVE);
     Log::toStandardOutput();
     Run run;
     std::error_code ec;

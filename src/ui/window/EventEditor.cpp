@@ -3,34 +3,36 @@
 #include "dates/DateText.h"
 #include "model/DayCalendar.h"
 #include "model/Text.h"
+#include "platform/Translation.h"
 #include "storage/Repository.h"
 
 namespace almanor {
 
-const std::array<std::string_view, 4> EventEditor::scheduleChoices{"None", "Weekly", "Monthly",
-                                                                   "Annually"};
+// Marked here, translated where they are shown.
+const std::array<std::string_view, 4> EventEditor::scheduleChoices{N_("None"), N_("Weekly"),
+                                                                   N_("Monthly"), N_("Annually")};
 const std::array<std::string_view, 4> EventEditor::countChoices{
-    "Every day", "Exclude weekends", "Adjust weekend date to the Friday before",
-    "Adjust weekend date to the Monday after"};
+    N_("Every day"), N_("Exclude weekends"), N_("Adjust weekend date to the Friday before"),
+    N_("Adjust weekend date to the Monday after")};
 
 std::string_view EventEditor::countHelp(CountMethod method) {
     switch (method) {
     case CountMethod::excludeWeekends:
-        return "Count only weekdays (Mon - Fri) until/since the event date.\n ";
+        return _("Count only weekdays (Mon - Fri) until/since the event date.\n ");
     case CountMethod::weekendUsesFridayBefore:
-        return "When a recurring event date falls on a weekend, count \nuntil/from the Friday "
-               "immediately before.";
+        return _("When a recurring event date falls on a weekend, count \nuntil/from the Friday "
+                 "immediately before.");
     case CountMethod::weekendUsesMondayAfter:
-        return "When a recurring event date falls on a weekend, count \nuntil/from the Monday "
-               "immediately after.";
+        return _("When a recurring event date falls on a weekend, count \nuntil/from the Monday "
+                 "immediately after.");
     case CountMethod::standard:
         break;
     }
-    return "Count all days until/since the event date.\n ";
+    return _("Count all days until/since the event date.\n ");
 }
 
 EventEditor::EventEditor(Repository& repository, const Clock& clock)
-    : repository_(repository), title_("Add Event"), date_(clock.now()) {}
+    : repository_(repository), title_(_("Add Event")), date_(clock.now()) {}
 
 EventEditor::EventEditor(Repository& repository, EventPtr event)
     : repository_(repository), event_(std::move(event)), name_(event_->name()),

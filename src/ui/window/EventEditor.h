@@ -2,6 +2,7 @@
 
 #include "model/Event.h"
 #include "platform/Clock.h"
+#include "platform/Translation.h"
 
 #include <array>
 #include <functional>
@@ -23,13 +24,14 @@ class EventEditor {
     // Edit mode.
     EventEditor(Repository& repository, EventPtr event);
 
-    static constexpr std::string_view eventLabel = "Event:";
-    static constexpr std::string_view aliasLabel = "Menubar:";
+    // In English; the window shows them through the catalogue.
+    static constexpr std::string_view eventLabel = N_("Event:");
+    static constexpr std::string_view aliasLabel = N_("Menubar:");
     static constexpr std::string_view aliasHelp =
-        "Alternative text to display on the menubar instead of the event name.";
-    static constexpr std::string_view dateLabel = "Date:";
-    static constexpr std::string_view recurringLabel = "Recurring:";
-    static constexpr std::string_view countLabel = "Count:";
+        N_("Alternative text to display on the menubar instead of the event name.");
+    static constexpr std::string_view dateLabel = N_("Date:");
+    static constexpr std::string_view recurringLabel = N_("Recurring:");
+    static constexpr std::string_view countLabel = N_("Count:");
     static const std::array<std::string_view, 4> scheduleChoices;
     static const std::array<std::string_view, 4> countChoices;
     static std::string_view countHelp(CountMethod method);

@@ -2,6 +2,7 @@
 
 #include "platform/Fatal.h"
 #include "platform/GlibOwners.h"
+#include "platform/Translation.h"
 #include "storage/LocalRepository.h"
 #include "storage/Repository.h"
 
@@ -47,10 +48,10 @@ EventPtr Model::find(const std::optional<Uuid>& id) const {
 
 std::array<EventSection, sectionCount> eventSections(const std::vector<EventPtr>& events) {
     std::array<EventSection, sectionCount> sections{{
-        {"One Off Events", Schedule::none, {}},
-        {"Weekly Events", Schedule::weekly, {}},
-        {"Monthly Events", Schedule::monthly, {}},
-        {"Annual Events", Schedule::annually, {}},
+        {_("One Off Events"), Schedule::none, {}},
+        {_("Weekly Events"), Schedule::weekly, {}},
+        {_("Monthly Events"), Schedule::monthly, {}},
+        {_("Annual Events"), Schedule::annually, {}},
     }};
     for (const auto& e : events) {
         sections[static_cast<std::size_t>(rawValue(e->schedule()))].events.push_back(e);
@@ -135,7 +136,8 @@ ConfirmDelete::ConfirmDelete(EventPtr event, std::function<void()> dismiss,
 }
 
 std::string ConfirmDelete::question() const {
-    return "Are you sure you want to remove \"" + event_->name() + "\"?";
+    // One message with the name in it, so that a language can place it (and quote it) its way.
+    return formatText(_("Are you sure you want to remove \"%s\"?"), {event_->name()});
 }
 
 void ConfirmDelete::confirm() {

@@ -2,6 +2,7 @@
 
 #include "dates/DateText.h"
 #include "model/DayCalendar.h"
+#include "platform/Translation.h"
 #include "storage/Repository.h"
 #include "ui/window/EventEditor.h"
 
@@ -200,12 +201,12 @@ class EditorView {
         countHelp_ = widget<Gtk::Label>(builder_, "count-help");
         save_ = widget<Gtk::Button>(builder_, "save");
         cancel_ = widget<Gtk::Button>(builder_, "cancel");
-        widget<Gtk::Label>(builder_, "alias-help")->set_text(std::string(EventEditor::aliasHelp));
+        widget<Gtk::Label>(builder_, "alias-help")->set_text(_(EventEditor::aliasHelp.data()));
         for (std::size_t i = 0; i < schedules_.size(); ++i) {
             schedules_[i] = widget<Gtk::RadioButton>(builder_, scheduleIds[i]);
         }
         for (auto choice : EventEditor::countChoices) {
-            count_->append(std::string(choice));
+            count_->append(_(choice.data())); // (the choices are literals: ended by a NUL)
         }
     }
 
@@ -415,9 +416,9 @@ struct ManageEventsWindowGtk::Impl {
         list = std::make_unique<Gtk::TreeView>();
         list->set_headers_visible(false);
         list->set_enable_search(false); // typing starts the sidebar's own search, which filters
-        list->get_accessible()->set_name("Events");
+        list->get_accessible()->set_name(_("Events"));
         nameCell = Gtk::make_managed<NameCell>();
-        nameColumn = Gtk::make_managed<Gtk::TreeViewColumn>("Name", *nameCell);
+        nameColumn = Gtk::make_managed<Gtk::TreeViewColumn>(_("Name"), *nameCell);
         nameColumn->add_attribute(nameCell->property_text(), columns.name);
         nameColumn->add_attribute(nameCell->property_alias(), columns.alias);
         nameColumn->add_attribute(nameCell->property_weight(), columns.weight);
@@ -700,7 +701,7 @@ struct ManageEventsWindowGtk::Impl {
         list->get_selection()->unselect_all();
         selecting = false;
         showDetail();
-        addDialog = makeSheet("Add Event", [this] { closeAdd(); });
+        addDialog = makeSheet(_("Add Event"), [this] { closeAdd(); });
         addEditor = std::make_unique<EditorView>(std::make_unique<EventEditor>(repository, clock),
                                                  [this] { closeAdd(); });
         addShortcut(shortcutsOf(*addDialog), "<Control>s", [this] {
@@ -741,7 +742,7 @@ struct ManageEventsWindowGtk::Impl {
         confirm = std::make_unique<ConfirmDelete>(
             state.selectedEvent(), [this] { closeDelete(); },
             [this](const Event& event) { repository.deleteEvent(event); });
-        deleteDialog = makeSheet("Delete Event", [this] { closeDelete(); });
+        deleteDialog = makeSheet(_("Delete Event"), [this] { closeDelete(); });
         auto* area = deleteDialog->get_content_area();
         area->set_spacing(20);
         area->set_border_width(20);
@@ -750,8 +751,8 @@ struct ManageEventsWindowGtk::Impl {
         question->set_line_wrap(true);
         area->pack_start(*question, Gtk::PACK_EXPAND_WIDGET);
         auto* buttons = Gtk::make_managed<Gtk::Box>(Gtk::ORIENTATION_HORIZONTAL, 0);
-        auto* cancel = Gtk::make_managed<Gtk::Button>("_Cancel", true);
-        auto* confirmButton = Gtk::make_managed<Gtk::Button>("C_onfirm", true);
+        auto* cancel = Gtk::make_managed<Gtk::Button>(_("_Cancel"), true);
+        auto* confirmButton = Gtk::make_managed<Gtk::Button>(_("C_onfirm"), true);
         for (auto [button, colour] : {std::pair{cancel, "gray"}, std::pair{confirmButton, "red"}}) {
             button->get_style_context()->add_class("sheet-button");
             button->get_style_context()->add_class(colour);
