@@ -33,6 +33,8 @@ if [ "$mode" = build ]; then
 ./usr/share/icons/hicolor/scalable/apps/com.vostrel.Almanor.svg
 ./usr/share/icons/hicolor/symbolic/apps/com.vostrel.Almanor-symbolic.svg
 ./usr/share/man/man1/almanor.1.gz
+./usr/share/locale/cs/LC_MESSAGES/almanor.mo
+./usr/share/locale/de/LC_MESSAGES/almanor.mo
 ./usr/share/bash-completion/completions/almanor
 ./usr/share/zsh/vendor-completions/_almanor
 ./usr/share/fish/vendor_completions.d/almanor.fish
