@@ -28,9 +28,7 @@ class FakeCloudService : public CloudService {
 
     FakeCloudService() { zones_[std::string(defaultZoneName)]; }
 
-    void setAccountStatus(AccountStatus status) {
-        locked([&] { status_ = status; });
-    }
+    void setAccountStatus(AccountStatus status) { status_ = status; }
     // The calls `failing` picks fail with `message`, before or after taking effect; {}: none.
     void setFailureHook(std::function<Failure(const Call&)> failing,
                         std::string message = "injected failure") {
@@ -94,7 +92,7 @@ class FakeCloudService : public CloudService {
     bool cancelled() const { return cancelled_; }
 
     AccountStatus accountStatus() override {
-        return act({Op::status, {}, {}}, [&] { return status_; });
+        return act({Op::status, {}, {}}, [&] { return status_.load(); });
     }
     void saveZone(const std::string& zone) override {
         act({Op::saveZone, zone, {}}, [&] { return zones_.try_emplace(zone).second; });
@@ -209,7 +207,7 @@ class FakeCloudService : public CloudService {
     }
 
     mutable std::mutex mutex_;
-    AccountStatus status_ = AccountStatus::available;
+    std::atomic<AccountStatus> status_{AccountStatus::available};
     std::function<Failure(const Call&)> failing_;
     std::string message_;
     std::function<void(const Call&)> onCall_;

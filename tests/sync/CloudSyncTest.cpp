@@ -7,7 +7,6 @@
 #include "TempDir.h"
 #include "platform/FileLock.h"
 
-#include <condition_variable>
 #include <future>
 #include <gtest/gtest.h>
 #include <thread>
@@ -27,17 +26,14 @@ struct Process : test::Machine {
             std::shared_ptr<FakeCloudService> fake)
         : Machine(home, clock),
           sync(
-              ledger, [fake] { return fake; }, defaults, clock, lockFile(home)) {}
-    static std::filesystem::path lockFile(const std::filesystem::path& home) {
-        return home / "EventsV1.db.sync-lock";
-    }
+              ledger, [fake] { return fake; }, defaults, clock, home / "EventsV1.db.sync-lock") {}
     CloudSync sync;
 };
 
 class CloudSyncTest : public ::testing::Test {
   protected:
     std::unique_ptr<Process> open() { return std::make_unique<Process>(dir.path(), clock, fake); }
-    // Runs `hook` on every call until the service is cut off, for at most three seconds.
+    // The calls that `stalls` picks wait until the service is cut off, three seconds at most.
     void stallWhile(std::function<bool(const FakeCloudService::Call&)> stalls) {
         fake->setOnCall([this, stalls](const FakeCloudService::Call& call) {
             for (int i = 0; i < 600 && stalls(call) && !fake->cancelled(); ++i)
@@ -138,21 +134,23 @@ TEST_F(CloudSyncTest, QuittingCutsThePassOffAndTheNextFinishesItWithoutCopies) {
 TEST_F(CloudSyncTest, APassWaitsForAnotherProcessesPassButNotWhenQuitting) {
     auto p = open();
     p->store.insert(*event("A"));
-    {
-        FileLock other(Process::lockFile(dir.path()));
-        ASSERT_TRUE(other.held());
-        p->sync.sync();
-        std::this_thread::sleep_for(250ms);
-        EXPECT_EQ(fake->requests(), 0) << "ran beside another process's pass";
-    }
+    auto other = std::make_optional<FileLock>(dir / "EventsV1.db.sync-lock");
+    ASSERT_TRUE(other->held());
+    p->sync.sync();
+    std::this_thread::sleep_for(250ms);
+    EXPECT_EQ(fake->requests(), 0) << "ran beside another process's pass";
+    other.reset();
     p->sync.waitForSync();
     EXPECT_EQ(test::namesIn(*fake), Names{"A"});
 
-    FileLock other(Process::lockFile(dir.path()));
+    other.emplace(dir / "EventsV1.db.sync-lock");
     p->store.insert(*event("B"));
     p->sync.sync();
     std::this_thread::sleep_for(250ms);
-    EXPECT_TRUE(stopsPromptly(*p)) << "quitting waited for another process";
+    auto stopped = std::async(std::launch::async, [&] { return stopsPromptly(*p); });
+    if (stopped.wait_for(3s) == std::future_status::timeout)
+        other.reset();
+    EXPECT_TRUE(stopped.get()) << "quitting waited for another process";
 }
 
 TEST_F(CloudSyncTest, APassAskedForDuringOneRunsOnceAfterIt) {
