@@ -33,11 +33,16 @@ struct Process : test::Machine {
 class CloudSyncTest : public ::testing::Test {
   protected:
     std::unique_ptr<Process> open() { return std::make_unique<Process>(dir.path(), clock, fake); }
+    // Whether `done` holds within three seconds.
+    static bool eventually(const std::function<bool()>& done) {
+        for (int i = 0; i < 600 && !done(); ++i)
+            std::this_thread::sleep_for(5ms);
+        return done();
+    }
     // The calls that `stalls` picks wait until the service is cut off, three seconds at most.
     void stallWhile(std::function<bool(const FakeCloudService::Call&)> stalls) {
         fake->setOnCall([this, stalls](const FakeCloudService::Call& call) {
-            for (int i = 0; i < 600 && stalls(call) && !fake->cancelled(); ++i)
-                std::this_thread::sleep_for(5ms);
+            eventually([&] { return !stalls(call) || fake->cancelled(); });
         });
     }
     // Whether stop() returned within two seconds.
@@ -107,8 +112,7 @@ TEST_F(CloudSyncTest, QuittingCutsThePassOffAndTheNextFinishesItWithoutCopies) {
         p->store.insert(*event("E" + std::to_string(i)));
     stallWhile([](const auto& call) { return call.op == Op::status; });
     p->sync.sync();
-    while (fake->calls(Op::status) == 0)
-        std::this_thread::sleep_for(5ms);
+    ASSERT_TRUE(eventually([&] { return fake->calls(Op::status) > 0; }));
     EXPECT_TRUE(stopsPromptly(*p)) << "quitting waited for the password";
 
     p = open();
@@ -116,8 +120,7 @@ TEST_F(CloudSyncTest, QuittingCutsThePassOffAndTheNextFinishesItWithoutCopies) {
     stallWhile(
         [this](const auto& call) { return call.op == Op::create && fake->calls(Op::create) >= 3; });
     p->sync.sync();
-    while (fake->calls(Op::create) < 3)
-        std::this_thread::sleep_for(5ms);
+    ASSERT_TRUE(eventually([&] { return fake->calls(Op::create) >= 3; }));
     EXPECT_TRUE(stopsPromptly(*p)) << "quitting waited for the network";
     EXPECT_EQ(fake->stored(std::string(appZoneName)).size(), 2u);
 
@@ -166,12 +169,13 @@ TEST_F(CloudSyncTest, APassAskedForDuringOneRunsOnceAfterIt) {
         }
     });
     p->sync.sync();
-    entered.get_future().wait();
+    const bool reached = entered.get_future().wait_for(3s) == std::future_status::ready;
     // The running pass has read its work already; this change is for the next one.
     p->store.insert(*event("Second"));
     p->sync.sync();
     p->sync.sync();
     release.set_value();
+    ASSERT_TRUE(reached);
     p->sync.waitForSync();
     EXPECT_EQ(test::namesIn(*fake), (Names{"First", "Second"}));
     EXPECT_EQ(fake->calls(Op::create), 2);
