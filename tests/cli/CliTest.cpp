@@ -63,16 +63,14 @@ class CliTest : public testing::Test {
             }
         }
         args.insert(args.begin(), {"timeout", "60", ALMANOR_BINARY});
-        std::vector<char*> argv;
-        for (auto& a : args) {
-            argv.push_back(a.data());
-        }
-        argv.push_back(nullptr);
-        std::vector<char*> envp;
-        for (auto& e : env) {
-            envp.push_back(e.data());
-        }
-        envp.push_back(nullptr);
+        auto pointers = [](std::vector<std::string>& texts) {
+            std::vector<char*> p;
+            for (auto& t : texts) {
+                p.push_back(t.data());
+            }
+            p.push_back(nullptr);
+            return p;
+        };
         std::string n = std::to_string(calls++);
         auto out = output / ("out" + n), err = output / ("err" + n);
         posix_spawn_file_actions_t actions;
@@ -80,7 +78,9 @@ class CliTest : public testing::Test {
         posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT, 0600);
         posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT, 0600);
         pid_t pid = 0;
-        EXPECT_EQ(posix_spawnp(&pid, "timeout", &actions, nullptr, argv.data(), envp.data()), 0);
+        EXPECT_EQ(posix_spawnp(&pid, "timeout", &actions, nullptr, pointers(args).data(),
+                               pointers(env).data()),
+                  0);
         posix_spawn_file_actions_destroy(&actions);
         int status = 0;
         waitpid(pid, &status, 0);
