@@ -66,6 +66,8 @@ mkdir -m 755 "$T/c3" "$T/c3/Almanor"
 dbus-run-session -- sh -c '
   umask 022
   printf keyring-unlock | gnome-keyring-daemon --unlock --components=secrets --daemonize >/dev/null || exit 5
+  # Until it owns its name, a client would have D-Bus start a second, locked, keyring.
+  gdbus wait --session --timeout 10 org.freedesktop.secrets || exit 5
   echo s3cret | "$0" cloud login "$1" --user alice 2>/dev/null || exit 6
   secret-tool lookup server "$1" user alice | grep -qx s3cret || exit 7
   modes=$(stat -c %a "$XDG_CONFIG_HOME" "$XDG_CONFIG_HOME/Almanor" "$XDG_CONFIG_HOME/Almanor/settings.ini")

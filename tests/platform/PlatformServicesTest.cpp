@@ -49,4 +49,6 @@ TEST(Paths, FollowTheXdgVariablesAndIgnoreRelativeOnes) {
     setenv("XDG_CONFIG_HOME", "relative/config", 1);
     EXPECT_EQ(paths::databaseDirectory(), "/data/Almanor");
     EXPECT_EQ(paths::settingsFile(), "/home/someone/.config/Almanor/settings.ini");
+    unsetenv("XDG_DATA_HOME");
+    EXPECT_EQ(paths::databaseDirectory(), "/home/someone/.local/share/Almanor");
 }

@@ -21,6 +21,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <thread>
+#include <utility>
 
 using namespace almanor;
 using namespace std::chrono;
@@ -70,9 +71,7 @@ class TrayApplicationTest : public testing::Test {
         EXPECT_TRUE((into ? into : &repository)->insert(*e));
         return e;
     }
-    std::string title() const {
-        return statusBar.item.titles.empty() ? "" : statusBar.item.titles.back();
-    }
+    std::string title() const { return statusBar.titles.empty() ? "" : statusBar.titles.back(); }
     std::size_t indexOf(const std::string& rowTitle) const {
         const auto& rows = delegate->eventsMenu();
         auto it = std::find_if(rows.begin(), rows.end(),
@@ -103,10 +102,9 @@ class TrayApplicationTest : public testing::Test {
                         defaults, clock, dir / "data/EventsV1.db.sync-lock"};
     test::MemoryLoginItems loginItems;
     LaunchAtLogin launchAtLogin{loginItems, defaults};
-    test::Journal journal;
-    test::RecordingMenuPresenter presenter{journal};
-    test::RecordingStatusBar statusBar{journal};
-    test::ManualScheduler scheduler{journal};
+    test::RecordingMenuPresenter presenter;
+    test::RecordingStatusBar statusBar;
+    test::ManualScheduler scheduler;
     test::QueueMainThread mainThread;
     test::FakeWindow* window = nullptr;
     int windowsMade = 0, presentations = 0, quits = 0, draws = 0;
@@ -137,18 +135,18 @@ TEST_F(TrayApplicationTest, AStoreThatCannotBeReadShowsTheNoEventsTitleAndSaysSo
 TEST_F(TrayApplicationTest, StartUpSetsTheFirstTitleBeforeAnyChangeIsHandledAndTheTimerExists) {
     test::LogCapture log;
     loginItems.legacy = true; // an older helper that launched at login
-    int rebuildsAtFirstTitle = -1;
-    statusBar.item.onTitle = [&] {
-        if (rebuildsAtFirstTitle < 0) {
-            // A change now waits until start-up is done, and is not lost.
-            center.emit(eventChangeNotification);
-            rebuildsAtFirstTitle = presenter.rebuilds;
+    bool first = true;
+    statusBar.onTitle = [&] {
+        if (std::exchange(first, false)) {
+            // The menu is built before the first title, the rows and the timer after it.
+            EXPECT_EQ(presenter.menu().size(), 6u);
+            EXPECT_EQ(presenter.rebuilds, 0);
+            EXPECT_FALSE(scheduler.action);
+            center.emit(eventChangeNotification); // waits until start-up is done, not lost
         }
     };
     start();
-    EXPECT_EQ(journal,
-              (test::Journal{"buildMenu", "createStatusItem", "title Almanor  \xF0\x9F\x8E\x89",
-                             "rebuildEventsMenu", "schedule"}));
+    EXPECT_EQ(statusBar.titles, std::vector<std::string>{"Almanor  \xF0\x9F\x8E\x89"});
     EXPECT_EQ(mainThread.drain(), 1u);
     EXPECT_EQ(presenter.rebuilds, 2);
     EXPECT_EQ(scheduler.interval, 300.0);
@@ -237,12 +235,12 @@ TEST_F(TrayApplicationTest, TicksRecomputeOnceADayAndTheRotationAfterMoreThanAnH
     clock.set(at(2030, 1, 9, 23, 54));
     start();
     EXPECT_EQ(title(), "Trip 10 days");
-    auto titles = statusBar.item.titles.size();
+    auto titles = statusBar.titles.size();
     scheduler.fire();
     clock.set(at(2030, 1, 10, 0, 4));
     scheduler.fire();
     scheduler.fire();
-    EXPECT_EQ(statusBar.item.titles.size(), titles + 1);
+    EXPECT_EQ(statusBar.titles.size(), titles + 1);
     EXPECT_EQ(title(), "Trip 9 days");
     test::LogCapture log;
     delegate->updateSelectedEvent(indexOf("Rotate upcoming events (hourly)"));

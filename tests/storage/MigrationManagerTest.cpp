@@ -13,7 +13,6 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sstream>
-#include <thread>
 
 using namespace almanor;
 using namespace std::chrono;
@@ -111,25 +110,6 @@ TEST_F(MigrationManagerTest, AnOldFileGetsAVersionANewerOneIsLeftAsItIs) {
     EXPECT_EQ(std::filesystem::last_write_time(db), stamp);
     sql::Connection(db.string()).run("PRAGMA user_version = 7");
     EXPECT_EQ(fileVersion(*open()), "7");
-}
-
-TEST_F(MigrationManagerTest, StoresOpeningOneNewFileTogetherAllGetTheTable) {
-    std::vector<std::thread> openers;
-    std::vector<std::optional<std::string>> problems(4);
-    for (std::size_t i = 0; i < problems.size(); ++i) {
-        openers.emplace_back([&, i] {
-            LocalRepository store(dir / "Almanor", "EventsV1.db", center, clock);
-            problems[i] = store.unusable();
-            if (!problems[i]) {
-                store.insert(*event("E", at(2030y / January / 1)));
-            }
-        });
-    }
-    for (auto& t : openers) {
-        t.join();
-    }
-    EXPECT_EQ(problems, decltype(problems)(4));
-    EXPECT_EQ(open()->fetchAll().size(), problems.size());
 }
 
 TEST_F(MigrationManagerTest, ADamagedFileIsReportedNeverWrittenAndNotFatal) {

@@ -14,18 +14,10 @@
 
 namespace almanor::test {
 
-// One journal shared by the stand-ins, for the order in which they were called.
-using Journal = std::vector<std::string>;
-
 class RecordingMenuPresenter final : public MenuPresenter {
   public:
-    explicit RecordingMenuPresenter(Journal& journal) : journal_(journal) {}
-    void buildMenu(const std::vector<MenuItem>& menu) override {
-        journal_.push_back("buildMenu");
-        menu_ = menu;
-    }
+    void buildMenu(const std::vector<MenuItem>& menu) override { menu_ = menu; }
     void rebuildEventsMenu(const std::vector<MenuItem>& rows) override {
-        journal_.push_back("rebuildEventsMenu");
         rows_ = rows;
         ++rebuilds;
     }
@@ -44,16 +36,15 @@ class RecordingMenuPresenter final : public MenuPresenter {
     int rebuilds = 0;
 
   private:
-    Journal& journal_;
     std::vector<MenuItem> menu_;
     std::vector<MenuItem> rows_;
 };
 
-class RecordingStatusItem final : public StatusItem {
+// The status bar and its one item: every title, and a hook run with each.
+class RecordingStatusBar final : public StatusBar, public StatusItem {
   public:
-    explicit RecordingStatusItem(Journal& journal) : journal_(journal) {}
+    StatusItem& createStatusItem() override { return *this; }
     void setTitle(const std::string& title) override {
-        journal_.push_back("title " + title);
         titles.push_back(title);
         if (onTitle) {
             onTitle();
@@ -61,29 +52,11 @@ class RecordingStatusItem final : public StatusItem {
     }
     std::vector<std::string> titles;
     std::function<void()> onTitle;
-
-  private:
-    Journal& journal_;
-};
-
-class RecordingStatusBar final : public StatusBar {
-  public:
-    explicit RecordingStatusBar(Journal& journal) : item(journal), journal_(journal) {}
-    StatusItem& createStatusItem() override {
-        journal_.push_back("createStatusItem");
-        return item;
-    }
-    RecordingStatusItem item;
-
-  private:
-    Journal& journal_;
 };
 
 class ManualScheduler final : public Scheduler {
   public:
-    explicit ManualScheduler(Journal& journal) : journal_(journal) {}
     void scheduleRepeating(double seconds, double slack, std::function<void()> work) override {
-        journal_.push_back("schedule");
         interval = seconds;
         tolerance = slack;
         action = std::move(work);
@@ -92,9 +65,6 @@ class ManualScheduler final : public Scheduler {
     double interval = 0;
     double tolerance = 0;
     std::function<void()> action;
-
-  private:
-    Journal& journal_;
 };
 
 // The main thread is the one that made it; posts wait in a queue until drain().
