@@ -30,14 +30,13 @@ s=http.server.HTTPServer(("127.0.0.1",int(sys.argv[1])),http.server.BaseHTTPRequ
 c=ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER);c.load_cert_chain(sys.argv[2],sys.argv[3])
 s.socket=c.wrap_socket(s.socket,server_side=True);s.serve_forever()' "$S" "$T/cert" "$T/key" 2>/dev/null &
 TLS=$!
-sleep 1
+for i in $(seq 100); do curl -sk -o /dev/null "https://127.0.0.1:$S/" && break; sleep 0.1; done
 "$B" cloud login "https://127.0.0.1:$S/" --user alice --password-command "echo s3cret" 2>"$T/err"; rc=$?
 kill $TLS
 [ $rc = 2 ] && [ "$(wc -l < "$T/err")" = 1 ] && grep -qi certificate "$T/err" || { cat "$T/err" >&2; fail "self-signed server: $rc"; }
-"$B" cloud login "http://192.0.2.1/" --user alice --password-command "echo s3cret" 2>"$T/err"; rc=$?
-[ $rc = 2 ] && grep -q "https://" "$T/err" || { cat "$T/err" >&2; fail "plain http elsewhere: $rc"; }
-# A URL that could never work is refused before any password is asked for (stdin is empty here).
-for bad in notaurl ftp://h/ https://u:p@h/; do
+# A URL that could never work, or plain http elsewhere, is refused before any password is asked
+# for (stdin is empty here).
+for bad in notaurl ftp://h/ https://u:p@h/ http://192.0.2.1/; do
   "$B" cloud login "$bad" --user alice </dev/null 2>"$T/err"; rc=$?
   [ $rc = 2 ] && ! grep -q "no password given" "$T/err" || { cat "$T/err" >&2; fail "bad URL $bad: $rc"; }
 done
@@ -45,20 +44,7 @@ grep -q cloudServer "$XDG_CONFIG_HOME/Almanor/settings.ini" 2>/dev/null && fail 
 "$B" sync 2>"$T/err"; [ $? = 1 ] || fail "sync without account"
 grep -q "no cloud account; run almanor cloud login URL" "$T/err" || fail "sync without account message"
 
-"$B" cloud login "$URL" --user alice --password-command "echo s3cret" 2>/dev/null || fail "login with command"
-"$B" events add 'Trip, part 1; "x" \ y' --date 2027-03-14 >/dev/null
-"$B" cloud status --json | grep -q '"pending":{"inserted":1,"updated":0,"deleted":0}' || fail "pending before sync"
-"$B" sync 2>/dev/null || fail "sync"
-"$B" events list > "$T/list1"
-"$B" cloud status --json | grep -q '"pending":{"inserted":0,"updated":0,"deleted":0}' || fail "status after sync"
-
-# A second machine sees it, text intact.
-export XDG_CONFIG_HOME="$T/c2" XDG_DATA_HOME="$T/d2"
-"$B" cloud login "$URL" --user alice --password-command "echo s3cret" 2>/dev/null || fail "second login"
-"$B" sync 2>/dev/null || fail "second sync"
-"$B" events list > "$T/list"; cmp -s "$T/list" "$T/list1" || { cat "$T/list" "$T/list1" >&2; fail "second machine did not get the same event"; }
-
-# The keyring: stdin password, stored under the schema, removed by logout.
+# The keyring: stdin password, stored under the schema, used by sync, removed by logout.
 # Under the usual umask the account and the events are still the user's alone, in a settings
 # folder an older build left open too; a logout that cannot be saved says so and keeps both.
 export XDG_CONFIG_HOME="$T/c3" XDG_DATA_HOME="$T/d3"
@@ -68,6 +54,7 @@ dbus-run-session -- sh -c '
   printf keyring-unlock | gnome-keyring-daemon --unlock --components=secrets --daemonize >/dev/null || exit 5
   # Until it owns its name, a client would have D-Bus start a second, locked, keyring.
   gdbus wait --session --timeout 10 org.freedesktop.secrets || exit 5
+  "$0" events add Trip --date 2027-03-14 >/dev/null || exit 6
   echo s3cret | "$0" cloud login "$1" --user alice 2>/dev/null || exit 6
   secret-tool lookup server "$1" user alice | grep -qx s3cret || exit 7
   modes=$(stat -c %a "$XDG_CONFIG_HOME" "$XDG_CONFIG_HOME/Almanor" "$XDG_CONFIG_HOME/Almanor/settings.ini")
@@ -79,7 +66,7 @@ exit 3" ] && [ "$(echo "$said" | wc -l)" = 2 ] || { echo "$said" >&2; exit 15; }
   secret-tool lookup server "$1" user alice | grep -qx s3cret || exit 16
   "$0" cloud status | grep -q "^Server: " || exit 17
   "$0" sync 2>/dev/null || exit 8
-  "$0" events list | grep -q Trip || exit 9
+  "$0" cloud status --json | grep -q "\"pending\":{\"inserted\":0," || exit 9
   [ "$(echo $(stat -c %a "$XDG_DATA_HOME/Almanor" "$XDG_DATA_HOME/Almanor/EventsV1.db"))" = "700 600" ] || exit 18
   "$0" cloud logout || exit 10
   secret-tool lookup server "$1" user alice && exit 11
