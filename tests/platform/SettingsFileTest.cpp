@@ -4,27 +4,13 @@
 #include "TempDir.h"
 #include "platform/Settings.h"
 
-#include <fstream>
 #include <gtest/gtest.h>
-#include <sstream>
 #include <sys/stat.h>
 #include <thread>
 
 using namespace almanor;
 
 namespace {
-
-std::string slurp(const std::filesystem::path& p) {
-    std::ifstream in(p);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-void spit(const std::filesystem::path& p, const std::string& text) {
-    std::filesystem::create_directories(p.parent_path());
-    std::ofstream(p) << text;
-}
 
 // Everything the user would lose with the file: the account, the selection, login.
 const std::string everyKey = "[com.vostrel.Almanor]\n"
@@ -61,9 +47,10 @@ TEST_F(SettingsFileTest, WritersKeepEachOthersKeysAndDefaultsAreNeverWritten) {
     tray.setInteger(Settings::buildVersion, 1);
     EXPECT_EQ(tray.string(Settings::recordZone), " lead;\nnew line\\ and = sign ");
     EXPECT_EQ(cli.integer(Settings::buildVersion), 1);
-    EXPECT_EQ(slurp(file).find("selectedEvent"), std::string::npos);
+    EXPECT_EQ(test::readFile(file).find("selectedEvent"), std::string::npos);
     // Of the wrong type: the defaults; a selection that is no id: a fresh one each time.
-    spit(file, "[com.vostrel.Almanor]\nbuildVersion=abc\nappZoneUsed=maybe\nselectedEvent=xyz\n");
+    test::writeFile(
+        file, "[com.vostrel.Almanor]\nbuildVersion=abc\nappZoneUsed=maybe\nselectedEvent=xyz\n");
     EXPECT_EQ(cli.integer(Settings::buildVersion), 0);
     EXPECT_FALSE(cli.boolean(Settings::appZoneUsed));
     EXPECT_NE(Settings(cli).selectedEventId(), Settings(cli).selectedEventId());
@@ -105,7 +92,7 @@ TEST_F(SettingsFileTest, ADamagedFileIsReadLineByLineToldOnceAndKeptAsIs) {
     };
     int copies = 0;
     for (const auto& c : cases) {
-        spit(file, c.text);
+        test::writeFile(file, c.text);
         test::LogCapture log;
         std::vector<std::thread> readers; // one repairs it, none tells twice
         for (int i = 0; i < 3; ++i) {
@@ -123,31 +110,31 @@ TEST_F(SettingsFileTest, ADamagedFileIsReadLineByLineToldOnceAndKeptAsIs) {
             EXPECT_EQ(lines[lines.size() - 2], c.last);
         }
         EXPECT_EQ(lines.back(), "The damaged settings file was kept as " + copy);
-        EXPECT_EQ(slurp(copy), c.text);
+        EXPECT_EQ(test::readFile(copy), c.text);
         if (c.repairedAsBefore) {
-            EXPECT_EQ(slurp(file), everyKey);
+            EXPECT_EQ(test::readFile(file), everyKey);
         }
     }
     // Found by a writer: the write lands on what could be read.
-    spit(file, damaged);
+    test::writeFile(file, damaged);
     SettingsFile writer(file);
     writer.setString(Settings::recordZone, "zone");
     expectEveryKey(SettingsFile(file));
     EXPECT_EQ(SettingsFile(file).string(Settings::recordZone), "zone");
-    EXPECT_EQ(slurp(file.string() + ".corrupt.3"), damaged);
+    EXPECT_EQ(test::readFile(file.string() + ".corrupt.3"), damaged);
 }
 
 TEST_F(SettingsFileTest, WithNoFreeNameForACopyTheDamagedFileIsNotOverwritten) {
-    spit(file, damaged);
-    spit(file.string() + ".corrupt", "older copy");
+    test::writeFile(file, damaged);
+    test::writeFile(file.string() + ".corrupt", "older copy");
     for (int n = 1; n < 1000; ++n) {
-        spit(file.string() + ".corrupt." + std::to_string(n), "older copy");
+        test::writeFile(file.string() + ".corrupt." + std::to_string(n), "older copy");
     }
     test::LogCapture log;
     SettingsFile d(file);
     expectEveryKey(d); // read in memory all the same
     EXPECT_FALSE(d.setString(Settings::recordZone, "zone"));
-    EXPECT_EQ(slurp(file), damaged);
+    EXPECT_EQ(test::readFile(file), damaged);
     EXPECT_EQ(log.lines().back(), "Failed to save settings to " + file.string() +
                                       ": the file as it is could not be kept");
 }
@@ -155,7 +142,7 @@ TEST_F(SettingsFileTest, WithNoFreeNameForACopyTheDamagedFileIsNotOverwritten) {
 // What another process wrote is news, even when it restores our own write or is folded into it;
 // our own writes and repairs are not.
 TEST_F(SettingsFileTest, ChangesElsewhereAreNewsOnce) {
-    spit(file, damaged);
+    test::writeFile(file, damaged);
     SettingsFile tray(file);
     SettingsFile cli(file);
     expectEveryKey(tray); // repairs

@@ -3,7 +3,6 @@
 #include "StorageTesting.h"
 #include "TempDir.h"
 
-#include <fstream>
 #include <gtest/gtest.h>
 #include <thread>
 
@@ -103,7 +102,7 @@ TEST_F(LocalRepositoryTest, NotifiesOnceAfterEachSuccessfulChangeOnTheWritingThr
 
 TEST(LocalRepositoryDeathTest, StopsWhenTheStoreCannotBeOpened) {
     test::TempDir dir;
-    std::ofstream(dir / "file") << "not a folder";
+    test::writeFile(dir / "file", "not a folder");
     Signals center;
     SystemClock clock;
     EXPECT_EXIT({ LocalRepository store(dir / "file", "EventsV1.db", center, clock); },

@@ -10,9 +10,7 @@
 #include "storage/Repository.h"
 #include "storage/StoreSchema.h"
 
-#include <fstream>
 #include <gtest/gtest.h>
-#include <sstream>
 
 using namespace almanor;
 using namespace std::chrono;
@@ -38,17 +36,6 @@ const std::string eventsColumns = "id TEXT 1 NULL 1\n"
                                   "sync_dirty INTEGER 1 0 0\n"
                                   "sync_deleted INTEGER 1 0 0\n";
 
-std::string contents(const std::filesystem::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
-
-void write(const std::filesystem::path& file, const std::string& bytes) {
-    std::ofstream(file, std::ios::binary) << bytes;
-}
-
 class MigrationManagerTest : public ::testing::Test {
   protected:
     std::unique_ptr<Repository> open() {
@@ -69,7 +56,7 @@ class MigrationManagerTest : public ::testing::Test {
     std::string oldStoreWithOneEvent() {
         EXPECT_TRUE(open()->insert(*event("Kept", at(2024y / March / 5))));
         sql::Connection(db.string()).run("PRAGMA user_version = 0");
-        return contents(db);
+        return test::readFile(db);
     }
 
     test::TempDir dir;
@@ -103,10 +90,10 @@ TEST_F(MigrationManagerTest, AnOldFileGetsAVersionANewerOneIsLeftAsItIs) {
     EXPECT_EQ(fileVersion(*r), newest);
     ASSERT_EQ(r->fetchAll().size(), 1u);
     r.reset();
-    auto before = contents(db);
+    auto before = test::readFile(db);
     auto stamp = std::filesystem::last_write_time(db);
     EXPECT_TRUE(MigrationManager::migrate(*open(), defaults)); // up to date: only read
-    EXPECT_EQ(contents(db), before);
+    EXPECT_EQ(test::readFile(db), before);
     EXPECT_EQ(std::filesystem::last_write_time(db), stamp);
     sql::Connection(db.string()).run("PRAGMA user_version = 7");
     EXPECT_EQ(fileVersion(*open()), "7");
@@ -114,7 +101,7 @@ TEST_F(MigrationManagerTest, AnOldFileGetsAVersionANewerOneIsLeftAsItIs) {
 
 TEST_F(MigrationManagerTest, ADamagedFileIsReportedNeverWrittenAndNotFatal) {
     std::string full = oldStoreWithOneEvent();
-    std::string current = (open(), contents(db)); // the version recorded
+    std::string current = (open(), test::readFile(db)); // the version recorded
     std::string garbage(4096, '\0');
     for (std::size_t i = 0; i < garbage.size(); ++i) {
         garbage[i] = char((i * 7919 + 13) % 251);
@@ -128,7 +115,7 @@ TEST_F(MigrationManagerTest, ADamagedFileIsReportedNeverWrittenAndNotFatal) {
          "database disk image is malformed (code: 11)"},
     };
     for (const auto& [bytes, reason] : cases) {
-        write(db, bytes);
+        test::writeFile(db, bytes);
         test::LogCapture log;
         auto r = open();
         EXPECT_EQ(r->local().unusable(), "The event store " + db.string() +
@@ -139,7 +126,7 @@ TEST_F(MigrationManagerTest, ADamagedFileIsReportedNeverWrittenAndNotFatal) {
         EXPECT_FALSE(r->insert(*event("New", at(2030y / January / 1))));
         EXPECT_EQ(log.lines().size(), 1u);
         r.reset();
-        EXPECT_EQ(contents(db), bytes);
+        EXPECT_EQ(test::readFile(db), bytes);
         EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir / "Almanor"), {}), 1);
         EXPECT_EQ(SettingsFile(dir / "config/settings.ini").integer(Settings::buildVersion), 0);
     }

@@ -67,7 +67,6 @@ TEST_F(WindowTest, FourSectionsInTheListsOrderAndAliasesOnlyWithText) {
     EXPECT_EQ(seen, (std::vector<std::string>{"One Off Events", "Once -", "Weekly Events",
                                               "Monthly Events", "Early Short", "A monthly -",
                                               "B monthly -", "Annual Events"}));
-    EXPECT_EQ(versionText("1.2.3"), "v1.2.3");
 }
 
 TEST(EventSearchTest, FindsNameOrAliasWhateverTheCaseAccentsAndCompatibilityForms) {
