@@ -170,6 +170,7 @@ class TrayTest(unittest.TestCase):
             self.d.wait_for(lambda: self.count_icon() == {}, "the plain icon")
         finally:
             set_setting("panelIconShowsCount", None)
+        self.d.wait_for(lambda: self.count_icon() != {}, "the count again")  # handled before the next test
 
     def test_5_the_sync_action_asks_for_a_push(self):
         def pushes():
