@@ -11,6 +11,7 @@
 #include "cloud/PasswordHandover.h"
 #include "cloud/RecordMapping.h"
 #include "platform/Clock.h"
+#include "platform/Log.h"
 #include "platform/Module.h"
 #include "platform/Settings.h"
 #include "platform/Translation.h"
@@ -348,6 +349,8 @@ void declareCloudCommands(CLI::App& app, Action& chosen) {
                 // Nothing this process starts (a password command) inherits the report.
                 ::fcntl(tray->report, F_SETFD, FD_CLOEXEC);
                 std::signal(SIGPIPE, SIG_IGN);
+                // The tray reads the lines' priorities back.
+                Log::withPriorityPrefixes(true);
             }
             return syncNow(services, *tray);
         };

@@ -32,7 +32,7 @@ CloudServiceProvider accountCloudServiceProvider(SettingsFile& defaults,
         try {
             return loader->module().makeCloudService(defaults, handover);
         } catch (const ModuleError& e) {
-            Log::line(std::string("Failed to load the CalDAV adapter: ") + e.what());
+            Log::error(std::string("Failed to load the CalDAV adapter: ") + e.what());
             return nullptr;
         }
     };

@@ -10,7 +10,7 @@ bool CloudRepository::saveZone() {
         service_->saveZone(std::string(appZoneName));
         return true;
     } catch (const CloudError& e) {
-        Log::line(std::string("Failed to create zone: ") + e.what());
+        Log::error(std::string("Failed to create zone: ") + e.what());
         return false;
     }
 }
@@ -58,7 +58,7 @@ void CloudRepositoryFactory::cancelCreation() {
 std::shared_ptr<CloudRepository> CloudRepositoryFactory::create() {
     std::shared_ptr<CloudService> service = provider_ ? provider_() : nullptr;
     if (!service) {
-        Log::line("No CalDAV account configured");
+        Log::debug("No CalDAV account configured");
         return nullptr;
     }
     {
@@ -76,11 +76,11 @@ std::shared_ptr<CloudRepository> CloudRepositoryFactory::create() {
     } made{*this};
     try {
         if (service->accountStatus() == AccountStatus::noAccount) {
-            Log::line("No CalDAV account configured");
+            Log::debug("No CalDAV account configured");
             return nullptr;
         }
     } catch (const CloudError& e) {
-        Log::line(std::string("Failed to check status of cloud: ") + e.what());
+        Log::error(std::string("Failed to check status of cloud: ") + e.what());
         return nullptr;
     }
     return std::make_shared<CloudRepository>(std::move(service));

@@ -16,7 +16,7 @@ std::vector<CloudEvent> MigrationHelper::fetchRecords(const Clock& clock) {
     try {
         records = service_->performQuery(std::string(eventRecordType), zoneName_);
     } catch (const CloudError& e) {
-        Log::line(std::string("Failed to fetch records: ") + e.what());
+        Log::error(std::string("Failed to fetch records: ") + e.what());
         return {};
     }
     std::vector<CloudEvent> events;
@@ -30,7 +30,7 @@ bool MigrationHelper::hasRecords(CloudService& service, const std::string& zoneN
     try {
         return !service.performQuery(std::string(eventRecordType), zoneName).empty();
     } catch (const CloudError& e) {
-        Log::line(std::string("Failed to check for records: ") + e.what());
+        Log::error(std::string("Failed to check for records: ") + e.what());
         return false;
     }
 }
@@ -46,12 +46,12 @@ std::optional<MigrationHelper>
 MigrationHelper::findExistingRecords(std::shared_ptr<CloudService> service,
                                      SettingsFile& defaults) {
     if (!defaults.boolean(Settings::appZoneUsed)) {
-        Log::line("Finding existing cloud records");
+        Log::debug("Finding existing cloud records");
         try {
             bool appZone = false;
             bool legacyZone = false;
             for (const auto& zone : service->fetchAllZones()) {
-                Log::line(describe(zone));
+                Log::debug(describe(zone));
                 if (zone.name == appZoneName)
                     appZone = true;
                 if (zone.name == legacyZoneName)
@@ -64,12 +64,12 @@ MigrationHelper::findExistingRecords(std::shared_ptr<CloudService> service,
                 defaults.setString(Settings::recordZone, legacyZoneName);
             }
         } catch (const CloudError& e) {
-            Log::line(std::string("Failed to fetch zone: ") + e.what());
+            Log::error(std::string("Failed to fetch zone: ") + e.what());
         }
     }
     std::optional<std::string> zone = zoneInUse(defaults);
     if (!zone) {
-        Log::line("No zone found in the cloud, no need to migrate");
+        Log::debug("No zone found in the cloud, no need to migrate");
         return std::nullopt;
     }
     return MigrationHelper(std::move(service), *zone);

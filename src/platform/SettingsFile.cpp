@@ -276,12 +276,12 @@ SettingsFile::Loaded SettingsFile::load(bool keepComments, bool locked) const {
         return {KeyFile(g_key_file_new()), true}; // no file yet
     }
     if (!file.bytes) {
-        Log::line(formatText(_("Ignoring settings file %s: %s"), {file_.string(), file.error}));
+        Log::warning(formatText(_("Ignoring settings file %s: %s"), {file_.string(), file.error}));
         std::string error;
         // A writer is about to replace it: what could not be read is kept, not overwritten.
         auto aside = locked ? keepAside(file_, nullptr, error) : std::nullopt;
         if (aside) {
-            Log::line(
+            Log::warning(
                 formatText(_("The unreadable settings file was kept as %s"), {aside->string()}));
         }
         return {KeyFile(g_key_file_new()), aside.has_value()};
@@ -295,13 +295,13 @@ SettingsFile::Loaded SettingsFile::load(bool keepComments, bool locked) const {
         if (lock.held()) {
             return load(keepComments, true);
         }
-        Log::line(
+        Log::warning(
             formatText(_("Cannot lock %s (%s): the damaged settings file %s is left as it is"),
                        {file_.parent_path().string(), lock.error(), file_.string()}));
     }
     Salvage salvaged = salvage(*file.bytes, file_, group);
     for (const auto& line : salvaged.dropped) {
-        Log::line(line);
+        Log::warning(line);
     }
     bool settled = locked && replaceDamaged(*file.bytes, salvaged.text);
     KeyFile keys = parse(salvaged.text, flags);
@@ -312,7 +312,7 @@ bool SettingsFile::replaceDamaged(const std::string& damaged, const std::string&
     std::string error;
     auto aside = keepAside(file_, &damaged, error);
     if (!aside) {
-        Log::line(formatText(
+        Log::warning(formatText(
             _("The damaged settings file %s could not be kept aside (%s), so it is left as it is"),
             {file_.string(), error}));
         return false;
@@ -320,12 +320,13 @@ bool SettingsFile::replaceDamaged(const std::string& damaged, const std::string&
     Error e;
     if (!g_file_set_contents_full(file_.c_str(), readable.data(), gssize(readable.size()),
                                   G_FILE_SET_CONTENTS_CONSISTENT, privateMode, glib::out(e))) {
-        Log::line(formatText(_("Failed to save settings to %s: %s"), {file_.string(), e->message}));
+        Log::error(
+            formatText(_("Failed to save settings to %s: %s"), {file_.string(), e->message}));
         // The original is still in place: the next reader tries again, without a second copy.
         ::unlink(aside->c_str());
         return false;
     }
-    Log::line(formatText(_("The damaged settings file was kept as %s"), {aside->string()}));
+    Log::warning(formatText(_("The damaged settings file was kept as %s"), {aside->string()}));
     std::lock_guard guard(mutex_);
     news_ = news_ || damaged != seen_->content;
     seen_->content = readable;
@@ -482,7 +483,7 @@ void SettingsFile::reportFailure(const std::string& why) {
     std::string line = formatText(_("Failed to save settings to %s: %s"), {file_.string(), why});
     std::lock_guard failures(failureMutex_);
     if (line != lastFailure_) {
-        Log::line(line);
+        Log::error(line);
         lastFailure_ = std::move(line);
     }
 }

@@ -134,7 +134,7 @@ Uuid DisplayedEventSelection::resolveDisplayedEvent(const Uuid& selected) {
             displayEvent(events[random_(events.size())], randomMode, *calendar, today);
             return randomEventId;
         }
-        Log::line(nothingUpcoming);
+        Log::debug(nothingUpcoming);
     } else if (selected == cycleUpcomingEventId) {
         TimedEvents pool =
             rotationPool(upcomingEvents(events, *calendar, today), rotationWindowSeconds);
@@ -143,7 +143,7 @@ Uuid DisplayedEventSelection::resolveDisplayedEvent(const Uuid& selected) {
             lastCycled_ = secondsSinceReferenceDate(clock_.now());
             return cycleUpcomingEventId;
         }
-        Log::line(nothingUpcoming);
+        Log::debug(nothingUpcoming);
     }
 
     // A fixed selection, and every mode that found nothing.

@@ -103,7 +103,7 @@ struct TrayApplication::Impl {
         try {
             return repository.local().dataVersion();
         } catch (const StoreError& e) {
-            Log::line(std::string("Failed to read the store's version: ") + e.what());
+            Log::error(std::string("Failed to read the store's version: ") + e.what());
             return std::nullopt;
         }
     }
@@ -152,7 +152,7 @@ void TrayApplication::startup() {
     // 4. the push follows it in the same pass, in the background. A store that cannot be read
     // leaves the no-events title; the user is told once, here.
     if (auto problem = s_.repository.local().unusable()) {
-        Log::line(*problem);
+        Log::error(*problem);
     }
     MigrationManager::migrateIfNeeded(s_.repository, s_.defaults);
     // 9, early: posts come from any thread (the store posts where it writes); the item, the menus
@@ -176,7 +176,7 @@ void TrayApplication::startup() {
 
     // 7.
     Uuid stored = settings_.selectedEventId();
-    Log::line("selectedEvent " + stored.uuidString());
+    Log::debug("selectedEvent " + stored.uuidString());
 
     // 8. The first title, before anything can change it. What it shows counts as this process's
     // own; the store's version is taken first, so that a commit made meanwhile is looked at again.
@@ -218,7 +218,7 @@ void TrayApplication::recalculateEvents() {
     if (selected == DisplayedEventSelection::cycleUpcomingEventId) {
         double now = secondsSinceReferenceDate(s_.clock.now());
         if (now - selection_.lastCycled() > rotationSeconds) {
-            Log::line("Recalculating event");
+            Log::debug("Recalculating event");
             selection_.resolveDisplayedEvent(selected);
             return;
         }

@@ -16,7 +16,7 @@ template <class Call> bool logged(std::string_view message, Call&& call) {
         call();
         return true;
     } catch (const StoreError& e) {
-        Log::line(std::string(message) + e.what());
+        Log::error(std::string(message) + e.what());
         return false;
     }
 }

@@ -76,7 +76,7 @@ class LogLines {
         if (!line_.empty() && line_.back() == '\r')
             line_.pop_back();
         if (!line_.empty())
-            Log::line(line_);
+            Log::forward(line_);
         line_.clear();
     }
 
@@ -120,8 +120,8 @@ bool spawn(const std::vector<std::string>& args, const Fd& passwordRead, const F
                         G_SPAWN_CLOEXEC_PIPES),
             nullptr, nullptr, -1, -1, -1, sources.data(), targets.data(),
             passwordRead.fd >= 0 ? 2 : 1, &pid, nullptr, nullptr, &stderrFd, glib::out(error))) {
-        Log::line(std::string("Failed to start the sync: ") +
-                  (error ? error->message : "unknown error"));
+        Log::error(std::string("Failed to start the sync: ") +
+                   (error ? error->message : "unknown error"));
         return false;
     }
     errors.fd = stderrFd;
@@ -152,7 +152,7 @@ void end(GPid pid, int& status) {
 }
 
 PassResult notAvailable() {
-    Log::line("Cloud not available for syncing");
+    Log::debug("Cloud not available for syncing");
     PassResult result;
     result.problem = _("the cloud is not available");
     result.unavailable = true;
@@ -267,7 +267,7 @@ PassResult ChildProcessPasses::run(const std::function<void()>& pulled) {
             return notAvailable();
         // Without an account there is nothing to start a child for.
         if (!CloudAccount::load(defaults_)) {
-            Log::line("No CalDAV account configured");
+            Log::debug("No CalDAV account configured");
             gaveUp_ = true;
             return notAvailable();
         }
@@ -288,12 +288,12 @@ PassResult ChildProcessPasses::run(const std::function<void()>& pulled) {
     if (ending.timedOut) {
         result.problem = "the sync did not end within " + std::to_string(passLimit_.count() / 60) +
                          " min and was stopped";
-        Log::line("Failed to sync: " + result.problem);
+        Log::error("Failed to sync: " + result.problem);
         return result;
     }
     if (!report.result()) {
         result.problem = "almanor sync ended " + howItEnded(ending.status);
-        Log::line("Failed to sync: " + result.problem);
+        Log::error("Failed to sync: " + result.problem);
         return result;
     }
     result = *report.result();
@@ -317,7 +317,7 @@ ChildEnding ChildProcessPasses::runChild(const std::string& password, PassReport
     Fd reportWrite;
     if (!openPipe(reportRead, reportWrite) ||
         (!password.empty() && !openPipe(passwordRead, passwordWrite))) {
-        Log::line("Failed to start the sync: no pipe for it");
+        Log::error("Failed to start the sync: no pipe for it");
         return ending;
     }
     std::vector<std::string> args{program_.string(), "sync", "--report-fd",

@@ -26,7 +26,7 @@ PassResult InProcessPasses::run(const std::function<void()>& pulled) {
     PassResult result;
     std::shared_ptr<CloudRepository> cloud = cloud_.get();
     if (!cloud) {
-        Log::line("Cloud not available for syncing");
+        Log::debug("Cloud not available for syncing");
         result.problem = _("the cloud is not available");
         result.unavailable = true;
         return result;
@@ -46,7 +46,7 @@ PassResult InProcessPasses::run(const std::function<void()>& pulled) {
     FileLock lock(lockFile_, [this] { return !stopping_; });
     if (!lock.held()) {
         if (!stopping_)
-            Log::line("Failed to lock the store for syncing: " + lock.error());
+            Log::error("Failed to lock the store for syncing: " + lock.error());
         result.problem = "the store could not be locked for syncing: " + lock.error();
         return result;
     }
@@ -64,7 +64,7 @@ PassResult InProcessPasses::run(const std::function<void()>& pulled) {
     result.sent = syncPass.sent();
     // What failed has said so in its own line.
     if (result.pulled && result.pushed)
-        Log::line("Synced: " + std::to_string(result.received) + " received, " +
+        Log::info("Synced: " + std::to_string(result.received) + " received, " +
                   std::to_string(result.sent) + " sent");
     return result;
 }

@@ -38,9 +38,9 @@ std::string timeText(std::optional<Instant> t) {
 // One line naming the event, the version kept and the one dropped.
 void conflictLine(const Event& event, const std::string& kept, std::optional<Instant> keptTime,
                   const std::string& dropped, std::optional<Instant> droppedTime) {
-    Log::line("Conflict on \"" + event.name() + "\" (" + event.id().uuidString() + "): kept " +
-              kept + " of " + timeText(keptTime) + ", dropped " + dropped + " of " +
-              timeText(droppedTime));
+    Log::warning("Conflict on \"" + event.name() + "\" (" + event.id().uuidString() + "): kept " +
+                 kept + " of " + timeText(keptTime) + ", dropped " + dropped + " of " +
+                 timeText(droppedTime));
 }
 
 // The record a row is on the server: the one kept for it, or for rows synced before records were
@@ -125,15 +125,15 @@ void SyncPass::copyOlderZone(const std::string& zoneName) {
                 }
                 Log::debug(found != rows_.end() ? "  updating..." : "  inserting...");
                 if (auto error = ledger_.attempt([&] { ledger_.writeUnlinked(event); }))
-                    Log::line(std::string(found != rows_.end() ? "Failed to update record: "
-                                                               : "Failed to insert record: ") +
-                              *error);
+                    Log::error(std::string(found != rows_.end() ? "Failed to update record: "
+                                                                : "Failed to insert record: ") +
+                               *error);
                 else
                     ++received_;
             }
         });
     } catch (const StoreError& e) {
-        Log::line(std::string("Failed to update record: ") + e.what());
+        Log::error(std::string("Failed to update record: ") + e.what());
         fail(e.what());
     }
 }
@@ -146,7 +146,7 @@ SyncPass::fetchAppZoneChanges(const std::string& token,
     } catch (const ZoneMissing&) {
         // Made below; what this machine knew of it is sent again rather than deleted here.
     } catch (const CloudError& e) {
-        Log::line(std::string("Failed to fetch records: ") + e.what());
+        Log::error(std::string("Failed to fetch records: ") + e.what());
         fail(e.what());
         return std::nullopt;
     }
@@ -157,7 +157,8 @@ SyncPass::fetchAppZoneChanges(const std::string& token,
     try {
         ZoneChanges changes = service_.fetchChanges(appZone, {}, {});
         if (!known.empty()) {
-            Log::line("The zone " + appZone + " was missing on the server; every event goes again");
+            Log::warning("The zone " + appZone +
+                         " was missing on the server; every event goes again");
             ledger_.transaction([&] {
                 for (const auto& row : rows_) {
                     if (row.live() && (row.syncId || row.record))
@@ -170,10 +171,10 @@ SyncPass::fetchAppZoneChanges(const std::string& token,
         }
         return changes;
     } catch (const CloudError& e) {
-        Log::line(std::string("Failed to fetch records: ") + e.what());
+        Log::error(std::string("Failed to fetch records: ") + e.what());
         fail(e.what());
     } catch (const StoreError& e) {
-        Log::line(std::string("Failed to update record: ") + e.what());
+        Log::error(std::string("Failed to update record: ") + e.what());
         fail(e.what());
     }
     return std::nullopt;
@@ -185,7 +186,7 @@ bool SyncPass::pullAppZone() {
         rows_ = ledger_.syncRows();
         token = ledger_.syncToken(appZone);
     } catch (const StoreError& e) {
-        Log::line(std::string("Failed to fetch records: ") + e.what());
+        Log::error(std::string("Failed to fetch records: ") + e.what());
         fail(e.what());
         return false;
     }
@@ -200,14 +201,14 @@ bool SyncPass::pullAppZone() {
     for (const auto& [resource, reason] : changes->unreadable) {
         std::string text = "Skipping record ";
         text.append(resource).append(": ").append(reason);
-        Log::line(text);
+        Log::warning(text);
     }
 
     try {
         ledger_.transaction([&] {
             for (const auto& remote : changes->changed) {
                 if (auto error = ledger_.attempt([&] { applyChanged(remote); }))
-                    Log::line("Skipping record " + remote.resource + ": " + *error);
+                    Log::warning("Skipping record " + remote.resource + ": " + *error);
             }
             std::set<std::string> gone(changes->deleted.begin(), changes->deleted.end());
             for (const auto& row : rows_) {
@@ -215,14 +216,14 @@ bool SyncPass::pullAppZone() {
                 bool unlisted = changes->complete && !row.record && row.syncId && !row.deletionSent;
                 if ((row.record && gone.count(row.record->resource)) || unlisted) {
                     if (auto error = ledger_.attempt([&] { applyGone(row); }))
-                        Log::line("Skipping the deletion of " + row.event->id().uuidString() +
-                                  ": " + *error);
+                        Log::warning("Skipping the deletion of " + row.event->id().uuidString() +
+                                     ": " + *error);
                 }
             }
             ledger_.setSyncToken(appZone, changes->token);
         });
     } catch (const StoreError& e) {
-        Log::line(std::string("Failed to update record: ") + e.what());
+        Log::error(std::string("Failed to update record: ") + e.what());
         fail(e.what());
         return false;
     }
@@ -283,8 +284,8 @@ void SyncPass::applyChanged(const RemoteRecord& remote) {
     SyncRow& row = *found;
     if (row.record && row.record->resource != remote.resource && !row.deletionSent) {
         // Copies of one event (left by older versions): the row stays with its own record.
-        Log::line("Skipping record " + remote.resource + ": a copy of record " +
-                  row.record->resource);
+        Log::warning("Skipping record " + remote.resource + ": a copy of record " +
+                     row.record->resource);
         return;
     }
     EventPtr event = asRow(*theirs.event, row.event->id());
@@ -342,7 +343,7 @@ bool SyncPass::push() {
     try {
         rows_ = ledger_.syncRows();
     } catch (const StoreError& e) {
-        Log::line(std::string("Sync query error: ") + e.what());
+        Log::error(std::string("Sync query error: ") + e.what());
         fail(e.what());
         return false;
     }
@@ -363,7 +364,7 @@ bool SyncPass::push() {
             });
             rows_ = ledger_.syncRows();
         } catch (const StoreError& e) {
-            Log::line(std::string("Failed to sync inserted: ") + e.what());
+            Log::error(std::string("Failed to sync inserted: ") + e.what());
             fail(e.what());
             return false;
         }
@@ -393,8 +394,8 @@ void SyncPass::pushRow(SyncRow& row) {
     if (!named) {
         // A row added meanwhile is named and sent by the next pass.
         if (row.record || row.syncId)
-            Log::line("Skipping " + row.event->id().uuidString() +
-                      ": the store holds no usable record name for it");
+            Log::warning("Skipping " + row.event->id().uuidString() +
+                         ": the store holds no usable record name for it");
         return;
     }
     const RecordState& state = *named;
@@ -408,7 +409,7 @@ void SyncPass::pushRow(SyncRow& row) {
     } catch (const CloudError& e) {
         const char* what =
             row.live() && row.syncId ? "Unable to update record " : "Unable to insert record ";
-        Log::line(what + row.event->id().uuidString() + ": " + e.what());
+        Log::error(what + row.event->id().uuidString() + ": " + e.what());
         fail(e.what());
     }
 }
@@ -566,14 +567,14 @@ void SyncPass::flush() {
         ledger_.transaction([&] {
             for (const auto& [write, message] : marks) {
                 if (auto error = ledger_.attempt(write)) {
-                    Log::line(message + *error);
+                    Log::error(message + *error);
                     fail(*error);
                 }
             }
         });
     } catch (const StoreError& e) {
         // The rows stay pending: the next pass finds the server already in step with them.
-        Log::line(marks.front().second + e.what());
+        Log::error(marks.front().second + e.what());
         fail(e.what());
     }
 }

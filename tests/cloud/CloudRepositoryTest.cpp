@@ -27,7 +27,7 @@ TEST(CloudRepositoryFactory, EachFailureIsLoggedOnceAndNotRetried) {
         {[](Factory& f) { f.fake->failAll(Op::status); },
          "Failed to check status of cloud: injected failure"},
         {[](Factory& f) { f.fake->setAccountStatus(AccountStatus::noAccount); },
-         "No CalDAV account configured"},
+         ""}, // no account is no news
         {[](Factory& f) {
              f.fake->failAll(Op::saveZone);
              EXPECT_FALSE(f.factory.get()->saveZone());
@@ -42,7 +42,7 @@ TEST(CloudRepositoryFactory, EachFailureIsLoggedOnceAndNotRetried) {
         EXPECT_EQ(f.factory.get(), nullptr) << line;
         EXPECT_EQ(f.factory.get(), nullptr) << line;
         EXPECT_EQ(f.fake->calls(Op::status), 1) << line << ": asked again after giving up";
-        EXPECT_EQ(log.lines(), Lines{line});
+        EXPECT_EQ(log.lines(), line.empty() ? Lines{} : Lines{line});
         f.fake->clearFailures();
         f.fake->setAccountStatus(AccountStatus::available);
         f.factory.networkCameBack();
@@ -69,13 +69,11 @@ TEST(CloudRepositoryFactory, OnlyNoAccountStopsCreationAndSuccessIsKept) {
 }
 
 TEST(CloudRepositoryFactory, WithoutAServiceThereIsNoAccount) {
-    test::LogCapture log;
     CloudRepositoryFactory none{[] { return std::shared_ptr<CloudService>(); }};
     EXPECT_EQ(none.get(), nullptr);
     EXPECT_EQ(none.existing(), nullptr);
     CloudRepositoryFactory empty{CloudServiceProvider{}};
     EXPECT_EQ(empty.get(), nullptr);
-    EXPECT_EQ(log.lines(), (Lines{"No CalDAV account configured", "No CalDAV account configured"}));
 }
 
 } // namespace

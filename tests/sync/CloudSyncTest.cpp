@@ -64,8 +64,7 @@ TEST_F(CloudSyncTest, WithoutTheCloudEverythingStaysPendingUntilTheNetworkComesB
     test::LogCapture log;
     p->sync.populateFromCloud();
     EXPECT_FALSE(p->sync.waitForSync().pushed);
-    EXPECT_EQ(log.lines(),
-              (Names{"No CalDAV account configured", "Cloud not available for syncing"}));
+    EXPECT_TRUE(log.lines().empty()); // nothing a user without an account could act on
     fake->setAccountStatus(AccountStatus::available);
     p->sync.sync();
     EXPECT_FALSE(p->sync.waitForSync().pushed) << "gave up until the network comes back";
@@ -190,9 +189,8 @@ TEST_F(CloudSyncTest, OlderLayoutsZoneArrivesUnlinkedAndMovesToTheAppZone) {
     test::LogCapture log;
     p->sync.populateFromCloud();
     p->sync.waitForSync();
-    // The discovery's lines, then one summary line; no line per record.
-    EXPECT_EQ(log.lines().size(), 3u);
-    EXPECT_EQ(log.lines().back(), "Synced: 1 received, 1 sent");
+    // One summary line: none for the discovery, none per record.
+    EXPECT_EQ(log.lines(), Names{"Synced: 1 received, 1 sent"});
     EXPECT_EQ(p->liveNames(), Names{"Old"});
     // Pushed into the app's zone; the older zone is left alone.
     EXPECT_EQ(test::namesIn(*fake), Names{"Old"});

@@ -1,115 +1,109 @@
 #include "ui/tray/CountIcons.h"
 
-#include "platform/XmlText.h"
-
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
-#include <fcntl.h>
-#include <system_error>
-#include <unistd.h>
 
-namespace almanor {
+namespace almanor::countIcon {
 
 namespace {
 
-constexpr std::string_view namePrefix = "com.vostrel.Almanor-count-";
+constexpr int glyphWidth = 3;
+constexpr int glyphHeight = 5;
+// Three bits a row, top row first.
+constexpr std::array<std::array<std::uint8_t, glyphHeight>, 12> glyphs{{
+    {7, 5, 5, 5, 7}, // 0
+    {2, 6, 2, 2, 7}, // 1
+    {7, 1, 7, 4, 7}, // 2
+    {7, 1, 7, 1, 7}, // 3
+    {5, 5, 7, 1, 1}, // 4
+    {7, 4, 7, 1, 7}, // 5
+    {7, 4, 7, 5, 7}, // 6
+    {7, 1, 1, 1, 1}, // 7
+    {7, 5, 7, 5, 7}, // 8
+    {7, 5, 7, 1, 7}, // 9
+    {0, 0, 7, 0, 0}, // -
+    {2, 2, 2, 0, 2}, // !
+}};
 
-// Names and folders are made of the text, which is digits, '-' and '!'; anything else is spelled
-// as its code so that a name never holds a path separator.
-std::string fileSafe(std::string_view text) {
-    std::string out;
-    for (char c : text) {
-        if ((c >= '0' && c <= '9') || c == '-') {
-            out += c;
-        } else if (c == '!') {
-            out += "today";
-        } else {
-            out += 'x';
-            out += std::to_string(static_cast<unsigned char>(c));
+const std::array<std::uint8_t, glyphHeight>* glyph(char c) {
+    if (c >= '0' && c <= '9') {
+        return &glyphs[std::size_t(c - '0')];
+    }
+    if (c == '-') {
+        return &glyphs[10];
+    }
+    if (c == '!') {
+        return &glyphs[11];
+    }
+    return nullptr;
+}
+
+constexpr std::uint8_t red = 0xe0, green = 0x1b, blue = 0x24;
+// Samples a pixel's side: edges get a coverage between 0 and 1.
+constexpr int samples = 4;
+
+} // namespace
+
+std::vector<std::uint8_t> pixels(std::string_view text, int size) {
+    const double side = size;
+    const double radius = side * 0.2;
+    // Glyphs one unit apart; the text takes the whole width and at most 70 % of the height. Whole
+    // pixels per unit where they fit keep the digits sharp.
+    const int columns = std::max<int>(int(text.size()) * (glyphWidth + 1) - 1, 1);
+    double unit = std::min(side / columns, side * 0.7 / glyphHeight);
+    if (unit >= 1.0) {
+        unit = std::floor(unit);
+    }
+    const double left = std::round((side - unit * columns) / 2);
+    const double top = std::round((side - unit * glyphHeight) / 2);
+
+    auto inSquare = [&](double x, double y) {
+        // The corners' circles; elsewhere the square itself.
+        const double cx = std::clamp(x, radius, side - radius);
+        const double cy = std::clamp(y, radius, side - radius);
+        return (x - cx) * (x - cx) + (y - cy) * (y - cy) <= radius * radius;
+    };
+    auto inText = [&](double x, double y) {
+        const int column = int(std::floor((x - left) / unit));
+        const int row = int(std::floor((y - top) / unit));
+        if (x < left || y < top || column >= columns || row >= glyphHeight) {
+            return false;
+        }
+        const auto* rows = glyph(text[std::size_t(column / (glyphWidth + 1))]);
+        const int bit = column % (glyphWidth + 1);
+        return rows != nullptr && bit < glyphWidth &&
+               ((*rows)[std::size_t(row)] >> (glyphWidth - 1 - bit) & 1) != 0;
+    };
+
+    std::vector<std::uint8_t> out(std::size_t(size) * std::size_t(size) * 4);
+    auto* pixel = out.data();
+    for (int py = 0; py < size; ++py) {
+        for (int px = 0; px < size; ++px) {
+            int covered = 0;
+            int lit = 0;
+            for (int sy = 0; sy < samples; ++sy) {
+                for (int sx = 0; sx < samples; ++sx) {
+                    const double x = px + (sx + 0.5) / samples;
+                    const double y = py + (sy + 0.5) / samples;
+                    if (inSquare(x, y)) {
+                        ++covered;
+                        lit += inText(x, y) ? 1 : 0;
+                    }
+                }
+            }
+            // Colours as they are under a partial alpha (not premultiplied): white over red.
+            auto mix = [&](std::uint8_t base) {
+                return covered == 0 ? std::uint8_t(0)
+                                    : std::uint8_t(base + (255 - base) * lit / covered);
+            };
+            pixel[0] = std::uint8_t(255 * covered / (samples * samples));
+            pixel[1] = mix(red);
+            pixel[2] = mix(green);
+            pixel[3] = mix(blue);
+            pixel += 4;
         }
     }
     return out;
 }
 
-[[noreturn]] void fail(const std::filesystem::path& file, const char* what) {
-    throw std::filesystem::filesystem_error(what, file,
-                                            std::error_code(errno, std::generic_category()));
-}
-
-// Written aside and renamed into place: a panel never reads half an icon.
-void writeAtomically(const std::filesystem::path& file, const std::string& text) {
-    std::filesystem::path temporary = file;
-    temporary += ".tmp";
-    int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        fail(temporary, "cannot write the count icon");
-    }
-    std::size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            int saved = errno;
-            ::close(fd);
-            ::unlink(temporary.c_str());
-            errno = saved;
-            fail(temporary, "cannot write the count icon");
-        }
-        done += std::size_t(n);
-    }
-    ::close(fd);
-    if (::rename(temporary.c_str(), file.c_str()) != 0) {
-        int saved = errno;
-        ::unlink(temporary.c_str());
-        errno = saved;
-        fail(file, "cannot write the count icon");
-    }
-}
-
-} // namespace
-
-CountIcons::CountIcons(std::filesystem::path folder) : folder_(std::move(folder)) {
-    std::error_code ec;
-    std::filesystem::remove_all(folder_, ec);
-}
-
-CountIcons::~CountIcons() {
-    std::error_code ec;
-    std::filesystem::remove_all(folder_, ec);
-}
-
-CountIcons::Icon CountIcons::iconFor(std::string_view text) {
-    std::string safe = fileSafe(text);
-    Icon icon{std::string(namePrefix) + safe, folder_ / safe};
-    auto apps = icon.themePath / "hicolor" / "scalable" / "apps";
-    auto file = apps / (icon.name + ".svg");
-    std::error_code ec;
-    if (!std::filesystem::exists(file, ec)) {
-        std::filesystem::create_directories(apps);
-        writeAtomically(file, svg(text));
-    }
-    return icon;
-}
-
-std::string CountIcons::svg(std::string_view text) {
-    // Bold digits are about 0.6 em wide; the square leaves 56 of its 64 units for them.
-    const double length = double(std::max<std::size_t>(text.size(), 1));
-    const int size = std::clamp(int(56.0 / (0.6 * length)), 12, 46);
-    // The digits' middle on the square's middle: their height is about 0.72 em.
-    const int baseline = 32 + int(std::lround(0.36 * size));
-    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-           "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"64\" height=\"64\" "
-           "viewBox=\"0 0 64 64\">\n"
-           "  <rect x=\"2\" y=\"2\" width=\"60\" height=\"60\" rx=\"12\" ry=\"12\" "
-           "fill=\"#e01b24\"/>\n"
-           "  <text x=\"32\" y=\"" +
-           std::to_string(baseline) +
-           "\" font-family=\"sans-serif\" font-weight=\"bold\" font-size=\"" +
-           std::to_string(size) + "\" fill=\"#ffffff\" text-anchor=\"middle\">" + xmlEscaped(text) +
-           "</text>\n</svg>\n";
-}
-
-} // namespace almanor
+} // namespace almanor::countIcon

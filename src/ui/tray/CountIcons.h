@@ -1,38 +1,20 @@
 #pragma once
 
-#include <filesystem>
-#include <string>
+#include <array>
+#include <cstdint>
 #include <string_view>
+#include <vector>
 
-namespace almanor {
+namespace almanor::countIcon {
 
-// The day count drawn as an icon, for panels that show a status item's icon but not its label.
-// Panels load icons by name from a theme folder and cache both the folders' listings and the
-// icons by name: each text gets a folder of its own (a new folder makes the panel look again) and
-// a name of its own (a cached name is never a different number). Files are never changed once
-// written; the folder is removed with this object.
-class CountIcons {
-  public:
-    struct Icon {
-        std::string name;                // IconName
-        std::filesystem::path themePath; // IconThemePath: holds hicolor/scalable/apps/<name>.svg
-    };
+// The sizes drawn: what panels ask for, from 16 px panels to large ones; each picks the nearest.
+inline constexpr std::array<int, 5> sizes{16, 22, 24, 32, 48};
 
-    // `folder` is this process's own: it is emptied now and removed at the end.
-    explicit CountIcons(std::filesystem::path folder);
-    ~CountIcons();
-    CountIcons(const CountIcons&) = delete;
-    CountIcons& operator=(const CountIcons&) = delete;
+// The day count as an icon of `size` x `size` pixels: `text` in white on a red rounded square, as
+// large as it fits, in a small digit font of its own (no font files, no drawing library in the
+// tray). ARGB32 in network byte order, rows from the top: what a StatusNotifierItem's IconPixmap
+// carries, so a panel needs no file of this process (a sandbox has none to show). Characters other
+// than digits, '-' and '!' are left blank.
+std::vector<std::uint8_t> pixels(std::string_view text, int size);
 
-    // The icon showing `text`, written on first use. Throws std::filesystem::filesystem_error
-    // when it cannot be written.
-    Icon iconFor(std::string_view text);
-
-    // The icon's drawing: `text` in white on a rounded square, as large as it fits.
-    static std::string svg(std::string_view text);
-
-  private:
-    std::filesystem::path folder_;
-};
-
-} // namespace almanor
+} // namespace almanor::countIcon

@@ -16,8 +16,12 @@ namespace {
 constexpr const char* itemInterface = "org.kde.StatusNotifierItem";
 constexpr const char* watcherName = "org.kde.StatusNotifierWatcher";
 constexpr const char* watcherPath = "/StatusNotifierWatcher";
+// The application indicators' service: its panels draw labels and read icons by name only.
+constexpr const char* labelHostName = "org.ayatana.indicator.application";
 // Each call to the watcher ends within this.
 constexpr int watcherTimeoutMs = 10'000;
+// A panel that starts with the session has its watcher up by then.
+constexpr unsigned watcherGraceSeconds = 5;
 
 // What panels read: the properties and signals of the application indicators that panels know
 // (label, guide, ordering index), and those that panels without labels read (ToolTip, ItemIsMenu).
@@ -48,6 +52,7 @@ constexpr const char* introspection = R"xml(<node>
     <property type="s" name="Category" access="read"/>
     <property type="s" name="Status" access="read"/>
     <property type="s" name="IconName" access="read"/>
+    <property type="a(iiay)" name="IconPixmap" access="read"/>
     <property type="s" name="IconAccessibleDesc" access="read"/>
     <property type="s" name="AttentionIconName" access="read"/>
     <property type="s" name="AttentionAccessibleDesc" access="read"/>
@@ -73,20 +78,24 @@ struct StatusNotifierItem::Impl {
     NodeInfo node;
     unsigned registration = 0;
     unsigned watch = 0;
-    bool watcherSeen = false;
+    unsigned labelHostWatch = 0;
+    bool labelHost = false;
+    unsigned grace = 0; // the wait for a watcher before the user is told
+    bool watcherMissingSaid = false;
     glib::Object<GCancellable> cancellable{g_cancellable_new()};
 
     std::string title = "Almanor"; // until the first title
     std::string label;
-    std::string iconName;
-    std::string iconThemePath;
     std::optional<int> days;
-    std::optional<CountIcons> countIcons;
+    std::string countText; // drawn in pixmap; empty for the plain icon
+    glib::Variant pixmap{g_variant_ref_sink(noPixmap())};
+
+    static GVariant* noPixmap() {
+        return g_variant_new_array(G_VARIANT_TYPE("(iiay)"), nullptr, 0);
+    }
 
     GVariant* toolTip() const {
-        return g_variant_new("(s@a(iiay)ss)", "",
-                             g_variant_new_array(G_VARIANT_TYPE("(iiay)"), nullptr, 0),
-                             title.c_str(), "");
+        return g_variant_new("(s@a(iiay)ss)", "", noPixmap(), title.c_str(), "");
     }
 
     GVariant* property(std::string_view name) const {
@@ -98,7 +107,9 @@ struct StatusNotifierItem::Impl {
         } else if (name == "Status") {
             return g_variant_new_string("Active");
         } else if (name == "IconName") {
-            return text(iconName);
+            return text(iconName());
+        } else if (name == "IconPixmap") {
+            return g_variant_ref(pixmap.get());
         } else if (name == "IconAccessibleDesc") {
             return text(label);
         } else if (name == "AttentionIconName" || name == "AttentionAccessibleDesc" ||
@@ -107,7 +118,7 @@ struct StatusNotifierItem::Impl {
         } else if (name == "Title") {
             return text(title);
         } else if (name == "IconThemePath") {
-            return text(iconThemePath);
+            return g_variant_new_string(options.iconThemePath.c_str());
         } else if (name == "Menu") {
             return g_variant_new_object_path(menuPath.c_str());
         } else if (name == "XAyatanaLabel") {
@@ -161,40 +172,75 @@ struct StatusNotifierItem::Impl {
                                                                   glib::out(error)));
                 // A cancelled call belongs to an item that is gone: nothing of it may be touched.
                 if (error && !g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
-                    Log::line(std::string("Failed to register the status item with the panel: ") +
-                              error->message);
+                    Log::error(std::string("Failed to register the status item with the panel: ") +
+                               error->message);
                 }
             },
             nullptr);
     }
 
-    void updateIcon() {
-        std::string name = options.id;
-        std::string path = options.iconThemePath.string();
-        if (days && options.iconShowsCount && options.iconShowsCount()) {
-            try {
-                if (!countIcons) {
-                    countIcons.emplace(options.countIconFolder);
-                }
-                auto icon = countIcons->iconFor(panelIcon::countText(*days));
-                name = icon.name;
-                path = icon.themePath.string();
-            } catch (const std::exception& e) {
-                Log::line(std::string("Failed to draw the count icon: ") + e.what());
-            }
-        }
-        const bool pathChanged = path != iconThemePath;
-        const bool nameChanged = name != iconName;
-        iconThemePath = std::move(path);
-        iconName = std::move(name);
-        // The folder first: the panel looks the new name up in it.
-        if (pathChanged) {
-            emit("NewIconThemePath", g_variant_new("(s)", iconThemePath.c_str()));
-        }
-        if (pathChanged || nameChanged) {
+    // Hosts take a name they find before the pixels: with the count drawn the name is empty, except
+    // for the hosts that read no pixels, which show the application's icon beside the label.
+    std::string iconName() const { return countText.empty() || labelHost ? options.id : ""; }
+
+    void setLabelHost(bool present) {
+        if (labelHost != present) {
+            labelHost = present;
             emit("NewIcon");
-            propertiesChanged({"IconThemePath", "IconName"});
+            propertiesChanged({"IconName"});
         }
+    }
+
+    void updateIcon() {
+        std::string text;
+        if (days && options.iconShowsCount && options.iconShowsCount()) {
+            text = panelIcon::countText(*days);
+        }
+        if (text == countText) {
+            return;
+        }
+        countText = std::move(text);
+        GVariant* drawn = noPixmap();
+        if (!countText.empty()) {
+            GVariantBuilder icons;
+            g_variant_builder_init(&icons, G_VARIANT_TYPE("a(iiay)"));
+            for (int size : countIcon::sizes) {
+                auto bytes = countIcon::pixels(countText, size);
+                g_variant_builder_add(
+                    &icons, "(ii@ay)", size, size,
+                    g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, bytes.data(), bytes.size(), 1));
+            }
+            drawn = g_variant_builder_end(&icons);
+        }
+        pixmap = glib::Variant(g_variant_ref_sink(drawn));
+        emit("NewIcon");
+        propertiesChanged({"IconName", "IconPixmap"});
+    }
+
+    // Once per start, when no watcher has come within the grace: a line, and a notification
+    // naming what to install. The watch goes on, and a watcher that comes later gets the item.
+    void awaitWatcher() {
+        if (watcherMissingSaid || grace != 0) {
+            return;
+        }
+        grace = g_timeout_add_seconds(
+            watcherGraceSeconds,
+            [](gpointer data) {
+                auto& self = *static_cast<Impl*>(data);
+                self.grace = 0;
+                self.watcherMissingSaid = true;
+                Log::warning(_("No panel shows status items yet (no StatusNotifierWatcher); the "
+                               "item appears when one starts"));
+                if (self.options.notify) {
+                    self.options.notify(
+                        _("No panel shows Almanor"),
+                        _("Almanor's day count needs a panel that shows status items. On GNOME, "
+                          "install the AppIndicator and KStatusNotifierItem Support extension "
+                          "(package gnome-shell-extension-appindicator) and log in again."));
+                }
+                return G_SOURCE_REMOVE;
+            },
+            this);
     }
 };
 
@@ -203,14 +249,18 @@ StatusNotifierItem::StatusNotifierItem(GDBusConnection* connection, Options opti
     impl_->connection = glib::ref(connection);
     impl_->options = std::move(options);
     impl_->menuPath = impl_->options.objectPath + "/Menu";
-    impl_->iconName = impl_->options.id;
-    impl_->iconThemePath = impl_->options.iconThemePath.string();
 }
 
 StatusNotifierItem::~StatusNotifierItem() {
     g_cancellable_cancel(impl_->cancellable.get());
     if (impl_->watch != 0) {
         g_bus_unwatch_name(impl_->watch);
+    }
+    if (impl_->grace != 0) {
+        g_source_remove(impl_->grace);
+    }
+    if (impl_->labelHostWatch != 0) {
+        g_bus_unwatch_name(impl_->labelHostWatch);
     }
     if (impl_->registration != 0) {
         g_dbus_connection_unregister_object(impl_->connection.get(), impl_->registration);
@@ -239,8 +289,8 @@ StatusItem& StatusNotifierItem::createStatusItem() {
             nullptr, glib::out(error));
     }
     if (d.registration == 0) {
-        Log::line(std::string("Failed to export the status item: ") +
-                  (error ? error->message : "unknown error"));
+        Log::error(std::string("Failed to export the status item: ") +
+                   (error ? error->message : "unknown error"));
         return *this;
     }
     // Called at once when a watcher runs, and again whenever one starts (a panel restart drops
@@ -249,16 +299,23 @@ StatusItem& StatusNotifierItem::createStatusItem() {
         d.connection.get(), watcherName, G_BUS_NAME_WATCHER_FLAGS_NONE,
         [](GDBusConnection*, const gchar*, const gchar*, gpointer data) {
             auto& self = *static_cast<Impl*>(data);
-            self.watcherSeen = true;
+            if (self.grace != 0) {
+                g_source_remove(self.grace);
+                self.grace = 0;
+            }
             self.registerWithWatcher();
         },
         [](GDBusConnection*, const gchar*, gpointer data) {
-            auto& self = *static_cast<Impl*>(data);
-            if (!self.watcherSeen) {
-                self.watcherSeen = true; // said once
-                Log::line(_("No panel shows status items yet (no StatusNotifierWatcher); the "
-                            "item appears when one starts"));
-            }
+            static_cast<Impl*>(data)->awaitWatcher();
+        },
+        &d, nullptr);
+    d.labelHostWatch = g_bus_watch_name_on_connection(
+        d.connection.get(), labelHostName, G_BUS_NAME_WATCHER_FLAGS_NONE,
+        [](GDBusConnection*, const gchar*, const gchar*, gpointer data) {
+            static_cast<Impl*>(data)->setLabelHost(true);
+        },
+        [](GDBusConnection*, const gchar*, gpointer data) {
+            static_cast<Impl*>(data)->setLabelHost(false);
         },
         &d, nullptr);
     d.updateIcon();

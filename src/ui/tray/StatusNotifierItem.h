@@ -17,7 +17,8 @@ namespace almanor {
 // The item in the panel: a StatusNotifierItem exported on the application's bus connection and
 // registered with the panel's StatusNotifierWatcher. The title is its label (XAyatanaLabel), its
 // Title and its ToolTip; the menu is served beside it at <path>/Menu. A watcher that appears
-// later, or again after a panel restart, is registered with at once.
+// later, or again after a panel restart, is registered with at once. The icon carries the day
+// count as pixels (IconPixmap); IconName stays the application's icon.
 class StatusNotifierItem final : public StatusBar, public StatusItem {
   public:
     struct Options {
@@ -27,8 +28,8 @@ class StatusNotifierItem final : public StatusBar, public StatusItem {
         std::filesystem::path iconThemePath;
         // Asked at each count: whether the icon carries it (panels without labels).
         std::function<bool()> iconShowsCount;
-        // Where the count icons are written; this process's own.
-        std::filesystem::path countIconFolder;
+        // Shows the user a desktop notification (title, body): here, that no panel shows items.
+        std::function<void(const std::string&, const std::string&)> notify;
     };
 
     StatusNotifierItem(GDBusConnection* connection, Options options);

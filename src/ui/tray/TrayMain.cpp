@@ -59,7 +59,7 @@ std::unique_ptr<DateWriter> menuDates() {
             return reinterpret_cast<Make>(module::load(
                 module::besideThisLibrary(ALMANOR_DATES_LIBRARY), "almanor_dates_make_writer"));
         } catch (const ModuleError& e) {
-            Log::line(std::string("Failed to load the menu's dates: ") + e.what());
+            Log::error(std::string("Failed to load the menu's dates: ") + e.what());
             return nullptr;
         }
     }();
@@ -84,16 +84,6 @@ std::filesystem::path almanorProgram(const std::filesystem::path& self) {
         return launcher;
     }
     return self.parent_path() / "almanor";
-}
-
-// This process's own folder for the icons it draws: the runtime folder (a tmpfs, emptied at
-// logout), else the cache.
-std::filesystem::path countIconFolder() {
-    const char* runtime = g_getenv("XDG_RUNTIME_DIR");
-    std::filesystem::path base = runtime != nullptr && *runtime == '/'
-                                     ? std::filesystem::path(runtime)
-                                     : std::filesystem::path(g_get_user_cache_dir());
-    return base / "almanor" / ("count-icons-" + std::to_string(::getpid()));
 }
 
 // The almanor that runs the sync passes (`almanor sync`, as a child): the one beside this program
@@ -137,12 +127,12 @@ struct Tray {
           item(g_application_get_dbus_connection(app),
                StatusNotifierItem::Options{
                    applicationId, itemPath, iconThemePath(self),
-                   [this, desktop = std::string(g_getenv("XDG_CURRENT_DESKTOP") != nullptr
-                                                    ? g_getenv("XDG_CURRENT_DESKTOP")
-                                                    : "")] {
-                       return panelIcon::showsCount(defaults, desktop);
-                   },
-                   countIconFolder()}) {
+                   [this] { return panelIcon::showsCount(defaults); },
+                   [app](const std::string& title, const std::string& body) {
+                       glib::Object<GNotification> note(g_notification_new(title.c_str()));
+                       g_notification_set_body(note.get(), body.c_str());
+                       g_application_send_notification(app, "no-panel", note.get());
+                   }}) {
         TrayApplication::Services services{
             repository,
             cloudSync,
@@ -231,7 +221,7 @@ struct Tray {
                 }
                 window = loaded;
             } catch (const ModuleError& e) {
-                Log::line(std::string("Failed to open the window: ") + e.what());
+                Log::error(std::string("Failed to open the window: ") + e.what());
             }
         }
         return window;

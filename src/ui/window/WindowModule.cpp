@@ -41,7 +41,7 @@ std::unique_ptr<ManageEventsWindow> makeManageEventsWindow(Repository& repositor
                                                            MainThread& mainThread,
                                                            const Clock& clock) {
     if (!startGtk()) {
-        Log::line("Failed to open the window: cannot open display");
+        Log::error("Failed to open the window: cannot open display");
         return nullptr;
     }
     return std::make_unique<ManageEventsWindowGtk>(repository, center, mainThread, clock);
