@@ -12,10 +12,10 @@ import tempfile
 import time
 import uuid
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "cloud", "e2e"))
-from servers import Radicale, home_env  # noqa: E402
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "support"))
+import harness  # noqa: E402
+from harness import APP_ZONE, Home, Radicale  # noqa: E402
 
-APP_ZONE = "com.vostrel.almanor.zone"
 EVENT = ("BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//bench//bench//EN\r\nBEGIN:VEVENT\r\n"
          "UID:{uid}\r\nDTSTAMP:20260101T000000Z\r\nDTSTART;VALUE=DATE:2027{m:02d}{d:02d}\r\n"
          "SUMMARY:Event {i}\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n")
@@ -23,6 +23,7 @@ EVENT = ("BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//bench//bench//EN\r\nBEGIN:
 
 def main():
     almanor = os.path.abspath(sys.argv[1])
+    harness.BIN_DIR = os.path.dirname(almanor)
     count = int(sys.argv[2]) if len(sys.argv) > 2 else 20000
     with tempfile.TemporaryDirectory() as root:
         # The collection is written straight into the server's folder: PUTting 20,000 events
@@ -37,14 +38,9 @@ def main():
                 f.write(EVENT.format(uid=uid, m=i % 12 + 1, d=i % 28 + 1, i=i))
         server = Radicale(os.path.join(root, "server"))
         try:
-            home = os.path.join(root, "home")
-            env = home_env(home)
-            pw = os.path.join(root, "pw")
-            with open(pw, "w") as f:
-                f.write(server.password + "\n")
-            subprocess.run([almanor, "cloud", "login", server.url, "--user", server.user,
-                            "--password-command", f"cat {pw}"], env=env, check=True,
-                           capture_output=True)
+            home = Home(os.path.join(root, "home"))
+            env = home.env
+            home.login(server)
             start = time.monotonic()
             p = subprocess.run(["/usr/bin/time", "-f", "%M", almanor, "sync"], env=env,
                                capture_output=True, text=True)

