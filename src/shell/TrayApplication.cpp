@@ -357,7 +357,16 @@ std::vector<MenuItem> TrayApplication::eventsMenuRows(const Uuid& marked) const 
 }
 
 std::vector<EventPtr> TrayApplication::events() const {
-    return impl_->reading ? *impl_->reading : s_.repository.fetchAll();
+    if (impl_->reading) {
+        return *impl_->reading;
+    }
+    std::vector<EventPtr> events = s_.repository.fetchAll();
+    // Rows or a title made from a newer list than the rest (a commit whose notice is still on its
+    // way): when it comes, everything is made again, even if the list is back as it was.
+    if (digestOf(events) != impl_->digest) {
+        impl_->digest.reset();
+    }
+    return events;
 }
 
 void TrayApplication::rebuildEventsMenu(const Uuid& marked) {

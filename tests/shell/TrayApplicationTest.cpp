@@ -197,12 +197,21 @@ TEST_F(TrayApplicationTest, OnDemandTheEventsRowsWaitForAPanelAndThenFollowEvery
     center.emit(eventChangeNotification);
     EXPECT_EQ(title(), "Gym 4 days");
     EXPECT_EQ(presenter.rebuilds, 0);
+    // Another process adds an event and deletes it again, and the rows are made in between,
+    // before the watch tells of either commit: when it does, the rows lose the event again.
+    Signals otherCenter;
+    Repository other(
+        std::make_unique<LocalRepository>(dir / "data", "EventsV1.db", otherCenter, clock));
+    auto passing = add("Passing", at(2030, 2, 2), Schedule::none, &other);
     delegate->eventsMenuAboutToShow();
     delegate->eventsMenuAboutToShow();
     EXPECT_EQ(presenter.rebuilds, 1);
     EXPECT_EQ(marked(), (std::vector<std::string>{"Gym - Mon"}));
-    add("Dentist", at(2030, 3, 3, 10)); // may be shown now: made at once
+    other.deleteEvent(*passing);
+    delegate->storeChangedOnDisk();
     EXPECT_EQ(presenter.rebuilds, 2);
+    add("Dentist", at(2030, 3, 3, 10)); // may be shown now: made at once
+    EXPECT_EQ(presenter.rebuilds, 3);
 }
 
 TEST_F(TrayApplicationTest, TicksRecomputeOnceADayAndTheRotationAfterMoreThanAnHour) {
