@@ -24,4 +24,12 @@ bool Settings::setSelectedEventId(const Uuid& id) const {
     return defaults_.setString(selectedEvent, id.uuidString());
 }
 
+bool Settings::notifiesOnTheDay() const {
+    return defaults_.string(notifyOnTheDay) != "false";
+}
+
+bool Settings::setNotifiesOnTheDay(bool on) const {
+    return defaults_.setBoolean(notifyOnTheDay, on);
+}
+
 } // namespace almanor

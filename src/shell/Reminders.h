@@ -1,0 +1,43 @@
+#pragma once
+
+#include "model/DayCalendar.h"
+#include "model/Event.h"
+#include "platform/Export.h"
+#include "platform/Instant.h"
+#include "platform/SettingsFile.h"
+
+#include <filesystem>
+#include <vector>
+
+namespace almanor {
+
+// The notifications on an event's day, and the occurrences already notified on this machine: one
+// key per event in a small file beside the settings, so that neither a restart nor a second look
+// the same day notifies again. The file is the settings file's kind (atomic replacement, writers
+// serialised, a damaged file read for what it still holds), so a lost or broken one costs at most
+// a repeated notification.
+class ALMANOR_EXPORT Reminders {
+  public:
+    static constexpr const char* fileName = "notified.ini";
+
+    explicit Reminders(std::filesystem::path file) : file_(std::move(file)) {}
+
+    struct Due {
+        EventPtr event;
+        Instant occurrence; // the date that counts as today
+    };
+
+    // The events whose title turned to "today!" today (it said otherwise yesterday) and whose
+    // occurrence has not been notified yet. A day that passed unseen (the machine off) is not
+    // caught up.
+    std::vector<Due> due(const std::vector<EventPtr>& events, const DayCalendar& calendar,
+                         Instant today) const;
+
+    // Marks the occurrence as notified; false, after one line, when it could not be saved.
+    bool remember(const Due& due);
+
+  private:
+    SettingsFile file_;
+};
+
+} // namespace almanor
