@@ -113,7 +113,7 @@ class TrayTest(unittest.TestCase):
     def test_2_the_menu_has_its_rows_headers_and_marks_and_each_choice_is_kept(self):
         layout = desktop.menu()
         self.assertEqual([child[1].get("label", "-") for child in layout[2]],
-                         ["Events", "Manage Events", "-", "Launch Almanor at Login", "-", "Quit"])
+                         ["Events", "Manage Events", "-", "Launch Almanor at Login", "Notify on the Day", "-", "Quit"])
         rows = desktop.rows(layout)
         for header in ("Automatic selection", "One off events", "Weekly events", "Monthly events"):
             self.assertFalse(rows[header]["enabled"], header)
@@ -129,7 +129,7 @@ class TrayTest(unittest.TestCase):
             desktop.click(row)
             self.d.wait_for(lambda: selected() == stored, "the stored choice " + row)
             self.d.wait_for(lambda: [k for k, v in desktop.rows().items()
-                                     if v.get("toggle-state") == 1] == [row], "the one mark " + row)
+                                     if v.get("toggle-state") == 1] == [row, "Notify on the Day"], "the one mark " + row)
             if stored in (desktop.NEXT, self.trip):  # the other modes draw anew in every process
                 self.assertEqual(desktop.label(), self.status())
         self.assertEqual(mapped(self.tray.pid, GTK), [])
