@@ -20,6 +20,7 @@ class ALMANOR_EXPORT Settings {
     static constexpr std::string_view recordZone = "recordZone";
     static constexpr std::string_view launchAtLoginHasMigrated = "LaunchAtLogin__hasMigrated";
     static constexpr std::string_view notifyOnTheDay = "notifyOnTheDay";
+    static constexpr std::string_view notifyDaysAhead = "notifyDaysAhead";
 
     // Registered at every start: the selection defaults to the nil UUID, which names no event.
     static constexpr std::string_view selectedEventDefault = "00000000-0000-0000-0000-000000000000";
@@ -39,6 +40,9 @@ class ALMANOR_EXPORT Settings {
     // Whether an event's day brings a desktop notification: on unless set to false.
     bool notifiesOnTheDay() const;
     bool setNotifiesOnTheDay(bool on) const;
+    // Days before an event for a reminder of its own; 0 (the default, or text that is no
+    // positive number) for none.
+    int daysAhead() const;
 
   private:
     SettingsFile& defaults_;

@@ -24,14 +24,15 @@ class ALMANOR_EXPORT Reminders {
 
     struct Due {
         EventPtr event;
-        Instant occurrence; // the date that counts as today
+        Instant occurrence; // the date counted to
+        int days;           // 0: the day itself; else the reminder that many days ahead
     };
 
-    // The events whose title turned to "today!" today (it said otherwise yesterday) and whose
-    // occurrence has not been notified yet. A day that passed unseen (the machine off) is not
-    // caught up.
+    // The events whose title turned to "today!" today (it said otherwise yesterday), or to
+    // `daysAhead` days when that is above 0, and whose occurrence has not been notified yet for
+    // that count. A day that passed unseen (the machine off) is not caught up.
     std::vector<Due> due(const std::vector<EventPtr>& events, const DayCalendar& calendar,
-                         Instant today) const;
+                         Instant today, int daysAhead = 0) const;
 
     // Marks the occurrence as notified; false, after one line, when it could not be saved.
     bool remember(const Due& due);

@@ -229,7 +229,7 @@ void TrayApplication::notifyTodaysEvents() {
     }
     auto calendar = s_.calendar();
     const std::unique_ptr<DateWriter> dates = s_.menuDates ? s_.menuDates() : nullptr;
-    for (const auto& due : reminders_.due(events(), *calendar, today)) {
+    for (const auto& due : reminders_.due(events(), *calendar, today, settings_.daysAhead())) {
         // Remembered first: a notification lost to a crash in between is better than one shown
         // at every start. One that cannot be remembered is shown all the same.
         reminders_.remember(due);

@@ -31,10 +31,12 @@ TEST(RemindersTest, AnEventIsDueOnceOnTheDayItsTitleSaysToday) {
         CountMethod method;
         Instant today;
         bool due;
+        int ahead = 0; // days ahead for a reminder of their own
     };
     const auto none = Schedule::none;
     const auto all = CountMethod::standard;
     const auto monday = CountMethod::weekendUsesMondayAfter;
+    const auto weekdays = CountMethod::excludeWeekends;
     const Case cases[] = {
         {"later today", at(2030, 1, 9, 20), none, all, at(2030, 1, 9), true},
         {"yesterday, the machine off: never late", at(2030, 1, 8, 9), none, all, at(2030, 1, 9),
@@ -46,17 +48,22 @@ TEST(RemindersTest, AnEventIsDueOnceOnTheDayItsTitleSaysToday) {
         {"a Saturday, on the Monday after", at(2030, 1, 5, 10), none, monday, at(2030, 1, 7), true},
         {"a Saturday moved to Monday, on the Saturday", at(2030, 1, 5, 10), none, monday,
          at(2030, 1, 5), false},
+        {"three days ahead", at(2030, 1, 12, 9), none, all, at(2030, 1, 9), true, 3},
+        {"three weekdays ahead, from the Friday", at(2030, 1, 16, 9), none, weekdays,
+         at(2030, 1, 11), true, 3},
+        {"still three on the Sunday", at(2030, 1, 16, 9), none, weekdays, at(2030, 1, 13), false,
+         3},
     };
     for (const auto& c : cases) {
         auto e = event(c.date, c.schedule, c.method);
         Reminders first(dir / Reminders::fileName);
-        auto due = first.due({e}, *calendar, c.today);
+        auto due = first.due({e}, *calendar, c.today, c.ahead);
         EXPECT_EQ(due.size(), c.due ? 1u : 0u) << c.what;
         for (const auto& d : due) {
             EXPECT_TRUE(first.remember(d));
         }
         Reminders restarted(dir / Reminders::fileName);
-        EXPECT_TRUE(restarted.due({e}, *calendar, c.today).empty()) << c.what;
+        EXPECT_TRUE(restarted.due({e}, *calendar, c.today, c.ahead).empty()) << c.what;
     }
 }
 
