@@ -40,8 +40,8 @@ class ALMANOR_EXPORT Settings {
     // Whether an event's day brings a desktop notification: on unless set to false.
     bool notifiesOnTheDay() const;
     bool setNotifiesOnTheDay(bool on) const;
-    // Days before an event for a reminder of its own; 0 (the default, or text that is no
-    // positive number) for none.
+    // Days before an event for a reminder of its own, ten years at most; 0 (the default, or text
+    // that is no such number) for none.
     int daysAhead() const;
 
   private:
