@@ -3,6 +3,8 @@
 #include "platform/Fatal.h"
 #include "platform/SettingsFile.h"
 
+#include <cstdint>
+
 namespace almanor {
 
 void Settings::registerDefaults() const {
@@ -22,6 +24,19 @@ Uuid Settings::selectedEventId() const {
 
 bool Settings::setSelectedEventId(const Uuid& id) const {
     return defaults_.setString(selectedEvent, id.uuidString());
+}
+
+bool Settings::notifiesOnTheDay() const {
+    return defaults_.string(notifyOnTheDay) != "false";
+}
+
+bool Settings::setNotifiesOnTheDay(bool on) const {
+    return defaults_.setBoolean(notifyOnTheDay, on);
+}
+
+int Settings::daysAhead() const {
+    std::int64_t days = defaults_.integer(notifyDaysAhead);
+    return days > 0 && days <= 3660 ? int(days) : 0;
 }
 
 } // namespace almanor

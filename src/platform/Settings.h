@@ -19,6 +19,8 @@ class ALMANOR_EXPORT Settings {
     static constexpr std::string_view appZoneUsed = "appZoneUsed";
     static constexpr std::string_view recordZone = "recordZone";
     static constexpr std::string_view launchAtLoginHasMigrated = "LaunchAtLogin__hasMigrated";
+    static constexpr std::string_view notifyOnTheDay = "notifyOnTheDay";
+    static constexpr std::string_view notifyDaysAhead = "notifyDaysAhead";
 
     // Registered at every start: the selection defaults to the nil UUID, which names no event.
     static constexpr std::string_view selectedEventDefault = "00000000-0000-0000-0000-000000000000";
@@ -34,6 +36,13 @@ class ALMANOR_EXPORT Settings {
     Uuid selectedEventId() const;
     // Stores the upper-case text form; false when it could not be saved (logged).
     bool setSelectedEventId(const Uuid& id) const;
+
+    // Whether an event's day brings a desktop notification: on unless set to false.
+    bool notifiesOnTheDay() const;
+    bool setNotifiesOnTheDay(bool on) const;
+    // Days before an event for a reminder of its own, ten years at most; 0 (the default, or text
+    // that is no such number) for none.
+    int daysAhead() const;
 
   private:
     SettingsFile& defaults_;

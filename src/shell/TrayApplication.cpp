@@ -1,6 +1,7 @@
 #include "shell/TrayApplication.h"
 
 #include "login/LaunchAtLogin.h"
+#include "model/Utility.h"
 #include "platform/Log.h"
 #include "platform/SettingsFile.h"
 #include "platform/Translation.h"
@@ -135,6 +136,7 @@ struct TrayApplication::Impl {
 TrayApplication::TrayApplication(Services services)
     : s_(std::move(services)), settings_(s_.defaults),
       selection_([this] { return events(); }, settings_, s_.clock, s_.calendar, s_.random),
+      reminders_(s_.defaults.file().parent_path() / Reminders::fileName),
       impl_(std::make_unique<Impl>()) {}
 
 TrayApplication::~TrayApplication() {
@@ -184,6 +186,7 @@ void TrayApplication::startup() {
     {
         Impl::OneReading reading(*impl_, s_.repository);
         rebuildEventsMenu(selection_.resolveDisplayedEvent(stored));
+        notifyTodaysEvents();
     }
     s_.defaults.changedElsewhere();
 
@@ -204,6 +207,9 @@ void TrayApplication::buildMenu() {
     MenuItem launch = row(_("Launch Almanor at Login"), MenuItem::Action::toggleLaunchAtLogin);
     launch.state = launchesAtLogin;
     menu_.push_back(launch);
+    MenuItem notify = row(_("Notify on the Day"), MenuItem::Action::toggleNotifyOnTheDay);
+    notify.state = settings_.notifiesOnTheDay();
+    menu_.push_back(notify);
     menu_.push_back(separator());
     menu_.push_back(row(_("Quit"), MenuItem::Action::quit));
     if (launchesAtLogin) {
@@ -212,8 +218,36 @@ void TrayApplication::buildMenu() {
     s_.menuPresenter.buildMenu(menu_);
 }
 
+void TrayApplication::notifyTodaysEvents() {
+    Instant today = selection_.startOfToday();
+    if (!s_.notify || today == notifiedDay_) {
+        return;
+    }
+    notifiedDay_ = today;
+    if (!settings_.notifiesOnTheDay()) {
+        return;
+    }
+    auto calendar = s_.calendar();
+    const std::unique_ptr<DateWriter> dates = s_.menuDates ? s_.menuDates() : nullptr;
+    for (const auto& due : reminders_.due(events(), *calendar, today, settings_.daysAhead())) {
+        // Remembered first: a notification lost to a crash in between is better than one shown
+        // at every start. One that cannot be remembered is shown all the same.
+        reminders_.remember(due);
+        Notification notification{due.event->id(),
+                                  Utility::statusText(*calendar, *due.event, today), ""};
+        if (dates != nullptr) {
+            // TRANSLATORS: a date pattern of ICU (the day's notification): EEEE the weekday,
+            // MMMM the month's name, d the day, yyyy the year; reorder as your language writes
+            // dates.
+            notification.body = dates->format(due.occurrence, _("EEEE, MMMM d, yyyy"));
+        }
+        s_.notify(notification);
+    }
+}
+
 void TrayApplication::recalculateEvents() {
     s_.cloudSync.sync();
+    notifyTodaysEvents();
     Uuid selected = settings_.selectedEventId();
     if (selected == DisplayedEventSelection::cycleUpcomingEventId) {
         double now = secondsSinceReferenceDate(s_.clock.now());
@@ -252,6 +286,14 @@ void TrayApplication::storeChangedOnDisk() {
 void TrayApplication::settingsChangedOnDisk() {
     if (s_.defaults.changedElsewhere()) {
         eventChangeNotification();
+        // The toggle as another process left it.
+        bool on = settings_.notifiesOnTheDay();
+        for (std::size_t i = 0; i < menu_.size(); ++i) {
+            if (menu_[i].action == MenuItem::Action::toggleNotifyOnTheDay && menu_[i].state != on) {
+                menu_[i].state = on;
+                s_.menuPresenter.setMenuState(i, on);
+            }
+        }
     }
 }
 
@@ -298,6 +340,25 @@ void TrayApplication::toggleLaunchAtLogin(std::size_t menuIndex) {
     s_.launchAtLogin.setEnabled(enable);
     menu_[menuIndex].state = enable;
     s_.menuPresenter.setMenuState(menuIndex, enable);
+}
+
+void TrayApplication::toggleNotifyOnTheDay(std::size_t menuIndex) {
+    if (menuIndex >= menu_.size()) {
+        return;
+    }
+    bool enable = !menu_[menuIndex].state;
+    // A choice that cannot be saved is not shown as made.
+    if (settings_.setNotifiesOnTheDay(enable)) {
+        menu_[menuIndex].state = enable;
+        s_.menuPresenter.setMenuState(menuIndex, enable);
+    }
+}
+
+void TrayApplication::openEvent(const Uuid& id) {
+    manageEvents();
+    if (manageEventsWindow_) {
+        manageEventsWindow_->showEvent(id);
+    }
 }
 
 void TrayApplication::quit() {

@@ -9,6 +9,7 @@
 #include "platform/Signals.h"
 #include "platform/Uuid.h"
 #include "shell/DisplayedEventSelection.h"
+#include "shell/Reminders.h"
 #include "shell/StatusItem.h"
 
 #include <cstddef>
@@ -27,7 +28,14 @@ class SettingsFile;
 
 // One row of the status menu or of its events submenu, as the tray draws it.
 struct ALMANOR_EXPORT MenuItem {
-    enum class Action { none, updateSelectedEvent, manageEvents, toggleLaunchAtLogin, quit };
+    enum class Action {
+        none,
+        updateSelectedEvent,
+        manageEvents,
+        toggleLaunchAtLogin,
+        toggleNotifyOnTheDay,
+        quit
+    };
 
     std::string title;            // shown as it is: no mnemonics
     Action action = Action::none; // none: drawn insensitive
@@ -67,6 +75,15 @@ class ALMANOR_EXPORT ManageEventsWindow {
     virtual bool isVisible() const = 0;
     virtual void center() = 0;
     virtual void present() = 0;
+    // Selects the event and shows it in the editor.
+    virtual void showEvent(const Uuid& id) = 0;
+};
+
+// One desktop notification: an event's day has come.
+struct Notification {
+    Uuid event; // what clicking it opens
+    std::string title;
+    std::string body;
 };
 
 // The repeating refresh timer.
@@ -107,6 +124,8 @@ class ALMANOR_EXPORT TrayApplication {
         // Makes the submenu's dates in the locale and time zone of the moment (the tray's
         // speak the user's language through ICU, which the rest of this layer does without).
         std::function<std::unique_ptr<DateWriter>()> menuDates = nullptr;
+        // Shows a desktop notification; none: the day's notifications are left out.
+        std::function<void(const Notification&)> notify = nullptr;
     };
 
     static constexpr double refreshInterval = 300.0;
@@ -139,6 +158,9 @@ class ALMANOR_EXPORT TrayApplication {
     void manageEvents();
     void updateSelectedEvent(std::size_t eventsMenuIndex);
     void toggleLaunchAtLogin(std::size_t menuIndex);
+    void toggleNotifyOnTheDay(std::size_t menuIndex);
+    // A notification was clicked: the window, on its event.
+    void openEvent(const Uuid& id);
     void quit();
 
     // The rows of the events submenu for the id to mark, built from the repository's events.
@@ -157,6 +179,9 @@ class ALMANOR_EXPORT TrayApplication {
     std::vector<EventPtr> events() const;
     // The top-level menu, built once at start.
     void buildMenu();
+    // On the first look at a new day (start-up, the midnight tick, a resume): the notifications
+    // of the events whose day it is, each occurrence once.
+    void notifyTodaysEvents();
 
     struct Impl;
     Services s_;
@@ -170,6 +195,8 @@ class ALMANOR_EXPORT TrayApplication {
     bool eventsMenuMade_ = false;
     std::optional<Signals::Token> observer_;
     bool started_ = false; // start-up done: changes on the main thread are handled at once
+    Reminders reminders_;
+    Instant notifiedDay_{}; // the day whose notifications were last looked at
     std::unique_ptr<Impl> impl_;
 };
 

@@ -130,7 +130,7 @@ TEST_F(TrayApplicationTest, StartUpSetsTheFirstTitleBeforeAnyChangeIsHandledAndT
     statusBar.onTitle = [&] {
         if (std::exchange(first, false)) {
             // The menu is built before the first title, the rows and the timer after it.
-            EXPECT_EQ(presenter.menu().size(), 6u);
+            EXPECT_EQ(presenter.menu().size(), 7u);
             EXPECT_EQ(presenter.rebuilds, 0);
             EXPECT_FALSE(scheduler.action);
             center.emit(eventChangeNotification); // waits until start-up is done, not lost
@@ -147,7 +147,13 @@ TEST_F(TrayApplicationTest, StartUpSetsTheFirstTitleBeforeAnyChangeIsHandledAndT
     EXPECT_FALSE(loginItems.legacy);
     EXPECT_TRUE(defaults.boolean(Settings::launchAtLoginHasMigrated));
     EXPECT_EQ(defaults.integer(Settings::buildVersion), 1);
-    EXPECT_TRUE(presenter.menu()[3].state); // "Launch Almanor at Login", as registered
+    std::vector<std::string> menu;
+    for (const auto& item : presenter.menu()) {
+        menu.push_back(item.separator ? "-" : item.title + (item.state ? " [x]" : ""));
+    }
+    EXPECT_EQ(menu, (std::vector<std::string>{"Events", "Manage Events", "-",
+                                              "Launch Almanor at Login [x]",
+                                              "Notify on the Day [x]", "-", "Quit"}));
 }
 
 TEST_F(TrayApplicationTest, TheEventsMenuHasItsSectionsDatesAndMarks) {

@@ -104,6 +104,7 @@ class FakeWindow final : public ManageEventsWindow {
         visible = true;
         ++fronted;
     }
+    void showEvent(const Uuid&) override {}
     bool visible = false;
     int centred = 0;
     int fronted = 0;

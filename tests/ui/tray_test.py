@@ -94,7 +94,7 @@ class TrayTest(unittest.TestCase):
         desktop.rows()  # the menu as a panel opening it reads it
         layout = desktop.layout()
         self.assertEqual([child[1].get("label", "-") for child in layout[2]],
-                         ["Events", "Manage Events", "-", "Launch Almanor at Login", "-", "Quit"])
+                         ["Events", "Manage Events", "-", "Launch Almanor at Login", "Notify on the Day", "-", "Quit"])
         rows = desktop.rows(layout)
         for header in ("Automatic selection", "One off events", "Weekly events", "Monthly events"):
             self.assertFalse(rows[header]["enabled"], header)
@@ -109,8 +109,8 @@ class TrayTest(unittest.TestCase):
                             ("Trip to Prague - Jan 5, 2031", self.trip)):
             desktop.click(row)
             wait_for(lambda: selected() == stored, "the stored choice " + row)
-            wait_for(lambda: [k for k, v in desktop.rows().items() if v.get("toggle-state") == 1] == [row],
-                     "the one mark " + row)
+            wait_for(lambda: [k for k, v in desktop.rows().items() if v.get("toggle-state") == 1]
+                     == [row, "Notify on the Day"], "the one mark " + row)
             if stored in (desktop.NEXT, self.trip):  # the other modes draw anew in every process
                 self.assertEqual(desktop.item_property(), self.status())
         self.assertEqual(mapped(self.tray.pid, GTK), [])

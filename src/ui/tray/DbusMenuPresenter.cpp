@@ -27,7 +27,8 @@ void onClicked(DbusmenuMenuitem* item, std::function<void()> clicked) {
 
 bool markable(const MenuItem& row) {
     return row.action == MenuItem::Action::updateSelectedEvent ||
-           row.action == MenuItem::Action::toggleLaunchAtLogin;
+           row.action == MenuItem::Action::toggleLaunchAtLogin ||
+           row.action == MenuItem::Action::toggleNotifyOnTheDay;
 }
 
 void setMark(DbusmenuMenuitem* item, bool on) {
@@ -144,6 +145,9 @@ void DbusMenuPresenter::buildMenu(const std::vector<MenuItem>& menu) {
             break;
         case MenuItem::Action::toggleLaunchAtLogin:
             onClicked(item.get(), [this, i] { impl_->actions.toggleLaunchAtLogin(i); });
+            break;
+        case MenuItem::Action::toggleNotifyOnTheDay:
+            onClicked(item.get(), [this, i] { impl_->actions.toggleNotifyOnTheDay(i); });
             break;
         case MenuItem::Action::quit:
             onClicked(item.get(), [this] { impl_->actions.quit(); });

@@ -17,8 +17,9 @@ class DbusMenuPresenter final : public MenuPresenter {
   public:
     struct Actions {
         std::function<void()> manageEvents;
-        std::function<void(std::size_t)> updateSelectedEvent; // index in the events menu
-        std::function<void(std::size_t)> toggleLaunchAtLogin; // index in the top menu
+        std::function<void(std::size_t)> updateSelectedEvent;  // index in the events menu
+        std::function<void(std::size_t)> toggleLaunchAtLogin;  // index in the top menu
+        std::function<void(std::size_t)> toggleNotifyOnTheDay; // index in the top menu
         std::function<void()> quit;
         std::function<void()> aboutToShow; // the menu or the events submenu
     };

@@ -121,6 +121,7 @@ struct Tray {
                         [this] { delegate->manageEvents(); },
                         [this](std::size_t i) { delegate->updateSelectedEvent(i); },
                         [this](std::size_t i) { delegate->toggleLaunchAtLogin(i); },
+                        [this](std::size_t i) { delegate->toggleNotifyOnTheDay(i); },
                         [this] { delegate->quit(); },
                         [this] { delegate->eventsMenuAboutToShow(); },
                     }),
@@ -159,6 +160,7 @@ struct Tray {
         };
         services.eventsMenuOnDemand = true;
         services.menuDates = [] { return menuDates(); };
+        services.notify = [this](const Notification& n) { notify(n); };
         delegate.emplace(std::move(services));
     }
 
@@ -205,6 +207,21 @@ struct Tray {
         if (!network && CloudAccount::load(defaults)) {
             network.emplace([this] { cloudSync.networkCameBack(); });
         }
+    }
+
+    // Through the desktop's notification service; a click comes back as "app.open-event".
+    void notify(const Notification& n) const {
+        glib::Object<GNotification> notification(g_notification_new(n.title.c_str()));
+        if (!n.body.empty()) {
+            g_notification_set_body(notification.get(), n.body.c_str());
+        }
+        glib::Object<GIcon> icon(g_themed_icon_new(applicationId));
+        g_notification_set_icon(notification.get(), icon.get());
+        std::string id = n.event.uuidString();
+        g_notification_set_default_action_and_target(notification.get(), "app.open-event", "s",
+                                                     id.c_str());
+        // One per event: a later one of the same event replaces it.
+        g_application_send_notification(application, ("event-" + id).c_str(), notification.get());
     }
 
     // The window's module, loaded on first use; null after one line saying why it cannot be.
@@ -303,6 +320,21 @@ void addSyncAction(Run& run) {
     g_action_map_add_action(G_ACTION_MAP(run.application), G_ACTION(sync.get()));
 }
 
+// A notification clicked: the window opens on its event.
+void addOpenEventAction(Run& run) {
+    glib::Object<GSimpleAction> open(g_simple_action_new("open-event", G_VARIANT_TYPE_STRING));
+    g_signal_connect(open.get(), "activate",
+                     G_CALLBACK(+[](GSimpleAction*, GVariant* target, gpointer data) {
+                         auto& r = *static_cast<Run*>(data);
+                         auto id = Uuid::parse(g_variant_get_string(target, nullptr));
+                         if (r.tray && id) {
+                             r.tray->delegate->openEvent(*id);
+                         }
+                     }),
+                     &run);
+    g_action_map_add_action(G_ACTION_MAP(run.application), G_ACTION(open.get()));
+}
+
 // A session that ends sends SIGTERM: leave as "Quit" does.
 void quitOnSignals(GApplication* application) {
     for (int signal : {SIGTERM, SIGINT}) {
@@ -351,6 +383,7 @@ int main(int argc, char** argv) {
     run.application = application.get();
     connectApplication(run);
     addSyncAction(run);
+    addOpenEventAction(run);
     quitOnSignals(application.get());
     if (!registerOnSessionBus(application.get())) {
         return 1;

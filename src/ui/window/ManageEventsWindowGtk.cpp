@@ -645,6 +645,16 @@ struct ManageEventsWindowGtk::Impl {
         selecting = false;
     }
 
+    // As if its row had been clicked; rows made again so that the selection finds its row.
+    void showEvent(const Uuid& id) {
+        state.select(id);
+        fillRows();
+        if (selectedRow && !filter) { // a search may hide it
+            list->scroll_to_row(store->get_path(*selectedRow));
+        }
+        showDetail();
+    }
+
     void rowSelected() {
         if (selecting) {
             return;
@@ -809,6 +819,10 @@ void ManageEventsWindowGtk::center() {
 
 void ManageEventsWindowGtk::present() {
     impl_->window->present();
+}
+
+void ManageEventsWindowGtk::showEvent(const Uuid& id) {
+    impl_->showEvent(id);
 }
 
 Gtk::Window& ManageEventsWindowGtk::window() {

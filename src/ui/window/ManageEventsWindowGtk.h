@@ -29,6 +29,7 @@ class ManageEventsWindowGtk final : public ManageEventsWindow {
     bool isVisible() const override;
     void center() override;
     void present() override;
+    void showEvent(const Uuid& id) override;
 
     Gtk::Window& window();
     // The sidebar's search, which filters the list as it changes.

@@ -15,8 +15,9 @@ class Signals;
 class Repository;
 
 struct WindowModule {
-    // Raised whenever this table changes: a tray refuses a module built for another one.
-    static constexpr int currentVersion = 1;
+    // Raised whenever this table or the window it makes changes: a tray refuses a module built
+    // for another one.
+    static constexpr int currentVersion = 2;
     static constexpr const char* fileName = "almanor-window.so";
     static constexpr const char* entryPoint = "almanor_window_module";
 

@@ -1,0 +1,86 @@
+#include "shell/Reminders.h"
+
+#include "LocalInstants.h"
+#include "TempDir.h"
+
+#include <fstream>
+#include <gtest/gtest.h>
+
+using namespace almanor;
+
+namespace {
+
+constexpr const char* zone = "America/New_York";
+
+Instant at(int y, unsigned m, unsigned d, int h = 0, int min = 0) {
+    return test::localAt(zone, y, m, d, h, min);
+}
+
+EventPtr event(Instant date, Schedule schedule, CountMethod method = CountMethod::standard) {
+    return makeEvent(Uuid::random(), date, "E", std::nullopt, schedule, method);
+}
+
+// Due on the day its title says "today!", and not again once a process has remembered it.
+TEST(RemindersTest, AnEventIsDueOnceOnTheDayItsTitleSaysToday) {
+    test::TempDir dir;
+    auto calendar = DayCalendar::forZone(zone);
+    struct Case {
+        const char* what;
+        Instant date;
+        Schedule schedule;
+        CountMethod method;
+        Instant today;
+        bool due;
+        int ahead = 0; // days ahead for a reminder of their own
+    };
+    const auto none = Schedule::none;
+    const auto all = CountMethod::standard;
+    const auto monday = CountMethod::weekendUsesMondayAfter;
+    const auto weekdays = CountMethod::excludeWeekends;
+    const Case cases[] = {
+        {"later today", at(2030, 1, 9, 20), none, all, at(2030, 1, 9), true},
+        {"yesterday, the machine off: never late", at(2030, 1, 8, 9), none, all, at(2030, 1, 9),
+         false},
+        {"monthly, on its day", at(2029, 12, 9, 0, 30), Schedule::monthly, all, at(2030, 1, 9),
+         true},
+        {"weekly on its weekday counts 7", at(2030, 1, 2, 9), Schedule::weekly, all, at(2030, 1, 9),
+         false},
+        {"a Saturday, on the Monday after", at(2030, 1, 5, 10), none, monday, at(2030, 1, 7), true},
+        {"a Saturday moved to Monday, on the Saturday", at(2030, 1, 5, 10), none, monday,
+         at(2030, 1, 5), false},
+        {"three days ahead", at(2030, 1, 12, 9), none, all, at(2030, 1, 9), true, 3},
+        {"three weekdays ahead, from the Friday", at(2030, 1, 16, 9), none, weekdays,
+         at(2030, 1, 11), true, 3},
+        {"still three on the Sunday", at(2030, 1, 16, 9), none, weekdays, at(2030, 1, 13), false,
+         3},
+    };
+    for (const auto& c : cases) {
+        auto e = event(c.date, c.schedule, c.method);
+        Reminders first(dir / Reminders::fileName);
+        auto due = first.due({e}, *calendar, c.today, c.ahead);
+        EXPECT_EQ(due.size(), c.due ? 1u : 0u) << c.what;
+        for (const auto& d : due) {
+            EXPECT_TRUE(first.remember(d));
+        }
+        Reminders restarted(dir / Reminders::fileName);
+        EXPECT_TRUE(restarted.due({e}, *calendar, c.today, c.ahead).empty()) << c.what;
+    }
+}
+
+TEST(RemindersTest, TheNextOccurrenceIsDueAgainAndADamagedFileCostsARepeatOnly) {
+    test::TempDir dir;
+    auto calendar = DayCalendar::forZone(zone);
+    auto birthday = event(at(1990, 1, 9, 10), Schedule::annually);
+    Reminders reminders(dir / Reminders::fileName);
+    auto due = reminders.due({birthday}, *calendar, at(2029, 1, 9));
+    ASSERT_EQ(due.size(), 1u);
+    ASSERT_TRUE(reminders.remember(due[0]));
+    EXPECT_EQ(reminders.due({birthday}, *calendar, at(2030, 1, 9)).size(), 1u);
+    std::ofstream(dir / Reminders::fileName) << "\x01\xff[broken\n";
+    due = reminders.due({birthday}, *calendar, at(2029, 1, 9));
+    ASSERT_EQ(due.size(), 1u);
+    EXPECT_TRUE(reminders.remember(due[0]));
+    EXPECT_TRUE(reminders.due({birthday}, *calendar, at(2029, 1, 9)).empty());
+}
+
+} // namespace
