@@ -22,7 +22,7 @@ packages=(
   xvfb xauth x11-utils imagemagick dbus-x11 at-spi2-core python3-dogtail xdotool
   xserver-xorg-core xserver-xorg-video-dummy
   ayatana-indicator-application xfce4-panel xfce4-indicator-plugin
-  python3-radicale xandikos python3-caldav gnome-keyring libsecret-tools vdirsyncer khal
+  python3-radicale xandikos python3-caldav gnome-keyring libsecret-tools vdirsyncer
   glib-networking librsvg2-common
 )
 
