@@ -19,30 +19,6 @@
 #include <memory>
 #include <set>
 #include <string>
-#include <type_traits>
-#include <variant>
-
-namespace almanor {
-
-// Records in failure messages: identity, each field, the change time.
-inline void PrintTo(const CloudRecord& r, std::ostream* out) {
-    *out << r.recordType << " " << r.recordId.recordName << "@" << r.recordId.zoneName << " {";
-    for (const auto& [key, value] : r.fields) {
-        *out << " " << key << "=";
-        std::visit(
-            [&](const auto& v) {
-                if constexpr (std::is_same_v<std::decay_t<decltype(v)>, Instant>)
-                    *out << v.time_since_epoch().count() << "ms";
-                else
-                    *out << testing::PrintToString(v);
-            },
-            value);
-    }
-    *out << " } modified="
-         << (r.modified ? std::to_string(r.modified->time_since_epoch().count()) : "none");
-}
-
-} // namespace almanor
 
 namespace almanor::test {
 
