@@ -234,9 +234,11 @@ TEST(CalDavAccount, AMovedCollectionRunsDiscoveryOnceAndIsRemembered) {
     later.rememberHome(heardHome);
     later.fetchChanges(appZone, {}, {});
     EXPECT_EQ(later.requestsSent(), 2); // the listing, the bodies
-    // A zone that is missing even after discovery is ZoneMissing, once discovery has run.
+    // A zone missing even after discovery is ZoneMissing; the next try discovers nothing again.
     EXPECT_THROW(later.fetchChanges("no-such-zone", {}, {}), ZoneMissing);
+    const int before = later.requestsSent();
     EXPECT_THROW(later.fetchChanges("no-such-zone", {}, {}), ZoneMissing);
+    EXPECT_EQ(later.requestsSent() - before, 1);
 }
 
 TEST(CalDavAccount, CancelEndsARequestToASilentServerWithinASecond) {
