@@ -31,13 +31,6 @@ std::shared_ptr<CalDavService> serviceOver(std::string user, std::string passwor
     return std::shared_ptr<CalDavService>(holder, holder->service.get());
 }
 
-struct RealServer : RadicaleServer {
-    explicit RealServer(const std::vector<std::string>&) {}
-};
-struct Xandikos : XandikosServer {
-    explicit Xandikos(const std::vector<std::string>&) {}
-};
-
 int requestsOf(CloudService& s) {
     return dynamic_cast<CalDavService&>(s).requestsSent();
 }
@@ -50,9 +43,10 @@ int bodiesOf(CloudService& s) {
 INSTANTIATE_TEST_SUITE_P(
     Servers, CloudServiceContract,
     testing::Values(
-        CloudServiceFactory{"radicale", [] { return serviceOver<RealServer>("alice", "s3cret"); },
+        CloudServiceFactory{"radicale",
+                            [] { return serviceOver<RadicaleServer>("alice", "s3cret"); },
                             requestsOf, bodiesOf},
-        CloudServiceFactory{"xandikos", [] { return serviceOver<Xandikos>("user", "any"); },
+        CloudServiceFactory{"xandikos", [] { return serviceOver<XandikosServer>("user", "any"); },
                             requestsOf, bodiesOf},
         CloudServiceFactory{"tags_only",
                             [] {
@@ -93,8 +87,8 @@ TEST(CalendarApps, AnAppsOwnEventAndItsEditOfOursReadOnceAsTheChange) {
     // Ours written in one zone, read where the local day differs: only what the app moved counts.
     setenv("TZ", "Pacific/Auckland", 1);
     tzset();
-    RealServer* server = nullptr;
-    auto service = serviceOver<RealServer>("alice", "s3cret", {}, &server);
+    RadicaleServer* server = nullptr;
+    auto service = serviceOver<RadicaleServer>("alice", "s3cret", {}, &server);
     service->saveZone(appZone);
     CloudRecord ours = eventRecord(appZone, "ours", "Trip; day 1");
     std::map<std::string, std::string> known{{"ours.ics", service->createRecord(ours, "ours.ics")}};
@@ -190,8 +184,8 @@ void editsKeepWhatAnAppWrote(const std::string& user, const std::string& passwor
 }
 
 TEST(CalendarApps, EditsHereKeepWhatAnAppWroteInTheEvent) {
-    editsKeepWhatAnAppWrote<RealServer>("alice", "s3cret");
-    editsKeepWhatAnAppWrote<Xandikos>("user", "any");
+    editsKeepWhatAnAppWrote<RadicaleServer>("alice", "s3cret");
+    editsKeepWhatAnAppWrote<XandikosServer>("user", "any");
 }
 
 TEST(CalendarApps, AnUnreadableBodyIsListedAsSuchAndTheRestIsRead) {

@@ -94,7 +94,8 @@ class ServerProcess {
     int port_ = 0;
 };
 
-// A server started on a free loopback port, with its own folder; ended with the object.
+// A server started on a free loopback port, with its own folder; ended with the object. Each
+// takes a list of options, so that tests start any of them alike; only the scripted one has any.
 class LoopbackServer {
   public:
     std::string url() const { return "http://127.0.0.1:" + std::to_string(process_.port()) + "/"; }
@@ -108,7 +109,7 @@ class LoopbackServer {
 // Radicale with the user "alice", password "s3cret".
 class RadicaleServer : public LoopbackServer {
   public:
-    RadicaleServer() {
+    explicit RadicaleServer(const std::vector<std::string>& = {}) {
         const int port = freePort();
         std::ofstream(dir_ / "users") << "alice:s3cret\n";
         std::ofstream(dir_ / "config")
@@ -126,7 +127,7 @@ class RadicaleServer : public LoopbackServer {
 // Xandikos, which takes any credentials.
 class XandikosServer : public LoopbackServer {
   public:
-    XandikosServer() {
+    explicit XandikosServer(const std::vector<std::string>& = {}) {
         const int port = freePort();
         process_.start({"/usr/bin/xandikos", "--defaults", "-d", (dir_ / "data").string(), "-l",
                         "127.0.0.1", "-p", std::to_string(port)},
