@@ -299,8 +299,8 @@ TEST_F(SyncRules, AnUndatedServerCopyWinsAndANeverSentDeletionIsForgotten) {
     EXPECT_FALSE(row->deletionSent);
 }
 
-// Rows linked to an older layout's zone, one edited and one deleted here since: that zone's
-// copies bring back neither.
+// Rows linked to an older layout's zone, one edited here since and one deleted (and the deletion
+// sent): that zone's copies bring back neither.
 TEST_F(SyncRules, AnOlderZonesCopiesUndoNothingDoneHere) {
     a.defaults.setBoolean(Settings::appZoneUsed, false);
     auto edited = event("Edited"), deleted = event("Deleted");
@@ -313,8 +313,10 @@ TEST_F(SyncRules, AnOlderZonesCopiesUndoNothingDoneHere) {
         a.rename(e->id(), e->name() + " here");
     }
     a.remove(deleted->id());
+    a.ledger.markDeletionSent(deleted->id());
     EXPECT_TRUE(sync(a).pulled);
     EXPECT_EQ(a.liveNames(), Names{"Edited here"});
+    EXPECT_EQ(a.row(deleted->id())->event->name(), "Deleted here");
 }
 
 } // namespace
