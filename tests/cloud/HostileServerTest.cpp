@@ -15,8 +15,7 @@ using namespace std::chrono_literals;
 
 std::shared_ptr<CalDavService> over(const std::string& url, caldav::Limits limits = {}) {
     return std::make_shared<CalDavService>(
-        url, ScriptedDavServer::user, [] { return std::string(ScriptedDavServer::password); },
-        limits);
+        url, "alice", [] { return std::string("s3cret"); }, limits);
 }
 
 CloudRecord record(const std::string& name) {
@@ -83,96 +82,53 @@ TEST(HostileServer, AWholeListingWaitsForItsFirstByteOtherRequestsDoNot) {
               std::string::npos);
 }
 
-TEST(HostileServer, AnAnswerPastTheCapIsRefusedInOneLine) {
+// A listing past the cap, or a captive portal's page where it should be: one clear line each.
+TEST(HostileServer, AnswersPastTheCapOrInHtmlAreOneClearLine) {
     ScriptedDavServer server;
     caldav::Limits small;
     small.answerBytes = 1 << 20;
     auto service = over(server.url(), small);
-    service->discoverHome();
-    service->saveZone("com.vostrel.almanor.zone");
+    const std::string zone = "com.vostrel.almanor.zone";
+    service->saveZone(zone);
     service->createRecord(record("a"), "a.ics");
-    server.setFault("fault=big method=REPORT size=3000000");
-    const std::string why =
-        failureOf([&] { service->performQuery("CD_Event", "com.vostrel.almanor.zone"); });
-    EXPECT_NE(why.find("larger than 1 MiB; refused"), std::string::npos) << why;
-    EXPECT_EQ(why.find('\n'), std::string::npos);
-    // Just below the cap the same answer is read.
+    for (const auto& [fault, line] : std::vector<std::pair<std::string, std::string>>{
+             {"big size=3000000", "larger than 1 MiB; refused"},
+             {"html207", "unreadable answer"},
+             {"html", "answered 200"}}) {
+        server.setFault("method=REPORT fault=" + fault);
+        const std::string why = failureOf([&] { service->performQuery("CD_Event", zone); });
+        EXPECT_NE(why.find(line), std::string::npos) << why;
+        EXPECT_EQ(why.find('\n'), std::string::npos) << why;
+    }
+    // Just below the cap the same answer is read; without a fault, the record.
     server.setFault("fault=big method=REPORT size=1000000");
-    EXPECT_TRUE(service->performQuery("CD_Event", "com.vostrel.almanor.zone").empty());
-}
-
-TEST(HostileServer, HtmlWhereAMultistatusShouldBeIsOneClearError) {
-    ScriptedDavServer server;
-    auto service = over(server.url());
-    service->saveZone("com.vostrel.almanor.zone");
-    service->createRecord(record("a"), "a.ics");
-    server.setFault("fault=html207 method=REPORT");
-    const std::string why =
-        failureOf([&] { service->performQuery("CD_Event", "com.vostrel.almanor.zone"); });
-    EXPECT_NE(why.find("unreadable answer"), std::string::npos) << why;
-    server.setFault("fault=html method=REPORT");
-    const std::string plain =
-        failureOf([&] { service->performQuery("CD_Event", "com.vostrel.almanor.zone"); });
-    EXPECT_NE(plain.find("answered 200"), std::string::npos) << plain;
+    EXPECT_TRUE(service->performQuery("CD_Event", zone).empty());
     server.setFault("fault=pass");
-    EXPECT_EQ(service->performQuery("CD_Event", "com.vostrel.almanor.zone").size(), 1u);
+    EXPECT_EQ(service->performQuery("CD_Event", zone).size(), 1u);
 }
 
-TEST(HostileServer, ACalendarHomeOnASecondServerGetsTheCredentials) {
-    ScriptedDavServer second;
-    ScriptedDavServer first({"--home", second.url() + "calendars/alice/"});
-    auto service = over(first.url());
-    EXPECT_EQ(service->discoverHome(), second.url() + "calendars/alice/");
-    EXPECT_EQ(service->trustedOrigins(),
-              std::vector<std::string>{"http://127.0.0.1:" + std::to_string(second.port())});
-    service->saveZone("com.vostrel.almanor.zone");
-    service->createRecord(record("on-the-second"), "on-the-second.ics");
-    EXPECT_EQ(service->performQuery("CD_Event", "com.vostrel.almanor.zone").size(), 1u);
-    const auto seen = second.requests();
-    EXPECT_EQ(countWith(seen, " alice"), seen.size());
-    EXPECT_EQ(countWith(seen, "PUT "), 1u);
-
-    // Remembered with the account, the origin is trusted before any discovery.
-    auto later = over(first.url());
-    later->trustOrigins(service->trustedOrigins());
-    EXPECT_EQ(later->trustedOrigins(), service->trustedOrigins());
-}
-
-TEST(HostileServer, OriginsNamedByOthersOrReachedByRedirectGetNoCredentials) {
+TEST(HostileServer, OnlyOriginsTheServerNamesGetCredentialsAndRedirectsGetNone) {
     // The configured server names a principal on a second host, which names a home on a third:
-    // only what the configured server named is trusted.
+    // only what the configured server named is trusted, and remembered with the account.
     ScriptedDavServer third;
     ScriptedDavServer second({"--home", third.url() + "calendars/alice/"});
     ScriptedDavServer first({"--principal", second.url() + "principals/alice/"});
     auto service = over(first.url());
     EXPECT_EQ(service->discoverHome(), third.url() + "calendars/alice/");
+    EXPECT_EQ(service->trustedOrigins(),
+              std::vector<std::string>{"http://127.0.0.1:" + std::to_string(second.port())});
+    auto later = over(first.url());
+    later->trustOrigins(service->trustedOrigins());
+    EXPECT_EQ(later->trustedOrigins(), service->trustedOrigins());
     EXPECT_NE(failureOf([&] { service->saveZone("com.vostrel.almanor.zone"); }), "no failure");
     EXPECT_EQ(countWith(second.requests(), " alice"), second.requests().size());
-    EXPECT_FALSE(third.requests().empty());
-    EXPECT_EQ(countWith(third.requests(), " alice"), 0u);
 
     // A redirect to another origin is followed without the credentials.
-    ScriptedDavServer elsewhere;
-    ScriptedDavServer moved;
-    moved.setFault("fault=redirect to=" + elsewhere.url());
-    const std::string why = failureOf([&] { over(moved.url())->discoverHome(); });
+    first.setFault("fault=redirect to=" + third.url());
+    const std::string why = failureOf([&] { over(first.url())->discoverHome(); });
     EXPECT_NE(why.find("refused the user name or password"), std::string::npos) << why;
-    EXPECT_FALSE(elsewhere.requests().empty());
-    EXPECT_EQ(countWith(elsewhere.requests(), " alice"), 0u);
-}
-
-TEST(HostileServer, APasswordSourceIsAskedOncePerServiceEvenWhenItFails) {
-    ScriptedDavServer server;
-    int asked = 0;
-    CalDavService service(server.url(), "alice", [&]() -> std::string {
-        ++asked;
-        throw CloudError("the password command did not finish within 30 s");
-    });
-    EXPECT_EQ(failureOf([&] { service.accountStatus(); }),
-              "the password command did not finish within 30 s");
-    EXPECT_EQ(failureOf([&] { service.discoverHome(); }),
-              "the password command did not finish within 30 s");
-    EXPECT_EQ(asked, 1);
+    EXPECT_GT(third.requests().size(), 1u);
+    EXPECT_EQ(countWith(third.requests(), " alice"), 0u);
 }
 
 } // namespace

@@ -196,16 +196,6 @@ TEST_F(CloudSyncTest, OlderLayoutsZoneArrivesUnlinkedAndMovesToTheAppZone) {
     EXPECT_EQ(test::namesIn(*fake), Names{"Old"});
     EXPECT_EQ(test::namesIn(*fake, std::string(legacyZoneName)), Names{"Old"});
     EXPECT_EQ(p->pending(), 0u);
-
-    // The next start finds the app's zone, remembers it, and reads the older one no more.
-    p->sync.populateFromCloud();
-    p->sync.waitForSync();
-    EXPECT_TRUE(p->defaults.boolean(Settings::appZoneUsed));
-    fake->resetCounts();
-    p->sync.sync();
-    p->sync.waitForSync();
-    EXPECT_EQ(fake->calls(Op::query), 0);
-    EXPECT_EQ(test::namesIn(*fake), Names{"Old"});
 }
 
 } // namespace

@@ -270,5 +270,54 @@ TEST_F(SyncRules, AFailedMarkTransactionDuplicatesNothing) {
     EXPECT_FALSE(a.row(e->id())->pending());
 }
 
+// An edit here meets a server copy that carries no change time (a calendar app's): the copy is
+// taken as the later change. The push forgets the deletion of a row whose first save never
+// reached the server, rather than marking it sent.
+TEST_F(SyncRules, AnUndatedServerCopyWinsAndANeverSentDeletionIsForgotten) {
+    auto e = event("E");
+    a.store.insert(*e);
+    ASSERT_TRUE(sync(a).pushed);
+    a.rename(e->id(), "E-a");
+    const RecordState state = *a.row(e->id())->record;
+    auto theirs =
+        makeEvent(e->id(), e->date(), "E-b", std::nullopt, Schedule::none, CountMethod::standard);
+    server->seed(recordFromEvent(CloudEvent{RecordId{state.recordName, zone}, theirs}),
+                 state.resource);
+    EXPECT_TRUE(sync(a).pushed);
+    EXPECT_EQ(a.liveNames(), Names{"E-b"});
+
+    auto unsent = event("Unsent");
+    a.store.insert(*unsent);
+    server->failAll(Op::create);
+    EXPECT_FALSE(sync(a).pushed);
+    a.remove(unsent->id());
+    server->failAll(Op::changes); // a listing would count it as deleted on both sides
+    EXPECT_FALSE(sync(a).pulled);
+    const auto row = a.row(unsent->id());
+    ASSERT_TRUE(row);
+    EXPECT_FALSE(row->record);
+    EXPECT_FALSE(row->deletionSent);
+}
+
+// Rows linked to an older layout's zone, one edited here since and one deleted (and the deletion
+// sent): that zone's copies bring back neither.
+TEST_F(SyncRules, AnOlderZonesCopiesUndoNothingDoneHere) {
+    a.defaults.setBoolean(Settings::appZoneUsed, false);
+    auto edited = event("Edited"), deleted = event("Deleted");
+    for (const auto& e : {edited, deleted}) {
+        a.store.insert(*e);
+        server->seed(
+            recordFromEvent(CloudEvent{RecordId{e->name(), std::string(legacyZoneName)}, e}));
+        a.ledger.markPushed(e->id(), RecordState{e->name(), e->name() + ".ics", ""},
+                            a.row(e->id())->updated);
+        a.rename(e->id(), e->name() + " here");
+    }
+    a.remove(deleted->id());
+    a.ledger.markDeletionSent(deleted->id());
+    EXPECT_TRUE(sync(a).pulled);
+    EXPECT_EQ(a.liveNames(), Names{"Edited here"});
+    EXPECT_EQ(a.row(deleted->id())->event->name(), "Deleted here");
+}
+
 } // namespace
 } // namespace almanor
