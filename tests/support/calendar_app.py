@@ -4,7 +4,6 @@
 Usage: calendar_app.py URL USER PASSWORD COLLECTION_URL ACTION ARG...
   create UID SUMMARY YYYYMMDD      an all-day event of the app's own
   edit RESOURCE SUMMARY DAYS       renames an event and moves its DTSTART by DAYS days
-  put-raw RESOURCE TEXT            stores TEXT as it is
 """
 import datetime
 import sys
@@ -39,9 +38,6 @@ def main():
         component.add("dtstart", start + datetime.timedelta(days=int(days)))
         component.add("last-modified", datetime.datetime.now(datetime.timezone.utc))
         event.save()
-    elif action == "put-raw":
-        resource, text = args
-        client.put(collection + resource, text, {"Content-Type": "text/calendar; charset=utf-8"})
     else:
         raise SystemExit("unknown action " + action)
 
