@@ -1,7 +1,7 @@
 #!/usr/bin/python3
-"""Takes the README's screenshots on a private X server: a real panel (xfce4-panel with its indicator
-plugin) showing Almanor's title, the same with the menu open, the management window, the count icon
-in the panel's Status Tray (the systray plugin alone), and an event's day in xfce4-notifyd.
+"""Takes the README's screenshots on a private X server with xfwm4: a real panel (xfce4-panel with its
+indicator plugin) showing Almanor's title, the same with the menu open, the management window, the
+count icon in the panel's Status Tray (the systray plugin alone), and an event's day in xfce4-notifyd.
 
 Usage: scripts/screenshots.py [BUILD_DIR]   (default build/release; PNGs go to docs/screenshots/)"""
 
@@ -63,16 +63,26 @@ def shot(name, crop=None):
     print("wrote", os.path.relpath(path, ROOT))
 
 
-def menu_crop(path):
-    """The panel's end and the open menus: the box of what is drawn on the black root under the
-    31-pixel panel, measured with a black border so that every corner it is measured from is black."""
+def drawn(path):
+    """The box (width, height, x, y) of what is drawn on the black root under the 31-pixel panel,
+    measured with a black border so that every corner it is measured from is black."""
     box = subprocess.run(["convert", path, "-crop", "1024x737+0+31", "+repage", "-bordercolor", "black", "-border",
                           "1", "-format", "%@", "info:"], check=True, capture_output=True, text=True).stdout
     w, h, x, y = map(int, box.replace("x", "+").split("+"))
-    return f"{1024 - (x - 1)}x{31 + y - 1 + h}+{x - 1}+0"
+    return w, h, x - 1, y - 1 + 31
 
 
-def window_crop(*search):
+def menu_crop(path):
+    """The panel's end above the open menus."""
+    w, h, x, y = drawn(path)
+    return f"{1024 - x}x{y + h}+{x}+0"
+
+
+def window_crop(path):
+    return "{}x{}+{}+{}".format(*drawn(path))
+
+
+def notification_crop(*search):
     out = subprocess.run(["xdotool", "search", "--sync", *search, "getwindowgeometry", "--shell"], check=True,
                          capture_output=True, text=True, timeout=20).stdout
     g = dict(line.split("=") for line in out.split())
@@ -86,14 +96,21 @@ def main():
     with open(os.path.join(channel, "xfce4-panel.xml"), "w") as f:
         f.write(PANEL)
     d = desktop.Desktop()
+    # The application's icon from the source tree, which the notification shows.
+    icons = os.path.join(ROOT, "data") + ":" + os.environ.get("XDG_DATA_DIRS", "/usr/local/share:/usr/share")
+    os.environ["XDG_DATA_DIRS"] = d.home.env["XDG_DATA_DIRS"] = icons
     try:
-        d.home.ok("events", "add", "Summer holiday", "--date", "2027-07-01", "--alias", "Holiday")
+        holiday = d.home.add("Summer holiday", "2027-07-01", "--alias", "Holiday")
         d.home.ok("events", "add", "Rent", "--date", "2024-01-22", "--schedule", "monthly")
         d.home.ok("events", "add", "Gym", "--date", "2024-01-08", "--schedule", "weekly", "--count",
                   "exclude-weekends")
         d.home.ok("events", "add", "Mum's birthday", "--date", "1960-03-05", "--schedule", "annually", "--alias", "Mum")
         d.home.ok("events", "add", "Trip to Prague", "--date", "2027-01-05")
         d.home.ok("select", "next")
+        # A window manager, as on a desktop: without one the panel's menus open over the panel.
+        d.spawn(["xfwm4", "--compositor=off"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        desktop.wait_for(lambda: "window id" in subprocess.run(["xprop", "-root", "_NET_SUPPORTING_WM_CHECK"],
+                                                              capture_output=True, text=True).stdout, "xfwm4")
         panel = d.spawn(["xfce4-panel", "--disable-wm-check"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         time.sleep(2)
         tray = d.start_tray()
@@ -102,18 +119,19 @@ def main():
         print("panel title:", desktop.item_property())
         # Open the menu as a user does: a click on the title in the panel.
         subprocess.run(["xdotool", "mousemove", "990", "15", "click", "1"], check=True)
+        time.sleep(1)
+        subprocess.run(["xdotool", "mousemove", "880", "47"], check=True)  # on "Events": its submenu opens
         time.sleep(1.5)
         shot("menu.png", menu_crop)
-        subprocess.run(["xdotool", "key", "Escape"], check=True)
-        time.sleep(0.5)
-        desktop.click("Manage Events")
-        subprocess.run(["xdotool", "search", "--sync", "--name", "Almanor - Manage Events", "windowmove", "0", "40"],
-                       check=True, timeout=20)
-        time.sleep(1)
-        subprocess.run(["xdotool", "mousemove", "70", "107", "click", "1"], check=True)  # "Summer holiday"
-        subprocess.run(["xdotool", "mousemove", "450", "500"], check=True)  # off the list: no row's tooltip
-        time.sleep(1)
-        shot("window.png", window_crop("--name", "Almanor - Manage Events"))
+        subprocess.run(["xdotool", "key", "Escape", "Escape"], check=True)
+        # The window on an event, as a click on its notification opens it; the pointer off it.
+        subprocess.run(["xdotool", "mousemove", "5", "760"], check=True)
+        desktop.gdbus("-o", "/com/vostrel/Almanor", "-m", "org.gtk.Actions.Activate", "open-event",
+                      f"[<'{holiday}'>]", "{}")
+        subprocess.run(["xdotool", "search", "--sync", "--onlyvisible", "--name", "Almanor - Manage Events"],
+                       check=True, stdout=subprocess.DEVNULL, timeout=20)
+        time.sleep(2)
+        shot("window.png", window_crop)
         d.quit(tray)
 
         # The count icon in the Status Tray alone, which is then the panel's own watcher and host.
@@ -130,13 +148,12 @@ def main():
         d.quit(tray)
 
         # An event's day: the tray notifies it as it starts.
-        icons = os.path.join(ROOT, "data") + ":" + os.environ.get("XDG_DATA_DIRS", "/usr/local/share:/usr/share")
-        d.spawn(["/usr/lib/x86_64-linux-gnu/xfce4/notifyd/xfce4-notifyd"], env=dict(os.environ, XDG_DATA_DIRS=icons),
-                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        d.spawn(["/usr/lib/x86_64-linux-gnu/xfce4/notifyd/xfce4-notifyd"], stdout=subprocess.DEVNULL,
+                stderr=subprocess.DEVNULL)
         desktop.wait_for(lambda: desktop.bus_has("org.freedesktop.Notifications"), "the notification daemon")
         d.home.ok("events", "add", "Public holiday", "--date", time.strftime("%Y-%m-%d"), "--alias", "Holiday")
         d.start_tray(panel=False)
-        notification = window_crop("--onlyvisible", "--class", "xfce4-notifyd")
+        notification = notification_crop("--onlyvisible", "--class", "xfce4-notifyd")
         time.sleep(1)
         shot("notification.png", notification)
     finally:
