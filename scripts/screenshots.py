@@ -58,8 +58,9 @@ def shot(name, crop=None):
     subprocess.run(["import", "-window", "root", path], check=True)
     if callable(crop):
         crop = crop(path)
-    if crop:
-        subprocess.run(["convert", path, "-crop", crop, "+repage", path], check=True)
+    # Without metadata, so that the same pixels make the same file.
+    subprocess.run(["convert", path, *(["-crop", crop, "+repage"] if crop else []), "-strip", "-define",
+                    "png:exclude-chunks=date,time", path], check=True)
     print("wrote", os.path.relpath(path, ROOT))
 
 
