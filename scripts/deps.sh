@@ -24,6 +24,8 @@ packages=(
   ayatana-indicator-application xfce4-panel xfce4-indicator-plugin
   python3-radicale xandikos python3-caldav gnome-keyring libsecret-tools vdirsyncer
   glib-networking librsvg2-common
+  # the README's screenshots (scripts/screenshots.py)
+  xfwm4 xfce4-notifyd xfconf
 )
 
 missing=()
