@@ -1,6 +1,6 @@
 """An event's day as the user meets it: one notification through the session's notification
-service, opening the window on its event when clicked, not again after a restart the same day,
-none with "Notify on the Day" off."""
+service (xfce4-notifyd shows it; a fake service counts and clicks), opening the window on its
+event when clicked, not again after a restart the same day, none with "Notify on the Day" off."""
 
 import os
 import subprocess
@@ -50,10 +50,21 @@ class ReminderTest(unittest.TestCase):
         self.d = desktop.Desktop()
         self.me = self.d.home
         self.addCleanup(self.d.close)
-        self.sent = os.path.join(os.environ["HOME"], "sent")
-        open(self.sent, "w").close()
-        self.d.spawn([sys.executable, "-c", FAKE, self.sent])
+
+    def serve(self, daemon):
+        self.d.spawn(daemon, stderr=subprocess.DEVNULL)
         wait_for(lambda: desktop.bus_has(NOTIFICATIONS), "the notification service")
+
+    def test_a_real_daemon_shows_it(self):
+        self.serve(["/usr/lib/x86_64-linux-gnu/xfce4/notifyd/xfce4-notifyd"])
+        self.me.add("Picnic", time.strftime("%Y-%m-%d"))
+        tray = self.d.start_tray()
+        from dogtail.config import config
+        config.checkForA11y = False
+        from dogtail import tree
+        wait_for(lambda: tree.root.application("xfce4-notifyd").findChildren(
+            lambda node: node.name == "Picnic today!"), "the notification on the screen")
+        self.d.quit(tray)
 
     def fake(self, method, *args):
         subprocess.run(["gdbus", "call", "--session", "-d", NOTIFICATIONS, "-o", "/org/freedesktop/Notifications",
@@ -68,6 +79,9 @@ class ReminderTest(unittest.TestCase):
             return tray, f.read().splitlines()
 
     def test_the_day_is_notified_once_and_not_with_the_toggle_off(self):
+        self.sent = os.path.join(os.environ["HOME"], "sent")
+        open(self.sent, "w").close()
+        self.serve([sys.executable, "-c", FAKE, self.sent])
         today = time.strftime("%Y-%m-%d")
         self.me.add("Party", today)
         tray, sent = self.start()
