@@ -11,6 +11,7 @@
 #include "platform/Clock.h"
 #include "platform/Translation.h"
 #include "platform/Uuid.h"
+#include "platform/WriteAll.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -70,20 +71,6 @@ std::string readCalendarText(const std::string& file) {
         throw UsageError{problem};
     }
     return text;
-}
-
-bool writeAll(int fd, std::string_view text) {
-    while (!text.empty()) {
-        ssize_t n = ::write(fd, text.data(), text.size());
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0) {
-            return false;
-        }
-        text.remove_prefix(std::size_t(n));
-    }
-    return true;
 }
 
 // Writes `text` to `file` whole or not at all: into a new file beside it, then renamed over it,

@@ -16,6 +16,7 @@
 #include "platform/Settings.h"
 #include "platform/Translation.h"
 #include "platform/UrlText.h"
+#include "platform/WriteAll.h"
 #include "storage/LocalSyncLedger.h"
 #include "storage/MigrationManager.h"
 #include "storage/Repository.h"
@@ -181,14 +182,8 @@ std::string takeHandover(int fd) {
 }
 
 void tell(int fd, std::string text) {
-    for (std::size_t off = 0; off < text.size();) {
-        ssize_t n = ::write(fd, text.data() + off, text.size() - off);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break; // the tray is gone: the pass's work is in the store all the same
-        off += std::size_t(n);
-    }
+    // A tray that is gone reads nothing: the pass's work is in the store all the same.
+    (void)writeAll(fd, text);
     std::fill(text.begin(), text.end(), '\0');
 }
 

@@ -5,6 +5,7 @@
 #include "platform/Log.h"
 #include "platform/Paths.h"
 #include "platform/Translation.h"
+#include "platform/WriteAll.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -141,20 +142,6 @@ Salvage salvage(std::string_view text, const std::filesystem::path& file,
         result.text.clear(); // lines fine on their own that GKeyFile refuses together
     }
     return result;
-}
-
-bool writeAll(int fd, std::string_view bytes) {
-    while (!bytes.empty()) {
-        ssize_t n = ::write(fd, bytes.data(), bytes.size());
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        bytes.remove_prefix(std::size_t(n));
-    }
-    return true;
 }
 
 // Keeps the file as it is under the first free name of name.corrupt, name.corrupt.1, ...: an
