@@ -228,8 +228,12 @@ void TrayApplication::notifyTodaysEvents() {
         return;
     }
     auto calendar = s_.calendar();
+    auto dueNow = reminders_.due(events(), *calendar, today, settings_.daysAhead());
+    if (dueNow.empty()) {
+        return; // most days: the dates' library (ICU) stays unloaded
+    }
     const std::unique_ptr<DateWriter> dates = s_.menuDates ? s_.menuDates() : nullptr;
-    for (const auto& due : reminders_.due(events(), *calendar, today, settings_.daysAhead())) {
+    for (const auto& due : dueNow) {
         // Remembered first: a notification lost to a crash in between is better than one shown
         // at every start. One that cannot be remembered is shown all the same.
         reminders_.remember(due);
