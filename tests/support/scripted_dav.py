@@ -1,15 +1,11 @@
 #!/usr/bin/python3
-"""A small CalDAV server in memory for tests, which misbehaves on demand.
+"""A small CalDAV server in memory for tests, which misbehaves on demand. Usage: scripted_dav.py
+--port N --control FILE --log FILE [--principal URL] [--home URL] [--no-sync-collection]
 
-Usage: scripted_dav.py --port N --control FILE --log FILE [--principal URL] [--home URL]
-                       [--no-sync-collection]
-
-It listens on 127.0.0.1:N and holds the calendars of the user alice (password s3cret): principal
-/principals/alice/, calendar home /calendars/alice/. --principal and --home name them elsewhere,
-another server included. It answers PROPFIND, MKCALENDAR, conditional PUT and DELETE, GET, and
-REPORT calendar-query, calendar-multiget and, unless --no-sync-collection, sync-collection.
-
-Before each request it reads the control file, words of the form key=value:
+It holds the calendars of alice (password s3cret) on 127.0.0.1:N; --principal and --home name her
+principal and calendar home elsewhere, another server included. It answers PROPFIND, MKCALENDAR,
+conditional PUT and DELETE, GET, and REPORT calendar-query, calendar-multiget and, unless
+--no-sync-collection, sync-collection. Before each request it reads the control file's words:
   fault=pass | trickle | late | hang | html | html207 | big | redirect
   method=M   only requests with this method get the fault
   every=S    trickle: one byte every S seconds; late: the answer after S seconds
@@ -25,6 +21,7 @@ import socketserver
 import sys
 import threading
 import time
+import types
 import urllib.parse
 import xml.etree.ElementTree as ET
 
@@ -38,11 +35,9 @@ def esc(text):
     return text.replace("&", "&amp;").replace("<", "&lt;").replace(">", "&gt;")
 
 
-class Store:
-    def __init__(self):
-        self.lock = threading.Lock()
-        self.collections = {}  # path -> {"name": displayname, "resources": {name: (etag, body)}}
-        self.seq = 0  # bumped by every change: the token and every collection's ctag
+# The server's calendars (one server a process): collections by path, each {"name": displayname,
+# "resources": {name: (etag, body)}}; seq, bumped by every change, is the token and every ctag.
+STORE = types.SimpleNamespace(lock=threading.Lock(), collections={}, seq=0)
 
 
 class Handler(http.server.BaseHTTPRequestHandler):
@@ -52,7 +47,6 @@ class Handler(http.server.BaseHTTPRequestHandler):
     def log_message(self, *args):
         pass
 
-    # -- plumbing -------------------------------------------------------------------------------
     def control(self):
         words = {"fault": "pass", "method": None}
         with open(self.server.control_file, encoding="utf-8") as f:
@@ -91,7 +85,6 @@ class Handler(http.server.BaseHTTPRequestHandler):
         found = "".join(props.values())
         return out + f"<d:propstat><d:prop>{found}</d:prop><d:status>HTTP/1.1 200 OK</d:status></d:propstat></d:response>"
 
-    # -- faults ---------------------------------------------------------------------------------
     def fault(self, words):
         fault = words["fault"]
         ms = b'<?xml version="1.0"?><d:multistatus xmlns:d="DAV:">'
@@ -139,7 +132,6 @@ class Handler(http.server.BaseHTTPRequestHandler):
             return True
         return False
 
-    # -- requests -------------------------------------------------------------------------------
     def handle_any(self):
         length = int(self.headers.get("Content-Length") or 0)
         body = self.rfile.read(length) if length else b""
@@ -152,19 +144,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.send(401, "", headers={"WWW-Authenticate": 'Basic realm="test"'})
             return
         path = urllib.parse.unquote(urllib.parse.urlsplit(self.path).path)
-        getattr(self, "do_dav_" + self.command, self.not_allowed)(path, body)
-
-    def not_allowed(self, path, body):
-        self.send(405)
-
-    def principal(self):
-        return self.server.principal or "/principals/alice/"
-
-    def home(self):
-        return self.server.home or "/calendars/alice/"
-
-    def home_path(self):
-        return urllib.parse.urlsplit(self.home()).path
+        getattr(self, "do_dav_" + self.command)(path, body)
 
     def split(self, path):
         """(collection path, resource name) for a resource; (collection path, None) for one."""
@@ -175,23 +155,22 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
     def do_dav_PROPFIND(self, path, body):
         depth = self.headers.get("Depth", "1")
-        store = self.server.store
-        if path in ("/", "/.well-known/caldav", urllib.parse.urlsplit(self.principal()).path):
+        if path in ("/", "/.well-known/caldav", urllib.parse.urlsplit(self.server.principal).path):
             self.multistatus([self.response(self.path, {
-                "cup": f"<d:current-user-principal><d:href>{esc(self.principal())}</d:href></d:current-user-principal>",
-                "home": f"<c:calendar-home-set><d:href>{esc(self.home())}</d:href></c:calendar-home-set>",
+                "cup": f"<d:current-user-principal><d:href>{esc(self.server.principal)}</d:href></d:current-user-principal>",
+                "home": f"<c:calendar-home-set><d:href>{esc(self.server.home)}</d:href></c:calendar-home-set>",
             })])
             return
-        with store.lock:
-            if path == self.home_path():
+        with STORE.lock:
+            if path == urllib.parse.urlsplit(self.server.home).path:
                 parts = [self.response(path, {"t": "<d:resourcetype><d:collection/></d:resourcetype>"})]
                 if depth != "0":
-                    for cpath, col in store.collections.items():
+                    for cpath, col in STORE.collections.items():
                         parts.append(self.response(cpath, self.collection_props(col)))
                 self.multistatus(parts)
                 return
             collection, name = self.split(path)
-            col = store.collections.get(collection)
+            col = STORE.collections.get(collection)
             if col is None or (name is not None and name not in col["resources"]):
                 self.send(404)
                 return
@@ -207,30 +186,27 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.multistatus(parts)
 
     def collection_props(self, col):
-        store = self.server.store
         props = {
             "t": "<d:resourcetype><d:collection/><c:calendar/></d:resourcetype>",
             "n": f"<d:displayname>{esc(col['name'])}</d:displayname>",
-            "g": f"<cs:getctag>\"{store.seq}\"</cs:getctag>",
+            "g": f"<cs:getctag>\"{STORE.seq}\"</cs:getctag>",
         }
         if self.server.sync_collection:
-            props["s"] = f"<d:sync-token>http://scripted/sync/{store.seq}</d:sync-token>"
+            props["s"] = f"<d:sync-token>http://scripted/sync/{STORE.seq}</d:sync-token>"
         return props
 
     def do_dav_MKCALENDAR(self, path, body):
-        store = self.server.store
-        with store.lock:
-            if path in store.collections:
+        with STORE.lock:
+            if path in STORE.collections:
                 self.send(405)
                 return
-            store.collections[path] = {"name": path.rstrip("/").rpartition("/")[2], "resources": {}}
+            STORE.collections[path] = {"name": path.rstrip("/").rpartition("/")[2], "resources": {}}
         self.send(201)
 
     def do_dav_PUT(self, path, body):
-        store = self.server.store
         collection, name = self.split(path)
-        with store.lock:
-            col = store.collections.get(collection)
+        with STORE.lock:
+            col = STORE.collections.get(collection)
             if col is None or name is None:
                 self.send(409)
                 return
@@ -242,16 +218,15 @@ class Handler(http.server.BaseHTTPRequestHandler):
             if match is not None and (current is None or (match != "*" and match != current[0])):
                 self.send(412)
                 return
-            etag = '"' + hashlib.sha1(body + str(store.seq).encode()).hexdigest()[:16] + '"'
+            etag = '"' + hashlib.sha1(body + str(STORE.seq).encode()).hexdigest()[:16] + '"'
             col["resources"][name] = (etag, body.decode())
-            store.seq += 1
+            STORE.seq += 1
         self.send(201 if current is None else 204, headers={"ETag": etag})
 
     def do_dav_DELETE(self, path, body):
-        store = self.server.store
         collection, name = self.split(path)
-        with store.lock:
-            col = store.collections.get(collection)
+        with STORE.lock:
+            col = STORE.collections.get(collection)
             current = col["resources"].get(name) if col else None
             if current is None:
                 self.send(404)
@@ -261,14 +236,13 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 self.send(412)
                 return
             del col["resources"][name]
-            store.seq += 1
+            STORE.seq += 1
         self.send(204)
 
     def do_dav_GET(self, path, body):
-        store = self.server.store
         collection, name = self.split(path)
-        with store.lock:
-            col = store.collections.get(collection)
+        with STORE.lock:
+            col = STORE.collections.get(collection)
             current = col["resources"].get(name) if col and name else None
         if current is None:
             self.send(404, "not found", "text/plain")
@@ -276,11 +250,10 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.send(200, current[1], "text/calendar; charset=utf-8", {"ETag": current[0]})
 
     def do_dav_REPORT(self, path, body):
-        store = self.server.store
         root = ET.fromstring(body)
         collection = path if path.endswith("/") else path + "/"
-        with store.lock:
-            col = store.collections.get(collection)
+        with STORE.lock:
+            col = STORE.collections.get(collection)
             if col is None:
                 self.send(404)
                 return
@@ -308,7 +281,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             elif kind == f"{{{D}}}sync-collection" and self.server.sync_collection:
                 # Every listing is whole: the tests that use this one never pass a token.
                 self.multistatus([entry(n, wants_data) for n in col["resources"]],
-                                 token=f"http://scripted/sync/{store.seq}")
+                                 token=f"http://scripted/sync/{STORE.seq}")
             else:
                 self.send(403, f'<d:error {NS}><d:supported-report/></d:error>')
 
@@ -324,12 +297,11 @@ def main():
     parser.add_argument("--port", type=int, required=True)
     parser.add_argument("--control", required=True)
     parser.add_argument("--log", required=True)
-    parser.add_argument("--principal")
-    parser.add_argument("--home")
+    parser.add_argument("--principal", default="/principals/alice/")
+    parser.add_argument("--home", default="/calendars/alice/")
     parser.add_argument("--no-sync-collection", action="store_true")
     args = parser.parse_args()
     server = Server(("127.0.0.1", args.port), Handler)
-    server.store = Store()
     server.control_file, server.log_file = args.control, args.log
     server.principal, server.home = args.principal, args.home
     server.sync_collection = not args.no_sync_collection
