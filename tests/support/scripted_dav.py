@@ -94,21 +94,6 @@ class Handler(http.server.BaseHTTPRequestHandler):
         if fault == "late":
             time.sleep(float(words["every"]))
             return False
-        if fault == "trickle":
-            every = float(words["every"])
-            self.send_response(207)
-            self.send_header("Content-Type", "application/xml; charset=utf-8")
-            self.send_header("Content-Length", "100000")
-            self.end_headers()
-            try:
-                for byte in (ms * 2000)[:100000]:
-                    self.wfile.write(bytes([byte]))
-                    self.wfile.flush()
-                    time.sleep(every)
-            except OSError:
-                pass
-            self.close_connection = True
-            return True
         if fault == "redirect":
             self.send(301, "", headers={"Location": words["to"]})
             return True
@@ -116,16 +101,20 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.send(200 if fault == "html" else 207,
                       "<!DOCTYPE html><html><body><h1>Sign in</h1></body></html>", "text/html")
             return True
-        if fault == "big":
-            size, tail = int(words["size"]), b"</d:multistatus>"
+        if fault in ("trickle", "big"):  # a multistatus byte by byte, or one with `size` blanks
+            if fault == "trickle":
+                body, piece, pause = (ms * 2000)[:100000], 1, float(words["every"])
+            else:
+                body, piece, pause = ms + b" " * int(words["size"]) + b"</d:multistatus>", 65536, 0
             self.send_response(207)
-            self.send_header("Content-Length", str(len(ms) + size + len(tail)))
+            self.send_header("Content-Type", "application/xml; charset=utf-8")
+            self.send_header("Content-Length", str(len(body)))
             self.end_headers()
             try:
-                self.wfile.write(ms)
-                for at in range(0, size, 65536):
-                    self.wfile.write(b" " * min(65536, size - at))
-                self.wfile.write(tail)
+                for at in range(0, len(body), piece):
+                    self.wfile.write(body[at:at + piece])
+                    self.wfile.flush()
+                    time.sleep(pause)
             except OSError:
                 pass
             self.close_connection = True
