@@ -49,26 +49,13 @@ class Machines:
 
 
 class Sync(Machines):
-    def test_edits_with_hostile_text_converge_and_the_password_stays_out_of_files(self):
+    # Edits and deletions are the sync rules' tests' business, over the same store; here, text a
+    # calendar format or a server may mangle, and what stays out of a user's files.
+    def test_hostile_text_converges_and_the_password_stays_out_of_files(self):
         ids = {self.a.add(name): name for name in HOSTILE}
         self.a.ok("sync")
         self.b.ok("sync")
         self.assertEqual(self.b.events(), ids)
-        some = next(iter(ids))
-        self.b.ok("events", "edit", some, "--name", "renamed, on b; \\ 🎉")
-        self.b.ok("sync")
-        self.a.ok("sync")
-        self.assertEqual(self.a.events()[some], "renamed, on b; \\ 🎉")
-        self.a.ok("events", "delete", some)
-        self.a.ok("sync")
-        self.b.ok("sync")
-        # Neither machine sends the deleted record back, nor an edited one as a copy.
-        before = self.server.resources()
-        self.assertEqual(len(before), len(HOSTILE) - 1)
-        self.a.ok("sync")
-        self.assertEqual(self.server.resources(), before)
-        self.assertEqual(self.a.events(), self.b.events())
-        self.assertNotIn(some, self.b.events())
         status = json.loads(self.a.ok("cloud", "status", "--json"))
         self.assertEqual((status["user"], status["pending"]),
                          (self.server.user, {"inserted": 0, "updated": 0, "deleted": 0}))
