@@ -57,24 +57,6 @@ class CloudSyncTest : public ::testing::Test {
     std::shared_ptr<FakeCloudService> fake = std::make_shared<FakeCloudService>();
 };
 
-TEST_F(CloudSyncTest, WithoutTheCloudEverythingStaysPendingUntilTheNetworkComesBack) {
-    fake->setAccountStatus(AccountStatus::noAccount);
-    auto p = open();
-    p->store.insert(*event("A"));
-    test::LogCapture log;
-    p->sync.populateFromCloud();
-    EXPECT_FALSE(p->sync.waitForSync().pushed);
-    EXPECT_TRUE(log.lines().empty()); // nothing a user without an account could act on
-    fake->setAccountStatus(AccountStatus::available);
-    p->sync.sync();
-    EXPECT_FALSE(p->sync.waitForSync().pushed) << "gave up until the network comes back";
-    EXPECT_EQ(fake->requests(), 0);
-    EXPECT_EQ(p->pending(), 1u);
-    p->sync.networkCameBack();
-    EXPECT_TRUE(p->sync.waitForSync().pushed);
-    EXPECT_EQ(test::namesIn(*fake), Names{"A"});
-}
-
 TEST_F(CloudSyncTest, OnlyAStoreThatNeverPulledHoldsItsFirstTitleForThePull) {
     fake->seed(
         recordFromEvent(CloudEvent{RecordId{"first", std::string(appZoneName)}, event("First")}));
@@ -133,16 +115,27 @@ TEST_F(CloudSyncTest, QuittingCutsThePassOffAndTheNextFinishesItWithoutCopies) {
     EXPECT_EQ(p->pending(), 0u);
 }
 
-TEST_F(CloudSyncTest, APassWaitsForAnotherProcessesPassButNotWhenQuitting) {
+// A pass waits for an account, for the network once the cloud was out of reach, and for another
+// process's pass, which quitting does not wait for.
+TEST_F(CloudSyncTest, APassWaitsForTheCloudAndForAnotherProcessesPassButQuittingDoesNot) {
+    fake->setAccountStatus(AccountStatus::noAccount);
     auto p = open();
     p->store.insert(*event("A"));
+    test::LogCapture log;
+    p->sync.populateFromCloud();
+    EXPECT_FALSE(p->sync.waitForSync().pushed);
+    EXPECT_TRUE(log.lines().empty()); // nothing a user without an account could act on
+    fake->setAccountStatus(AccountStatus::available);
+    p->sync.sync();
+    EXPECT_FALSE(p->sync.waitForSync().pushed) << "gave up until the network comes back";
+    EXPECT_EQ(p->pending(), 1u);
     auto other = std::make_optional<FileLock>(dir / "EventsV1.db.sync-lock");
     ASSERT_TRUE(other->held());
-    p->sync.sync();
+    p->sync.networkCameBack();
     std::this_thread::sleep_for(250ms);
-    EXPECT_EQ(fake->requests(), 0) << "ran beside another process's pass";
+    EXPECT_EQ(fake->requests(), 0) << "ran before the network came back or beside another pass";
     other.reset();
-    p->sync.waitForSync();
+    EXPECT_TRUE(p->sync.waitForSync().pushed);
     EXPECT_EQ(test::namesIn(*fake), Names{"A"});
 
     other.emplace(dir / "EventsV1.db.sync-lock");
