@@ -23,10 +23,7 @@ export XDG_CONFIG_HOME="$T/c1" XDG_DATA_HOME="$T/d1"
 # TLS is verified: a self-signed server is refused, and plain http only goes to this machine.
 openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=127.0.0.1 -keyout "$T/key" -out "$T/cert" -days 2 2>/dev/null
 S=$(/usr/bin/python3 -c 'import socket;s=socket.socket();s.bind(("127.0.0.1",0));print(s.getsockname()[1])')
-/usr/bin/python3 -c 'import http.server,ssl,sys
-s=http.server.HTTPServer(("127.0.0.1",int(sys.argv[1])),http.server.BaseHTTPRequestHandler)
-c=ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER);c.load_cert_chain(sys.argv[2],sys.argv[3])
-s.socket=c.wrap_socket(s.socket,server_side=True);s.serve_forever()' "$S" "$T/cert" "$T/key" 2>/dev/null &
+openssl s_server -accept "127.0.0.1:$S" -cert "$T/cert" -key "$T/key" -www -quiet >/dev/null 2>&1 &
 TLS=$!
 for i in $(seq 100); do curl -sk -o /dev/null "https://127.0.0.1:$S/" && break; sleep 0.1; done
 "$B" cloud login "https://127.0.0.1:$S/" --user alice --password-command "echo s3cret" 2>"$T/err"; rc=$?

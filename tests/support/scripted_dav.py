@@ -24,15 +24,12 @@ import time
 import types
 import urllib.parse
 import xml.etree.ElementTree as ET
+from xml.sax.saxutils import escape as esc
 
 D = "DAV:"
 C = "urn:ietf:params:xml:ns:caldav"
 CS = "http://calendarserver.org/ns/"
 NS = f'xmlns:d="{D}" xmlns:c="{C}" xmlns:cs="{CS}"'
-
-
-def esc(text):
-    return text.replace("&", "&amp;").replace("<", "&lt;").replace(">", "&gt;")
 
 
 # The server's calendars (one server a process): collections by path, each {"name": displayname,
@@ -44,9 +41,6 @@ class Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
     server_version = "ScriptedDav"
 
-    def log_message(self, *args):
-        pass
-
     def control(self):
         words = {"fault": "pass", "method": None}
         with open(self.server.control_file, encoding="utf-8") as f:
@@ -54,12 +48,6 @@ class Handler(http.server.BaseHTTPRequestHandler):
         if words["method"] and words["method"] != self.command:
             words["fault"] = "pass"
         return words
-
-    def user_sent(self):
-        header = self.headers.get("Authorization", "")
-        if not header.startswith("Basic "):
-            return None
-        return tuple(base64.b64decode(header[6:]).decode().partition(":")[::2])
 
     def send(self, status, body=b"", content_type="application/xml; charset=utf-8", headers=None):
         if isinstance(body, str):
@@ -124,7 +112,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
     def handle_any(self):
         length = int(self.headers.get("Content-Length") or 0)
         body = self.rfile.read(length) if length else b""
-        sent = self.user_sent()
+        header = self.headers.get("Authorization", "")
+        sent = tuple(base64.b64decode(header[6:]).decode().partition(":")[::2]) if header.startswith("Basic ") else None
         with open(self.server.log_file, "a", encoding="utf-8") as f:
             f.write(f"{self.command} {self.path} {sent[0] if sent else '-'}\n")
         if self.fault(self.control()):
