@@ -1,5 +1,6 @@
 #include "cloud/CloudRepository.h"
 
+#include "CloudServiceContract.h"
 #include "FakeCloudService.h"
 #include "LogCapture.h"
 
@@ -8,9 +9,20 @@
 namespace almanor {
 namespace {
 
+using test::CloudServiceContract;
+using test::CloudServiceFactory;
 using test::FakeCloudService;
 using Op = FakeCloudService::Op;
 using Lines = std::vector<std::string>;
+
+// The fake holds to what the cloud logic relies on, as the adapter over real servers does.
+INSTANTIATE_TEST_SUITE_P(
+    Fake, CloudServiceContract,
+    testing::Values(CloudServiceFactory{
+        "fake", [] { return std::make_shared<FakeCloudService>(); },
+        [](CloudService& s) { return dynamic_cast<FakeCloudService&>(s).requests(); },
+        [](CloudService& s) { return dynamic_cast<FakeCloudService&>(s).bodiesFetched(); }}),
+    CloudServiceFactory::name);
 
 struct Factory {
     std::shared_ptr<FakeCloudService> fake = std::make_shared<FakeCloudService>();
