@@ -9,20 +9,9 @@
 namespace almanor {
 namespace {
 
-using test::CloudServiceContract;
-using test::CloudServiceFactory;
 using test::FakeCloudService;
 using Op = FakeCloudService::Op;
 using Lines = std::vector<std::string>;
-
-// The fake holds to what the cloud logic relies on, as the adapter over real servers does.
-INSTANTIATE_TEST_SUITE_P(
-    Fake, CloudServiceContract,
-    testing::Values(CloudServiceFactory{
-        "fake", [] { return std::make_shared<FakeCloudService>(); },
-        [](CloudService& s) { return dynamic_cast<FakeCloudService&>(s).requests(); },
-        [](CloudService& s) { return dynamic_cast<FakeCloudService&>(s).bodiesFetched(); }}),
-    CloudServiceFactory::name);
 
 struct Factory {
     std::shared_ptr<FakeCloudService> fake = std::make_shared<FakeCloudService>();
@@ -86,6 +75,13 @@ TEST(CloudRepositoryFactory, WithoutAServiceThereIsNoAccount) {
     EXPECT_EQ(none.existing(), nullptr);
     CloudRepositoryFactory empty{CloudServiceProvider{}};
     EXPECT_EQ(empty.get(), nullptr);
+}
+
+// The fake holds to what the cloud logic relies on, as the adapter over real servers does.
+TEST(CloudServiceContract, Fake) {
+    FakeCloudService fake;
+    test::holdsToTheCloudContract(
+        fake, [&] { return fake.requests(); }, [&] { return fake.bodiesFetched(); });
 }
 
 } // namespace
