@@ -18,20 +18,19 @@ namespace {
 
 using namespace std::chrono;
 
+// A field of every type, values at their edges.
 CloudRecord sample(std::string name) {
-    CloudRecord r;
-    r.recordType = "CD_Event";
-    r.recordId = RecordId{"REC-1", "zone"};
-    r.fields["CD_name"] = std::move(name);
-    r.fields["CD_alias"] = std::string();
-    r.fields["CD_date"] = Instant{sys_days{year{2028} / 2 / 29} + hours{12} + milliseconds{7}};
-    r.fields["CD_recurring"] = std::int64_t{3};
-    r.fields["CD_version"] = std::int64_t{-9000000000000000000};
-    r.fields["CD_ratio"] = 0.1 + 0.2;
-    return r;
+    return {"CD_Event",
+            RecordId{"REC-1", "zone"},
+            {{"CD_name", std::move(name)},
+             {"CD_alias", std::string()},
+             {"CD_date", Instant{sys_days{year{2028} / 2 / 29} + hours{12} + milliseconds{7}}},
+             {"CD_recurring", std::int64_t{3}},
+             {"CD_version", std::int64_t{-9000000000000000000}},
+             {"CD_ratio", 0.1 + 0.2}}};
 }
 
-TEST(RecordCalendar, HostileTextAndEveryTypeReadBackExactly) {
+TEST(RecordCalendar, RecordsReadBackExactlyAndOtherEventsAreNone) {
     setenv("TZ", "UTC", 1);
     const std::vector<std::string> texts = {
         "a,b;c\\d\\,e",          "line\nbreak\n",
@@ -59,17 +58,13 @@ TEST(RecordCalendar, HostileTextAndEveryTypeReadBackExactly) {
         expected.modified = Instant{};
         EXPECT_EQ(*back, expected) << ics;
     }
-}
-
-TEST(RecordCalendar, FoldingNeverSplitsAMultibyteCharacter) {
-    std::string line = "SUMMARY:" + std::string(66, 'x') + "€€€€";
-    std::string folded = foldLine(line);
-    // 74 octets fit, the third octet of the next euro sign would not: the fold comes before it.
-    EXPECT_EQ(folded.substr(0, 77), line.substr(0, 74) + "\r\n ");
+    // Folding never splits a character: 74 octets fit, the third octet of the next euro sign would
+    // not, so the fold comes before it.
+    const std::string line = "SUMMARY:" + std::string(66, 'x') + "€€€€";
+    EXPECT_EQ(foldLine(line).substr(0, 77), line.substr(0, 74) + "\r\n ");
     EXPECT_EQ(escapeText("a\\;,\n"), "a\\\\\\;\\,\\n");
-}
 
-TEST(RecordCalendar, OtherEventsAndOtherTypesAreNotRecords) {
+    // Other events, and records of other types, are not records.
     EXPECT_FALSE(readRecordCalendar(
         "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nBEGIN:VEVENT\r\nUID:x\r\nSUMMARY:Dentist\r\n"
         "DTSTART;VALUE=DATE:20270101\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n",
@@ -78,9 +73,8 @@ TEST(RecordCalendar, OtherEventsAndOtherTypesAreNotRecords) {
     EXPECT_FALSE(readRecordCalendar(ics, "CD_Other", "z"));
     EXPECT_FALSE(readRecordCalendar("BEGIN:VCALENDAR\r\nEND:VCALENDAR\r\n", "CD_Event", "z"));
     // An ill-typed field is left out, the rest is kept.
-    std::string bad = ics;
-    bad.replace(bad.find(":-9000000000000000000"), 21, ":12abc");
-    auto r = readRecordCalendar(bad, "CD_Event", "z");
+    ics.replace(ics.find(":-9000000000000000000"), 21, ":12abc");
+    auto r = readRecordCalendar(ics, "CD_Event", "z");
     ASSERT_TRUE(r);
     EXPECT_EQ(r->fields.count("CD_version"), 0u);
     EXPECT_EQ(r->fields.count("CD_recurring"), 1u);
@@ -88,12 +82,8 @@ TEST(RecordCalendar, OtherEventsAndOtherTypesAreNotRecords) {
 
 // Replaces the first content line starting with `name` (unfolded) by `line`.
 std::string withLine(std::string ics, const std::string& name, const std::string& line) {
-    auto unfolded = [](std::string text) {
-        for (auto at = text.find("\r\n "); at != std::string::npos; at = text.find("\r\n ", at))
-            text.erase(at, 3);
-        return text;
-    };
-    ics = unfolded(std::move(ics));
+    for (auto at = ics.find("\r\n "); at != std::string::npos; at = ics.find("\r\n ", at))
+        ics.erase(at, 3);
     auto at = ics.find("\r\n" + name);
     EXPECT_NE(at, std::string::npos) << name;
     auto end = ics.find("\r\n", at + 2);
