@@ -385,7 +385,7 @@ TEST(Urls, HrefsResolveAndCredentialsGoOnlyToHttpsOrThisMachine) {
     }
 }
 
-TEST(PasswordCommand, HangsAndFloodsEndInOneLineAndTakeTheirChildrenWithThem) {
+TEST(PasswordCommand, HangsFloodsAndQuittingEndInOneLineAndTakeTheirChildrenWithThem) {
     const PasswordCommandLimits quick{std::chrono::seconds(1), 4096};
     auto failure = [&](const std::string& command) {
         try {
@@ -426,12 +426,9 @@ TEST(PasswordCommand, HangsAndFloodsEndInOneLineAndTakeTheirChildrenWithThem) {
     std::ifstream again(pidFile);
     again >> child;
     ::kill(child, SIGKILL);
-}
 
-// A quitting process cuts a hanging command off at once, through the account's service as the
-// tray's sync holds it.
-TEST(PasswordCommand, CancellingTheServiceCutsAHangingCommandOffAtOnce) {
-    test::TempDir folder;
+    // A quitting process cuts a hanging command off at once, through the account's service as the
+    // tray's sync holds it.
     SettingsFile defaults(folder / "settings.ini");
     CloudAccount{"http://127.0.0.1:9/", "u", "sleep 1000", {}, {}}.store(defaults);
     auto service = makeAccountCloudService(defaults);
