@@ -2,7 +2,9 @@
 
 #include "StorageTesting.h"
 #include "TempDir.h"
+#include "storage/sql/Date.h"
 #include "storage/sql/Error.h"
+#include "storage/sql/Table.h"
 
 #include <gtest/gtest.h>
 #include <thread>
@@ -117,4 +119,72 @@ TEST_F(ConnectionTest, WaitsForAnotherWriterInsteadOfFailing) {
     EXPECT_NO_THROW(c.run(insert(2)));
     release.join();
     EXPECT_EQ(scalar(c, R"(SELECT count(*) AS "value" FROM "sample")"), "2");
+}
+
+// In UTC whatever the process's zone, fixed-width, the day floored before 1970; read back.
+TEST(Date, FormatsAndReadsBackUtcWithFixedWidthFields) {
+    setenv("TZ", "Asia/Tokyo", 1);
+    tzset();
+    const std::pair<Instant, const char*> cases[] = {
+        {at(2024y / February / 29, 23h + 59min + 59s + 999ms), "2024-02-29T23:59:59.999"},
+        {Instant{} - 1ms, "1969-12-31T23:59:59.999"},
+        {at(year{5} / January / 2, 3h + 4min + 5s + 6ms), "0005-01-02T03:04:05.006"},
+        {at(year{12345} / June / 7), "12345-06-07T00:00:00.000"},
+        {at(year{0} / January / 1), "0000-01-01T00:00:00.000"},
+        {at(year::max() / December / 31, 24h - 1ms), "32767-12-31T23:59:59.999"},
+    };
+    for (auto [instant, text] : cases) {
+        EXPECT_EQ(formatDate(instant), text);
+        EXPECT_EQ(parseDate(text), instant);
+    }
+    unsetenv("TZ");
+    tzset();
+    EXPECT_EQ(parseDate("2024-03-05T10:20:30"), at(2024y / March / 5, 10h + 20min + 30s));
+    EXPECT_THROW(formatDate(at(year{-1} / December / 31, 23h)), Error);
+    EXPECT_THROW(formatDate(Instant{milliseconds::max()}), Error);
+}
+
+TEST(Date, ParseRejectsEverythingElse) {
+    for (const char* text : {"",
+                             "2024-03-05",
+                             "2023-02-29T00:00:00.000",
+                             "2024-04-31T00:00:00.000",
+                             "2024-13-01T00:00:00.000",
+                             "2024-00-10T00:00:00.000",
+                             "2024-03-05T24:00:00.000",
+                             "2024-03-05T23:60:00.000",
+                             "2024-03-05T23:59:60.000",
+                             "2024-03-05 10:20:30.123",
+                             "2024-03-05T10:20:30.123Z",
+                             "2024-03-05T10:20:30.12",
+                             "2024-03-05T10:20:30.1234",
+                             "2024-3-05T10:20:30.123",
+                             "024-03-05T10:20:30.123",
+                             "123456-03-05T10:20:30.123",
+                             "-2024-03-05T10:20:30.123",
+                             " 2024-03-05T10:20:30.123",
+                             "2024-03-05T10:2a:30.123",
+                             "40000-01-01T00:00:00.000"}) {
+        EXPECT_EQ(parseDate(text), std::nullopt) << text;
+    }
+}
+
+TEST(Table, QuotesNamesAndBindsValuesInTheOrderOfTheirPlaceholders) {
+    Table table{R"(we"ird)"};
+    Column<std::string> odd{R"(co"l)"};
+    EXPECT_EQ(table.create({odd.definition(Default{std::string("it's")})}).text,
+              R"(CREATE TABLE IF NOT EXISTS "we""ird" ("co""l" TEXT NOT NULL DEFAULT 'it''s'))");
+
+    Column<std::int64_t> number{"number"};
+    Column<std::optional<std::string>> label{"label"};
+    Column<bool> flag{"flag"};
+    Column<Instant> when{"when"};
+    auto update =
+        table.update({label.set(std::nullopt), flag.setLiteral(true), when.set(Instant{} + 1500ms)},
+                     label == std::nullopt && number == 7 && !flag);
+    EXPECT_EQ(update.text, R"(UPDATE "we""ird" SET "label" = ?, "flag" = 1, "when" = ? )"
+                           R"(WHERE ((("label" IS ?) AND ("number" = ?)) AND NOT ("flag")))");
+    EXPECT_EQ(update.bindings,
+              (std::vector<Binding>{nullptr, std::string("1970-01-01T00:00:01.500"), nullptr,
+                                    std::int64_t{7}}));
 }
