@@ -4,9 +4,9 @@
 #include "TempDir.h"
 #include "platform/Settings.h"
 #include "platform/SettingsFile.h"
+#include "storage/LocalRepository.h"
 #include "storage/LocalSyncLedger.h"
 #include "storage/MigrationManager.h"
-#include "storage/LocalRepository.h"
 #include "storage/Repository.h"
 #include "storage/StoreSchema.h"
 #include "storage/sql/Connection.h"
@@ -16,7 +16,6 @@
 
 #include <csignal>
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -32,8 +31,7 @@ Instant at(std::chrono::year_month_day day, std::chrono::milliseconds time = {})
 }
 
 EventPtr event(std::string name, Instant date, std::optional<std::string> alias = {},
-                      Schedule schedule = Schedule::none,
-                      CountMethod method = CountMethod::standard) {
+               Schedule schedule = Schedule::none, CountMethod method = CountMethod::standard) {
     return makeEvent(Uuid::random(), date, std::move(name), std::move(alias), schedule, method);
 }
 
@@ -356,11 +354,11 @@ using LocalRepositoryDeathTest = LocalRepositoryTest;
 
 TEST_F(LocalRepositoryDeathTest, StopsWhenTheStoreCannotBeOpened) {
     test::writeFile(dir / "file", "not a folder");
-    EXPECT_EXIT({ LocalRepository store(dir / "file", "EventsV1.db", center, clock); },
+    EXPECT_EXIT({ LocalRepository opened(dir / "file", "EventsV1.db", center, clock); },
                 ::testing::ExitedWithCode(3),
                 "^Almanor/LocalRepository:40: Fatal error: Failed to initialize local database: "
                 "/.*/file is not a folder\n$");
-    EXPECT_EXIT({ LocalRepository store(dir / "file" / "Almanor", "EventsV1.db", center, clock); },
+    EXPECT_EXIT({ LocalRepository opened(dir / "file" / "Almanor", "EventsV1.db", center, clock); },
                 ::testing::ExitedWithCode(3),
                 "Failed to initialize local database: Not a directory\n$");
 }
