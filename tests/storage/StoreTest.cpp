@@ -15,6 +15,7 @@
 #include "storage/sql/Table.h"
 
 #include <csignal>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <thread>
@@ -23,6 +24,7 @@
 using namespace almanor;
 using namespace almanor::sql;
 using namespace std::chrono;
+using testing::ThrowsMessage;
 
 namespace {
 
@@ -44,15 +46,6 @@ std::string scalar(sql::Connection& connection, const std::string& query) {
     }
     sql::Column<std::optional<std::string>> value{"value"};
     return rows.row().get(value).value_or("NULL");
-}
-
-template <class F> std::string errorOf(F&& f) {
-    try {
-        f();
-    } catch (const Error& e) {
-        return e.what();
-    }
-    return "<no error>";
 }
 
 struct ConnectionTest : ::testing::Test {
@@ -178,28 +171,29 @@ TEST_F(ConnectionTest, ValuesRoundTripThroughTheFileInTheirEncodings) {
 
 TEST_F(ConnectionTest, ErrorsNameTheColumnOrCarrySqlitesMessageAndCode) {
     Connection c(path);
-    EXPECT_EQ(errorOf([&] { c.prepare(table.select(flag)); }), "no such table: sample (code: 1)");
+    EXPECT_THAT([&] { c.prepare(table.select(flag)); },
+                ThrowsMessage<Error>("no such table: sample (code: 1)"));
     c.run(create());
     c.run(
         R"(INSERT INTO "sample" VALUES ('not a uuid', 'x', 'seven', 2, '2023-02-29T00:00:00.000', NULL, NULL, NULL))");
     auto rows = c.prepare(table.select(flag));
     ASSERT_TRUE(rows.next());
     const Row& row = rows.row();
-    EXPECT_EQ(errorOf([&] { row.get(Column<std::string>{"maybe_text"}); }),
-              "Unexpected null value for column `\"maybe_text\"`");
-    EXPECT_EQ(errorOf([&] { row.get(Column<std::string>{"missing"}); }),
-              "No such column `\"missing\"`");
+    EXPECT_THAT([&] { row.get(Column<std::string>{"maybe_text"}); },
+                ThrowsMessage<Error>("Unexpected null value for column `\"maybe_text\"`"));
+    EXPECT_THAT([&] { row.get(Column<std::string>{"missing"}); },
+                ThrowsMessage<Error>("No such column `\"missing\"`"));
     EXPECT_THROW(row.get(when), Error);   // an impossible date
     EXPECT_THROW(row.get(id), Error);     // not a UUID
     EXPECT_THROW(row.get(number), Error); // text where an integer belongs
     EXPECT_TRUE(row.get(flag));           // any non-zero integer is true
     auto twice = c.prepare({R"(SELECT 1 AS "a", 2 AS "a")", {}});
     ASSERT_TRUE(twice.next());
-    EXPECT_EQ(errorOf([&] { twice.row().get(Column<std::int64_t>{"a"}); }),
-              "Ambiguous column `\"a\"`");
+    EXPECT_THAT([&] { twice.row().get(Column<std::int64_t>{"a"}); },
+                ThrowsMessage<Error>("Ambiguous column `\"a\"`"));
     EXPECT_THROW(c.run(Statement{"SELECT ?, ?", {std::int64_t{1}}}), Error); // a value short
-    EXPECT_EQ(errorOf([&] { Connection((dir / "missing/test.db").string()); }),
-              "unable to open database file (code: 14)");
+    EXPECT_THAT([&] { Connection((dir / "missing/test.db").string()); },
+                ThrowsMessage<Error>("unable to open database file (code: 14)"));
 }
 
 TEST_F(ConnectionTest, WaitsForAnotherWriterInsteadOfFailing) {
