@@ -117,7 +117,7 @@ class CliTest(unittest.TestCase):
         self.assertEqual(self.cli("events", "delete", rent)[0], 0)
         self.assertEqual(len(self.list()), 2)
 
-    def test_status_and_select_follow_the_displayed_event_rules(self):
+    def test_status_and_select_follow_the_displayed_event_rules_in_the_users_language(self):
         """What status bars show: the tray's rules for the displayed event, one line whatever the
         name."""
         self.assertEqual(self.cli("status")[1], "Almanor  \U0001F389\n")
@@ -130,6 +130,15 @@ class CliTest(unittest.TestCase):
         waybar = json.loads(self.cli("status", "--json")[1])
         self.has(waybar, text="Soon  now 3 days", tooltip="Soon\r\nnow: " + local_date(3))
         self.assertEqual(waybar["class"], "upcoming")
+        # The language as GNU programs choose it: LANGUAGE's list unless the locale is C, then
+        # LC_MESSAGES before LANG; the catalogues found beside the binary.
+        for language, title in [(["LANG=de_DE.UTF-8"], "Soon  now 3 Tage\n"),
+                                (["LANG=de_DE.UTF-8", "LC_MESSAGES=cs_CZ.UTF-8"], "Soon  now 3 dny\n"),
+                                (["LANG=cs_CZ.UTF-8", "LANGUAGE=fr:de"], "Soon  now 3 Tage\n"),
+                                (["LANG=C", "LANGUAGE=de"], "Soon  now 3 days\n")]:
+            self.assertEqual(self.cli("status", language=language)[1], title, language)
+        self.assertEqual(self.cli("events", "delete", "abcd", language=["LANG=de_DE.UTF-8"])[2],
+                         "kein Ereignis mit der Kennung ABCD\n")
         self.assertEqual(self.cli("select", later)[1], "Later 30 days\n")
         self.assertEqual(self.cli("events", "delete", later)[0], 0)
         self.assertEqual(self.cli("select", "rotate")[1], "Soon  now 3 days\n")  # the only upcoming
@@ -165,18 +174,6 @@ class CliTest(unittest.TestCase):
         shutil.rmtree(os.path.dirname(self.settings))
         self.write("config/Almanor", "a file where the folder should be")
         self.one_line(self.cli("select", "random"), 3, "Failed to save settings to ")
-
-    def test_messages_speak_the_users_language(self):
-        """The language as GNU programs choose it: LANGUAGE's list unless the locale is C, then
-        LC_MESSAGES before LANG; the catalogues found beside the binary."""
-        self.add("Trip", "--date", local_date(2))
-        for language, title in [(["LANG=de_DE.UTF-8"], "Trip 2 Tage\n"),
-                                (["LANG=de_DE.UTF-8", "LC_MESSAGES=cs_CZ.UTF-8"], "Trip 2 dny\n"),
-                                (["LANG=cs_CZ.UTF-8", "LANGUAGE=fr:de"], "Trip 2 Tage\n"),
-                                (["LANG=C", "LANGUAGE=de"], "Trip 2 days\n")]:
-            self.assertEqual(self.cli("status", language=language)[1], title, language)
-        self.assertEqual(self.cli("events", "delete", "abcd", language=["LANG=de_DE.UTF-8"])[2],
-                         "kein Ereignis mit der Kennung ABCD\n")
 
     def test_every_command_takes_a_unique_prefix_of_four_or_more_in_either_case(self):
         self.assertEqual(self.cli("events", "list")[0], 0)
@@ -321,8 +318,10 @@ class CliTest(unittest.TestCase):
             os.remove(name)
         return result, objects
 
-    def test_local_commands_load_neither_the_network_nor_the_keyring_nor_icu(self):
-        """Status bars run them every few seconds; the cloud commands do load the network stack."""
+    def test_local_commands_load_no_network_and_the_completions_offer_the_events(self):
+        """The local commands load neither the network stack nor the keyring nor ICU (status bars run
+        them every few seconds); the cloud commands do. bash's completion driven as bash drives it
+        (COMP_WORDS, COMP_CWORD, the function, COMPREPLY), fish's asked for the events' names."""
         def local(*args):
             result, objects = self.loaded(*args)
             self.assertEqual(result[0], 0, result[2])
@@ -331,33 +330,10 @@ class CliTest(unittest.TestCase):
                                  r"gdk|X11|wayland|ayatana|icu)")
             self.assertEqual([o for o in objects if network.search(o)], [], args)
             return result[1]
-        dentist = local("events", "add", "Dentist", "--date", "2030-03-03").strip()
-        local("events", "add", "Rent", "--date", "2024-01-22", "--schedule", "monthly")
-        # With an account configured the local commands still load nothing of the network.
-        account = "cloudServer=http://127.0.0.1:9/\ncloudUser=me\ncloudPasswordCommand=echo x\n"
-        self.write(self.settings, account, "a")
-        for args in ["status", "status --json", "events list", f"events edit {dentist} --alias Teeth",
-                     "select next", "cloud status", "cloud status --json", f"events delete {dentist}"]:
-            local(*args.split())
-        curl = re.compile(r"libcurl[-.]")
-        self.assertTrue(any(curl.search(o) for o in self.loaded("cloud", "logout")[1]))
-        self.assertFalse(any(curl.search(o) for o in self.loaded("sync")[1]))  # logged out: no account
-
-        # A damaged settings file is told on standard error by every command, the CalDAV adapter's
-        # included (it logs through the program's own log): standard output carries only results.
-        for args in ["status", "events list", "select next", "cloud status", "cloud logout", "sync"]:
-            self.write(self.settings, "[com.vostrel.Almanor]\n\001garbage\n" + account)
-            _, out, err = self.cli(*args.split())
-            self.assertIn("damaged settings file", err, args)
-            self.assertIsNone(re.search("settings|dropped", out), args)
-
-    def test_shell_completions_offer_commands_options_and_the_events(self):
-        """bash's driven as bash drives it (COMP_WORDS, COMP_CWORD, the function, COMPREPLY),
-        fish's asked for the events with their names."""
         # A name that looks like the start of another event in the JSON, and one with a colon.
         trip_name = 'Trip "A"},{"id":"00000000-0000-0000-0000-000000000000'
-        trip = self.add(trip_name, "--date", "2031-01-05")
-        rent = self.add("Rent: flat", "--date", "2024-01-31", "--schedule", "monthly")
+        trip = local("events", "add", trip_name, "--date", "2031-01-05").strip()
+        rent = local("events", "add", "Rent: flat", "--date", "2024-01-31", "--schedule", "monthly").strip()
         ids = " ".join(sorted([trip, rent]))
         bash = ('source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _almanor;'
                 ' printf "%s\\n" "${COMPREPLY[@]}"')
@@ -384,6 +360,24 @@ class CliTest(unittest.TestCase):
         _, out, _ = self.cli("--no-config", "-c", f"source '{COMPLETIONS}/almanor.fish'; "
                              "complete -C 'almanor events delete '", program="fish")
         self.assertEqual(sorted(out.splitlines()), sorted([f"{trip}\t{trip_name}", f"{rent}\tRent: flat"]))
+
+        # With an account configured the local commands still load nothing of the network.
+        account = "cloudServer=http://127.0.0.1:9/\ncloudUser=me\ncloudPasswordCommand=echo x\n"
+        self.write(self.settings, account, "a")
+        for args in ["status", "status --json", "events list", f"events edit {trip} --alias Teeth",
+                     "select next", "cloud status", "cloud status --json", f"events delete {trip}"]:
+            local(*args.split())
+        curl = re.compile(r"libcurl[-.]")
+        self.assertTrue(any(curl.search(o) for o in self.loaded("cloud", "logout")[1]))
+        self.assertFalse(any(curl.search(o) for o in self.loaded("sync")[1]))  # logged out: no account
+
+        # A damaged settings file is told on standard error by every command, the CalDAV adapter's
+        # included (it logs through the program's own log): standard output carries only results.
+        for args in ["status", "events list", "select next", "cloud status", "cloud logout", "sync"]:
+            self.write(self.settings, "[com.vostrel.Almanor]\n\001garbage\n" + account)
+            _, out, err = self.cli(*args.split())
+            self.assertIn("damaged settings file", err, args)
+            self.assertIsNone(re.search("settings|dropped", out), args)
 
 
 if __name__ == "__main__":
