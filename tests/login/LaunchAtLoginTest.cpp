@@ -54,13 +54,25 @@ TEST_F(LaunchAtLoginTest, AnEntryStartsThisProgramAndObserversHearEachRequest) {
     EXPECT_FALSE(std::filesystem::exists(entry));
     launch.disconnect(token);
     launch.setEnabled(true);
-    EXPECT_EQ(heard, (std::vector<bool>{true, true, false}));
     // Only an entry that parses and is neither hidden nor switched off counts.
     for (const char* extra : {"Hidden=true\n", "X-GNOME-Autostart-enabled=false\n", "[broken\n"}) {
         test::writeFile(entry,
                         std::string("[Desktop Entry]\nType=Application\nName=A\nExec=a\n") + extra);
         EXPECT_FALSE(launch.isEnabled()) << extra;
     }
+    // A file where the folder should be refuses root as well: logged; observers hear the request.
+    std::filesystem::remove_all(home / "autostart");
+    test::writeFile(home / "autostart", "in the way");
+    launch.observe([&](bool on) { heard.push_back(on); });
+    g_log_set_writer_func(capture, nullptr, nullptr);
+    launch.setEnabled(true);
+    EXPECT_FALSE(launch.isEnabled());
+    EXPECT_EQ(heard, (std::vector<bool>{true, true, false, true}));
+    ASSERT_EQ(logged.size(), 1u);
+    EXPECT_EQ(
+        logged[0].rfind("com.brimwell.LaunchAtLogin|main|Failed to enable launch at login: ", 0),
+        0u)
+        << logged[0];
 }
 
 TEST_F(LaunchAtLoginTest, MigrationCarriesAnEnabledHelperOverOnce) {
@@ -83,24 +95,7 @@ TEST_F(LaunchAtLoginTest, MigrationCarriesAnEnabledHelperOverOnce) {
     EXPECT_FALSE(launch.isEnabled());
 }
 
-TEST_F(LaunchAtLoginTest, ARefusedRegistrationIsLoggedAndObserversHearTheRequest) {
-    // A file where the folder should be refuses root as well.
-    test::writeFile(home / "autostart", "in the way");
-    bool heard = false;
-    launch.observe([&](bool on) { heard = on; });
-    g_log_set_writer_func(capture, nullptr, nullptr);
-    launch.setEnabled(true);
-    EXPECT_TRUE(heard);
-    EXPECT_FALSE(launch.isEnabled());
-    ASSERT_EQ(logged.size(), 1u);
-    EXPECT_EQ(
-        logged[0].rfind("com.brimwell.LaunchAtLogin|main|Failed to enable launch at login: ", 0),
-        0u)
-        << logged[0];
-}
-
-TEST(XdgAutostartServiceTest, TheProgramOnPathIsNamedPlainly) {
-    test::TempDir home;
+TEST_F(LaunchAtLoginTest, TheProgramOnPathIsNamedPlainly) {
     test::writeFile(home / "bin/almanor", "#!/bin/sh\n");
     ::chmod((home / "bin/almanor").c_str(), 0755);
     g_setenv("PATH", (home / "bin").c_str(), TRUE);
