@@ -34,10 +34,6 @@ Instant at(int y, unsigned m, unsigned d, int h = 0, int min = 0) {
     return test::localAt(zone, y, m, d, h, min);
 }
 
-const std::vector<std::string> automaticRows = {"Automatic selection", "Next upcoming event",
-                                                "Rotate upcoming events (hourly)",
-                                                "Random event selection"};
-
 class TrayApplicationTest : public testing::Test {
   protected:
     // Dates and zone of the menus come from the environment, as in the tray.
@@ -147,6 +143,7 @@ TEST_F(TrayApplicationTest, StartUpSetsTheFirstTitleBeforeAnyChangeIsHandledAndT
     EXPECT_FALSE(loginItems.legacy);
     EXPECT_TRUE(defaults.boolean(Settings::launchAtLoginHasMigrated));
     EXPECT_EQ(defaults.integer(Settings::buildVersion), 1);
+    EXPECT_EQ(SettingsFile(defaults.file()).string(Settings::selectedEvent), std::nullopt);
     std::vector<std::string> menu;
     for (const auto& item : presenter.menu()) {
         menu.push_back(item.separator ? "-" : item.title + (item.state ? " [x]" : ""));
@@ -154,31 +151,6 @@ TEST_F(TrayApplicationTest, StartUpSetsTheFirstTitleBeforeAnyChangeIsHandledAndT
     EXPECT_EQ(menu, (std::vector<std::string>{"Events", "Manage Events", "-",
                                               "Launch Almanor at Login [x]",
                                               "Notify on the Day [x]", "-", "Quit"}));
-}
-
-TEST_F(TrayApplicationTest, TheEventsMenuHasItsSectionsDatesAndMarks) {
-    start();
-    EXPECT_EQ(presenter.titles(), automaticRows);
-    EXPECT_EQ(SettingsFile(defaults.file()).string(Settings::selectedEvent), std::nullopt);
-    add("Trip", at(2031, 1, 5, 9));
-    add("Gym", at(2030, 1, 7, 18), Schedule::weekly); // a Monday
-    add("Rent", at(2029, 12, 22, 0, 30), Schedule::monthly);
-    add("Birthday", at(1990, 3, 5), Schedule::annually);
-    add("snake_case & more", at(2031, 2, 1));
-    delegate->updateSelectedEvent(indexOf("Trip - Jan 5, 2031"));
-    EXPECT_EQ(title(), "Trip 361 days");
-    auto rows = automaticRows;
-    rows.insert(rows.end(),
-                {"One off events", "Trip - Jan 5, 2031", "snake_case & more - Feb 1, 2031",
-                 "Weekly events", "Gym - Mon", "Monthly events", "Rent - 22nd", "Annual events",
-                 "Birthday - Mar 5th"});
-    EXPECT_EQ(presenter.titles(), rows);
-    EXPECT_EQ(marked(), (std::vector<std::string>{"Trip - Jan 5, 2031"}));
-    // A header chooses a fresh id: every mark goes until the next rebuild.
-    delegate->updateSelectedEvent(indexOf("Weekly events"));
-    EXPECT_EQ(marked(), std::vector<std::string>{});
-    center.emit(eventChangeNotification);
-    EXPECT_EQ(marked().size(), 1u);
 }
 
 TEST_F(TrayApplicationTest, TheMenuSpeaksTheUsersLanguage) {
@@ -346,7 +318,7 @@ TEST_F(TrayApplicationTest, RandomModeNeverFeedsOnItsOwnWrites) {
     EXPECT_EQ(before.st_mtim.tv_nsec, after.st_mtim.tv_nsec);
 }
 
-TEST_F(TrayApplicationTest, TheWindowIsMadeOnceAndCentredWhenBroughtBack) {
+TEST_F(TrayApplicationTest, TheWindowIsMadeOnceTheLoginRowFollowsTheRequestAndQuitQuits) {
     start();
     refuseWindow = true; // as when GTK cannot start: asked for again next time
     delegate->manageEvents();
@@ -363,10 +335,7 @@ TEST_F(TrayApplicationTest, TheWindowIsMadeOnceAndCentredWhenBroughtBack) {
     EXPECT_EQ(window->centred, 3);
     EXPECT_EQ(window->fronted, 2);
     EXPECT_EQ(presentations, 3);
-}
-
-TEST_F(TrayApplicationTest, TheLoginRowFollowsTheRequestEvenWhenRefused) {
-    start();
+    // The login row follows the request, even when refused.
     delegate->toggleLaunchAtLogin(3);
     EXPECT_TRUE(loginItems.registered);
     EXPECT_TRUE(presenter.menu()[3].state);
