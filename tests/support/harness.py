@@ -125,12 +125,8 @@ def answers(url):
 
 
 class Process:
-    def __init__(self, args, log=None):
-        """`log`: a file that gets the server's own log lines."""
-        out = open(log, "ab") if log else subprocess.DEVNULL
-        self.proc = subprocess.Popen(args, stdout=out, stderr=out, start_new_session=True)
-        if log:
-            out.close()
+    def __init__(self, args):
+        self.proc = subprocess.Popen(args, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
         self.url = f"http://127.0.0.1:{self.port}/"
         wait_for(lambda: answers(self.url), "the server at " + self.url, timeout=20)
 
@@ -154,7 +150,7 @@ class Process:
 class Radicale(Process):
     user, password = "alice", "s3cret"
 
-    def __init__(self, folder, port=None, log=None):
+    def __init__(self, folder, port=None):
         """`port`: that of a stopped server on the same folder, to start it again."""
         self.folder, self.port, self.zones = folder, port or free_port(), "collections/collection-root/alice"
         os.makedirs(folder, exist_ok=True)
@@ -175,15 +171,15 @@ filesystem_folder = {folder}/collections
 [web]
 type = none
 """)
-        super().__init__(["/usr/bin/python3", "-m", "radicale", "--config", folder + "/config"], log=log)
+        super().__init__(["/usr/bin/python3", "-m", "radicale", "--config", folder + "/config"])
 
 
 class Xandikos(Process):
     user, password = "user", "any"
 
-    def __init__(self, folder, log=None):
+    def __init__(self, folder):
         self.folder, self.port, self.zones = folder, free_port(), "user/calendars"
-        super().__init__(["xandikos", "--defaults", "-d", folder, "-l", "127.0.0.1", "-p", str(self.port)], log=log)
+        super().__init__(["xandikos", "--defaults", "-d", folder, "-l", "127.0.0.1", "-p", str(self.port)])
 
 
 def main():
@@ -227,14 +223,11 @@ class Desktop:
         self.spawn(args + ["-displayfd", str(write), "-nolisten", "tcp", "-noreset"], pass_fds=[write],
                    stderr=subprocess.DEVNULL)
         os.close(write)
-        number = b""
-        while not number.endswith(b"\n"):
-            chunk = os.read(read, 16)
-            if not chunk:
-                raise RuntimeError(args[0] + " did not start")
-            number += chunk
-        os.close(read)
-        os.environ["DISPLAY"] = self.home.env["DISPLAY"] = ":" + number.decode().strip()
+        with os.fdopen(read) as f:
+            number = f.readline().strip()  # empty when the server ended without one
+        if not number:
+            raise RuntimeError(args[0] + " did not start")
+        os.environ["DISPLAY"] = self.home.env["DISPLAY"] = ":" + number
         subprocess.run(["dbus-update-activation-environment", "DISPLAY"], check=True)
         self.start_watcher()
 
