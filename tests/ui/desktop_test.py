@@ -1,14 +1,6 @@
-"""The tray and the window as a user and their panel meet them, on one desktop of two monitors: the
-title as label, title, tooltip and the panel's copy, the menu and its marks, changes from the
-command line, launch at login, the count as the icon, the day's notification (once, opening the
-window on its event, none with "Notify on the Day" off; xfce4-notifyd shows it, a fake service
-counts and clicks), the window driven through AT-SPI and the keyboard on the pointer's monitor,
-handing over to a running tray with GTK loaded only then, quitting, a panel that starts late or
-again, and the events' rows made however a panel opens the menu. Then, with a calendar server and
-a second machine: the first title comes from what the start-up pull brought, local changes are
-pushed at start-up and when they are made, an outage loses nothing, the menu and the window follow
-a pull the tray is asked for over D-Bus, and quitting in the middle of a 500-event first push
-leaves at once, the next start finishing the push without a copy."""
+"""The tray and the window as a user and their panel meet them, one scenario on one desktop of two
+monitors: the session's own tray first (the day's notification through a fake service that counts
+and clicks, then through xfce4-notifyd), then a tray with a calendar server and a second machine."""
 
 import glob
 import json
