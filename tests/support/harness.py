@@ -125,8 +125,12 @@ def answers(url):
 
 
 class Process:
-    def __init__(self, args):
-        self.proc = subprocess.Popen(args, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
+    def __init__(self, args, log=None):
+        """`log`: a file that gets the server's own log lines."""
+        out = open(log, "ab") if log else subprocess.DEVNULL
+        self.proc = subprocess.Popen(args, stdout=out, stderr=out, start_new_session=True)
+        if log:
+            out.close()
         self.url = f"http://127.0.0.1:{self.port}/"
         wait_for(lambda: answers(self.url), "the server at " + self.url, timeout=20)
 
@@ -150,7 +154,7 @@ class Process:
 class Radicale(Process):
     user, password = "alice", "s3cret"
 
-    def __init__(self, folder, port=None):
+    def __init__(self, folder, port=None, log=None):
         """`port`: that of a stopped server on the same folder, to start it again."""
         self.folder, self.port, self.zones = folder, port or free_port(), "collections/collection-root/alice"
         os.makedirs(folder, exist_ok=True)
@@ -171,15 +175,15 @@ filesystem_folder = {folder}/collections
 [web]
 type = none
 """)
-        super().__init__(["/usr/bin/python3", "-m", "radicale", "--config", folder + "/config"])
+        super().__init__(["/usr/bin/python3", "-m", "radicale", "--config", folder + "/config"], log=log)
 
 
 class Xandikos(Process):
     user, password = "user", "any"
 
-    def __init__(self, folder):
+    def __init__(self, folder, log=None):
         self.folder, self.port, self.zones = folder, free_port(), "user/calendars"
-        super().__init__(["xandikos", "--defaults", "-d", folder, "-l", "127.0.0.1", "-p", str(self.port)])
+        super().__init__(["xandikos", "--defaults", "-d", folder, "-l", "127.0.0.1", "-p", str(self.port)], log=log)
 
 
 def main():
