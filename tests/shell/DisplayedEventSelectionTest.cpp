@@ -56,8 +56,9 @@ class SelectionTest : public testing::Test {
     std::size_t draw = 0;
     std::vector<std::size_t> counts;
     CountingItem item;
+    std::string zoneNow = zone; // read for each resolution
     DisplayedEventSelection selection{[this] { return events; }, settings, clock,
-                                      [] { return DayCalendar::forZone(zone); },
+                                      [this] { return DayCalendar::forZone(zoneNow); },
                                       [this](std::size_t count) {
                                           counts.push_back(count);
                                           return std::min(draw, count - 1);
@@ -121,15 +122,11 @@ TEST_F(SelectionTest, NoEventsShowsTheCelebrationAndLeavesTheSelection) {
 TEST_F(SelectionTest, TheZoneIsReadForEachResolution) {
     // 23:30 UTC on 6 March is already 7 March in Prague, still 6 March in New York.
     clock.set(Instant(sys_days(year(2024) / 3 / 6).time_since_epoch()) + hours(23) + minutes(30));
-    std::string zoneNow = "Europe/Prague";
-    DisplayedEventSelection s([this] { return events; }, settings, clock,
-                              [&zoneNow] { return DayCalendar::forZone(zoneNow); });
-    s.setStatusItem(&item);
     add("Target", Instant(sys_days(year(2024) / 3 / 8).time_since_epoch()) + hours(12));
-    s.resolveDisplayedEvent(Uuid());
+    selection.resolveDisplayedEvent(Uuid());
     EXPECT_EQ(item.title, "Target 1 day");
     zoneNow = "America/New_York";
-    s.resolveDisplayedEvent(Uuid());
+    selection.resolveDisplayedEvent(Uuid());
     EXPECT_EQ(item.title, "Target 2 days");
 }
 

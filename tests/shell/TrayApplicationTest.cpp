@@ -34,10 +34,6 @@ Instant at(int y, unsigned m, unsigned d, int h = 0, int min = 0) {
     return test::localAt(zone, y, m, d, h, min);
 }
 
-const std::vector<std::string> automaticRows = {"Automatic selection", "Next upcoming event",
-                                                "Rotate upcoming events (hourly)",
-                                                "Random event selection"};
-
 class TrayApplicationTest : public testing::Test {
   protected:
     // Dates and zone of the menus come from the environment, as in the tray.
@@ -147,6 +143,7 @@ TEST_F(TrayApplicationTest, StartUpSetsTheFirstTitleBeforeAnyChangeIsHandledAndT
     EXPECT_FALSE(loginItems.legacy);
     EXPECT_TRUE(defaults.boolean(Settings::launchAtLoginHasMigrated));
     EXPECT_EQ(defaults.integer(Settings::buildVersion), 1);
+    EXPECT_EQ(SettingsFile(defaults.file()).string(Settings::selectedEvent), std::nullopt);
     std::vector<std::string> menu;
     for (const auto& item : presenter.menu()) {
         menu.push_back(item.separator ? "-" : item.title + (item.state ? " [x]" : ""));
@@ -154,31 +151,6 @@ TEST_F(TrayApplicationTest, StartUpSetsTheFirstTitleBeforeAnyChangeIsHandledAndT
     EXPECT_EQ(menu, (std::vector<std::string>{"Events", "Manage Events", "-",
                                               "Launch Almanor at Login [x]",
                                               "Notify on the Day [x]", "-", "Quit"}));
-}
-
-TEST_F(TrayApplicationTest, TheEventsMenuHasItsSectionsDatesAndMarks) {
-    start();
-    EXPECT_EQ(presenter.titles(), automaticRows);
-    EXPECT_EQ(SettingsFile(defaults.file()).string(Settings::selectedEvent), std::nullopt);
-    add("Trip", at(2031, 1, 5, 9));
-    add("Gym", at(2030, 1, 7, 18), Schedule::weekly); // a Monday
-    add("Rent", at(2029, 12, 22, 0, 30), Schedule::monthly);
-    add("Birthday", at(1990, 3, 5), Schedule::annually);
-    add("snake_case & more", at(2031, 2, 1));
-    delegate->updateSelectedEvent(indexOf("Trip - Jan 5, 2031"));
-    EXPECT_EQ(title(), "Trip 361 days");
-    auto rows = automaticRows;
-    rows.insert(rows.end(),
-                {"One off events", "Trip - Jan 5, 2031", "snake_case & more - Feb 1, 2031",
-                 "Weekly events", "Gym - Mon", "Monthly events", "Rent - 22nd", "Annual events",
-                 "Birthday - Mar 5th"});
-    EXPECT_EQ(presenter.titles(), rows);
-    EXPECT_EQ(marked(), (std::vector<std::string>{"Trip - Jan 5, 2031"}));
-    // A header chooses a fresh id: every mark goes until the next rebuild.
-    delegate->updateSelectedEvent(indexOf("Weekly events"));
-    EXPECT_EQ(marked(), std::vector<std::string>{});
-    center.emit(eventChangeNotification);
-    EXPECT_EQ(marked().size(), 1u);
 }
 
 TEST_F(TrayApplicationTest, TheMenuSpeaksTheUsersLanguage) {
@@ -220,7 +192,7 @@ TEST_F(TrayApplicationTest, OnDemandTheEventsRowsWaitForAPanelAndThenFollowEvery
     EXPECT_EQ(presenter.rebuilds, 3);
 }
 
-TEST_F(TrayApplicationTest, TicksRecomputeOnceADayAndTheRotationAfterMoreThanAnHour) {
+TEST_F(TrayApplicationTest, TicksRecomputeOnceADayTheRotationAfterMoreThanAnHourAndRandomNever) {
     add("Trip", at(2030, 1, 19));
     add("Later", at(2030, 1, 20));
     clock.set(at(2030, 1, 9, 23, 54));
@@ -241,6 +213,21 @@ TEST_F(TrayApplicationTest, TicksRecomputeOnceADayAndTheRotationAfterMoreThanAnH
     clock.advance(milliseconds(1));
     scheduler.fire();
     EXPECT_EQ(draws, drawn + 1);
+    // Random mode never feeds on its own writes.
+    delegate->updateSelectedEvent(indexOf("Random event selection"));
+    struct stat before {};
+    ASSERT_EQ(::stat(defaults.file().c_str(), &before), 0);
+    drawn = draws;
+    for (int i = 0; i < 3; ++i) {
+        delegate->settingsChangedOnDisk();
+        delegate->storeChangedOnDisk();
+        scheduler.fire();
+    }
+    EXPECT_EQ(draws, drawn);
+    struct stat after {};
+    ASSERT_EQ(::stat(defaults.file().c_str(), &after), 0);
+    EXPECT_EQ(before.st_ino, after.st_ino); // an idle tray never rewrites the settings file
+    EXPECT_EQ(before.st_mtim.tv_nsec, after.st_mtim.tv_nsec);
 }
 
 TEST_F(TrayApplicationTest, ChangesOfAnyThreadOrProcessAreHandledOnTheMainThreadOnce) {
@@ -285,8 +272,6 @@ TEST_F(TrayApplicationTest, TheCloudIsPulledBeforeTheFirstTitleAndSyncedOnChange
                                                makeEvent(Uuid::random(), date, name, std::nullopt,
                                                          Schedule::none, CountMethod::standard)}));
     };
-    seed("rec-1", "From the cloud", at(2030, 1, 11));
-    add("Made offline", at(2031, 1, 1));
     auto inCloud = [&](const std::string& name) {
         cloudSync.waitForSync();
         for (const auto& [resource, remote] : cloud->stored(appZone))
@@ -294,6 +279,7 @@ TEST_F(TrayApplicationTest, TheCloudIsPulledBeforeTheFirstTitleAndSyncedOnChange
                 return true;
         return false;
     };
+    seed("rec-1", "From the cloud", at(2030, 1, 11));
     // Until the passes that the pulled changes' notices start have run too.
     auto settle = [&] {
         do
@@ -302,7 +288,6 @@ TEST_F(TrayApplicationTest, TheCloudIsPulledBeforeTheFirstTitleAndSyncedOnChange
     };
     start();
     EXPECT_EQ(title(), "From the cloud 2 days");
-    EXPECT_TRUE(inCloud("Made offline"));
     add("Changed here", at(2031, 2, 2));
     mainThread.drain();
     EXPECT_TRUE(inCloud("Changed here"));
@@ -326,27 +311,7 @@ TEST_F(TrayApplicationTest, TheCloudIsPulledBeforeTheFirstTitleAndSyncedOnChange
     EXPECT_EQ(std::count(titles.begin(), titles.end(), "Another machine's - Jan 10, 2030"), 0);
 }
 
-TEST_F(TrayApplicationTest, RandomModeNeverFeedsOnItsOwnWrites) {
-    add("A", at(2030, 1, 19));
-    add("B", at(2030, 1, 20));
-    start();
-    delegate->updateSelectedEvent(indexOf("Random event selection"));
-    struct stat before {};
-    ASSERT_EQ(::stat(defaults.file().c_str(), &before), 0);
-    int drawn = draws;
-    for (int i = 0; i < 3; ++i) {
-        delegate->settingsChangedOnDisk();
-        delegate->storeChangedOnDisk();
-        scheduler.fire();
-    }
-    EXPECT_EQ(draws, drawn);
-    struct stat after {};
-    ASSERT_EQ(::stat(defaults.file().c_str(), &after), 0);
-    EXPECT_EQ(before.st_ino, after.st_ino); // an idle tray never rewrites the settings file
-    EXPECT_EQ(before.st_mtim.tv_nsec, after.st_mtim.tv_nsec);
-}
-
-TEST_F(TrayApplicationTest, TheWindowIsMadeOnceAndCentredWhenBroughtBack) {
+TEST_F(TrayApplicationTest, TheWindowIsMadeOnceTheLoginRowFollowsTheRequestAndQuitQuits) {
     start();
     refuseWindow = true; // as when GTK cannot start: asked for again next time
     delegate->manageEvents();
@@ -363,10 +328,7 @@ TEST_F(TrayApplicationTest, TheWindowIsMadeOnceAndCentredWhenBroughtBack) {
     EXPECT_EQ(window->centred, 3);
     EXPECT_EQ(window->fronted, 2);
     EXPECT_EQ(presentations, 3);
-}
-
-TEST_F(TrayApplicationTest, TheLoginRowFollowsTheRequestEvenWhenRefused) {
-    start();
+    // The login row follows the request, even when refused.
     delegate->toggleLaunchAtLogin(3);
     EXPECT_TRUE(loginItems.registered);
     EXPECT_TRUE(presenter.menu()[3].state);

@@ -25,7 +25,6 @@ class RecordingMenuPresenter final : public MenuPresenter {
     void setMenuState(std::size_t index, bool on) override { menu_.at(index).state = on; }
 
     const std::vector<MenuItem>& menu() const { return menu_; }
-    const std::vector<MenuItem>& rows() const { return rows_; }
     // The rows' titles, or those of the marked rows only.
     std::vector<std::string> titles(bool marked = false) const {
         std::vector<std::string> t;

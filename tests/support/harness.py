@@ -227,14 +227,11 @@ class Desktop:
         self.spawn(args + ["-displayfd", str(write), "-nolisten", "tcp", "-noreset"], pass_fds=[write],
                    stderr=subprocess.DEVNULL)
         os.close(write)
-        number = b""
-        while not number.endswith(b"\n"):
-            chunk = os.read(read, 16)
-            if not chunk:
-                raise RuntimeError(args[0] + " did not start")
-            number += chunk
-        os.close(read)
-        os.environ["DISPLAY"] = self.home.env["DISPLAY"] = ":" + number.decode().strip()
+        with os.fdopen(read) as f:
+            number = f.readline().strip()  # empty when the server ended without one
+        if not number:
+            raise RuntimeError(args[0] + " did not start")
+        os.environ["DISPLAY"] = self.home.env["DISPLAY"] = ":" + number
         subprocess.run(["dbus-update-activation-environment", "DISPLAY"], check=True)
         self.start_watcher()
 
