@@ -47,14 +47,11 @@ TEST(CloudServiceContract, ScriptedWithTagsOnly) {
 
 const std::string appZone = "com.vostrel.almanor.zone";
 
-// Runs tests/support/calendar_app.py (python3-caldav) on alice's collection, as a user's calendar
-// app would act on the zone. No argument holds a single quote.
-void calendarApp(const std::string& url, const std::string& collection,
-                 const std::vector<std::string>& action) {
+// Edits an event of alice's collection through tests/support/calendar_app.py, as a user's calendar
+// app would. No argument holds a single quote.
+void calendarApp(const std::vector<std::string>& words) {
     std::string command = "/usr/bin/python3 " ALMANOR_TEST_SUPPORT_DIR "/calendar_app.py";
-    for (const auto& word : std::vector<std::string>{url, "alice", "s3cret", collection})
-        command += " '" + word + "'";
-    for (const auto& word : action)
+    for (const auto& word : words)
         command += " '" + word + "'";
     ASSERT_EQ(std::system(command.c_str()), 0) << command;
 }
@@ -97,7 +94,8 @@ template <typename Server> void calendarAppsShareTheZone() {
     const auto put =
         http.perform({"PUT", collection + "dentist.ics", {"Content-Type: text/calendar"}, dentist});
     ASSERT_EQ(put.status / 100, 2);
-    calendarApp(s.server.url(), collection, {"edit", "ours.ics", "Trip, renamed in the app", "3"});
+    calendarApp({s.server.url(), "alice", "s3cret", collection, "ours.ics",
+                 "Trip, renamed in the app", "3"});
     ZoneChanges edited = s.service.fetchChanges(appZone, untouched.token, known);
     ASSERT_EQ(edited.changed.size(), 2u);
     std::map<std::string, CloudRecord> read;
@@ -190,7 +188,6 @@ TEST(CalDavAccount, AnUnreadableBodyIsListedAsSuchAndCancelEndsARequestWithinASe
         unreadable.insert(resource);
     EXPECT_EQ(unreadable, (std::set<std::string>{"broken.ics", "task.ics"}));
 
-    // A silent server: cancel() ends the request within a second.
     s.server.setFault("fault=hang");
     std::atomic<bool> failed = false;
     std::chrono::steady_clock::time_point ended;
@@ -247,8 +244,6 @@ TEST(CalDavAccount, StatusNeedsNoNetworkAndReportsPasswordFailures) {
     EXPECT_EQ(asked, 1);
 }
 
-// The adapter against a scripted server that answers late, trickles, sends too much, or keeps the
-// calendars on other hosts.
 std::shared_ptr<CalDavService> over(const std::string& url, caldav::Limits limits = {}) {
     return std::make_shared<CalDavService>(
         url, "alice", [] { return std::string("s3cret"); }, limits);

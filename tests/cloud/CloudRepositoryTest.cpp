@@ -28,7 +28,6 @@ struct Factory {
     }};
 };
 
-// Each way of failing is one line and not tried again until the network comes back.
 TEST(CloudRepositoryFactory, EachFailureIsLoggedOnceAndNotRetried) {
     const std::vector<std::pair<std::function<void(Factory&)>, std::string>> cases = {
         {[](Factory& f) { f.fake->failAll(Op::status); },
@@ -117,7 +116,6 @@ TEST_F(ZoneDiscovery, AppZoneWinsOverTheLegacyOneAndIsRememberedForGood) {
     EXPECT_EQ(fake->calls(Op::zones), 1);
 }
 
-// Nothing to read without zones, nor with an empty legacy one.
 TEST_F(ZoneDiscovery, LegacyZoneCountsOnlyWithRecordsAndNamesMatchExactly) {
     EXPECT_FALSE(discover());
     fake->seedZone(legacy);
@@ -151,7 +149,6 @@ TEST_F(ZoneDiscovery, FailedRequestsFallBackToTheStoredZoneWithTheirLines) {
                      "Failed to fetch records: HTTP 500"}));
 }
 
-// The fake holds to what the cloud logic relies on, as the adapter over real servers does.
 TEST(CloudServiceContract, Fake) {
     FakeCloudService fake;
     test::holdsToTheCloudContract(
