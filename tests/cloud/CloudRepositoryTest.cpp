@@ -57,7 +57,10 @@ TEST(CloudRepositoryFactory, EachFailureIsLoggedOnceAndNotRetried) {
     }
 }
 
-TEST(CloudRepositoryFactory, OnlyNoAccountStopsCreationAndSuccessIsKept) {
+TEST(CloudRepositoryFactory, OnlyNoAccountOrNoServiceStopsCreationAndSuccessIsKept) {
+    EXPECT_EQ(CloudRepositoryFactory{[] { return std::shared_ptr<CloudService>(); }}.get(),
+              nullptr);
+    EXPECT_EQ(CloudRepositoryFactory{CloudServiceProvider{}}.get(), nullptr);
     for (auto status : {AccountStatus::restricted, AccountStatus::couldNotDetermine,
                         AccountStatus::temporarilyUnavailable}) {
         test::LogCapture log;
@@ -72,14 +75,6 @@ TEST(CloudRepositoryFactory, OnlyNoAccountStopsCreationAndSuccessIsKept) {
         EXPECT_EQ(f.fake->calls(Op::status), 1);
         EXPECT_TRUE(log.lines().empty());
     }
-}
-
-TEST(CloudRepositoryFactory, WithoutAServiceThereIsNoAccount) {
-    CloudRepositoryFactory none{[] { return std::shared_ptr<CloudService>(); }};
-    EXPECT_EQ(none.get(), nullptr);
-    EXPECT_EQ(none.existing(), nullptr);
-    CloudRepositoryFactory empty{CloudServiceProvider{}};
-    EXPECT_EQ(empty.get(), nullptr);
 }
 
 const std::string legacy(legacyZoneName), app(appZoneName);
