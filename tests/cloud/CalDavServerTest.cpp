@@ -222,36 +222,35 @@ std::size_t countWith(const std::vector<std::string>& lines, const std::string& 
 
 TEST(HostileServer, LateTricklingOversizedHtmlOrCancelledAnswersEndInOneBoundedClearLine) {
     ScriptedDavServer server;
-    const std::string& zone = appZone;
     // A listing past the cap, or a captive portal's page where it should be: one clear line each.
     caldav::Limits small;
     small.answerBytes = 1 << 20;
     auto service = over(server.url(), small);
-    service->saveZone(zone);
-    service->createRecord(eventRecord(zone, "a", "Trip"), "a.ics");
+    service->saveZone(appZone);
+    service->createRecord(eventRecord(appZone, "a", "Trip"), "a.ics");
     for (const auto& [fault, line] : std::vector<std::pair<std::string, std::string>>{
              {"big size=3000000", "larger than 1 MiB; refused"},
              {"html207", "unreadable answer"},
              {"html", "answered 200"}}) {
         server.setFault("method=REPORT fault=" + fault);
-        const std::string why = failureOf([&] { service->performQuery("CD_Event", zone); });
+        const std::string why = failureOf([&] { service->performQuery("CD_Event", appZone); });
         EXPECT_NE(why.find(line), std::string::npos) << why;
         EXPECT_EQ(why.find('\n'), std::string::npos) << why;
     }
     // Just below the cap the same answer is read; without a fault, the record.
     server.setFault("fault=big method=REPORT size=1000000");
-    EXPECT_TRUE(service->performQuery("CD_Event", zone).empty());
+    EXPECT_TRUE(service->performQuery("CD_Event", appZone).empty());
     server.setFault("fault=pass");
-    EXPECT_EQ(service->performQuery("CD_Event", zone).size(), 1u);
+    EXPECT_EQ(service->performQuery("CD_Event", appZone).size(), 1u);
     // Bodies that are no event are listed as unreadable; the rest is read.
-    const std::string collection = service->discoverHome() + zone + "/";
+    const std::string collection = service->discoverHome() + appZone + "/";
     caldav::HttpClient http(server.url(), "alice", [] { return std::string("s3cret"); });
     for (const auto& [name, body] : std::map<std::string, std::string>{
              {"broken.ics", "BEGIN:VCALENDAR\r\nthis is not iCalendar\r\n"},
              {"task.ics", "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nBEGIN:VTODO\r\nUID:t\r\n"
                           "END:VTODO\r\nEND:VCALENDAR\r\n"}})
         ASSERT_EQ(http.perform({"PUT", collection + name, {}, body}).status, 201);
-    ZoneChanges all = service->fetchChanges(zone, {}, {});
+    ZoneChanges all = service->fetchChanges(appZone, {}, {});
     ASSERT_EQ(all.changed.size(), 1u);
     EXPECT_EQ(all.changed[0].resource, "a.ics");
     std::set<std::string> unreadable;
@@ -264,10 +263,10 @@ TEST(HostileServer, LateTricklingOversizedHtmlOrCancelledAnswersEndInOneBoundedC
     const caldav::Limits quick{2s, 1s, 3s, 3s};
     service = over(server.url(), quick);
     server.setFault("fault=late every=2 method=REPORT");
-    EXPECT_EQ(failureOf([&] { service->fetchChanges(zone, {}, {}); }), "no failure");
+    EXPECT_EQ(failureOf([&] { service->fetchChanges(appZone, {}, {}); }), "no failure");
     server.setFault("fault=late every=4 method=REPORT");
     EXPECT_NE(failureOf([&] {
-                  service->fetchChanges(zone, {}, {});
+                  service->fetchChanges(appZone, {}, {});
               }).find("did not begin its answer within 3 s"),
               std::string::npos);
     service->startPass();
@@ -283,10 +282,10 @@ TEST(HostileServer, LateTricklingOversizedHtmlOrCancelledAnswersEndInOneBoundedC
     EXPECT_NE(first.find("127.0.0.1:" + std::to_string(server.port())), std::string::npos) << first;
     EXPECT_NE(first.find("did not finish its answer within 3 s"), std::string::npos) << first;
     // The rest of the pass gives up without asking again.
-    EXPECT_NE(failureOf([&] { service->createRecord(eventRecord(zone, "b", "B"), "b.ics"); }),
+    EXPECT_NE(failureOf([&] { service->createRecord(eventRecord(appZone, "b", "B"), "b.ics"); }),
               "no failure");
     EXPECT_NE(failureOf([&] { service->fetchAllZones(); }), "no failure");
-    EXPECT_NE(failureOf([&] { service->deleteRecord(zone, "b.ics", "\"e\""); }), "no failure");
+    EXPECT_NE(failureOf([&] { service->deleteRecord(appZone, "b.ics", "\"e\""); }), "no failure");
     EXPECT_EQ(server.requests().size(), asked + 1);
     // The next pass asks again, once.
     service->startPass();
@@ -301,7 +300,7 @@ TEST(HostileServer, LateTricklingOversizedHtmlOrCancelledAnswersEndInOneBoundedC
     std::chrono::steady_clock::time_point ended;
     std::thread pull([&] {
         try {
-            service->fetchChanges(zone, {}, {});
+            service->fetchChanges(appZone, {}, {});
         } catch (const CloudError&) {
             failed = true;
         }
@@ -316,7 +315,7 @@ TEST(HostileServer, LateTricklingOversizedHtmlOrCancelledAnswersEndInOneBoundedC
     service->startPass();
     server.setFault("fault=pass");
     const auto before = server.requests().size();
-    EXPECT_THROW(service->fetchChanges(zone, {}, {}), CloudError);
+    EXPECT_THROW(service->fetchChanges(appZone, {}, {}), CloudError);
     EXPECT_EQ(server.requests().size(), before);
 }
 
@@ -333,7 +332,7 @@ TEST(HostileServer, OnlyOriginsTheServerNamesGetCredentialsAndRedirectsGetNone) 
     auto later = over(first.url());
     later->trustOrigins(service->trustedOrigins());
     EXPECT_EQ(later->trustedOrigins(), service->trustedOrigins());
-    EXPECT_NE(failureOf([&] { service->saveZone("com.vostrel.almanor.zone"); }), "no failure");
+    EXPECT_NE(failureOf([&] { service->saveZone(appZone); }), "no failure");
     EXPECT_EQ(countWith(second.requests(), " alice"), second.requests().size());
 
     // A redirect to another origin is followed without the credentials.
