@@ -33,15 +33,9 @@ template <typename Server, typename... Options> void contractOver(Options... opt
         [&] { return s.service.bodiesRead(); });
 }
 
-TEST(CloudServiceContract, Radicale) {
+TEST(CloudServiceContract, RadicaleXandikosAndScriptedWithTagsOnly) {
     contractOver<RadicaleServer>();
-}
-
-TEST(CloudServiceContract, Xandikos) {
     contractOver<XandikosServer>();
-}
-
-TEST(CloudServiceContract, ScriptedWithTagsOnly) {
     contractOver<ScriptedDavServer>(std::vector<std::string>{"--no-sync-collection"});
 }
 
