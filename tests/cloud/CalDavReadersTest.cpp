@@ -64,7 +64,6 @@ TEST(RecordCalendar, RecordsReadBackExactlyAndOtherEventsAreNone) {
     EXPECT_EQ(foldLine(line).substr(0, 77), line.substr(0, 74) + "\r\n ");
     EXPECT_EQ(escapeText("a\\;,\n"), "a\\\\\\;\\,\\n");
 
-    // Other events, and records of other types, are not records.
     EXPECT_FALSE(readRecordCalendar(
         "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nBEGIN:VEVENT\r\nUID:x\r\nSUMMARY:Dentist\r\n"
         "DTSTART;VALUE=DATE:20270101\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n",
@@ -72,7 +71,6 @@ TEST(RecordCalendar, RecordsReadBackExactlyAndOtherEventsAreNone) {
     std::string ics = writeRecordCalendar(sample("n"), Instant{});
     EXPECT_FALSE(readRecordCalendar(ics, "CD_Other", "z"));
     EXPECT_FALSE(readRecordCalendar("BEGIN:VCALENDAR\r\nEND:VCALENDAR\r\n", "CD_Event", "z"));
-    // An ill-typed field is left out, the rest is kept.
     ics.replace(ics.find(":-9000000000000000000"), 21, ":12abc");
     auto r = readRecordCalendar(ics, "CD_Event", "z");
     ASSERT_TRUE(r);
@@ -318,7 +316,6 @@ TEST(Multistatus, ResponsesPastTheirLimitsKeepOnlyTheirAddress) {
     for (int i = 0; i < 40; ++i)
         deep += "<a>";
     EXPECT_THROW(readInPieces(deep, 5), UnreadableAnswer);
-    // A multistatus that stops before its end is no answer.
     EXPECT_THROW(readInPieces(syncAnswer.substr(0, syncAnswer.size() - 20), 9), UnreadableAnswer);
 }
 
@@ -334,7 +331,6 @@ TEST(Multistatus, RefusesEntitiesDtdsOtherDocumentsAndTextNotUtf8) {
             "</d:multistatus>"})
         for (std::size_t piece : {body.size() + 1, std::size_t(3)})
             EXPECT_THROW(readInPieces(body, piece), CloudError) << body << " in " << piece;
-    // Declared Latin-1 is read as such.
     EXPECT_EQ(readInPieces("<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><d:multistatus "
                            "xmlns:d=\"DAV:\"><d:response><d:href>/caf\xe9</d:href></d:response>"
                            "</d:multistatus>",
@@ -356,13 +352,11 @@ TEST(Urls, HrefsResolveAndCredentialsGoOnlyToHttpsOrThisMachine) {
     EXPECT_FALSE(Url::parse("http://127.example.com/").isLoopback());
     EXPECT_THROW(Url::parse("ftp://h/"), CloudError);
     EXPECT_THROW(Url::parse("https://bob:pw@h/"), CloudError);
-    // Plain http leaves this machine never.
     EXPECT_THROW(HttpClient("http://example.com/", "u", nullptr, {}), CloudError);
     EXPECT_NO_THROW(HttpClient("https://example.com/", "u", nullptr, {}));
     // An address a server sends never brings credentials of its own.
     EXPECT_EQ(Url::resolve(base, "http://eve:pw@127.0.0.1:5232/alice/x/"),
               "http://127.0.0.1:5232/alice/x/");
-    // Credentials go only to https or this machine.
     HttpClient client("https://dav.example.com/", "u", nullptr);
     EXPECT_FALSE(client.trustOrigin("http://192.0.2.1/home/"));
     EXPECT_FALSE(client.trustOrigin("not a url"));
@@ -427,8 +421,7 @@ TEST(PasswordCommand, HangsFloodsAndQuittingEndInOneLineAndTakeTheirChildrenWith
     again >> child;
     ::kill(child, SIGKILL);
 
-    // A quitting process cuts a hanging command off at once, through the account's service as the
-    // tray's sync holds it.
+    // Quitting cuts a hanging command off at once, through the account's service the tray holds.
     SettingsFile defaults(folder / "settings.ini");
     CloudAccount{"http://127.0.0.1:9/", "u", "sleep 1000", {}, {}}.store(defaults);
     auto service = makeAccountCloudService(defaults);

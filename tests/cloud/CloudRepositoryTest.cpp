@@ -28,7 +28,6 @@ struct Factory {
     }};
 };
 
-// Each way of failing is one line and not tried again until the network comes back.
 TEST(CloudRepositoryFactory, EachFailureIsLoggedOnceAndNotRetried) {
     const std::vector<std::pair<std::function<void(Factory&)>, std::string>> cases = {
         {[](Factory& f) { f.fake->failAll(Op::status); },
@@ -58,7 +57,10 @@ TEST(CloudRepositoryFactory, EachFailureIsLoggedOnceAndNotRetried) {
     }
 }
 
-TEST(CloudRepositoryFactory, OnlyNoAccountStopsCreationAndSuccessIsKept) {
+TEST(CloudRepositoryFactory, OnlyNoAccountOrNoServiceStopsCreationAndSuccessIsKept) {
+    EXPECT_EQ(CloudRepositoryFactory{[] { return std::shared_ptr<CloudService>(); }}.get(),
+              nullptr);
+    EXPECT_EQ(CloudRepositoryFactory{CloudServiceProvider{}}.get(), nullptr);
     for (auto status : {AccountStatus::restricted, AccountStatus::couldNotDetermine,
                         AccountStatus::temporarilyUnavailable}) {
         test::LogCapture log;
@@ -73,14 +75,6 @@ TEST(CloudRepositoryFactory, OnlyNoAccountStopsCreationAndSuccessIsKept) {
         EXPECT_EQ(f.fake->calls(Op::status), 1);
         EXPECT_TRUE(log.lines().empty());
     }
-}
-
-TEST(CloudRepositoryFactory, WithoutAServiceThereIsNoAccount) {
-    CloudRepositoryFactory none{[] { return std::shared_ptr<CloudService>(); }};
-    EXPECT_EQ(none.get(), nullptr);
-    EXPECT_EQ(none.existing(), nullptr);
-    CloudRepositoryFactory empty{CloudServiceProvider{}};
-    EXPECT_EQ(empty.get(), nullptr);
 }
 
 const std::string legacy(legacyZoneName), app(appZoneName);
@@ -117,7 +111,6 @@ TEST_F(ZoneDiscovery, AppZoneWinsOverTheLegacyOneAndIsRememberedForGood) {
     EXPECT_EQ(fake->calls(Op::zones), 1);
 }
 
-// Nothing to read without zones, nor with an empty legacy one.
 TEST_F(ZoneDiscovery, LegacyZoneCountsOnlyWithRecordsAndNamesMatchExactly) {
     EXPECT_FALSE(discover());
     fake->seedZone(legacy);
@@ -151,7 +144,6 @@ TEST_F(ZoneDiscovery, FailedRequestsFallBackToTheStoredZoneWithTheirLines) {
                      "Failed to fetch records: HTTP 500"}));
 }
 
-// The fake holds to what the cloud logic relies on, as the adapter over real servers does.
 TEST(CloudServiceContract, Fake) {
     FakeCloudService fake;
     test::holdsToTheCloudContract(

@@ -31,7 +31,6 @@ inline sockaddr_in loopback(int port) {
     return addr;
 }
 
-// A server started on a free loopback port, with its own folder; ended with the object.
 class LoopbackServer {
   public:
     LoopbackServer() = default;

@@ -1,7 +1,5 @@
 #pragma once
 
-// What the cloud logic relies on from any CloudService, and the record it writes.
-
 #include "cloud/CloudService.h"
 #include "platform/Uuid.h"
 
@@ -44,7 +42,6 @@ inline void holdsToTheCloudContract(CloudService& service, const std::function<i
     auto record = [&](const std::string& name, std::string title) {
         return eventRecord(zone, name, std::move(title));
     };
-    // Writes a record as its own new resource, remembered with the tag it got.
     auto add = [&](const CloudRecord& r) {
         const std::string resource = r.recordId.recordName + ".ics";
         records[resource] = r;

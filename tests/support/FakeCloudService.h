@@ -64,7 +64,6 @@ class FakeCloudService : public CloudService {
         bodies_ = 0;
     }
 
-    // What a zone holds, by resource.
     std::map<std::string, RemoteRecord> stored(const std::string& zone) const {
         return locked([&] { return zones_.count(zone) ? zones_.at(zone) : Resources{}; });
     }

@@ -3,9 +3,8 @@
 --port N --control FILE --log FILE [--principal URL] [--home URL] [--no-sync-collection]
 
 It holds the calendars of alice (password s3cret) on 127.0.0.1:N; --principal and --home name her
-principal and calendar home elsewhere, another server included. It answers PROPFIND, MKCALENDAR,
-conditional PUT and DELETE, GET, and REPORT calendar-query, calendar-multiget and, unless
---no-sync-collection, sync-collection. Before each request it reads the control file's words:
+principal and calendar home elsewhere, another server included. Before each request it reads the
+control file's words:
   fault=pass | trickle | late | hang | html | html207 | big | redirect
   method=M   only requests with this method get the fault
   every=S    trickle: one byte every S seconds; late: the answer after S seconds

@@ -174,20 +174,33 @@ TEST_F(CloudSyncTest, APassAskedForDuringOneRunsOnceAfterIt) {
     EXPECT_EQ(fake->calls(Op::changes), 2) << "the two asks while one ran make one pass";
 }
 
+// Besides a record of its own, the older layout's zone holds the copies of two rows linked to
+// it, one edited here since and one deleted (the deletion sent): they bring back neither.
 TEST_F(CloudSyncTest, OlderLayoutsZoneArrivesUnlinkedAndMovesToTheAppZone) {
+    const std::string legacy(legacyZoneName);
     auto p = open();
     p->defaults.setBoolean(Settings::appZoneUsed, false);
-    fake->seed(
-        recordFromEvent(CloudEvent{RecordId{"old", std::string(legacyZoneName)}, event("Old")}));
+    fake->seed(recordFromEvent(CloudEvent{RecordId{"old", legacy}, event("Old")}));
+    auto edited = event("Edited"), deleted = event("Deleted");
+    for (const auto& e : {edited, deleted}) {
+        p->store.insert(*e);
+        fake->seed(recordFromEvent(CloudEvent{RecordId{e->name(), legacy}, e}));
+        p->ledger.markPushed(e->id(), RecordState{e->name(), e->name() + ".ics", ""},
+                             p->row(e->id())->updated);
+        p->ledger.dropRecord(e->id()); // as the older layout left them: a name, no record state
+        p->rename(e->id(), e->name() + " here");
+    }
+    p->remove(deleted->id());
+    p->ledger.markDeletionSent(deleted->id());
     test::LogCapture log;
     p->sync.populateFromCloud();
     p->sync.waitForSync();
     // One summary line: none for the discovery, none per record.
-    EXPECT_EQ(log.lines(), Names{"Synced: 1 received, 1 sent"});
-    EXPECT_EQ(p->liveNames(), Names{"Old"});
+    EXPECT_EQ(log.lines(), Names{"Synced: 1 received, 2 sent"});
+    EXPECT_EQ(p->liveNames(), (Names{"Edited here", "Old"}));
     // Pushed into the app's zone; the older zone is left alone.
-    EXPECT_EQ(test::namesIn(*fake), Names{"Old"});
-    EXPECT_EQ(test::namesIn(*fake, std::string(legacyZoneName)), Names{"Old"});
+    EXPECT_EQ(test::namesIn(*fake), (Names{"Edited here", "Old"}));
+    EXPECT_EQ(test::namesIn(*fake, legacy), (Names{"Deleted", "Edited", "Old"}));
     EXPECT_EQ(p->pending(), 0u);
 }
 

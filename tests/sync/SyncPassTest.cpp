@@ -298,25 +298,5 @@ TEST_F(SyncRules, AnUndatedServerCopyWinsAndANeverSentDeletionIsForgotten) {
     EXPECT_FALSE(row->deletionSent);
 }
 
-// Rows linked to an older layout's zone, one edited here since and one deleted (and the deletion
-// sent): that zone's copies bring back neither.
-TEST_F(SyncRules, AnOlderZonesCopiesUndoNothingDoneHere) {
-    a.defaults.setBoolean(Settings::appZoneUsed, false);
-    auto edited = event("Edited"), deleted = event("Deleted");
-    for (const auto& e : {edited, deleted}) {
-        a.store.insert(*e);
-        server->seed(
-            recordFromEvent(CloudEvent{RecordId{e->name(), std::string(legacyZoneName)}, e}));
-        a.ledger.markPushed(e->id(), RecordState{e->name(), e->name() + ".ics", ""},
-                            a.row(e->id())->updated);
-        a.rename(e->id(), e->name() + " here");
-    }
-    a.remove(deleted->id());
-    a.ledger.markDeletionSent(deleted->id());
-    EXPECT_TRUE(sync(a).pulled);
-    EXPECT_EQ(a.liveNames(), Names{"Edited here"});
-    EXPECT_EQ(a.row(deleted->id())->event->name(), "Deleted here");
-}
-
 } // namespace
 } // namespace almanor
