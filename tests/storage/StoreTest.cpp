@@ -357,7 +357,6 @@ TEST_F(LocalRepositoryDeathTest, StopsWhenTheStoreCannotBeOpened) {
                 "Failed to initialize local database: Not a directory\n$");
 }
 
-// Failures are logged and swallowed; successes reach the store quietly.
 TEST_F(LocalRepositoryTest, TheRepositoryLogsAndSwallowsFailures) {
     auto repository = openRepository();
     test::LogCapture log;
@@ -385,8 +384,6 @@ TEST_F(LocalRepositoryTest, TheRepositoryLogsAndSwallowsFailures) {
                   "Failed to delete record: file is not a database (code: 26)"}));
 }
 
-// The sync's bookkeeping in the real file: what a kill in the middle leaves, and what another
-// process's change in the middle is spared.
 TEST_F(LocalRepositoryTest, AKillInsideAPullsTransactionLeavesNothingOfIt) {
     pid_t child = ::fork();
     ASSERT_GE(child, 0);
