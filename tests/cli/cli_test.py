@@ -20,6 +20,8 @@ ALMANOR, LOCALES, COMPLETIONS = sys.argv[1:4]
 NEW_YORK = "America/New_York"
 DAMAGED = ("almanor: The event store {} could not be read: database disk image is malformed "
            "(code: 11); restore it from a backup, or move it away to start afresh\n")
+# An account whose server is not there: nothing listens on port 9.
+ACCOUNT = "cloudServer=http://127.0.0.1:9/\ncloudUser=me\ncloudPasswordCommand=echo pw\n"
 
 
 def local_date(plus_days, zone=NEW_YORK):
@@ -282,9 +284,7 @@ class FileAndLibraryTest(Home):
                           "END:VEVENT\r\n" for i in range(40))
         path = self.write("fillers.ics", "BEGIN:VCALENDAR\r\nVERSION:2.0\r\n" + fillers + "END:VCALENDAR\r\n")
         self.assertEqual(self.cli("events", "import", path)[0], 0)
-        # An account, so that sync gets as far as the store; nothing listens on port 9.
-        account = "cloudServer=http://127.0.0.1:9/\ncloudUser=me\ncloudPasswordCommand=echo pw\n"
-        self.write(self.settings, account, "a")
+        self.write(self.settings, ACCOUNT, "a")  # so that sync gets as far as the store
         with open(self.db, "r+b") as f:
             f.truncate(os.path.getsize(self.db) // 2)
 
@@ -360,8 +360,7 @@ class FileAndLibraryTest(Home):
         self.assertEqual(sorted(out.splitlines()), sorted([f"{trip}\t{trip_name}", f"{rent}\tRent: flat"]))
 
         # With an account configured the local commands still load nothing of the network.
-        account = "cloudServer=http://127.0.0.1:9/\ncloudUser=me\ncloudPasswordCommand=echo x\n"
-        self.write(self.settings, account, "a")
+        self.write(self.settings, ACCOUNT, "a")
         for args in ["status", "status --json", "events list", f"events edit {trip} --alias Teeth",
                      "select next", "cloud status", "cloud status --json", f"events delete {trip}"]:
             local(*args.split())
@@ -372,7 +371,7 @@ class FileAndLibraryTest(Home):
         # A damaged settings file is told on standard error by every command, the CalDAV adapter's
         # included (it logs through the program's own log): standard output carries only results.
         for args in ["status", "events list", "select next", "cloud status", "cloud logout", "sync"]:
-            self.write(self.settings, "[com.vostrel.Almanor]\n\001garbage\n" + account)
+            self.write(self.settings, "[com.vostrel.Almanor]\n\001garbage\n" + ACCOUNT)
             _, out, err = self.cli(*args.split())
             self.assertIn("damaged settings file", err, args)
             self.assertIsNone(re.search("settings|dropped", out), args)
