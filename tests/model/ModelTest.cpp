@@ -39,7 +39,6 @@ std::int64_t ms(Instant t) {
     return t.time_since_epoch().count();
 }
 
-// Every operation on a and b, with n as the amount to add.
 void expectAgreement(const DayCalendar& fast, const DayCalendar& icu, Instant a, Instant b, int n) {
     ASSERT_EQ(fast.weekday(a), icu.weekday(a));
     ASSERT_EQ(fast.startOfDay(a), icu.startOfDay(a));
