@@ -2,7 +2,6 @@
 #include "cli/DateInput.h"
 #include "cli/TextEscapes.h"
 #include "model/CivilCalendar.h"
-#include "model/Text.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -82,16 +81,6 @@ TEST(TextEscapes, ListingsAndJsonStringsKeepOneLineAndParse) {
         cli::appendJsonString(json, text);
         EXPECT_EQ(nlohmann::json::parse(json).get<std::string>(), parsed) << json;
     }
-}
-
-TEST(TextEscapes, TrimmingTakesWhiteSpaceAndLineBreaksAtBothEndsOnly) {
-    EXPECT_EQ(trimmed("\t\u00A0\u3000Trip  to Prague\u2028 "), "Trip  to Prague");
-    EXPECT_EQ(trimmed(" \n\t "), "");
-    EXPECT_EQ(trimmed("\xFF x \xFF"), "\xFF x \xFF"); // not UTF-8: left alone
-    // A stray continuation byte is no part of the space before it; a cut sequence
-    // no space.
-    EXPECT_EQ(trimmed("x \xA0"), "x \xA0");
-    EXPECT_EQ(trimmed("\xE2\x80 x \xE2\x80\x80"), "\xE2\x80 x");
 }
 
 } // namespace

@@ -20,15 +20,16 @@ ALMANOR, LOCALES, COMPLETIONS = sys.argv[1:4]
 NEW_YORK = "America/New_York"
 DAMAGED = ("almanor: The event store {} could not be read: database disk image is malformed "
            "(code: 11); restore it from a backup, or move it away to start afresh\n")
+# An account whose server is not there: nothing listens on port 9.
+ACCOUNT = "cloudServer=http://127.0.0.1:9/\ncloudUser=me\ncloudPasswordCommand=echo pw\n"
 
 
 def local_date(plus_days, zone=NEW_YORK):
-    """Today's date in the zone, plus some days, as the user would type it."""
     today = datetime.datetime.now(zoneinfo.ZoneInfo(zone)).date()
     return (today + datetime.timedelta(days=plus_days)).isoformat()
 
 
-class CliTest(unittest.TestCase):
+class Home(unittest.TestCase):
     def setUp(self):
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
@@ -43,8 +44,7 @@ class CliTest(unittest.TestCase):
             self.skipTest("midnight passed during the test")
 
     def cli(self, *args, tz=NEW_YORK, language=("LANG=C.UTF-8",), env=(), program=ALMANOR):
-        """(status, stdout, stderr) of almanor (or the program) in the temporary home, for at most a
-        minute."""
+        """(status, stdout, stderr) of almanor (or the program) in the temporary home."""
         environment = {k: v for k, v in os.environ.items() if k.startswith(("ASAN_", "UBSAN_", "LSAN_"))}
         environment.update(HOME=self.home, XDG_CONFIG_HOME=self.home + "/config",
                            XDG_DATA_HOME=self.home + "/data", TZ=tz, LOCPATH=LOCALES,
@@ -68,8 +68,6 @@ class CliTest(unittest.TestCase):
         self.assertEqual({k: event[k] for k in fields}, fields)
 
     def one_line(self, result, status, err):
-        """The exit status, nothing on standard output, one line on standard error that starts
-        with `err`."""
         self.assertEqual(result[0], status, result[2])
         self.assertEqual(result[1], "", err)
         self.assertTrue(result[2].startswith(err), result[2])
@@ -82,6 +80,9 @@ class CliTest(unittest.TestCase):
             f.write(text)
         return path
 
+
+
+class CommandTest(Home):
     def test_add_list_edit_and_delete_as_a_user_would(self):
         trip = self.add("  Trip to Prague \n", "--date", local_date(12), "--alias", " Two\nlines\t ")
         rent = self.add("Rent", "--date", "2024-01-31", "--schedule", "monthly", "--count",
@@ -118,8 +119,6 @@ class CliTest(unittest.TestCase):
         self.assertEqual(len(self.list()), 2)
 
     def test_status_and_select_follow_the_displayed_event_rules_in_the_users_language(self):
-        """What status bars show: the tray's rules for the displayed event, one line whatever the
-        name."""
         self.assertEqual(self.cli("status")[1], "Almanor  \U0001F389\n")
         self.assertEqual(json.loads(self.cli("status", "--json")[1])["class"], "none")
         later = self.add("Later", "--date", local_date(30))
@@ -211,6 +210,9 @@ class CliTest(unittest.TestCase):
         self.assertEqual(len(events), 2)
         self.has(events[1], id="ABCD1234-0000-4000-8000-000000000001", name="Renamed")  # whole ids
 
+
+
+class FileAndLibraryTest(Home):
     def test_an_export_imported_into_an_empty_store_gives_the_same_list_once(self):
         self.add('Leap, "day"; \\ x', "--date", "2028-02-29", "--schedule", "annually", "--alias", "L;p")
         self.add("Rent", "--date", "2024-01-31", "--schedule", "monthly", "--count", "monday-after")
@@ -282,9 +284,7 @@ class CliTest(unittest.TestCase):
                           "END:VEVENT\r\n" for i in range(40))
         path = self.write("fillers.ics", "BEGIN:VCALENDAR\r\nVERSION:2.0\r\n" + fillers + "END:VCALENDAR\r\n")
         self.assertEqual(self.cli("events", "import", path)[0], 0)
-        # An account, so that sync gets as far as the store; nothing listens on port 9.
-        account = "cloudServer=http://127.0.0.1:9/\ncloudUser=me\ncloudPasswordCommand=echo pw\n"
-        self.write(self.settings, account, "a")
+        self.write(self.settings, ACCOUNT, "a")  # so that sync gets as far as the store
         with open(self.db, "r+b") as f:
             f.truncate(os.path.getsize(self.db) // 2)
 
@@ -307,8 +307,7 @@ class CliTest(unittest.TestCase):
         self.assertEqual(self.cli("events", "add", "New", "--date", "2030-01-01")[0], 0)
 
     def loaded(self, *args):
-        """almanor's (status, stdout, stderr) and every object it loaded, dlopen()ed ones included,
-        as the dynamic linker's log names them."""
+        """almanor's (status, stdout, stderr) and every object it loaded, dlopen()ed ones included."""
         log = self.home + "/ld"
         result = self.cli(*args, env=["LD_DEBUG=files", "LD_DEBUG_OUTPUT=" + log])
         objects = set()
@@ -319,9 +318,8 @@ class CliTest(unittest.TestCase):
         return result, objects
 
     def test_local_commands_load_no_network_and_the_completions_offer_the_events(self):
-        """The local commands load neither the network stack nor the keyring nor ICU (status bars run
-        them every few seconds); the cloud commands do. bash's completion driven as bash drives it
-        (COMP_WORDS, COMP_CWORD, the function, COMPREPLY), fish's asked for the events' names."""
+        """Status bars run the local commands every few seconds: they load no network, keyring or
+        ICU; the cloud commands do. The completions driven as bash and fish drive them."""
         def local(*args):
             result, objects = self.loaded(*args)
             self.assertEqual(result[0], 0, result[2])
@@ -362,8 +360,7 @@ class CliTest(unittest.TestCase):
         self.assertEqual(sorted(out.splitlines()), sorted([f"{trip}\t{trip_name}", f"{rent}\tRent: flat"]))
 
         # With an account configured the local commands still load nothing of the network.
-        account = "cloudServer=http://127.0.0.1:9/\ncloudUser=me\ncloudPasswordCommand=echo x\n"
-        self.write(self.settings, account, "a")
+        self.write(self.settings, ACCOUNT, "a")
         for args in ["status", "status --json", "events list", f"events edit {trip} --alias Teeth",
                      "select next", "cloud status", "cloud status --json", f"events delete {trip}"]:
             local(*args.split())
@@ -374,7 +371,7 @@ class CliTest(unittest.TestCase):
         # A damaged settings file is told on standard error by every command, the CalDAV adapter's
         # included (it logs through the program's own log): standard output carries only results.
         for args in ["status", "events list", "select next", "cloud status", "cloud logout", "sync"]:
-            self.write(self.settings, "[com.vostrel.Almanor]\n\001garbage\n" + account)
+            self.write(self.settings, "[com.vostrel.Almanor]\n\001garbage\n" + ACCOUNT)
             _, out, err = self.cli(*args.split())
             self.assertIn("damaged settings file", err, args)
             self.assertIsNone(re.search("settings|dropped", out), args)
