@@ -20,7 +20,6 @@ EventPtr event(Instant date, Schedule schedule, CountMethod method = CountMethod
     return makeEvent(Uuid::random(), date, "E", std::nullopt, schedule, method);
 }
 
-// Due on the day its title says "today!", and not again once a process has remembered it.
 TEST(RemindersTest, AnEventIsDueOnceOnTheDayItsTitleSaysToday) {
     test::TempDir dir;
     auto calendar = DayCalendar::forZone(zone);
