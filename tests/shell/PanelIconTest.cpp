@@ -9,7 +9,6 @@ using namespace almanor;
 
 namespace {
 
-// Shown unless the setting holds a false boolean.
 TEST(PanelIconTest, TheCountIsShownUnlessTheSettingSaysFalse) {
     test::TempDir dir;
     SettingsFile defaults(dir.path() / "settings.ini");

@@ -85,6 +85,9 @@ class TrayApplicationTest : public testing::Test {
     Repository repository{
         std::make_unique<LocalRepository>(dir / "data", "EventsV1.db", center, clock)};
     Repository* store = &repository; // what the delegate is given
+    Signals otherCenter;             // another process: its own connection and its own notices
+    Repository other{
+        std::make_unique<LocalRepository>(dir / "data", "EventsV1.db", otherCenter, clock)};
     LocalSyncLedger ledger{repository.local()};
     CloudSync cloudSync{ledger, [this] { return std::static_pointer_cast<CloudService>(cloud); },
                         defaults, clock, dir / "data/EventsV1.db.sync-lock"};
@@ -144,13 +147,8 @@ TEST_F(TrayApplicationTest, StartUpSetsTheFirstTitleBeforeAnyChangeIsHandledAndT
     EXPECT_TRUE(defaults.boolean(Settings::launchAtLoginHasMigrated));
     EXPECT_EQ(defaults.integer(Settings::buildVersion), 1);
     EXPECT_EQ(SettingsFile(defaults.file()).string(Settings::selectedEvent), std::nullopt);
-    std::vector<std::string> menu;
-    for (const auto& item : presenter.menu()) {
-        menu.push_back(item.separator ? "-" : item.title + (item.state ? " [x]" : ""));
-    }
-    EXPECT_EQ(menu, (std::vector<std::string>{"Events", "Manage Events", "-",
-                                              "Launch Almanor at Login [x]",
-                                              "Notify on the Day [x]", "-", "Quit"}));
+    EXPECT_TRUE(presenter.menu()[3].state); // launches at login, as the helper did
+    EXPECT_TRUE(presenter.menu()[4].state); // notifies on the day by default
 }
 
 TEST_F(TrayApplicationTest, TheMenuSpeaksTheUsersLanguage) {
@@ -177,9 +175,6 @@ TEST_F(TrayApplicationTest, OnDemandTheEventsRowsWaitForAPanelAndThenFollowEvery
     EXPECT_EQ(presenter.rebuilds, 0);
     // Another process adds an event and deletes it again, and the rows are made in between,
     // before the watch tells of either commit: when it does, the rows lose the event again.
-    Signals otherCenter;
-    Repository other(
-        std::make_unique<LocalRepository>(dir / "data", "EventsV1.db", otherCenter, clock));
     auto passing = add("Passing", at(2030, 2, 2), Schedule::none, &other);
     delegate->eventsMenuAboutToShow();
     delegate->eventsMenuAboutToShow();
@@ -236,11 +231,7 @@ TEST_F(TrayApplicationTest, ChangesOfAnyThreadOrProcessAreHandledOnTheMainThread
     EXPECT_EQ(presenter.rebuilds, 1); // nothing touched off the main thread
     EXPECT_EQ(mainThread.drain(), 1u);
     EXPECT_EQ(title(), "From a worker 3 days");
-    // Another process: its own connection to the file and its own settings object. The window
-    // listens to the same notification, so the change is posted, not just drawn.
-    Signals otherCenter;
-    Repository other(
-        std::make_unique<LocalRepository>(dir / "data", "EventsV1.db", otherCenter, clock));
+    // The window hears the same notice, so another process's change is posted, not just drawn.
     auto elsewhere = add("Elsewhere", at(2030, 1, 11), Schedule::none, &other);
     int heard = 0;
     center.connect(std::string(eventChangeNotification), [&] { ++heard; });
@@ -292,9 +283,6 @@ TEST_F(TrayApplicationTest, TheCloudIsPulledBeforeTheFirstTitleAndSyncedOnChange
     mainThread.drain();
     EXPECT_TRUE(inCloud("Changed here"));
     // A row that another process wrote, with no notice here, goes with the next tick.
-    Signals otherCenter;
-    Repository other(
-        std::make_unique<LocalRepository>(dir / "data", "EventsV1.db", otherCenter, clock));
     add("Elsewhere", at(2031, 3, 3), Schedule::none, &other);
     EXPECT_FALSE(inCloud("Elsewhere"));
     scheduler.fire();

@@ -8,7 +8,6 @@
 
 namespace almanor::test {
 
-// Collects the system's log lines while it lives.
 class LogCapture {
   public:
     LogCapture() {

@@ -25,7 +25,6 @@ class RecordingMenuPresenter final : public MenuPresenter {
     void setMenuState(std::size_t index, bool on) override { menu_.at(index).state = on; }
 
     const std::vector<MenuItem>& menu() const { return menu_; }
-    // The rows' titles, or those of the marked rows only.
     std::vector<std::string> titles(bool marked = false) const {
         std::vector<std::string> t;
         for (const auto& r : rows_) {
@@ -42,7 +41,6 @@ class RecordingMenuPresenter final : public MenuPresenter {
     std::vector<MenuItem> rows_;
 };
 
-// The status bar and its one item: every title, and a hook run with each.
 class RecordingStatusBar final : public StatusBar, public StatusItem {
   public:
     StatusItem& createStatusItem() override { return *this; }
@@ -109,7 +107,6 @@ class FakeWindow final : public ManageEventsWindow {
     int fronted = 0;
 };
 
-// Login items in memory, with a switch to refuse registration.
 class MemoryLoginItems final : public LoginItemService {
   public:
     Status status() const override { return registered ? Status::enabled : Status::notRegistered; }

@@ -39,8 +39,7 @@ def wait_for(condition, what, timeout=10.0):
 
 
 class Home:
-    """One machine's home, its XDG folders inside it; with `desktop`, on the private session's bus
-    and display, as the session's own home is."""
+    """One machine's home, its XDG folders inside it; with `desktop`, on the session's bus and display."""
 
     def __init__(self, path, desktop=False):
         self.home = path
@@ -362,6 +361,5 @@ def window():
 
 
 def mapped_libraries(pid):
-    """The shared objects a process has mapped, by file name."""
     with open("/proc/%d/maps" % pid) as f:
         return {os.path.basename(line.split()[-1]) for line in f if "/" in line}

@@ -15,7 +15,6 @@ Pixel at(const std::vector<std::uint8_t>& pixels, int size, int x, int y) {
     return {pixels[i], pixels[i + 1], pixels[i + 2], pixels[i + 3]};
 }
 
-// The white pixels' columns: first and last.
 std::pair<int, int> textColumns(const std::vector<std::uint8_t>& pixels, int size) {
     std::pair<int, int> span{size, -1};
     for (int y = 0; y < size; ++y)

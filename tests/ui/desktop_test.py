@@ -1,6 +1,5 @@
-"""The tray and the window as a user and their panel meet them, one scenario on one desktop of two
-monitors: the session's own tray first (the day's notification through a fake service that counts
-and clicks, then through xfce4-notifyd), then a tray with a calendar server and a second machine."""
+"""The tray and the window as a user and their panel meet them: one scenario on one desktop of two
+monitors, the session's own tray first, then one with a calendar server and a second machine."""
 
 import glob
 import json
@@ -23,8 +22,7 @@ SETTINGS = os.path.join(os.environ["XDG_CONFIG_HOME"], "Almanor", "settings.ini"
 NOTIFICATIONS = "org.freedesktop.Notifications"
 TODAY = time.strftime("%Y-%m-%d")
 
-# The notification service, reduced to a list: each Notify is a line "summary|body"; Click(id)
-# answers as a daemon does when the user clicks the notification.
+# A notification service that writes each Notify as "summary|body"; Click(id) acts as a user's click.
 FAKE = r'''
 import sys
 from gi.repository import Gio, GLib
@@ -122,8 +120,7 @@ class DesktopTest(unittest.TestCase):
         return self.me.ok("status").strip()
 
     def notified(self):
-        """The day's notifications received so far: the tray's calls reach the service before one
-        made after its answer to ours."""
+        """The day's notifications so far: the tray's calls reach the service before our Ping."""
         fake("Ping")
         with open(self.sent) as f:
             return [line for line in f.read().splitlines() if "today!|" in line]
@@ -132,7 +129,6 @@ class DesktopTest(unittest.TestCase):
         return {e["name"]: e for e in json.loads(self.me.ok("events", "list", "--json"))}
 
     def row(self, name):
-        """The name cell of an event's row in the window's sidebar."""
         return self.window.child(roleName="table cell", name=name)
 
     def test_01_every_copy_of_the_title_agrees_and_follows_the_command_line(self):
@@ -193,7 +189,6 @@ class DesktopTest(unittest.TestCase):
         wait_for(lambda: not os.path.exists(entry), "the entry removed")
 
     def count_icon(self):
-        """The icon's pixels as the item serves them, by size."""
         from gi.repository import GLib
         out = desktop.gdbus("-o", desktop.ITEM, "-m", "org.freedesktop.DBus.Properties.Get",
                             "org.kde.StatusNotifierItem", "IconPixmap")
@@ -348,9 +343,8 @@ class DesktopTest(unittest.TestCase):
             self.d.quit(tray)
 
     def rows_made_when_shown(self, tell, row):
-        """The rows are there when the panel reads them, under the row it already knows (a row put
-        in its place would close a submenu being opened), the choice made before the menu was
-        first shown marked."""
+        """The rows come under the row the panel knows (a new one would close a submenu being
+        opened), the choice made before the menu was first shown marked."""
         wait_for(lambda: desktop.item_property() == self.status(), "the new label")
         events = desktop.layout()[2][0]
         self.assertEqual((events[1]["label"], events[2]), ("Events", []))
