@@ -1,5 +1,6 @@
 // The store in its real file: SQL's values, dates and errors, the rows in their encodings, the
 // notices, the tables made and versioned, damaged files, and the sync's bookkeeping.
+#include "Instants.h"
 #include "LogCapture.h"
 #include "TempDir.h"
 #include "platform/Settings.h"
@@ -24,13 +25,10 @@
 using namespace almanor;
 using namespace almanor::sql;
 using namespace std::chrono;
+using almanor::test::utc;
 using testing::ThrowsMessage;
 
 namespace {
-
-Instant at(std::chrono::year_month_day day, std::chrono::milliseconds time = {}) {
-    return Instant{std::chrono::sys_days{day}} + time;
-}
 
 EventPtr event(std::string name, Instant date, std::optional<std::string> alias = {},
                Schedule schedule = Schedule::none, CountMethod method = CountMethod::standard) {
@@ -123,17 +121,17 @@ class LocalRepositoryTest : public ::testing::Test {
     }
     // As a build before the version was kept left it: one event, version 0.
     std::string oldStoreWithOneEvent() {
-        EXPECT_TRUE(openRepository()->insert(*event("Kept", at(2024y / March / 5))));
+        EXPECT_TRUE(openRepository()->insert(*event("Kept", utc(2024, 3, 5))));
         sql::Connection(db.string()).run("PRAGMA user_version = 0");
         return test::readFile(db);
     }
 
     test::TempDir dir;
     Signals center;
-    FixedClock clock{at(2025y / January / 10, 8h)};
+    FixedClock clock{utc(2025, 1, 10, 8)};
     LocalRepository store{dir / "data" / "Almanor", "EventsV1.db", center, clock};
     LocalSyncLedger ledger{store};
-    Instant day = at(2024y / March / 5);
+    Instant day = utc(2024, 3, 5);
     std::filesystem::path db = dir / "Almanor/EventsV1.db";
     SettingsFile defaults{dir / "config/settings.ini"};
     const std::string newest = std::to_string(schemaVersions(EventsTable{}).back().version);
@@ -143,7 +141,7 @@ class LocalRepositoryTest : public ::testing::Test {
 
 TEST_F(ConnectionTest, ValuesRoundTripThroughTheFileInTheirEncodings) {
     Uuid u = Uuid::random();
-    Instant moon = at(1969y / July / 20, 20h + 17min + 40s + 5ms);
+    Instant moon = utc(1969, 7, 20, 20, 17, 40, 5);
     {
         Connection c(path);
         c.run(create());
@@ -216,12 +214,12 @@ TEST(Date, FormatsAndReadsBackUtcWithFixedWidthFieldsAndNothingElse) {
     setenv("TZ", "Asia/Tokyo", 1);
     tzset();
     const std::pair<Instant, const char*> cases[] = {
-        {at(2024y / February / 29, 23h + 59min + 59s + 999ms), "2024-02-29T23:59:59.999"},
+        {utc(2024, 2, 29, 23, 59, 59, 999), "2024-02-29T23:59:59.999"},
         {Instant{} - 1ms, "1969-12-31T23:59:59.999"},
-        {at(year{5} / January / 2, 3h + 4min + 5s + 6ms), "0005-01-02T03:04:05.006"},
-        {at(year{12345} / June / 7), "12345-06-07T00:00:00.000"},
-        {at(year{0} / January / 1), "0000-01-01T00:00:00.000"},
-        {at(year::max() / December / 31, 24h - 1ms), "32767-12-31T23:59:59.999"},
+        {utc(5, 1, 2, 3, 4, 5, 6), "0005-01-02T03:04:05.006"},
+        {utc(12345, 6, 7), "12345-06-07T00:00:00.000"},
+        {utc(0, 1, 1), "0000-01-01T00:00:00.000"},
+        {utc(32767, 12, 31, 23, 59, 59, 999), "32767-12-31T23:59:59.999"},
     };
     for (auto [instant, text] : cases) {
         EXPECT_EQ(formatDate(instant), text);
@@ -229,8 +227,8 @@ TEST(Date, FormatsAndReadsBackUtcWithFixedWidthFieldsAndNothingElse) {
     }
     unsetenv("TZ");
     tzset();
-    EXPECT_EQ(parseDate("2024-03-05T10:20:30"), at(2024y / March / 5, 10h + 20min + 30s));
-    EXPECT_THROW(formatDate(at(year{-1} / December / 31, 23h)), Error);
+    EXPECT_EQ(parseDate("2024-03-05T10:20:30"), utc(2024, 3, 5, 10, 20, 30));
+    EXPECT_THROW(formatDate(utc(-1, 12, 31, 23)), Error);
     EXPECT_THROW(formatDate(Instant{milliseconds::max()}), Error);
     for (const char* text : {"",
                              "2024-03-05",
@@ -392,7 +390,7 @@ TEST_F(LocalRepositoryTest, AKillInsideAPullsTransactionLeavesNothingOfIt) {
         childLedger.transaction([&] {
             for (int i = 0; i < 200; ++i) {
                 std::string name = "rec-" + std::to_string(i);
-                childLedger.writePulled(*event(name, at(2030y / May / 1)), clock.now(),
+                childLedger.writePulled(*event(name, utc(2030, 5, 1)), clock.now(),
                                         RecordState{name, name + ".ics", "\"1\""}, std::nullopt);
             }
             childLedger.setSyncToken("zone", "token-1");
@@ -407,7 +405,7 @@ TEST_F(LocalRepositoryTest, AKillInsideAPullsTransactionLeavesNothingOfIt) {
     EXPECT_EQ(ledger.syncToken("zone"), "");
     // And the file takes the next pull whole.
     ledger.transaction([&] {
-        ledger.writePulled(*event("After", at(2030y / May / 2)), clock.now(),
+        ledger.writePulled(*event("After", utc(2030, 5, 2)), clock.now(),
                            RecordState{"r", "r.ics", "\"2\""}, std::nullopt);
         ledger.setSyncToken("zone", "token-2");
     });
@@ -416,7 +414,7 @@ TEST_F(LocalRepositoryTest, AKillInsideAPullsTransactionLeavesNothingOfIt) {
 }
 
 TEST_F(LocalRepositoryTest, AnotherProcesssChangeMadeMeanwhileIsLeftAlone) {
-    auto e = event("Mine", at(2030y / May / 1));
+    auto e = event("Mine", utc(2030, 5, 1));
     store.insert(*e);
     SyncRow seen = ledger.syncRows().at(0);
     // The command line edits the event while the pull is on the network.
@@ -464,7 +462,7 @@ TEST_F(LocalRepositoryTest, ANewFileGetsTheTablesAndAVersionAndSoDoesALostOne) {
     r = openRepository();
     ASSERT_TRUE(r->tryFetchAll());
     EXPECT_TRUE(r->tryFetchAll()->empty());
-    EXPECT_TRUE(r->insert(*event("Again", at(2030y / January / 1))));
+    EXPECT_TRUE(r->insert(*event("Again", utc(2030, 1, 1))));
 }
 
 TEST_F(LocalRepositoryTest, AnOldFileGetsAVersionANewerOneIsLeftAsItIs) {
@@ -506,7 +504,7 @@ TEST_F(LocalRepositoryTest, ADamagedFileIsReportedNeverWrittenAndNotFatal) {
                                              "; restore it from a backup, or move it away to "
                                              "start afresh");
         EXPECT_FALSE(MigrationManager::migrate(*r, defaults));
-        EXPECT_FALSE(r->insert(*event("New", at(2030y / January / 1))));
+        EXPECT_FALSE(r->insert(*event("New", utc(2030, 1, 1))));
         EXPECT_EQ(log.lines().size(), 1u);
         r.reset();
         EXPECT_EQ(test::readFile(db), bytes);
