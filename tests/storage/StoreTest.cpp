@@ -1,5 +1,3 @@
-// The store in its real file: SQL's values, dates and errors, the rows in their encodings, the
-// notices, the tables made and versioned, damaged files, and the sync's bookkeeping.
 #include "Instants.h"
 #include "LogCapture.h"
 #include "TempDir.h"
@@ -15,6 +13,7 @@
 #include "storage/sql/Error.h"
 #include "storage/sql/Table.h"
 
+#include <algorithm>
 #include <csignal>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -88,32 +87,17 @@ const std::string eventsColumns = "id TEXT 1 NULL 1\n"
 
 class LocalRepositoryTest : public ::testing::Test {
   protected:
-    // Columns of the event's row as SQLite's quote() writes them, joined by "|".
+    // Columns of the event's row as json_array() writes them: texts quoted, integers bare.
     std::string row(const Event& e, const std::string& columns) {
-        std::string select = "quote(\"" + columns + "\")";
-        for (auto at = select.find(','); at != std::string::npos; at = select.find(',', at)) {
-            select.replace(at, 1, "\") || '|' || quote(\"");
-        }
-        return scalar(store.connection(), "SELECT " + select + " AS \"value\" FROM \"events\" " +
-                                              "WHERE \"id\" = '" + e.id().uuidString() + "'");
-    }
-
-    // The store as another process opens it.
-    std::unique_ptr<LocalRepository> open(Signals& notices) {
-        return std::make_unique<LocalRepository>(dir / "data" / "Almanor", "EventsV1.db", notices,
-                                                 clock);
+        return scalar(store.connection(), "SELECT json_array(" + columns + ") AS \"value\" " +
+                                              "FROM \"events\" WHERE \"id\" = '" +
+                                              e.id().uuidString() + "'");
     }
 
     // The store through its repository, in a folder of its own.
     std::unique_ptr<Repository> openRepository() {
         return std::make_unique<Repository>(
             std::make_unique<LocalRepository>(dir / "Almanor", "EventsV1.db", center, clock));
-    }
-    std::string tableColumns(Repository& r) {
-        return scalar(r.local().connection(),
-                      R"(SELECT group_concat(name || ' ' || type || ' ' || "notnull" || ' ' ||
-                         ifnull(dflt_value, 'NULL') || ' ' || pk || char(10), '') AS "value"
-                         FROM pragma_table_info('events'))");
     }
     std::string fileVersion(Repository& r) {
         return scalar(r.local().connection(),
@@ -280,18 +264,19 @@ TEST_F(LocalRepositoryTest, WritesTheRowInItsEncodingsWithOneNowPerChange) {
     store.insert(*e);
     EXPECT_EQ(row(*e, "id,name,alias,date,schedule,method,created,updated,deleted,sync_id,"
                       "sync_date,sync_dirty,sync_deleted"),
-              "'" + e->id().uuidString() +
-                  "'|'Trip'|NULL|'2024-03-05T10:20:30.123'|2|3|'2025-01-10T08:00:00.000'|"
-                  "'2025-01-10T08:00:00.000'|NULL|NULL|NULL|0|0");
+              R"([")" + e->id().uuidString() +
+                  R"(","Trip",null,"2024-03-05T10:20:30.123",2,3,"2025-01-10T08:00:00.000",)"
+                  R"("2025-01-10T08:00:00.000",null,null,null,0,0])");
     clock.advance(90min + 1ms);
     e->setAlias(std::string(""));
     store.update(*e);
     // An empty alias stays an empty text; only none is NULL.
     EXPECT_EQ(row(*e, "alias,created,updated,deleted,sync_dirty"),
-              "''|'2025-01-10T08:00:00.000'|'2025-01-10T09:30:00.001'|NULL|1");
+              R"(["","2025-01-10T08:00:00.000","2025-01-10T09:30:00.001",null,1])");
     clock.advance(1h);
     store.deleteEvent(*e);
-    EXPECT_EQ(row(*e, "deleted,updated"), "'2025-01-10T10:30:00.001'|'2025-01-10T09:30:00.001'");
+    EXPECT_EQ(row(*e, "deleted,updated"),
+              R"(["2025-01-10T10:30:00.001","2025-01-10T09:30:00.001"])");
 }
 
 TEST_F(LocalRepositoryTest, ListsLiveEventsByDateThenByBinaryNameOrder) {
@@ -304,9 +289,7 @@ TEST_F(LocalRepositoryTest, ListsLiveEventsByDateThenByBinaryNameOrder) {
     store.deleteEvent(*gone);
     auto events = store.fetchAll();
     std::vector<std::string> names;
-    for (const auto& e : events) {
-        names.push_back(e->name());
-    }
+    std::ranges::transform(events, std::back_inserter(names), [](auto& e) { return e->name(); });
     EXPECT_EQ(names, (std::vector<std::string>{"z", "B", "a", "b"}));
     const Event& z = *events[0];
     EXPECT_EQ(z.id(), first->id());
@@ -385,8 +368,8 @@ TEST_F(LocalRepositoryTest, AKillInsideAPullsTransactionLeavesNothingOfIt) {
     if (child == 0) {
         // Events, their records and the token, then the process dies before the commit.
         Signals quiet;
-        auto mine = open(quiet);
-        LocalSyncLedger childLedger(*mine);
+        LocalRepository mine(dir / "data" / "Almanor", "EventsV1.db", quiet, clock);
+        LocalSyncLedger childLedger(mine);
         childLedger.transaction([&] {
             for (int i = 0; i < 200; ++i) {
                 std::string name = "rec-" + std::to_string(i);
@@ -421,7 +404,7 @@ TEST_F(LocalRepositoryTest, AnotherProcesssChangeMadeMeanwhileIsLeftAlone) {
     Signals otherCenter;
     clock.advance(1s);
     e->setName("Edited here meanwhile");
-    open(otherCenter)->update(*e);
+    LocalRepository(dir / "data" / "Almanor", "EventsV1.db", otherCenter, clock).update(*e);
 
     auto theirs = makeEvent(e->id(), e->date(), "The server's", std::nullopt, Schedule::none,
                             CountMethod::standard);
@@ -452,7 +435,11 @@ TEST_F(LocalRepositoryTest, AnotherProcesssChangeMadeMeanwhileIsLeftAlone) {
 
 TEST_F(LocalRepositoryTest, ANewFileGetsTheTablesAndAVersionAndSoDoesALostOne) {
     auto r = openRepository();
-    EXPECT_EQ(tableColumns(*r), eventsColumns);
+    EXPECT_EQ(scalar(r->local().connection(),
+                     R"(SELECT group_concat(name || ' ' || type || ' ' || "notnull" || ' ' ||
+                        ifnull(dflt_value, 'NULL') || ' ' || pk || char(10), '') AS "value"
+                        FROM pragma_table_info('events'))"),
+              eventsColumns);
     EXPECT_EQ(fileVersion(*r), newest);
     EXPECT_EQ(defaults.integer(Settings::buildVersion), 0); // the settings are the migration's
     EXPECT_TRUE(MigrationManager::migrateIfNeeded(*r, defaults));
@@ -483,10 +470,7 @@ TEST_F(LocalRepositoryTest, AnOldFileGetsAVersionANewerOneIsLeftAsItIs) {
 TEST_F(LocalRepositoryTest, ADamagedFileIsReportedNeverWrittenAndNotFatal) {
     std::string full = oldStoreWithOneEvent();
     std::string current = (openRepository(), test::readFile(db)); // the version recorded
-    std::string garbage(4096, '\0');
-    for (std::size_t i = 0; i < garbage.size(); ++i) {
-        garbage[i] = char((i * 7919 + 13) % 251);
-    }
+    std::string garbage(4096, 'x');
     const std::pair<std::string, const char*> cases[] = {
         {garbage, "file is not a database (code: 26)"},
         {full.substr(0, full.size() / 2), "database disk image is malformed (code: 11)"},
