@@ -6,6 +6,7 @@
 #include "platform/SettingsFile.h"
 
 #include <glib.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -35,6 +36,7 @@ struct LaunchAtLoginTest : ::testing::Test {
     std::filesystem::path entry = home / "autostart/com.vostrel.Almanor.desktop";
     std::filesystem::path helper =
         home / "autostart/com.vostrel.Almanor-LaunchAtLoginHelper.desktop";
+    const std::string entryText = "[Desktop Entry]\nType=Application\nName=H\nExec=helper\n";
 };
 
 TEST_F(LaunchAtLoginTest, AnEntryStartsThisProgramAndObserversHearEachRequest) {
@@ -43,12 +45,8 @@ TEST_F(LaunchAtLoginTest, AnEntryStartsThisProgramAndObserversHearEachRequest) {
     launch.setEnabled(true);
     EXPECT_TRUE(launch.isEnabled());
     // A space and a $ in the path: quoted and escaped for the Exec line, then for the key file.
-    GKeyFile* keys = g_key_file_new();
-    ASSERT_TRUE(g_key_file_load_from_file(keys, entry.c_str(), G_KEY_FILE_NONE, nullptr));
-    gchar* exec = g_key_file_get_string(keys, "Desktop Entry", "Exec", nullptr);
-    EXPECT_EQ(std::string(exec), "\"" + (home / "my bin/al\\$manor").string() + "\"");
-    g_free(exec);
-    g_key_file_free(keys);
+    EXPECT_THAT(test::readFile(entry),
+                testing::HasSubstr("\nExec=\"" + (home / "my bin/al\\\\$manor").string() + "\"\n"));
     launch.setEnabled(true);
     launch.setEnabled(false);
     EXPECT_FALSE(std::filesystem::exists(entry));
@@ -56,8 +54,7 @@ TEST_F(LaunchAtLoginTest, AnEntryStartsThisProgramAndObserversHearEachRequest) {
     launch.setEnabled(true);
     // Only an entry that parses and is neither hidden nor switched off counts.
     for (const char* extra : {"Hidden=true\n", "X-GNOME-Autostart-enabled=false\n", "[broken\n"}) {
-        test::writeFile(entry,
-                        std::string("[Desktop Entry]\nType=Application\nName=A\nExec=a\n") + extra);
+        test::writeFile(entry, entryText + extra);
         EXPECT_FALSE(launch.isEnabled()) << extra;
     }
     // A file where the folder should be refuses root as well: logged; observers hear the request.
@@ -76,21 +73,20 @@ TEST_F(LaunchAtLoginTest, AnEntryStartsThisProgramAndObserversHearEachRequest) {
 }
 
 TEST_F(LaunchAtLoginTest, MigrationCarriesAnEnabledHelperOverOnce) {
-    test::writeFile(helper,
-                    "[Desktop Entry]\nType=Application\nName=H\nExec=helper\nHidden=true\n");
+    test::writeFile(helper, entryText + "Hidden=true\n");
     launch.migrateIfNeeded();
     EXPECT_FALSE(launch.isEnabled()); // switched off: removed, not carried over
     EXPECT_FALSE(std::filesystem::exists(helper));
     EXPECT_TRUE(defaults.boolean(Settings::launchAtLoginHasMigrated));
 
     defaults.setBoolean(Settings::launchAtLoginHasMigrated, false);
-    test::writeFile(helper, "[Desktop Entry]\nType=Application\nName=H\nExec=helper\n");
+    test::writeFile(helper, entryText);
     launch.migrateIfNeeded();
     EXPECT_TRUE(launch.isEnabled());
     EXPECT_FALSE(std::filesystem::exists(helper));
     // Later starts skip it, even when a helper entry turns up again.
     launch.setEnabled(false);
-    test::writeFile(helper, "[Desktop Entry]\nType=Application\nName=H\nExec=helper\n");
+    test::writeFile(helper, entryText);
     launch.migrateIfNeeded();
     EXPECT_FALSE(launch.isEnabled());
 }

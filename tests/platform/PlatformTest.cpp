@@ -100,13 +100,11 @@ TEST_F(SettingsFileTest, ADamagedFileIsReadLineByLineToldOnceAndKeptAsIs) {
     for (const auto& c : cases) {
         test::writeFile(file, c.text);
         test::LogCapture log;
-        std::vector<std::thread> readers; // one repairs it, none tells twice
+        std::vector<std::jthread> readers; // one repairs it, none tells twice
         for (int i = 0; i < 3; ++i) {
             readers.emplace_back([this] { expectEveryKey(SettingsFile(file)); });
         }
-        for (auto& t : readers) {
-            t.join();
-        }
+        readers.clear(); // joined
         std::string copy =
             file.string() + ".corrupt" + (copies++ == 0 ? "" : "." + std::to_string(copies - 1));
         auto lines = log.lines();
@@ -217,7 +215,6 @@ TEST(Log, LinesAreRedactedAndKeepTheirPriorityThroughAChild) {
               "<4>plain\n<4><9>x\n<7>shown\n");
 }
 
-// Each read from the start, and from the end after other text.
 TEST(Utf8, DecodesEveryLengthAtItsBoundsFromEitherEnd) {
     const std::pair<std::string_view, char32_t> cases[] = {
         {"\x7F", 0x7F},
