@@ -14,7 +14,6 @@ import subprocess
 import sys
 import tempfile
 import unittest
-import uuid
 import zoneinfo
 
 ALMANOR, LOCALES, COMPLETIONS = sys.argv[1:4]
@@ -88,7 +87,6 @@ class CommandTest(Home):
         trip = self.add("  Trip to Prague \n", "--date", local_date(12), "--alias", " Two\nlines\t ")
         rent = self.add("Rent", "--date", "2024-01-31", "--schedule", "monthly", "--count",
                         "monday-after", "--alias", "   ")
-        self.assertEqual(str(uuid.UUID(trip)).upper(), trip)
         # 23:30 UTC: already the next day in Tokyo, still that day in Los Angeles.
         now = datetime.datetime.now(datetime.timezone.utc)
         launch = datetime.datetime.combine(now.date() + datetime.timedelta(days=40),
