@@ -1,6 +1,5 @@
-// The model: the fast calendar against ICU's own, operation by operation, where naive arithmetic
-// breaks (month ends, leap days, every hour around DST changes, wall times that are skipped or
-// repeat); the day counts, the status and date texts, the events.
+// The fast calendar against ICU's own where naive arithmetic breaks (month ends, leap days, every
+// hour around DST changes, wall times that are skipped or repeat).
 #include "Instants.h"
 #include "Language.h"
 #include "dates/DateText.h"
@@ -219,7 +218,6 @@ TEST(Utility, CountsForEveryScheduleAndMethod) {
         {{2024, 3, 6}, {2024, 3, 6, 23, 59}, none, standard, 0},
         {{2024, 3, 6}, {2024, 3, 5}, none, standard, -2},
         {{2024, 3, 9}, {2024, 3, 11}, none, standard, 2},
-        // Weekdays only.
         {{2024, 3, 8}, {2024, 3, 11}, none, excludeWeekends, 1},
         {{2024, 3, 11}, {2024, 3, 8}, none, excludeWeekends, -2},
         {{2024, 3, 3}, {2024, 3, 9}, none, excludeWeekends, 5},

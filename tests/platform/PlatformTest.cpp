@@ -60,7 +60,6 @@ TEST_F(SettingsFileTest, WritersKeepEachOthersKeysAndDefaultsAreNeverWritten) {
     EXPECT_EQ(cli.integer(Settings::buildVersion), 0);
     EXPECT_FALSE(cli.boolean(Settings::appZoneUsed));
     EXPECT_NE(Settings(cli).selectedEventId(), Settings(cli).selectedEventId());
-    // Two writers at once lose nothing of each other's.
     auto writeMany = [](SettingsFile& d, const std::string& prefix) {
         for (int i = 0; i < 40; ++i) {
             d.setInteger(prefix + std::to_string(i), i);
