@@ -247,9 +247,10 @@ TEST(Utility, CountsForEveryScheduleAndMethod) {
         {{2024, 4, 5}, {2024, 1, 31}, monthly, standard, 25},
         {{2024, 3, 6}, {2024, 2, 6}, monthly, standard, 31},
         {{2024, 3, 6}, {2024, 2, 6, 14}, monthly, standard, 0},
-        // A leap day recurs on the 28th in common years.
+        // A leap day recurs on the 28th in common years; one dated today's midnight is next year's.
         {{2023, 3, 1}, {2020, 2, 29}, annually, standard, 365},
         {{2021, 2, 1}, {2020, 2, 29}, annually, standard, 27},
+        {{2024, 3, 6}, {2024, 3, 6}, annually, standard, 365},
     };
     for (const auto& c : cases) {
         Instant today = at(c.today);
