@@ -1,25 +1,21 @@
 #include "shell/DisplayedEventSelection.h"
 
+#include "LocalInstants.h"
 #include "TempDir.h"
-#include "model/CivilCalendar.h"
 #include "platform/SettingsFile.h"
+#include "shell/PanelIcon.h"
 
 #include <gtest/gtest.h>
 
 using namespace almanor;
+using namespace almanor::test;
 using namespace std::chrono;
 
 namespace {
 
-constexpr const char* zone = "Europe/Prague";
 const Uuid& nextMode = DisplayedEventSelection::nextEventId;
 const Uuid& randomMode = DisplayedEventSelection::randomEventId;
 const Uuid& rotateMode = DisplayedEventSelection::cycleUpcomingEventId;
-
-Instant at(int y, unsigned m, unsigned d, int h = 0) {
-    return CivilCalendar::forZone(zone)->instant(
-        LocalTime(local_days(year(y) / m / d).time_since_epoch() + hours(h)));
-}
 
 struct CountingItem final : StatusItem {
     void setTitle(const std::string& t) override { title = t; }
@@ -73,7 +69,7 @@ TEST_F(SelectionTest, NextSkipsTodaysStartAndKeepsTheEarlierOfATieElseTheFirstFo
     EXPECT_EQ(item.title, "First 3 days");
     EXPECT_EQ(item.days, 3);
     EXPECT_EQ(selection.lastCalculated(), at(2024, 3, 6));
-    zoneNow = "America/New_York"; // where today began six hours later
+    zoneNow = "Asia/Tokyo"; // where today began fourteen hours earlier
     resolve(nextMode);
     EXPECT_EQ(item.title, "First 2 days");
     zoneNow = zone;
@@ -120,6 +116,17 @@ TEST_F(SelectionTest, NoEventsShowsTheCelebrationAndLeavesTheSelection) {
         EXPECT_EQ(item.days, std::nullopt);
         EXPECT_EQ(selection.displayedEvent(), nullptr);
     }
+}
+
+TEST_F(SelectionTest, ThePanelIconShowsTheCountUnlessTheSettingSaysFalse) {
+    EXPECT_TRUE(panelIcon::showsCount(defaults));
+    for (auto [text, shown] : {std::pair{"false", false}, {"0", false}, {"yes please", true}}) {
+        defaults.setString(panelIcon::showsCountKey, text);
+        EXPECT_EQ(panelIcon::showsCount(defaults), shown) << text;
+    }
+    // The number before the day, a mark on it, negative after.
+    EXPECT_EQ(panelIcon::countText(12) + panelIcon::countText(0) + panelIcon::countText(-3),
+              "12!-3");
 }
 
 } // namespace

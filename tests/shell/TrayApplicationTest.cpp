@@ -9,6 +9,7 @@
 #include "cloud/RecordMapping.h"
 #include "dates/DateText.h"
 #include "login/LaunchAtLogin.h"
+#include "login/XdgAutostartService.h"
 #include "platform/SettingsFile.h"
 #include "storage/LocalRepository.h"
 #include "storage/LocalSyncLedger.h"
@@ -16,7 +17,6 @@
 #include "sync/CloudSync.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -25,22 +25,12 @@
 
 using namespace almanor;
 using namespace std::chrono;
+using namespace almanor::test;
 
 namespace {
 
-constexpr const char* zone = "America/New_York";
-
-Instant at(int y, unsigned m, unsigned d, int h = 0, int min = 0) {
-    return test::localAt(zone, y, m, d, h, min);
-}
-
-class TrayApplicationTest : public testing::Test {
+class TrayApplicationTest : public InNewYork {
   protected:
-    // Dates and zone of the menus come from the environment, as in the tray.
-    TrayApplicationTest() {
-        ::setenv("TZ", zone, 1);
-        ::setenv("LC_ALL", "en_US.UTF-8", 1);
-    }
     void start() {
         delegate = std::make_unique<TrayApplication>(TrayApplication::Services{
             *store, cloudSync, defaults, launchAtLogin, center, mainThread, clock, presenter,
@@ -70,8 +60,7 @@ class TrayApplicationTest : public testing::Test {
     std::string title() const { return statusBar.titles.empty() ? "" : statusBar.titles.back(); }
     std::size_t indexOf(const std::string& rowTitle) const {
         const auto& rows = delegate->eventsMenu();
-        auto it = std::find_if(rows.begin(), rows.end(),
-                               [&](const MenuItem& r) { return r.title == rowTitle; });
+        auto it = std::ranges::find(rows, rowTitle, &MenuItem::title);
         EXPECT_NE(it, rows.end()) << rowTitle;
         return std::size_t(it - rows.begin());
     }
@@ -91,7 +80,7 @@ class TrayApplicationTest : public testing::Test {
     LocalSyncLedger ledger{repository.local()};
     CloudSync cloudSync{ledger, [this] { return std::static_pointer_cast<CloudService>(cloud); },
                         defaults, clock, dir / "data/EventsV1.db.sync-lock"};
-    test::MemoryLoginItems loginItems;
+    XdgAutostartService loginItems{dir.path(), dir / "bin/almanor"};
     LaunchAtLogin launchAtLogin{loginItems, defaults};
     test::RecordingMenuPresenter presenter;
     test::RecordingStatusBar statusBar;
@@ -124,12 +113,14 @@ TEST_F(TrayApplicationTest, AStoreThatCannotBeReadShowsTheNoEventsTitleAndSaysSo
 }
 
 TEST_F(TrayApplicationTest, StartUpSetsTheFirstTitleBeforeAnyChangeIsHandledAndTheTimerExists) {
-    loginItems.legacy = true; // an older helper that launched at login
+    // Launched at login from where the program was before.
+    auto entry = dir / "autostart/com.vostrel.Almanor.desktop";
+    test::writeFile(entry, "[Desktop Entry]\nType=Application\nName=A\nExec=/moved/almanor\n");
     bool first = true;
     statusBar.onTitle = [&] {
         if (std::exchange(first, false)) {
             // The menu is built before the first title, the rows and the timer after it.
-            EXPECT_EQ(presenter.menu().size(), 7u);
+            EXPECT_EQ(presenter.menu.size(), 7u);
             EXPECT_EQ(presenter.rebuilds, 0);
             EXPECT_FALSE(scheduler.action);
             center.emit(eventChangeNotification); // waits until start-up is done, not lost
@@ -141,14 +132,13 @@ TEST_F(TrayApplicationTest, StartUpSetsTheFirstTitleBeforeAnyChangeIsHandledAndT
     EXPECT_EQ(presenter.rebuilds, 2);
     EXPECT_EQ(scheduler.interval, 300.0);
     EXPECT_EQ(scheduler.tolerance, 30.0);
-    // Migrations ran first: the helper moved over (and is registered again), the flags set.
-    EXPECT_EQ(loginItems.registrations, 2);
-    EXPECT_FALSE(loginItems.legacy);
+    // Migrations ran first, the flags set; the entry follows the program.
     EXPECT_TRUE(defaults.boolean(Settings::launchAtLoginHasMigrated));
+    EXPECT_NE(test::readFile(entry).find(loginItems.execLine()), std::string::npos);
     EXPECT_EQ(defaults.integer(Settings::buildVersion), 1);
     EXPECT_EQ(SettingsFile(defaults.file()).string(Settings::selectedEvent), std::nullopt);
-    EXPECT_TRUE(presenter.menu()[3].state); // launches at login, as the helper did
-    EXPECT_TRUE(presenter.menu()[4].state); // notifies on the day by default
+    EXPECT_TRUE(presenter.menu[3].state); // launches at login, as the entry said
+    EXPECT_TRUE(presenter.menu[4].state); // notifies on the day by default
 }
 
 TEST_F(TrayApplicationTest, TheMenuSpeaksTheUsersLanguage) {
@@ -157,7 +147,7 @@ TEST_F(TrayApplicationTest, TheMenuSpeaksTheUsersLanguage) {
           std::tuple{"cs_CZ.UTF-8", "Ukončit", "Nejbližší nadcházející událost"}}) {
         test::Language speaking(locale);
         start();
-        EXPECT_EQ(presenter.menu().back().title, quit);
+        EXPECT_EQ(presenter.menu.back().title, quit);
         EXPECT_EQ(presenter.titles().at(1), next);
     }
 }
@@ -318,14 +308,14 @@ TEST_F(TrayApplicationTest, TheWindowIsMadeOnceTheLoginRowFollowsTheRequestAndQu
     EXPECT_EQ(presentations, 3);
     // The login row follows the request, even when refused.
     delegate->toggleLaunchAtLogin(3);
-    EXPECT_TRUE(loginItems.registered);
-    EXPECT_TRUE(presenter.menu()[3].state);
+    EXPECT_TRUE(launchAtLogin.isEnabled());
+    EXPECT_TRUE(presenter.menu[3].state);
     delegate->toggleLaunchAtLogin(3);
-    EXPECT_FALSE(loginItems.registered);
-    loginItems.refuse = true;
+    EXPECT_FALSE(launchAtLogin.isEnabled());
+    std::filesystem::create_directories(dir / "autostart/com.vostrel.Almanor.desktop"); // refused
     delegate->toggleLaunchAtLogin(3);
-    EXPECT_FALSE(loginItems.registered);
-    EXPECT_TRUE(presenter.menu()[3].state);
+    EXPECT_FALSE(launchAtLogin.isEnabled());
+    EXPECT_TRUE(presenter.menu[3].state);
     delegate->quit();
     EXPECT_EQ(quits, 1);
 }

@@ -1,7 +1,6 @@
 #pragma once
 // Recording stand-ins for what the tray draws, and a main thread that a test drains by hand.
 
-#include "login/LoginItemService.h"
 #include "platform/MainThread.h"
 #include "shell/TrayApplication.h"
 
@@ -16,29 +15,24 @@ namespace almanor::test {
 
 class RecordingMenuPresenter final : public MenuPresenter {
   public:
-    void buildMenu(const std::vector<MenuItem>& menu) override { menu_ = menu; }
-    void rebuildEventsMenu(const std::vector<MenuItem>& rows) override {
-        rows_ = rows;
+    void buildMenu(const std::vector<MenuItem>& items) override { menu = items; }
+    void rebuildEventsMenu(const std::vector<MenuItem>& items) override {
+        rows = items;
         ++rebuilds;
     }
-    void setEventsMenuState(std::size_t index, bool on) override { rows_.at(index).state = on; }
-    void setMenuState(std::size_t index, bool on) override { menu_.at(index).state = on; }
+    void setEventsMenuState(std::size_t index, bool on) override { rows.at(index).state = on; }
+    void setMenuState(std::size_t index, bool on) override { menu.at(index).state = on; }
 
-    const std::vector<MenuItem>& menu() const { return menu_; }
     std::vector<std::string> titles(bool marked = false) const {
         std::vector<std::string> t;
-        for (const auto& r : rows_) {
-            if (r.state || !marked) {
+        for (const auto& r : rows)
+            if (r.state || !marked)
                 t.push_back(r.title);
-            }
-        }
         return t;
     }
+    std::vector<MenuItem> menu;
+    std::vector<MenuItem> rows;
     int rebuilds = 0;
-
-  private:
-    std::vector<MenuItem> menu_;
-    std::vector<MenuItem> rows_;
 };
 
 class RecordingStatusBar final : public StatusBar, public StatusItem {
@@ -105,26 +99,6 @@ class FakeWindow final : public ManageEventsWindow {
     bool visible = false;
     int centred = 0;
     int fronted = 0;
-};
-
-class MemoryLoginItems final : public LoginItemService {
-  public:
-    Status status() const override { return registered ? Status::enabled : Status::notRegistered; }
-    void registerItem() override {
-        if (refuse) {
-            throw LoginItemError("refused");
-        }
-        registered = true;
-        ++registrations;
-    }
-    void unregisterItem() override { registered = false; }
-    bool legacyIsEnabled() const override { return legacy; }
-    void legacySetEnabled(bool on) override { legacy = on; }
-    void unregisterLegacyHelper() override { legacy = false; }
-    bool registered = false;
-    bool legacy = false;
-    bool refuse = false;
-    int registrations = 0;
 };
 
 } // namespace almanor::test

@@ -4,7 +4,6 @@ StatusNotifierWatcher, AT-SPI) with helpers that read the tray over D-Bus as a p
 
 import json
 import os
-import re
 import shutil
 import signal
 import socket
@@ -269,37 +268,41 @@ class Desktop:
             stop(p)
 
 
-def bus_has(name):
-    out = subprocess.run(["gdbus", "call", "--session", "-d", "org.freedesktop.DBus", "-o", "/org/freedesktop/DBus",
-                          "-m", "org.freedesktop.DBus.NameHasOwner", name], capture_output=True, text=True).stdout
-    return "true" in out
-
-
-def gdbus(*args):
-    r = subprocess.run(["gdbus", "call", "--session", "-d", DEST, *args], capture_output=True, text=True,
-                       timeout=10)
+def gdbus(*args, dest=DEST, timeout=10):
+    r = subprocess.run(["gdbus", "call", "--session", "-d", dest, *args], capture_output=True, text=True,
+                       timeout=timeout)
     if r.returncode != 0:
         raise AssertionError("gdbus %s: %s" % (args, r.stderr))
     return r.stdout
 
 
+def parse(signature, reply):
+    """A reply as gdbus prints it, as Python values."""
+    from gi.repository import GLib
+    return GLib.Variant.parse(GLib.VariantType.new(signature), reply.strip(), None, None).unpack()
+
+
+def bus_has(name):
+    return parse("(b)", gdbus("-o", "/org/freedesktop/DBus", "-m", "org.freedesktop.DBus.NameHasOwner", name,
+                              dest="org.freedesktop.DBus"))[0]
+
+
 def item_property(name="XAyatanaLabel"):
-    out = gdbus("-o", ITEM, "-m", "org.freedesktop.DBus.Properties.Get", "org.kde.StatusNotifierItem", name)
-    return re.match(r"\(<'(.*)'>,\)", out.strip()).group(1)
+    return parse("(v)", gdbus("-o", ITEM, "-m", "org.freedesktop.DBus.Properties.Get",
+                              "org.kde.StatusNotifierItem", name))[0]
 
 
 def label_or_none():
     try:
         return item_property()
-    except (AssertionError, AttributeError):
+    except AssertionError:
         return None
 
 
 def layout():
     """The menu as it is served now, asking nothing first: (id, properties, children)."""
-    from gi.repository import GLib
-    out = gdbus("-o", ITEM + "/Menu", "-m", "com.canonical.dbusmenu.GetLayout", "--", "0", "-1", "[]")
-    return GLib.Variant.parse(GLib.VariantType.new("(u(ia{sv}av))"), out.strip(), None, None).unpack()[1]
+    return parse("(u(ia{sv}av))", gdbus("-o", ITEM + "/Menu", "-m", "com.canonical.dbusmenu.GetLayout", "--", "0",
+                                        "-1", "[]"))[1]
 
 
 def rows(menu=None):
@@ -315,15 +318,12 @@ def rows(menu=None):
                 except AssertionError:
                     pass  # the row was replaced by a newer one meanwhile, which has its rows already
         menu = layout()
-    found = {}
-
-    def walk(node):
-        ident, props, children = node
+    found, todo = {}, [menu]
+    while todo:
+        ident, props, children = todo.pop()
         if "label" in props:
             found[props["label"]] = dict(props, id=ident)
-        for child in children:
-            walk(child)
-    walk(menu)
+        todo.extend(reversed(children))
     return found
 
 
@@ -334,17 +334,15 @@ def click(label_text):
 
 def panel_items():
     """What the panel is shown, as the watcher hands it on: one dict per accepted item."""
-    from gi.repository import GLib
-    r = subprocess.run(["gdbus", "call", "--session", "-d", "org.ayatana.indicator.application", "-o",
-                        "/org/ayatana/indicator/application/service", "-m",
-                        "org.ayatana.indicator.application.service.GetApplications"],
-                       capture_output=True, text=True, timeout=10)
-    if r.returncode != 0:
+    try:
+        reply = gdbus("-o", "/org/ayatana/indicator/application/service", "-m",
+                      "org.ayatana.indicator.application.service.GetApplications",
+                      dest="org.ayatana.indicator.application")
+    except AssertionError:
         return []
-    value = GLib.Variant.parse(GLib.VariantType.new("(a(sisossssss))"), r.stdout.strip(), None, None)
     keys = ("icon", "position", "address", "path", "icon_path", "label", "guide", "description", "hint",
             "title")
-    return [dict(zip(keys, app)) for app in value.unpack()[0]]
+    return [dict(zip(keys, app)) for app in parse("(a(sisossssss))", reply)[0]]
 
 
 def application():

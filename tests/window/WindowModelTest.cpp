@@ -8,27 +8,17 @@
 #include "ui/window/EventEditor.h"
 #include "ui/window/EventsModel.h"
 
-#include <cstdlib>
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <thread>
 
 using namespace almanor;
-using namespace std::chrono;
+using namespace almanor::test;
 
 namespace {
 
-constexpr const char* zone = "America/New_York";
-
-Instant at(int y, unsigned m, unsigned d, int h = 0, int min = 0) {
-    return test::localAt(zone, y, m, d, h, min);
-}
-
-class WindowTest : public testing::Test {
+class WindowTest : public InNewYork {
   protected:
-    WindowTest() {
-        ::setenv("TZ", zone, 1);
-        ::setenv("LC_ALL", "en_US.UTF-8", 1);
-    }
     EventPtr add(std::string name, Instant date, Schedule s = Schedule::none,
                  std::optional<std::string> alias = std::nullopt) {
         auto e = makeEvent(Uuid::random(), date, std::move(name), std::move(alias), s,
@@ -38,8 +28,7 @@ class WindowTest : public testing::Test {
     }
     EventPtr stored(const Uuid& id) {
         auto events = repository.fetchAll();
-        auto it =
-            std::find_if(events.begin(), events.end(), [&](auto& e) { return e->id() == id; });
+        auto it = std::ranges::find(events, id, [](auto& e) { return e->id(); });
         return it == events.end() ? nullptr : *it;
     }
 

@@ -1,7 +1,7 @@
 #include "ui/tray/CountIcons.h"
+#include "ui/tray/NetworkMonitor.h"
 
-#include "ui/tray/DbusMenuPresenter.h"
-
+#include <gio/gio.h>
 #include <gtest/gtest.h>
 
 using namespace almanor;
@@ -40,10 +40,23 @@ TEST(CountIconTest, ArgbInNetworkOrderOnARoundedSquareWithTheTextCentred) {
     EXPECT_EQ(countIcon::pixels("x", 22), countIcon::pixels(" ", 22));
 }
 
-TEST(DbusMenuLabelTest, UnderscoresAreShownNotTakenForMnemonics) {
-    EXPECT_EQ(DbusMenuPresenter::label("my_gym - Mon"), "my__gym - Mon");
-    EXPECT_EQ(DbusMenuPresenter::label("__init__"), "____init____");
-    EXPECT_EQ(DbusMenuPresenter::label("Trip - Jan 5, 2031"), "Trip - Jan 5, 2031");
+// The system's monitor itself emits the signal here, so the connection is what is tested.
+TEST(NetworkMonitor, CallsBackOnlyWhileConnectedAndOnlyWhileItLives) {
+    GNetworkMonitor* system = g_network_monitor_get_default();
+    int calls = 0;
+    {
+        NetworkMonitor monitor([&] { ++calls; });
+        g_signal_emit_by_name(system, "network-changed", FALSE);
+        EXPECT_EQ(calls, 0);
+        g_signal_emit_by_name(system, "network-changed", TRUE);
+        g_signal_emit_by_name(system, "network-changed", TRUE);
+        EXPECT_EQ(calls, 2);
+        NetworkMonitor second([&] { calls += 10; });
+        g_signal_emit_by_name(system, "network-changed", TRUE);
+        EXPECT_EQ(calls, 13);
+    }
+    g_signal_emit_by_name(system, "network-changed", TRUE); // both gone: nothing may run
+    EXPECT_EQ(calls, 13);
 }
 
 } // namespace
