@@ -2,9 +2,9 @@
 #include "CloudServiceContract.h"
 #include "cloud/caldav/CalDavService.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <thread>
 
@@ -13,6 +13,7 @@ namespace {
 
 using caldav::CalDavService;
 using namespace std::chrono_literals;
+using testing::HasSubstr;
 
 // A service as "alice" over its own server, which outlives it. Xandikos takes any credentials.
 template <typename Server> struct Served {
@@ -208,12 +209,6 @@ std::string failureOf(const std::function<void()>& call) {
     return "no failure";
 }
 
-std::size_t countWith(const std::vector<std::string>& lines, const std::string& part) {
-    return std::size_t(std::count_if(lines.begin(), lines.end(), [&](const std::string& l) {
-        return l.find(part) != std::string::npos;
-    }));
-}
-
 TEST(HostileServer, LateTricklingOversizedHtmlOrCancelledAnswersEndInOneBoundedClearLine) {
     ScriptedDavServer server;
     // A listing past the cap, or a captive portal's page where it should be: one clear line each.
@@ -228,7 +223,7 @@ TEST(HostileServer, LateTricklingOversizedHtmlOrCancelledAnswersEndInOneBoundedC
              {"html", "answered 200"}}) {
         server.setFault("method=REPORT fault=" + fault);
         const std::string why = failureOf([&] { service->performQuery("CD_Event", appZone); });
-        EXPECT_NE(why.find(line), std::string::npos) << why;
+        EXPECT_THAT(why, HasSubstr(line));
         EXPECT_EQ(why.find('\n'), std::string::npos) << why;
     }
     // Just below the cap the same answer is read; without a fault, the record.
@@ -247,10 +242,8 @@ TEST(HostileServer, LateTricklingOversizedHtmlOrCancelledAnswersEndInOneBoundedC
     ZoneChanges all = service->fetchChanges(appZone, {}, {});
     ASSERT_EQ(all.changed.size(), 1u);
     EXPECT_EQ(all.changed[0].resource, "a.ics");
-    std::set<std::string> unreadable;
-    for (const auto& [resource, reason] : all.unreadable)
-        unreadable.insert(resource);
-    EXPECT_EQ(unreadable, (std::set<std::string>{"broken.ics", "task.ics"}));
+    EXPECT_THAT(all.unreadable,
+                testing::ElementsAre(testing::Key("broken.ics"), testing::Key("task.ics")));
 
     // A server reads a whole calendar before it answers the first listing after its start: a
     // whole listing waits for its first byte, other requests do not.
@@ -259,22 +252,20 @@ TEST(HostileServer, LateTricklingOversizedHtmlOrCancelledAnswersEndInOneBoundedC
     server.setFault("fault=late every=2 method=REPORT");
     EXPECT_EQ(failureOf([&] { service->fetchChanges(appZone, {}, {}); }), "no failure");
     server.setFault("fault=late every=4 method=REPORT");
-    EXPECT_NE(failureOf([&] {
-                  service->fetchChanges(appZone, {}, {});
-              }).find("did not begin its answer within 3 s"),
-              std::string::npos);
+    EXPECT_THAT(failureOf([&] { service->fetchChanges(appZone, {}, {}); }),
+                HasSubstr("did not begin its answer within 3 s"));
     service->startPass();
     server.setFault("fault=late every=2 method=PROPFIND");
-    EXPECT_NE(failureOf([&] { service->fetchAllZones(); }).find("nothing from the server for 1 s"),
-              std::string::npos);
+    EXPECT_THAT(failureOf([&] { service->fetchAllZones(); }),
+                HasSubstr("nothing from the server for 1 s"));
 
     // One byte every 0.4 s never trips the stall; the deadline ends the request.
     server.setFault("fault=trickle every=0.4");
     service = over(server.url(), quick);
     const std::size_t asked = server.requests().size();
     const std::string first = failureOf([&] { service->discoverHome(); });
-    EXPECT_NE(first.find("127.0.0.1:" + std::to_string(server.port())), std::string::npos) << first;
-    EXPECT_NE(first.find("did not finish its answer within 3 s"), std::string::npos) << first;
+    EXPECT_THAT(first, HasSubstr("127.0.0.1:" + std::to_string(server.port())));
+    EXPECT_THAT(first, HasSubstr("did not finish its answer within 3 s"));
     // The rest of the pass gives up without asking again.
     EXPECT_NE(failureOf([&] { service->createRecord(eventRecord(appZone, "b", "B"), "b.ics"); }),
               "no failure");
@@ -327,14 +318,14 @@ TEST(HostileServer, OnlyOriginsTheServerNamesGetCredentialsAndRedirectsGetNone) 
     later->trustOrigins(service->trustedOrigins());
     EXPECT_EQ(later->trustedOrigins(), service->trustedOrigins());
     EXPECT_NE(failureOf([&] { service->saveZone(appZone); }), "no failure");
-    EXPECT_EQ(countWith(second.requests(), " alice"), second.requests().size());
+    EXPECT_THAT(second.requests(), testing::Each(HasSubstr(" alice")));
 
     // A redirect to another origin is followed without the credentials.
     first.setFault("fault=redirect to=" + third.url());
     const std::string why = failureOf([&] { over(first.url())->discoverHome(); });
-    EXPECT_NE(why.find("refused the user name or password"), std::string::npos) << why;
+    EXPECT_THAT(why, HasSubstr("refused the user name or password"));
     EXPECT_GT(third.requests().size(), 1u);
-    EXPECT_EQ(countWith(third.requests(), " alice"), 0u);
+    EXPECT_THAT(third.requests(), testing::Each(testing::Not(HasSubstr(" alice"))));
 }
 
 } // namespace
