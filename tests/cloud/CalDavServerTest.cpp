@@ -16,23 +16,19 @@ using namespace std::chrono_literals;
 using testing::HasSubstr;
 using testing::ThrowsMessage;
 
-// A service as "alice" over its own server, which outlives it. Xandikos takes any credentials.
-template <typename Server> struct Served {
-    template <typename... Options>
-    explicit Served(Options... options)
-        : server(options...), service(server.url(), "alice", [] { return std::string("s3cret"); }) {
-    }
-    Server server;
-    CalDavService service;
-};
+// A service as "alice" (Xandikos takes any credentials).
+std::shared_ptr<CalDavService> over(const std::string& url, caldav::Limits limits = {}) {
+    return std::make_shared<CalDavService>(
+        url, "alice", [] { return std::string("s3cret"); }, limits);
+}
 
 // The same contract over two real servers with sync-collection and a scripted one without it,
 // which lists by getctag and getetag.
 template <typename Server, typename... Options> void contractOver(Options... options) {
-    Served<Server> s(options...);
+    Server server(options...);
+    auto service = over(server.url());
     holdsToTheCloudContract(
-        s.service, [&] { return s.service.requestsSent(); },
-        [&] { return s.service.bodiesRead(); });
+        *service, [&] { return service->requestsSent(); }, [&] { return service->bodiesRead(); });
 }
 
 TEST(CloudServiceContract, RadicaleXandikosAndScriptedWithTagsOnly) {
@@ -76,23 +72,23 @@ template <typename Server> void calendarAppsShareTheZone() {
     using namespace std::chrono;
     setenv("TZ", "Pacific/Auckland", 1);
     tzset();
-    Served<Server> s;
-    s.service.saveZone(appZone);
+    Server server;
+    auto service = over(server.url());
+    service->saveZone(appZone);
     CloudRecord ours = eventRecord(appZone, "ours", "Trip; day 1");
-    std::map<std::string, std::string> known{
-        {"ours.ics", s.service.createRecord(ours, "ours.ics")}};
+    std::map<std::string, std::string> known{{"ours.ics", service->createRecord(ours, "ours.ics")}};
     setenv("TZ", "America/New_York", 1);
     tzset();
-    ZoneChanges untouched = s.service.fetchChanges(appZone, {}, known);
+    ZoneChanges untouched = service->fetchChanges(appZone, {}, known);
     EXPECT_TRUE(untouched.changed.empty());
-    const std::string collection = s.service.discoverHome() + appZone + "/";
-    caldav::HttpClient http(s.server.url(), "alice", [] { return std::string("s3cret"); });
+    const std::string collection = service->discoverHome() + appZone + "/";
+    caldav::HttpClient http(server.url(), "alice", [] { return std::string("s3cret"); });
     const auto put =
         http.perform({"PUT", collection + "dentist.ics", {"Content-Type: text/calendar"}, dentist});
     ASSERT_EQ(put.status / 100, 2);
-    calendarApp({s.server.url(), "alice", "s3cret", collection, "ours.ics",
-                 "Trip, renamed in the app", "3"});
-    ZoneChanges edited = s.service.fetchChanges(appZone, untouched.token, known);
+    calendarApp(
+        {server.url(), "alice", "s3cret", collection, "ours.ics", "Trip, renamed in the app", "3"});
+    ZoneChanges edited = service->fetchChanges(appZone, untouched.token, known);
     ASSERT_EQ(edited.changed.size(), 2u);
     std::map<std::string, CloudRecord> read;
     for (const auto& c : edited.changed) {
@@ -106,7 +102,7 @@ template <typename Server> void calendarAppsShareTheZone() {
     EXPECT_EQ(read.at("dentist.ics").recordId.recordName, "dentist-2");
     EXPECT_EQ(std::get<Instant>(read.at("dentist.ics").fields.at("CD_date")),
               Instant{sys_days{year{2027} / 4 / 12} + hours{7} + minutes{30}}); // summer time
-    EXPECT_TRUE(s.service.fetchChanges(appZone, edited.token, known).changed.empty());
+    EXPECT_TRUE(service->fetchChanges(appZone, edited.token, known).changed.empty());
 
     // Renamed, then moved two days here: each time only that changes.
     auto stored = [&] {
@@ -118,12 +114,12 @@ template <typename Server> void calendarAppsShareTheZone() {
     CloudRecord renamed = read.at("dentist.ics");
     renamed.fields["CD_name"] = std::string("Dentist, Dr. Nováková; 🦷");
     renamed.fields["CD_alias"] = std::string("Teeth");
-    s.service.replaceRecord(renamed, "dentist.ics", known.at("dentist.ics"));
-    auto held = s.service.fetchRecord(appZone, "dentist.ics");
+    service->replaceRecord(renamed, "dentist.ics", known.at("dentist.ics"));
+    auto held = service->fetchRecord(appZone, "dentist.ics");
     EXPECT_EQ(held->record.fields.at("CD_name"), renamed.fields.at("CD_name"));
     const std::string afterRename = stored();
     held->record.fields["CD_date"] = std::get<Instant>(held->record.fields.at("CD_date")) + 48h;
-    s.service.replaceRecord(held->record, "dentist.ics", held->etag);
+    service->replaceRecord(held->record, "dentist.ics", held->etag);
     const std::string afterMove = stored();
     for (const auto& [text, day] : {std::pair{afterRename, "12"}, std::pair{afterMove, "14"}})
         for (const std::string& kept :
@@ -139,15 +135,15 @@ template <typename Server> void calendarAppsShareTheZone() {
             EXPECT_NE(text.find(kept), std::string::npos) << kept << " in\n" << text;
 
     // A collection remembered where it no longer is runs discovery once; the home found is told.
-    CalDavService moved(s.server.url(), "alice", [] { return std::string("s3cret"); });
-    moved.rememberHome(s.server.url() + "alice/somewhere-old/");
+    CalDavService moved(server.url(), "alice", [] { return std::string("s3cret"); });
+    moved.rememberHome(server.url() + "alice/somewhere-old/");
     std::string heardHome;
     moved.setHomeListener(
         [&](const std::string& home, const std::vector<std::string>&) { heardHome = home; });
     EXPECT_EQ(moved.fetchChanges(appZone, {}, {}).changed.size(), 2u);
-    EXPECT_EQ(heardHome, s.service.discoverHome());
+    EXPECT_EQ(heardHome, service->discoverHome());
     // Remembered and right: an ordinary pull asks nothing but the listing.
-    CalDavService later(s.server.url(), "alice", [] { return std::string("s3cret"); });
+    CalDavService later(server.url(), "alice", [] { return std::string("s3cret"); });
     later.rememberHome(heardHome);
     later.fetchChanges(appZone, {}, {});
     EXPECT_EQ(later.requestsSent(), 2); // the listing, the bodies
@@ -189,11 +185,6 @@ TEST(CalDavAccount, StatusNeedsNoNetworkAndReportsPasswordFailures) {
     EXPECT_THROW(locked.accountStatus(), CloudError);
     EXPECT_THAT([&] { locked.discoverHome(); }, ThrowsMessage<CloudError>("the keyring is locked"));
     EXPECT_EQ(asked, 1);
-}
-
-std::shared_ptr<CalDavService> over(const std::string& url, caldav::Limits limits = {}) {
-    return std::make_shared<CalDavService>(
-        url, "alice", [] { return std::string("s3cret"); }, limits);
 }
 
 TEST(HostileServer, LateTricklingOversizedHtmlOrCancelledAnswersEndInOneBoundedClearLine) {

@@ -160,22 +160,10 @@ class Radicale(Process):
         os.makedirs(folder, exist_ok=True)
         with open(os.path.join(folder, "users"), "w") as f:
             f.write(f"{self.user}:{self.password}\n")
-        with open(os.path.join(folder, "config"), "w") as f:
-            f.write(f"""[server]
-hosts = 127.0.0.1:{self.port}
-[auth]
-type = htpasswd
-htpasswd_filename = {folder}/users
-htpasswd_encryption = plain
-delay = 0
-[rights]
-type = owner_only
-[storage]
-filesystem_folder = {folder}/collections
-[web]
-type = none
-""")
-        super().__init__(["/usr/bin/python3", "-m", "radicale", "--config", folder + "/config"], log=log)
+        super().__init__(["/usr/bin/python3", "-m", "radicale", "--config", "", "--hosts", f"127.0.0.1:{self.port}",
+                          "--auth-type", "htpasswd", "--auth-htpasswd-filename", folder + "/users",
+                          "--auth-htpasswd-encryption", "plain", "--auth-delay", "0", "--rights-type", "owner_only",
+                          "--storage-filesystem-folder", folder + "/collections", "--web-type", "none"], log=log)
 
 
 class Xandikos(Process):
