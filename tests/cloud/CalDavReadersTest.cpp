@@ -376,19 +376,15 @@ TEST(Urls, HrefsResolveAndCredentialsGoOnlyToHttpsOrThisMachine) {
 
 TEST(PasswordCommand, HangsFloodsAndQuittingEndInOneLineAndTakeTheirChildrenWithThem) {
     const PasswordCommandLimits quick{std::chrono::seconds(1), 4096};
-    auto failure = [&](const std::string& command) {
-        try {
-            passwordFromCommand(command, quick);
-        } catch (const CloudError& e) {
-            return std::string(e.what());
-        }
-        return std::string("no failure");
+    auto fails = [&](const std::string& command, const std::string& line) {
+        EXPECT_THAT([&] { passwordFromCommand(command, quick); }, ThrowsMessage<CloudError>(line))
+            << command;
     };
     test::TempDir folder;
     const std::string pidFile = (folder / "pid").string();
     // What it started in the background goes with it.
-    EXPECT_EQ(failure("sleep 1000 & echo $! > " + pidFile + "; wait"),
-              "the password command did not finish within 1 s");
+    fails("sleep 1000 & echo $! > " + pidFile + "; wait",
+          "the password command did not finish within 1 s");
     std::ifstream in(pidFile);
     pid_t child = 0;
     in >> child;
@@ -403,12 +399,11 @@ TEST(PasswordCommand, HangsFloodsAndQuittingEndInOneLineAndTakeTheirChildrenWith
     for (int i = 0; i < 100 && running(child); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_FALSE(running(child)) << "the command's child still runs";
-    EXPECT_EQ(failure("yes"), "the password command printed more than 4 KiB");
-    EXPECT_EQ(failure("head -c 100000 /dev/zero"), "the password command printed more than 4 KiB");
-    EXPECT_EQ(failure("echo pw; exec sleep 1000"),
-              "the password command did not finish within 1 s");
-    EXPECT_EQ(failure("echo pw; exit 3"), "the password command failed with status 3");
-    EXPECT_EQ(failure("true"), "the password command printed no password");
+    fails("yes", "the password command printed more than 4 KiB");
+    fails("head -c 100000 /dev/zero", "the password command printed more than 4 KiB");
+    fails("echo pw; exec sleep 1000", "the password command did not finish within 1 s");
+    fails("echo pw; exit 3", "the password command failed with status 3");
+    fails("true", "the password command printed no password");
     EXPECT_EQ(passwordFromCommand("printf 'pw one\\r\\nsecond'", quick), "pw one");
     // A command that leaves a process holding its output open is done once it has exited.
     EXPECT_EQ(passwordFromCommand("sleep 5 & echo $! > " + pidFile + "; echo fine", quick), "fine");
