@@ -33,8 +33,9 @@ class LoopbackServer {
 
   protected:
     LoopbackServer() = default;
-    // The harness prints the URL once the server answers, or ends within 20 s saying why; it kills
-    // the server once its input closes, which our end closes too.
+    // The harness (standard library only: -S spares it the site packages' start) prints the URL
+    // once the server answers, or ends within 20 s saying why; it kills the server once its input
+    // closes, which our end closes too.
     void start(const std::string& kind, std::vector<std::string> options = {}) {
         options.insert(options.begin(),
                        {"/usr/bin/python3", "-S", ALMANOR_TEST_SUPPORT_DIR "/harness.py", kind,
