@@ -385,9 +385,7 @@ TEST(PasswordCommand, HangsFloodsAndQuittingEndInOneLineAndTakeTheirChildrenWith
     // What it started in the background goes with it.
     fails("sleep 1000 & echo $! > " + pidFile + "; wait",
           "the password command did not finish within 1 s");
-    std::ifstream in(pidFile);
-    pid_t child = 0;
-    in >> child;
+    const pid_t child = std::atoi(test::readFile(folder / "pid").c_str());
     ASSERT_GT(child, 0);
     // Gone, or a zombie waiting for whoever adopted it.
     auto running = [](pid_t pid) {
@@ -407,9 +405,8 @@ TEST(PasswordCommand, HangsFloodsAndQuittingEndInOneLineAndTakeTheirChildrenWith
     EXPECT_EQ(passwordFromCommand("printf 'pw one\\r\\nsecond'", quick), "pw one");
     // A command that leaves a process holding its output open is done once it has exited.
     EXPECT_EQ(passwordFromCommand("sleep 5 & echo $! > " + pidFile + "; echo fine", quick), "fine");
-    std::ifstream again(pidFile);
-    again >> child;
-    ::kill(child, SIGKILL);
+    if (const pid_t left = std::atoi(test::readFile(folder / "pid").c_str()); left > 0)
+        ::kill(left, SIGKILL);
 
     // Quitting cuts a hanging command off at once, through the account's service the tray holds.
     SettingsFile defaults(folder / "settings.ini");
