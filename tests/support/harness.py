@@ -185,8 +185,13 @@ def serve(kind, folder, *options):
         port = free_port()
         sys.argv = ["scripted_dav.py", "--port", str(port), "--control", folder + "/control", "--log",
                     folder + "/requests", *options]
-        threading.Thread(target=scripted_dav.main, daemon=True).start()
-        wait_for(lambda: answers(port), "the scripted server")
+        thread = threading.Thread(target=scripted_dav.main, daemon=True)
+        thread.start()
+        end = time.monotonic() + 20
+        while not answers(port):  # it listens within milliseconds: a 50 ms poll would double its start
+            if not thread.is_alive() or time.monotonic() > end:
+                sys.exit("the scripted server did not start")
+            time.sleep(0.005)
         print(f"http://127.0.0.1:{port}/", flush=True)
         sys.stderr = open(os.devnull, "w")  # its line per request
         sys.stdin.read()
