@@ -4,17 +4,15 @@
 set -u
 B=$1
 T=$(mktemp -d)
-RADICALE=
-cleanup() { [ -n "$RADICALE" ] && kill "$RADICALE" 2>/dev/null && wait "$RADICALE" 2>/dev/null; rm -rf "$T"; }
-trap cleanup EXIT
 fail() { echo "FAIL: $*" >&2; exit 1; }
-P=$(/usr/bin/python3 -c 'import socket;s=socket.socket();s.bind(("127.0.0.1",0));print(s.getsockname()[1])')
-echo "alice:s3cret" > "$T/users"
-printf '[server]\nhosts = 127.0.0.1:%s\n[auth]\ntype = htpasswd\nhtpasswd_filename = %s/users\nhtpasswd_encryption = plain\ndelay = 0\n[rights]\ntype = owner_only\n[storage]\nfilesystem_folder = %s/col\n[web]\ntype = none\n' "$P" "$T" "$T" > "$T/cfg"
-/usr/bin/python3 -m radicale --config "$T/cfg" > "$T/log" 2>&1 &
-RADICALE=$!
-for i in $(seq 100); do curl -s -o /dev/null "http://127.0.0.1:$P/" && break; sleep 0.1; done
-URL="http://127.0.0.1:$P/"
+# Radicale through the tests' harness, which kills it when ended, or when fd 3 closes with us.
+mkfifo "$T/in" "$T/url"
+/usr/bin/python3 -S "$(dirname "$0")/../support/harness.py" radicale "$T/radicale" <"$T/in" >"$T/url" &
+H=$!
+cleanup() { kill "$H" 2>/dev/null; wait; rm -rf "$T"; }
+trap cleanup EXIT
+exec 3>"$T/in"
+read -r URL <"$T/url" || fail "Radicale did not start"
 
 export XDG_CONFIG_HOME="$T/c1" XDG_DATA_HOME="$T/d1"
 "$B" cloud login "$URL" --user alice --password-command "echo wrong" 2>"$T/err"; rc=$?

@@ -13,8 +13,6 @@ import sys
 import tempfile
 import time
 import unittest
-import urllib.error
-import urllib.request
 import uuid
 
 BIN_DIR = os.environ.get("ALMANOR_BINARY_DIR")  # main() sets it from the command line
@@ -112,11 +110,10 @@ def free_port():
         return s.getsockname()[1]
 
 
-def answers(url):
+def answers(port):
+    """The servers listen once they can serve; a probe without a request is logged by none."""
     try:
-        urllib.request.urlopen(url, timeout=2)
-    except urllib.error.HTTPError:
-        pass  # any HTTP answer means it is up
+        socket.create_connection(("127.0.0.1", port), timeout=2).close()
     except OSError:
         return False
     return True
@@ -130,7 +127,11 @@ class Process:
         if log:
             out.close()
         self.url = f"http://127.0.0.1:{self.port}/"
-        wait_for(lambda: answers(self.url), "the server at " + self.url, timeout=20)
+        try:
+            wait_for(lambda: answers(self.port), "the server at " + self.url, timeout=20)
+        except BaseException:
+            self.stop()
+            raise
 
     def stop(self):
         stop(self.proc)
@@ -158,22 +159,10 @@ class Radicale(Process):
         os.makedirs(folder, exist_ok=True)
         with open(os.path.join(folder, "users"), "w") as f:
             f.write(f"{self.user}:{self.password}\n")
-        with open(os.path.join(folder, "config"), "w") as f:
-            f.write(f"""[server]
-hosts = 127.0.0.1:{self.port}
-[auth]
-type = htpasswd
-htpasswd_filename = {folder}/users
-htpasswd_encryption = plain
-delay = 0
-[rights]
-type = owner_only
-[storage]
-filesystem_folder = {folder}/collections
-[web]
-type = none
-""")
-        super().__init__(["/usr/bin/python3", "-m", "radicale", "--config", folder + "/config"], log=log)
+        super().__init__(["/usr/bin/python3", "-m", "radicale", "--config", "", "--hosts", f"127.0.0.1:{self.port}",
+                          "--auth-type", "htpasswd", "--auth-htpasswd-filename", folder + "/users",
+                          "--auth-htpasswd-encryption", "plain", "--auth-delay", "0", "--rights-type", "owner_only",
+                          "--storage-filesystem-folder", folder + "/collections", "--web-type", "none"], log=log)
 
 
 class Xandikos(Process):
@@ -182,6 +171,37 @@ class Xandikos(Process):
     def __init__(self, folder, log=None):
         self.folder, self.port, self.zones = folder, free_port(), "user/calendars"
         super().__init__(["xandikos", "--defaults", "-d", folder, "-l", "127.0.0.1", "-p", str(self.port)], log=log)
+
+
+def serve(kind, folder, *options):
+    """`harness.py radicale|xandikos|scripted FOLDER [OPTIONS]`, for tests in other languages:
+    prints the server's URL once it answers and kills it when ended or when its input closes, as it
+    does when the caller ends in any way."""
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
+    if kind == "scripted":  # in this process: a second interpreter would only slow its start
+        import scripted_dav
+        import threading
+        port = free_port()
+        sys.argv = ["scripted_dav.py", "--port", str(port), "--control", folder + "/control", "--log",
+                    folder + "/requests", *options]
+        thread = threading.Thread(target=scripted_dav.main, daemon=True)
+        thread.start()
+        end = time.monotonic() + 20
+        while not answers(port):  # it listens within milliseconds: a 50 ms poll would double its start
+            if not thread.is_alive() or time.monotonic() > end:
+                sys.exit("the scripted server did not start")
+            time.sleep(0.005)
+        print(f"http://127.0.0.1:{port}/", flush=True)
+        sys.stderr = open(os.devnull, "w")  # its line per request
+        sys.stdin.read()
+        os._exit(0)  # at once: an orderly shutdown costs each test tens of milliseconds
+    server = {"radicale": Radicale, "xandikos": Xandikos}[kind](folder, *options)
+    try:
+        print(server.url, flush=True)
+        sys.stdin.read()
+    finally:
+        os.killpg(server.proc.pid, signal.SIGKILL)  # its folder goes with it: nothing to save
+        server.proc.wait()
 
 
 def main():
@@ -361,3 +381,7 @@ def window():
 def mapped_libraries(pid):
     with open("/proc/%d/maps" % pid) as f:
         return {os.path.basename(line.split()[-1]) for line in f if "/" in line}
+
+
+if __name__ == "__main__":
+    serve(*sys.argv[1:])

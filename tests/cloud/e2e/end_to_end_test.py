@@ -39,12 +39,9 @@ class Machines:
         self.log = os.path.join(self.dir.name, "server.log")
         self.server = self.server_kind(os.path.join(self.dir.name, "server"), log=self.log)
         self.addCleanup(self.server.stop)
-        self.a, self.b = self.machine("a"), self.machine("b")
-
-    def machine(self, name):
-        m = Home(os.path.join(self.dir.name, name))
-        m.login(self.server)
-        return m
+        self.a, self.b = Home(os.path.join(self.dir.name, "a")), Home(os.path.join(self.dir.name, "b"))
+        for machine in (self.a, self.b):
+            machine.login(self.server)
 
 
 class Sync(Machines):
@@ -66,8 +63,6 @@ class Sync(Machines):
 
 
 class RadicaleSync(Sync, unittest.TestCase):
-    server_kind = Radicale
-
     def kill_during_syncs(self, times, rng):
         for _ in range(times):
             p = subprocess.Popen([harness.BIN_DIR + "/almanor", "sync"], env=self.a.env,
