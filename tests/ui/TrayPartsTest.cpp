@@ -1,8 +1,10 @@
 #include "ui/tray/CountIcons.h"
+#include "ui/tray/GlibServices.h"
 #include "ui/tray/NetworkMonitor.h"
 
 #include <gio/gio.h>
 #include <gtest/gtest.h>
+#include <thread>
 
 using namespace almanor;
 
@@ -60,3 +62,15 @@ TEST(NetworkMonitor, CallsBackOnlyWhileConnectedAndOnlyWhileItLives) {
 }
 
 } // namespace
+
+// Nothing runs the loop here, so whoever posts could take the context and run the work at once.
+TEST(GlibMainThread, PostsWaitForTheLoopAndRunInOrder) {
+    GlibMainThread main;
+    std::string ran;
+    std::thread([&] { main.post([&] { ran += "a"; }); }).join();
+    main.post([&] { ran += "b"; });
+    EXPECT_EQ(ran, "");
+    while (g_main_context_iteration(nullptr, FALSE)) {
+    }
+    EXPECT_EQ(ran, "ab");
+}

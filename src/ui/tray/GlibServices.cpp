@@ -10,15 +10,20 @@ bool GlibMainThread::isCurrent() const {
     return std::this_thread::get_id() == owner_;
 }
 
+// An idle source rather than g_main_context_invoke(), which runs the work at once on a thread that
+// owns or can take the context: posts must wait for the loop, in order, whoever posts them.
 void GlibMainThread::post(Work work) {
-    auto* heap = new Work(std::move(work));
-    g_main_context_invoke_full(
-        nullptr, G_PRIORITY_DEFAULT,
+    GSource* source = g_idle_source_new();
+    g_source_set_priority(source, G_PRIORITY_DEFAULT);
+    g_source_set_callback(
+        source,
         [](gpointer data) -> gboolean {
             (*static_cast<Work*>(data))();
             return G_SOURCE_REMOVE;
         },
-        heap, [](gpointer data) { delete static_cast<Work*>(data); });
+        new Work(std::move(work)), [](gpointer data) { delete static_cast<Work*>(data); });
+    g_source_attach(source, nullptr);
+    g_source_unref(source);
 }
 
 GlibScheduler::~GlibScheduler() {
