@@ -1,8 +1,7 @@
-// The cloud logic over the fake: the repository's creation, the zone's discovery, the fake itself.
+// The cloud logic over the CalDAV adapter: the repository's creation, the zone's discovery.
 #include "cloud/CloudRepository.h"
 
-#include "CloudServiceContract.h"
-#include "FakeCloudService.h"
+#include "HookedCalDav.h"
 #include "LogCapture.h"
 #include "TempDir.h"
 #include "cloud/MigrationHelper.h"
@@ -15,12 +14,12 @@
 namespace almanor {
 namespace {
 
-using test::FakeCloudService;
-using Op = FakeCloudService::Op;
+using test::HookedCalDav;
+using Op = HookedCalDav::Op;
 using Lines = std::vector<std::string>;
 
 struct Factory {
-    std::shared_ptr<FakeCloudService> fake = std::make_shared<FakeCloudService>();
+    std::shared_ptr<HookedCalDav> fake;
     int provided = 0;
     CloudRepositoryFactory factory{[this] {
         ++provided;
@@ -29,6 +28,7 @@ struct Factory {
 };
 
 TEST(CloudRepositoryFactory, EachFailureIsLoggedOnceAndNotRetried) {
+    const auto server = std::make_shared<test::ScriptedDavServer>();
     const std::vector<std::pair<std::function<void(Factory&)>, std::string>> cases = {
         {[](Factory& f) { f.fake->failAll(Op::status); },
          "Failed to check status of cloud: injected failure"},
@@ -43,13 +43,13 @@ TEST(CloudRepositoryFactory, EachFailureIsLoggedOnceAndNotRetried) {
     };
     for (const auto& [arrange, line] : cases) {
         test::LogCapture log;
-        Factory f;
+        Factory f{std::make_shared<HookedCalDav>(server)};
         arrange(f);
         EXPECT_EQ(f.factory.get(), nullptr) << line;
         EXPECT_EQ(f.factory.get(), nullptr) << line;
         EXPECT_EQ(f.fake->calls(Op::status), 1) << line << ": asked again after giving up";
         EXPECT_EQ(log.lines(), line.empty() ? Lines{} : Lines{line});
-        f.fake->clearFailures();
+        f.fake->setHook({});
         f.fake->setAccountStatus(AccountStatus::available);
         f.factory.networkCameBack();
         ASSERT_NE(f.factory.get(), nullptr) << line;
@@ -61,10 +61,11 @@ TEST(CloudRepositoryFactory, OnlyNoAccountOrNoServiceStopsCreationAndSuccessIsKe
     EXPECT_EQ(CloudRepositoryFactory{[] { return std::shared_ptr<CloudService>(); }}.get(),
               nullptr);
     EXPECT_EQ(CloudRepositoryFactory{CloudServiceProvider{}}.get(), nullptr);
+    const auto server = std::make_shared<test::ScriptedDavServer>();
     for (auto status : {AccountStatus::restricted, AccountStatus::couldNotDetermine,
                         AccountStatus::temporarilyUnavailable}) {
         test::LogCapture log;
-        Factory f;
+        Factory f{std::make_shared<HookedCalDav>(server)};
         f.fake->setAccountStatus(status);
         auto first = f.factory.get();
         ASSERT_NE(first, nullptr);
@@ -92,15 +93,15 @@ class ZoneDiscovery : public ::testing::Test {
 
     test::TempDir dir;
     SettingsFile defaults{dir / "settings.ini"};
-    std::shared_ptr<FakeCloudService> fake = std::make_shared<FakeCloudService>();
+    std::shared_ptr<HookedCalDav> fake = std::make_shared<HookedCalDav>();
     FixedClock clock{Instant{}};
     test::LogCapture log;
 };
 
 TEST_F(ZoneDiscovery, AppZoneWinsOverTheLegacyOneAndIsRememberedForGood) {
     seedIn(legacy);
-    fake->seedZone("Personal");
-    fake->seedZone(app);
+    fake->other.saveZone("Personal");
+    fake->other.saveZone(app);
     auto reader = discover();
     ASSERT_TRUE(reader);
     EXPECT_EQ(reader->zoneName(), app);
@@ -113,8 +114,8 @@ TEST_F(ZoneDiscovery, AppZoneWinsOverTheLegacyOneAndIsRememberedForGood) {
 
 TEST_F(ZoneDiscovery, LegacyZoneCountsOnlyWithRecordsAndNamesMatchExactly) {
     EXPECT_FALSE(discover());
-    fake->seedZone(legacy);
-    fake->seedZone("COM.VOSTREL.ALMANOR.ZONE");
+    fake->other.saveZone(legacy);
+    fake->other.saveZone("COM.VOSTREL.ALMANOR.ZONE");
     EXPECT_FALSE(discover());
     EXPECT_FALSE(defaults.string(Settings::recordZone));
     seedIn(legacy);
@@ -128,26 +129,20 @@ TEST_F(ZoneDiscovery, LegacyZoneCountsOnlyWithRecordsAndNamesMatchExactly) {
 }
 
 TEST_F(ZoneDiscovery, FailedRequestsFallBackToTheStoredZoneWithTheirLines) {
-    defaults.setString(Settings::recordZone, "_default");
-    fake->failAll(Op::zones, "timed out");
-    seedIn("_default");
+    defaults.setString(Settings::recordZone, legacy);
+    fake->failAll(Op::zones);
+    seedIn(legacy);
     auto reader = discover();
     ASSERT_TRUE(reader);
-    EXPECT_EQ(reader->zoneName(), "_default");
-    fake->failAll(Op::query, "HTTP 500");
-    EXPECT_FALSE(MigrationHelper::hasRecords(*fake, "_default"));
+    EXPECT_EQ(reader->zoneName(), legacy);
+    fake->failAll(Op::query);
+    EXPECT_FALSE(MigrationHelper::hasRecords(*fake, legacy));
     EXPECT_TRUE(reader->fetchRecords(clock).empty());
-    fake->clearFailures();
+    fake->setHook({});
     EXPECT_EQ(reader->fetchRecords(clock).size(), 1u);
-    EXPECT_EQ(log.lines(),
-              (Lines{"Failed to fetch zone: timed out", "Failed to check for records: HTTP 500",
-                     "Failed to fetch records: HTTP 500"}));
-}
-
-TEST(CloudServiceContract, Fake) {
-    FakeCloudService fake;
-    test::holdsToTheCloudContract(
-        fake, [&] { return fake.requests(); }, [&] { return fake.bodiesFetched(); });
+    EXPECT_EQ(log.lines(), (Lines{"Failed to fetch zone: injected failure",
+                                  "Failed to check for records: injected failure",
+                                  "Failed to fetch records: injected failure"}));
 }
 
 } // namespace

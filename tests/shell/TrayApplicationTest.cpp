@@ -1,6 +1,6 @@
 #include "shell/TrayApplication.h"
 
-#include "FakeCloudService.h"
+#include "HookedCalDav.h"
 #include "Language.h"
 #include "LocalInstants.h"
 #include "LogCapture.h"
@@ -80,8 +80,8 @@ class TrayApplicationTest : public testing::Test {
     test::TempDir dir;
     Signals center;
     SettingsFile defaults{dir / "config/settings.ini"};
-    FixedClock clock{at(2030, 1, 9, 12)};          // a Wednesday, noon
-    std::shared_ptr<test::FakeCloudService> cloud; // none: no account
+    FixedClock clock{at(2030, 1, 9, 12)};      // a Wednesday, noon
+    std::shared_ptr<test::HookedCalDav> cloud; // none: no account
     Repository repository{
         std::make_unique<LocalRepository>(dir / "data", "EventsV1.db", center, clock)};
     Repository* store = &repository; // what the delegate is given
@@ -255,7 +255,7 @@ TEST_F(TrayApplicationTest, ChangesOfAnyThreadOrProcessAreHandledOnTheMainThread
 }
 
 TEST_F(TrayApplicationTest, TheCloudIsPulledBeforeTheFirstTitleAndSyncedOnChangesTicksAndAsking) {
-    cloud = std::make_shared<test::FakeCloudService>();
+    cloud = std::make_shared<test::HookedCalDav>();
     const std::string appZone{appZoneName};
     cloud->saveZone(appZone);
     auto seed = [&](const char* record, const char* name, Instant date) {
@@ -292,7 +292,7 @@ TEST_F(TrayApplicationTest, TheCloudIsPulledBeforeTheFirstTitleAndSyncedOnChange
     scheduler.fire();
     settle();
     EXPECT_NO_FATAL_FAILURE(indexOf("Another machine's - Jan 10, 2030"));
-    cloud->unseed(appZone, "rec-2.ics");
+    cloud->other.deleteRecord(appZone, "rec-2.ics", {});
     delegate->syncRequested();
     settle();
     auto titles = presenter.titles();

@@ -16,14 +16,14 @@ namespace {
 
 using namespace std::chrono;
 using test::event;
-using test::FakeCloudService;
+using test::HookedCalDav;
 using test::Names;
-using Op = FakeCloudService::Op;
+using Op = HookedCalDav::Op;
 
 // One process: its store and its sync, over the one server.
 struct Process : test::Machine {
     Process(const std::filesystem::path& home, const Clock& clock,
-            std::shared_ptr<FakeCloudService> fake)
+            std::shared_ptr<HookedCalDav> fake)
         : Machine(home, clock),
           sync(
               ledger, [fake] { return fake; }, defaults, clock, home / "EventsV1.db.sync-lock") {}
@@ -40,9 +40,10 @@ class CloudSyncTest : public ::testing::Test {
         return done();
     }
     // The calls that `stalls` picks wait until the service is cut off, three seconds at most.
-    void stallWhile(std::function<bool(const FakeCloudService::Call&)> stalls) {
-        fake->setOnCall([this, stalls](const FakeCloudService::Call& call) {
+    void stallWhile(std::function<bool(const HookedCalDav::Call&)> stalls) {
+        fake->setHook([this, stalls](const HookedCalDav::Call& call) {
             eventually([&] { return !stalls(call) || fake->cancelled(); });
+            return HookedCalDav::Failure::none;
         });
     }
     // Whether stop() returned within two seconds.
@@ -54,7 +55,7 @@ class CloudSyncTest : public ::testing::Test {
 
     test::TempDir dir;
     FixedClock clock{test::utc(2026, 11, 22)};
-    std::shared_ptr<FakeCloudService> fake = std::make_shared<FakeCloudService>();
+    std::shared_ptr<HookedCalDav> fake = std::make_shared<HookedCalDav>();
 };
 
 TEST_F(CloudSyncTest, OnlyAStoreThatNeverPulledHoldsItsFirstTitleForThePull) {
@@ -70,7 +71,10 @@ TEST_F(CloudSyncTest, OnlyAStoreThatNeverPulledHoldsItsFirstTitleForThePull) {
         recordFromEvent(CloudEvent{RecordId{"later", std::string(appZoneName)}, event("Later")}));
     std::promise<void> answer;
     std::shared_future<void> answered = answer.get_future().share();
-    fake->setOnCall([answered](const FakeCloudService::Call&) { answered.wait(); });
+    fake->setHook([answered](const HookedCalDav::Call&) {
+        answered.wait();
+        return HookedCalDav::Failure::none;
+    });
     std::atomic<int> posts{0};
     auto token = p->center.connect(std::string(eventChangeNotification), [&] { ++posts; });
     auto before = steady_clock::now();
@@ -106,7 +110,7 @@ TEST_F(CloudSyncTest, QuittingCutsThePassOffAndTheNextFinishesItWithoutCopies) {
     EXPECT_EQ(fake->stored(std::string(appZoneName)).size(), 2u);
 
     p = open();
-    fake->setOnCall({});
+    fake->setHook({});
     fake->resume();
     p->sync.populateFromCloud();
     PassResult r = p->sync.waitForSync();
@@ -149,16 +153,17 @@ TEST_F(CloudSyncTest, APassWaitsForTheCloudAndForAnotherProcessesPassButQuitting
 }
 
 TEST_F(CloudSyncTest, APassAskedForDuringOneRunsOnceAfterIt) {
-    fake->seedZone(std::string(appZoneName));
+    fake->other.saveZone(std::string(appZoneName));
     auto p = open();
     p->store.insert(*event("First"));
     std::promise<void> entered, release;
     std::shared_future<void> released = release.get_future().share();
-    fake->setOnCall([&, released](const FakeCloudService::Call& call) {
+    fake->setHook([&, released](const HookedCalDav::Call& call) {
         if (call.op == Op::create && fake->calls(Op::create) == 1) {
             entered.set_value();
             released.wait();
         }
+        return HookedCalDav::Failure::none;
     });
     p->sync.sync();
     const bool reached = entered.get_future().wait_for(3s) == std::future_status::ready;

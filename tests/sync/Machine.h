@@ -1,6 +1,6 @@
 #pragma once
 
-#include "FakeCloudService.h"
+#include "HookedCalDav.h"
 #include "Instants.h"
 #include "cloud/RecordMapping.h"
 #include "platform/Settings.h"
@@ -60,8 +60,7 @@ struct Machine {
 };
 
 // The names of the events a zone of the server holds, sorted.
-inline Names namesIn(const FakeCloudService& server,
-                     const std::string& zone = std::string(appZoneName)) {
+inline Names namesIn(HookedCalDav& server, const std::string& zone = std::string(appZoneName)) {
     Names names;
     FixedClock clock{Instant{}};
     for (const auto& [resource, remote] : server.stored(zone))

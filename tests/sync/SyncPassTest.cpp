@@ -1,4 +1,4 @@
-// The sync's rules over the in-memory cloud and the real SQLite file: two machines share one
+// The sync's rules over the CalDAV adapter and the real SQLite file: two machines share one
 // server; each case arranges one event on both sides and checks where every side ends.
 #include "sync/SyncPass.h"
 
@@ -13,11 +13,11 @@ namespace almanor {
 namespace {
 
 using test::event;
-using test::FakeCloudService;
+using test::HookedCalDav;
 using test::Machine;
 using test::Names;
-using Op = FakeCloudService::Op;
-using Failure = FakeCloudService::Failure;
+using Op = HookedCalDav::Op;
+using Failure = HookedCalDav::Failure;
 using namespace std::chrono_literals;
 
 const std::string zone(appZoneName);
@@ -33,7 +33,7 @@ class SyncRules : public ::testing::Test {
         return r;
     }
     Names serverNames() { return test::namesIn(*server); }
-    static bool writing(const FakeCloudService::Call& call) {
+    static bool writing(const HookedCalDav::Call& call) {
         return call.op == Op::create || call.op == Op::replace || call.op == Op::remove;
     }
     int writes() const {
@@ -54,7 +54,7 @@ class SyncRules : public ::testing::Test {
 
     test::TempDir dir;
     FixedClock clock{test::utc(2026, 11, 23, 9)};
-    std::shared_ptr<FakeCloudService> server = std::make_shared<FakeCloudService>();
+    std::shared_ptr<HookedCalDav> server = std::make_shared<HookedCalDav>();
     Machine a{dir / "a", clock};
 };
 
@@ -96,7 +96,8 @@ TEST_F(SyncRules, TheLaterChangeWinsHoweverThePassMeetsIt) {
                 continue;
             SCOPED_TRACE("case " + std::to_string(i) + ", timing " + std::to_string(timing));
             test::TempDir caseDir;
-            server = std::make_shared<FakeCloudService>();
+            server = std::make_shared<HookedCalDav>(server->server); // a clean zone
+            server->send("DELETE", zone);
             Machine ma{caseDir / "a", clock}, mb{caseDir / "b", clock};
             auto e = event("E");
             ma.store.insert(*e);
@@ -120,26 +121,27 @@ TEST_F(SyncRules, TheLaterChangeWinsHoweverThePassMeetsIt) {
             }
             bool landed = false;
             if (timing == during)
-                server->setOnCall([&](const FakeCloudService::Call& call) {
+                server->setHook([&](const HookedCalDav::Call& call) {
                     if (!landed && writing(call)) {
                         landed = true;
-                        ASSERT_TRUE(sync(mb).pushed);
+                        EXPECT_TRUE(sync(mb).pushed);
                     }
+                    return Failure::none;
                 });
             else
                 ASSERT_TRUE(sync(mb).pushed);
             if (timing == zoneLost)
-                server->dropZone(zone);
+                server->send("DELETE", zone);
             if (timing == answersLost)
-                server->setFailureHook([](const FakeCloudService::Call& call) {
+                server->setHook([](const HookedCalDav::Call& call) {
                     return writing(call) ? Failure::after : Failure::none;
                 });
-            const Names serverBefore = serverNames();
+            const Names serverBefore = timing == zoneLost ? Names{} : serverNames();
             server->resetCounts();
             test::LogCapture log;
             PassResult r = sync(ma);
             if (timing == answersLost) {
-                server->clearFailures();
+                server->setHook({});
                 server->resetCounts();
                 r = sync(ma);
                 EXPECT_EQ(writes(), 0) << "sent twice";
@@ -163,14 +165,15 @@ TEST_F(SyncRules, TheLaterChangeWinsHoweverThePassMeetsIt) {
 TEST_F(SyncRules, ACreateTheServerAlreadyHoldsIsAdopted) {
     auto raced = event("Raced");
     a.store.insert(*raced);
-    server->setOnCall([&](const FakeCloudService::Call& call) {
+    server->setHook([&](const HookedCalDav::Call& call) {
         if (call.op == Op::create) {
-            server->setOnCall({});
+            server->setHook({});
             auto row = a.row(raced->id());
             server->seed(recordFromEvent(CloudEvent{RecordId{row->record->recordName, zone},
                                                     row->event, row->updated}),
                          call.resource);
         }
+        return Failure::none;
     });
     test::LogCapture log;
     EXPECT_TRUE(sync(a).pushed);
@@ -220,7 +223,7 @@ TEST_F(SyncRules, AStoreSyncedBeforeRecordsWereKeptSendsNothingAgain) {
         });
     }
     // One of them was deleted on the server meanwhile.
-    server->unseed(zone, "rec-4.ics");
+    server->other.deleteRecord(zone, "rec-4.ics", {});
     server->resetCounts();
     EXPECT_TRUE(sync(a).pushed);
     EXPECT_EQ(server->calls(Op::changes), 1);
@@ -278,10 +281,11 @@ TEST_F(SyncRules, AnUndatedServerCopyWinsAndANeverSentDeletionIsForgotten) {
     ASSERT_TRUE(sync(a).pushed);
     a.rename(e->id(), "E-a");
     const RecordState state = *a.row(e->id())->record;
-    auto theirs =
-        makeEvent(e->id(), e->date(), "E-b", std::nullopt, Schedule::none, CountMethod::standard);
-    server->seed(recordFromEvent(CloudEvent{RecordId{state.recordName, zone}, theirs}),
-                 state.resource);
+    server->send(
+        "PUT", zone, state.resource,
+        "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//an app//EN\r\nBEGIN:VEVENT\r\nUID:" +
+            state.recordName +
+            "\r\nSUMMARY:E-b\r\nDTSTART;VALUE=DATE:20300501\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
     EXPECT_TRUE(sync(a).pushed);
     EXPECT_EQ(a.liveNames(), Names{"E-b"});
 
