@@ -40,10 +40,9 @@ class CloudSyncTest : public ::testing::Test {
         return done();
     }
     // The calls that `stalls` picks wait until the service is cut off, three seconds at most.
-    void stallWhile(std::function<bool(const HookedCalDav::Call&)> stalls) {
-        fake->setHook([this, stalls](const HookedCalDav::Call& call) {
-            eventually([&] { return !stalls(call) || fake->cancelled(); });
-            return HookedCalDav::Failure::none;
+    void stallWhile(std::function<bool(Op)> stalls) {
+        fake->onCall([this, stalls](Op op) {
+            eventually([&] { return !stalls(op) || fake->cancelled(); });
         });
     }
     // Whether stop() returned within two seconds.
@@ -71,10 +70,7 @@ TEST_F(CloudSyncTest, OnlyAStoreThatNeverPulledHoldsItsFirstTitleForThePull) {
         recordFromEvent(CloudEvent{RecordId{"later", std::string(appZoneName)}, event("Later")}));
     std::promise<void> answer;
     std::shared_future<void> answered = answer.get_future().share();
-    fake->setHook([answered](const HookedCalDav::Call&) {
-        answered.wait();
-        return HookedCalDav::Failure::none;
-    });
+    fake->onCall([answered](Op) { answered.wait(); });
     std::atomic<int> posts{0};
     auto token = p->center.connect(std::string(eventChangeNotification), [&] { ++posts; });
     auto before = steady_clock::now();
@@ -95,27 +91,25 @@ TEST_F(CloudSyncTest, QuittingCutsThePassOffAndTheNextFinishesItWithoutCopies) {
     auto p = open();
     for (int i = 0; i < 10; ++i)
         p->store.insert(*event("E" + std::to_string(i)));
-    stallWhile([](const auto& call) { return call.op == Op::status; });
+    stallWhile([](Op op) { return op == Op::status; });
     p->sync.sync();
     ASSERT_TRUE(eventually([&] { return fake->calls(Op::status) > 0; }));
     EXPECT_TRUE(stopsPromptly(*p)) << "quitting waited for the password";
 
+    fake = std::make_shared<HookedCalDav>(fake->server); // the next process's, to the same server
     p = open();
-    fake->resume();
-    stallWhile(
-        [this](const auto& call) { return call.op == Op::create && fake->calls(Op::create) >= 3; });
+    stallWhile([this](Op op) { return op == Op::create && fake->calls(Op::create) >= 3; });
     p->sync.sync();
     ASSERT_TRUE(eventually([&] { return fake->calls(Op::create) >= 3; }));
     EXPECT_TRUE(stopsPromptly(*p)) << "quitting waited for the network";
-    EXPECT_EQ(fake->stored(std::string(appZoneName)).size(), 2u);
+    EXPECT_EQ(fake->names().size(), 2u);
 
+    fake = std::make_shared<HookedCalDav>(fake->server);
     p = open();
-    fake->setHook({});
-    fake->resume();
     p->sync.populateFromCloud();
     PassResult r = p->sync.waitForSync();
     EXPECT_TRUE(r.pulled && r.pushed) << r.problem;
-    EXPECT_EQ(fake->stored(std::string(appZoneName)).size(), 10u);
+    EXPECT_EQ(fake->names().size(), 10u);
     EXPECT_EQ(p->pending(), 0u);
 }
 
@@ -140,7 +134,7 @@ TEST_F(CloudSyncTest, APassWaitsForTheCloudAndForAnotherProcessesPassButQuitting
     EXPECT_EQ(fake->requests(), 0) << "ran before the network came back or beside another pass";
     other.reset();
     EXPECT_TRUE(p->sync.waitForSync().pushed);
-    EXPECT_EQ(test::namesIn(*fake), Names{"A"});
+    EXPECT_EQ(fake->names(), Names{"A"});
 
     other.emplace(dir / "EventsV1.db.sync-lock");
     p->store.insert(*event("B"));
@@ -158,12 +152,11 @@ TEST_F(CloudSyncTest, APassAskedForDuringOneRunsOnceAfterIt) {
     p->store.insert(*event("First"));
     std::promise<void> entered, release;
     std::shared_future<void> released = release.get_future().share();
-    fake->setHook([&, released](const HookedCalDav::Call& call) {
-        if (call.op == Op::create && fake->calls(Op::create) == 1) {
+    fake->onCall([&, released](Op op) {
+        if (op == Op::create && fake->calls(Op::create) == 1) {
             entered.set_value();
             released.wait();
         }
-        return HookedCalDav::Failure::none;
     });
     p->sync.sync();
     const bool reached = entered.get_future().wait_for(3s) == std::future_status::ready;
@@ -174,7 +167,7 @@ TEST_F(CloudSyncTest, APassAskedForDuringOneRunsOnceAfterIt) {
     release.set_value();
     ASSERT_TRUE(reached);
     p->sync.waitForSync();
-    EXPECT_EQ(test::namesIn(*fake), (Names{"First", "Second"}));
+    EXPECT_EQ(fake->names(), (Names{"First", "Second"}));
     EXPECT_EQ(fake->calls(Op::create), 2);
     EXPECT_EQ(fake->calls(Op::changes), 2) << "the two asks while one ran make one pass";
 }
@@ -204,8 +197,8 @@ TEST_F(CloudSyncTest, OlderLayoutsZoneArrivesUnlinkedAndMovesToTheAppZone) {
     EXPECT_EQ(log.lines(), Names{"Synced: 1 received, 2 sent"});
     EXPECT_EQ(p->liveNames(), (Names{"Edited here", "Old"}));
     // Pushed into the app's zone; the older zone is left alone.
-    EXPECT_EQ(test::namesIn(*fake), (Names{"Edited here", "Old"}));
-    EXPECT_EQ(test::namesIn(*fake, legacy), (Names{"Deleted", "Edited", "Old"}));
+    EXPECT_EQ(fake->names(), (Names{"Edited here", "Old"}));
+    EXPECT_EQ(fake->names(legacy), (Names{"Deleted", "Edited", "Old"}));
     EXPECT_EQ(p->pending(), 0u);
 }
 

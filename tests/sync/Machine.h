@@ -2,7 +2,6 @@
 
 #include "HookedCalDav.h"
 #include "Instants.h"
-#include "cloud/RecordMapping.h"
 #include "platform/Settings.h"
 #include "platform/SettingsFile.h"
 #include "storage/LocalRepository.h"
@@ -58,15 +57,5 @@ struct Machine {
     LocalRepository store;
     LocalSyncLedger ledger{store};
 };
-
-// The names of the events a zone of the server holds, sorted.
-inline Names namesIn(HookedCalDav& server, const std::string& zone = std::string(appZoneName)) {
-    Names names;
-    FixedClock clock{Instant{}};
-    for (const auto& [resource, remote] : server.stored(zone))
-        names.push_back(eventFromRecord(remote.record, clock).event->name());
-    std::sort(names.begin(), names.end());
-    return names;
-}
 
 } // namespace almanor::test
