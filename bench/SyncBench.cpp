@@ -1,7 +1,6 @@
-// The cloud logic's own cost, with the cloud in memory so that only the mapping, the store's
-// writes and the bookkeeping are measured: a full pull of N records into an empty store, and
-// the first push of N new events.
-#include "FakeCloudService.h"
+// The cloud logic's cost over the CalDAV adapter and the tests' scripted server on loopback: a
+// full pull of N records into an empty store, and the first push of N new events.
+#include "HookedCalDav.h"
 #include "TempDir.h"
 #include "cloud/RecordMapping.h"
 #include "platform/Log.h"
@@ -23,7 +22,7 @@ struct Store {
     Signals center;
     SystemClock clock;
     SettingsFile defaults{dir / "settings.ini"};
-    std::shared_ptr<test::FakeCloudService> fake = std::make_shared<test::FakeCloudService>();
+    std::shared_ptr<test::HookedCalDav> fake = std::make_shared<test::HookedCalDav>();
     Repository repository{
         std::make_unique<LocalRepository>(dir / "Almanor", "EventsV1.db", center, clock)};
     LocalSyncLedger ledger{(createTable(), repository.local())};
@@ -55,7 +54,7 @@ void pullIntoEmptyStore(benchmark::State& state) {
     for (auto _ : state) {
         state.PauseTiming();
         auto store = std::make_unique<Store>();
-        store->fake->seedZone(std::string(appZoneName));
+        store->fake->other.saveZone(std::string(appZoneName));
         for (int i = 0; i < n; ++i)
             store->fake->seed(recordFromEvent(CloudEvent{std::nullopt, someEvent(i)}));
         state.ResumeTiming();

@@ -1,6 +1,6 @@
 #include "shell/TrayApplication.h"
 
-#include "FakeCloudService.h"
+#include "HookedCalDav.h"
 #include "Language.h"
 #include "LocalInstants.h"
 #include "LogCapture.h"
@@ -69,8 +69,8 @@ class TrayApplicationTest : public InNewYork {
     test::TempDir dir;
     Signals center;
     SettingsFile defaults{dir / "config/settings.ini"};
-    FixedClock clock{at(2030, 1, 9, 12)};          // a Wednesday, noon
-    std::shared_ptr<test::FakeCloudService> cloud; // none: no account
+    FixedClock clock{at(2030, 1, 9, 12)};      // a Wednesday, noon
+    std::shared_ptr<test::HookedCalDav> cloud; // none: no account
     Repository repository{
         std::make_unique<LocalRepository>(dir / "data", "EventsV1.db", center, clock)};
     Repository* store = &repository; // what the delegate is given
@@ -245,9 +245,8 @@ TEST_F(TrayApplicationTest, ChangesOfAnyThreadOrProcessAreHandledOnTheMainThread
 }
 
 TEST_F(TrayApplicationTest, TheCloudIsPulledBeforeTheFirstTitleAndSyncedOnChangesTicksAndAsking) {
-    cloud = std::make_shared<test::FakeCloudService>();
+    cloud = std::make_shared<test::HookedCalDav>();
     const std::string appZone{appZoneName};
-    cloud->saveZone(appZone);
     auto seed = [&](const char* record, const char* name, Instant date) {
         cloud->seed(recordFromEvent(CloudEvent{RecordId{record, appZone},
                                                makeEvent(Uuid::random(), date, name, std::nullopt,
@@ -255,10 +254,7 @@ TEST_F(TrayApplicationTest, TheCloudIsPulledBeforeTheFirstTitleAndSyncedOnChange
     };
     auto inCloud = [&](const std::string& name) {
         cloudSync.waitForSync();
-        for (const auto& [resource, remote] : cloud->stored(appZone))
-            if (eventFromRecord(remote.record, clock).event->name() == name)
-                return true;
-        return false;
+        return std::ranges::count(cloud->names(), name) > 0;
     };
     seed("rec-1", "From the cloud", at(2030, 1, 11));
     // Until the passes that the pulled changes' notices start have run too.
@@ -282,7 +278,7 @@ TEST_F(TrayApplicationTest, TheCloudIsPulledBeforeTheFirstTitleAndSyncedOnChange
     scheduler.fire();
     settle();
     EXPECT_NO_FATAL_FAILURE(indexOf("Another machine's - Jan 10, 2030"));
-    cloud->unseed(appZone, "rec-2.ics");
+    cloud->other.deleteRecord(appZone, "rec-2.ics", {});
     delegate->syncRequested();
     settle();
     auto titles = presenter.titles();

@@ -38,6 +38,7 @@ STORE = types.SimpleNamespace(lock=threading.Lock(), collections={}, seq=0)
 
 class Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
+    disable_nagle_algorithm = True  # headers and body go out as they are written
     server_version = "ScriptedDav"
 
     def control(self):
@@ -204,6 +205,11 @@ class Handler(http.server.BaseHTTPRequestHandler):
         collection, name = self.split(path)
         with STORE.lock:
             col = STORE.collections.get(collection)
+            if col is not None and name is None:  # the whole calendar
+                del STORE.collections[collection]
+                STORE.seq += 1
+                self.send(204)
+                return
             current = col["resources"].get(name) if col else None
             if current is None:
                 self.send(404)

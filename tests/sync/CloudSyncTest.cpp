@@ -16,23 +16,23 @@ namespace {
 
 using namespace std::chrono;
 using test::event;
-using test::FakeCloudService;
+using test::HookedCalDav;
 using test::Names;
-using Op = FakeCloudService::Op;
+using Op = HookedCalDav::Op;
 
 // One process: its store and its sync, over the one server.
 struct Process : test::Machine {
     Process(const std::filesystem::path& home, const Clock& clock,
-            std::shared_ptr<FakeCloudService> fake)
+            std::shared_ptr<HookedCalDav> cloud)
         : Machine(home, clock),
           sync(
-              ledger, [fake] { return fake; }, defaults, clock, home / "EventsV1.db.sync-lock") {}
+              ledger, [cloud] { return cloud; }, defaults, clock, home / "EventsV1.db.sync-lock") {}
     CloudSync sync;
 };
 
 class CloudSyncTest : public ::testing::Test {
   protected:
-    std::unique_ptr<Process> open() { return std::make_unique<Process>(dir.path(), clock, fake); }
+    std::unique_ptr<Process> open() { return std::make_unique<Process>(dir.path(), clock, cloud); }
     // Whether `done` holds within three seconds.
     static bool eventually(const std::function<bool()>& done) {
         for (int i = 0; i < 600 && !done(); ++i)
@@ -40,9 +40,9 @@ class CloudSyncTest : public ::testing::Test {
         return done();
     }
     // The calls that `stalls` picks wait until the service is cut off, three seconds at most.
-    void stallWhile(std::function<bool(const FakeCloudService::Call&)> stalls) {
-        fake->setOnCall([this, stalls](const FakeCloudService::Call& call) {
-            eventually([&] { return !stalls(call) || fake->cancelled(); });
+    void stallWhile(std::function<bool(Op)> stalls) {
+        cloud->onCall([this, stalls](Op op) {
+            eventually([&] { return !stalls(op) || cloud->cancelled(); });
         });
     }
     // Whether stop() returned within two seconds.
@@ -54,11 +54,11 @@ class CloudSyncTest : public ::testing::Test {
 
     test::TempDir dir;
     FixedClock clock{test::utc(2026, 11, 22)};
-    std::shared_ptr<FakeCloudService> fake = std::make_shared<FakeCloudService>();
+    std::shared_ptr<HookedCalDav> cloud = std::make_shared<HookedCalDav>();
 };
 
 TEST_F(CloudSyncTest, OnlyAStoreThatNeverPulledHoldsItsFirstTitleForThePull) {
-    fake->seed(
+    cloud->seed(
         recordFromEvent(CloudEvent{RecordId{"first", std::string(appZoneName)}, event("First")}));
     auto p = open();
     p->sync.populateFromCloud();
@@ -66,11 +66,11 @@ TEST_F(CloudSyncTest, OnlyAStoreThatNeverPulledHoldsItsFirstTitleForThePull) {
     p->sync.waitForSync();
 
     // In step before: a slow server holds neither the start nor the change it brings.
-    fake->seed(
+    cloud->seed(
         recordFromEvent(CloudEvent{RecordId{"later", std::string(appZoneName)}, event("Later")}));
     std::promise<void> answer;
     std::shared_future<void> answered = answer.get_future().share();
-    fake->setOnCall([answered](const FakeCloudService::Call&) { answered.wait(); });
+    cloud->onCall([answered](Op) { answered.wait(); });
     std::atomic<int> posts{0};
     auto token = p->center.connect(std::string(eventChangeNotification), [&] { ++posts; });
     auto before = steady_clock::now();
@@ -91,41 +91,39 @@ TEST_F(CloudSyncTest, QuittingCutsThePassOffAndTheNextFinishesItWithoutCopies) {
     auto p = open();
     for (int i = 0; i < 10; ++i)
         p->store.insert(*event("E" + std::to_string(i)));
-    stallWhile([](const auto& call) { return call.op == Op::status; });
+    stallWhile([](Op op) { return op == Op::status; });
     p->sync.sync();
-    ASSERT_TRUE(eventually([&] { return fake->calls(Op::status) > 0; }));
+    ASSERT_TRUE(eventually([&] { return cloud->calls(Op::status) > 0; }));
     EXPECT_TRUE(stopsPromptly(*p)) << "quitting waited for the password";
 
+    cloud = std::make_shared<HookedCalDav>(cloud->server); // the next process's, to the same server
     p = open();
-    fake->resume();
-    stallWhile(
-        [this](const auto& call) { return call.op == Op::create && fake->calls(Op::create) >= 3; });
+    stallWhile([this](Op op) { return op == Op::create && cloud->calls(Op::create) >= 3; });
     p->sync.sync();
-    ASSERT_TRUE(eventually([&] { return fake->calls(Op::create) >= 3; }));
+    ASSERT_TRUE(eventually([&] { return cloud->calls(Op::create) >= 3; }));
     EXPECT_TRUE(stopsPromptly(*p)) << "quitting waited for the network";
-    EXPECT_EQ(fake->stored(std::string(appZoneName)).size(), 2u);
+    EXPECT_EQ(cloud->names().size(), 2u);
 
+    cloud = std::make_shared<HookedCalDav>(cloud->server);
     p = open();
-    fake->setOnCall({});
-    fake->resume();
     p->sync.populateFromCloud();
     PassResult r = p->sync.waitForSync();
     EXPECT_TRUE(r.pulled && r.pushed) << r.problem;
-    EXPECT_EQ(fake->stored(std::string(appZoneName)).size(), 10u);
+    EXPECT_EQ(cloud->names().size(), 10u);
     EXPECT_EQ(p->pending(), 0u);
 }
 
 // A pass waits for an account, for the network once the cloud was out of reach, and for another
 // process's pass, which quitting does not wait for.
 TEST_F(CloudSyncTest, APassWaitsForTheCloudAndForAnotherProcessesPassButQuittingDoesNot) {
-    fake->setAccountStatus(AccountStatus::noAccount);
+    cloud->setAccountStatus(AccountStatus::noAccount);
     auto p = open();
     p->store.insert(*event("A"));
     test::LogCapture log;
     p->sync.populateFromCloud();
     EXPECT_FALSE(p->sync.waitForSync().pushed);
     EXPECT_TRUE(log.lines().empty()); // nothing a user without an account could act on
-    fake->setAccountStatus(AccountStatus::available);
+    cloud->setAccountStatus(AccountStatus::available);
     p->sync.sync();
     EXPECT_FALSE(p->sync.waitForSync().pushed) << "gave up until the network comes back";
     EXPECT_EQ(p->pending(), 1u);
@@ -133,10 +131,10 @@ TEST_F(CloudSyncTest, APassWaitsForTheCloudAndForAnotherProcessesPassButQuitting
     ASSERT_TRUE(other->held());
     p->sync.networkCameBack();
     std::this_thread::sleep_for(250ms);
-    EXPECT_EQ(fake->requests(), 0) << "ran before the network came back or beside another pass";
+    EXPECT_EQ(cloud->requests(), 0) << "ran before the network came back or beside another pass";
     other.reset();
     EXPECT_TRUE(p->sync.waitForSync().pushed);
-    EXPECT_EQ(test::namesIn(*fake), Names{"A"});
+    EXPECT_EQ(cloud->names(), Names{"A"});
 
     other.emplace(dir / "EventsV1.db.sync-lock");
     p->store.insert(*event("B"));
@@ -149,13 +147,13 @@ TEST_F(CloudSyncTest, APassWaitsForTheCloudAndForAnotherProcessesPassButQuitting
 }
 
 TEST_F(CloudSyncTest, APassAskedForDuringOneRunsOnceAfterIt) {
-    fake->seedZone(std::string(appZoneName));
+    cloud->other.saveZone(std::string(appZoneName));
     auto p = open();
     p->store.insert(*event("First"));
     std::promise<void> entered, release;
     std::shared_future<void> released = release.get_future().share();
-    fake->setOnCall([&, released](const FakeCloudService::Call& call) {
-        if (call.op == Op::create && fake->calls(Op::create) == 1) {
+    cloud->onCall([&, released](Op op) {
+        if (op == Op::create && cloud->calls(Op::create) == 1) {
             entered.set_value();
             released.wait();
         }
@@ -169,9 +167,9 @@ TEST_F(CloudSyncTest, APassAskedForDuringOneRunsOnceAfterIt) {
     release.set_value();
     ASSERT_TRUE(reached);
     p->sync.waitForSync();
-    EXPECT_EQ(test::namesIn(*fake), (Names{"First", "Second"}));
-    EXPECT_EQ(fake->calls(Op::create), 2);
-    EXPECT_EQ(fake->calls(Op::changes), 2) << "the two asks while one ran make one pass";
+    EXPECT_EQ(cloud->names(), (Names{"First", "Second"}));
+    EXPECT_EQ(cloud->calls(Op::create), 2);
+    EXPECT_EQ(cloud->calls(Op::changes), 2) << "the two asks while one ran make one pass";
 }
 
 // Besides a record of its own, the older layout's zone holds the copies of two rows linked to
@@ -180,11 +178,11 @@ TEST_F(CloudSyncTest, OlderLayoutsZoneArrivesUnlinkedAndMovesToTheAppZone) {
     const std::string legacy(legacyZoneName);
     auto p = open();
     p->defaults.setBoolean(Settings::appZoneUsed, false);
-    fake->seed(recordFromEvent(CloudEvent{RecordId{"old", legacy}, event("Old")}));
+    cloud->seed(recordFromEvent(CloudEvent{RecordId{"old", legacy}, event("Old")}));
     auto edited = event("Edited"), deleted = event("Deleted");
     for (const auto& e : {edited, deleted}) {
         p->store.insert(*e);
-        fake->seed(recordFromEvent(CloudEvent{RecordId{e->name(), legacy}, e}));
+        cloud->seed(recordFromEvent(CloudEvent{RecordId{e->name(), legacy}, e}));
         p->ledger.markPushed(e->id(), RecordState{e->name(), e->name() + ".ics", ""},
                              p->row(e->id())->updated);
         p->ledger.dropRecord(e->id()); // as the older layout left them: a name, no record state
@@ -199,8 +197,8 @@ TEST_F(CloudSyncTest, OlderLayoutsZoneArrivesUnlinkedAndMovesToTheAppZone) {
     EXPECT_EQ(log.lines(), Names{"Synced: 1 received, 2 sent"});
     EXPECT_EQ(p->liveNames(), (Names{"Edited here", "Old"}));
     // Pushed into the app's zone; the older zone is left alone.
-    EXPECT_EQ(test::namesIn(*fake), (Names{"Edited here", "Old"}));
-    EXPECT_EQ(test::namesIn(*fake, legacy), (Names{"Deleted", "Edited", "Old"}));
+    EXPECT_EQ(cloud->names(), (Names{"Edited here", "Old"}));
+    EXPECT_EQ(cloud->names(legacy), (Names{"Deleted", "Edited", "Old"}));
     EXPECT_EQ(p->pending(), 0u);
 }
 

@@ -1,8 +1,7 @@
 #pragma once
 
-#include "FakeCloudService.h"
+#include "HookedCalDav.h"
 #include "Instants.h"
-#include "cloud/RecordMapping.h"
 #include "platform/Settings.h"
 #include "platform/SettingsFile.h"
 #include "storage/LocalRepository.h"
@@ -58,16 +57,5 @@ struct Machine {
     LocalRepository store;
     LocalSyncLedger ledger{store};
 };
-
-// The names of the events a zone of the server holds, sorted.
-inline Names namesIn(const FakeCloudService& server,
-                     const std::string& zone = std::string(appZoneName)) {
-    Names names;
-    FixedClock clock{Instant{}};
-    for (const auto& [resource, remote] : server.stored(zone))
-        names.push_back(eventFromRecord(remote.record, clock).event->name());
-    std::sort(names.begin(), names.end());
-    return names;
-}
 
 } // namespace almanor::test

@@ -1,4 +1,4 @@
-// The sync's rules over the in-memory cloud and the real SQLite file: two machines share one
+// The sync's rules over the CalDAV adapter and the real SQLite file: two machines share one
 // server; each case arranges one event on both sides and checks where every side ends.
 #include "sync/SyncPass.h"
 
@@ -8,16 +8,17 @@
 #include "cloud/CloudRepository.h"
 
 #include <gtest/gtest.h>
+#include <regex>
 
 namespace almanor {
 namespace {
 
 using test::event;
-using test::FakeCloudService;
+using test::HookedCalDav;
 using test::Machine;
 using test::Names;
-using Op = FakeCloudService::Op;
-using Failure = FakeCloudService::Failure;
+using Op = HookedCalDav::Op;
+using Failure = HookedCalDav::Failure;
 using namespace std::chrono_literals;
 
 const std::string zone(appZoneName);
@@ -32,29 +33,23 @@ class SyncRules : public ::testing::Test {
         clock.advance(1s);
         return r;
     }
-    Names serverNames() { return test::namesIn(*server); }
-    static bool writing(const FakeCloudService::Call& call) {
-        return call.op == Op::create || call.op == Op::replace || call.op == Op::remove;
-    }
+    static bool writing(Op op) { return op == Op::create || op == Op::replace || op == Op::remove; }
     int writes() const {
         return server->calls(Op::create) + server->calls(Op::replace) + server->calls(Op::remove);
     }
-    // "kept K, dropped D" of the conflict lines logged, one per line.
+    // "kept K, dropped D" of the conflict lines logged: their times left out.
     static Names conflicts(const test::LogCapture& log) {
         Names out;
         for (const auto& line : log.lines())
-            if (line.rfind("Conflict on \"", 0) == 0) {
-                auto kept = line.find("kept "), of = line.find(" of ", kept);
-                auto dropped = line.find("dropped "), of2 = line.find(" of ", dropped);
-                out.push_back(line.substr(kept, of - kept) + ", " +
-                              line.substr(dropped, of2 - dropped));
-            }
+            if (line.rfind("Conflict on \"", 0) == 0)
+                out.push_back(std::regex_replace(line.substr(line.find("kept ")),
+                                                 std::regex(" of [^,]*"), ""));
         return out;
     }
 
     test::TempDir dir;
     FixedClock clock{test::utc(2026, 11, 23, 9)};
-    std::shared_ptr<FakeCloudService> server = std::make_shared<FakeCloudService>();
+    std::shared_ptr<HookedCalDav> server = std::make_shared<HookedCalDav>();
     Machine a{dir / "a", clock};
 };
 
@@ -96,7 +91,8 @@ TEST_F(SyncRules, TheLaterChangeWinsHoweverThePassMeetsIt) {
                 continue;
             SCOPED_TRACE("case " + std::to_string(i) + ", timing " + std::to_string(timing));
             test::TempDir caseDir;
-            server = std::make_shared<FakeCloudService>();
+            server = std::make_shared<HookedCalDav>(server->server); // a clean zone
+            server->send("DELETE", zone);
             Machine ma{caseDir / "a", clock}, mb{caseDir / "b", clock};
             auto e = event("E");
             ma.store.insert(*e);
@@ -120,8 +116,8 @@ TEST_F(SyncRules, TheLaterChangeWinsHoweverThePassMeetsIt) {
             }
             bool landed = false;
             if (timing == during)
-                server->setOnCall([&](const FakeCloudService::Call& call) {
-                    if (!landed && writing(call)) {
+                server->onCall([&](Op op) {
+                    if (!landed && writing(op)) {
                         landed = true;
                         ASSERT_TRUE(sync(mb).pushed);
                     }
@@ -129,17 +125,15 @@ TEST_F(SyncRules, TheLaterChangeWinsHoweverThePassMeetsIt) {
             else
                 ASSERT_TRUE(sync(mb).pushed);
             if (timing == zoneLost)
-                server->dropZone(zone);
+                server->send("DELETE", zone);
             if (timing == answersLost)
-                server->setFailureHook([](const FakeCloudService::Call& call) {
-                    return writing(call) ? Failure::after : Failure::none;
-                });
-            const Names serverBefore = serverNames();
+                server->setHook([](Op op) { return writing(op) ? Failure::after : Failure::none; });
+            const Names serverBefore = timing == zoneLost ? Names{} : server->names();
             server->resetCounts();
             test::LogCapture log;
             PassResult r = sync(ma);
             if (timing == answersLost) {
-                server->clearFailures();
+                server->setHook({});
                 server->resetCounts();
                 r = sync(ma);
                 EXPECT_EQ(writes(), 0) << "sent twice";
@@ -154,7 +148,7 @@ TEST_F(SyncRules, TheLaterChangeWinsHoweverThePassMeetsIt) {
                 EXPECT_EQ(m->liveNames(), c.ends);
                 EXPECT_EQ(m->pending(), 0u);
             }
-            EXPECT_EQ(serverNames(), c.ends);
+            EXPECT_EQ(server->names(), c.ends);
         }
 }
 
@@ -163,18 +157,18 @@ TEST_F(SyncRules, TheLaterChangeWinsHoweverThePassMeetsIt) {
 TEST_F(SyncRules, ACreateTheServerAlreadyHoldsIsAdopted) {
     auto raced = event("Raced");
     a.store.insert(*raced);
-    server->setOnCall([&](const FakeCloudService::Call& call) {
-        if (call.op == Op::create) {
-            server->setOnCall({});
+    server->onCall([&](Op op) {
+        if (op == Op::create) {
+            server->setHook({});
             auto row = a.row(raced->id());
             server->seed(recordFromEvent(CloudEvent{RecordId{row->record->recordName, zone},
                                                     row->event, row->updated}),
-                         call.resource);
+                         row->record->resource);
         }
     });
     test::LogCapture log;
     EXPECT_TRUE(sync(a).pushed);
-    EXPECT_EQ(serverNames(), Names{"Raced"});
+    EXPECT_EQ(server->names(), Names{"Raced"});
     EXPECT_EQ(server->calls(Op::create), 1);
     EXPECT_EQ(a.pending(), 0u);
     EXPECT_EQ(conflicts(log), Names{});
@@ -200,7 +194,7 @@ TEST_F(SyncRules, BadRecordsAreSkippedWithTheirLineAndThePullGoesOn) {
     EXPECT_TRUE(sync(a).pulled);
     EXPECT_EQ(a.liveNames(), (Names{"Dentist", "Dup", "Good"}));
     // Nothing of the skipped records is sent back, and the store takes writes again.
-    EXPECT_EQ(server->stored(zone).size(), 5u);
+    EXPECT_EQ(server->names().size(), 5u);
     EXPECT_EQ(a.pending(), 0u);
     EXPECT_NO_THROW(a.store.insert(*event("Later")));
 }
@@ -220,7 +214,7 @@ TEST_F(SyncRules, AStoreSyncedBeforeRecordsWereKeptSendsNothingAgain) {
         });
     }
     // One of them was deleted on the server meanwhile.
-    server->unseed(zone, "rec-4.ics");
+    server->other.deleteRecord(zone, "rec-4.ics", {});
     server->resetCounts();
     EXPECT_TRUE(sync(a).pushed);
     EXPECT_EQ(server->calls(Op::changes), 1);
@@ -242,10 +236,10 @@ TEST_F(SyncRules, ARowAddedDuringThePushWaitsForTheNextPass) {
         added.uuidString() +
         "', 'Meanwhile', date, schedule, method, created, updated FROM events; END");
     EXPECT_TRUE(sync(a).pushed);
-    EXPECT_EQ(serverNames(), Names{"Named"});
+    EXPECT_EQ(server->names(), Names{"Named"});
     EXPECT_TRUE(sync(a).pushed);
-    EXPECT_EQ(serverNames(), (Names{"Meanwhile", "Named"}));
-    EXPECT_TRUE(server->stored(zone).count(a.row(added)->record->resource));
+    EXPECT_EQ(server->names(), (Names{"Meanwhile", "Named"}));
+    EXPECT_TRUE(server->other.fetchRecord(zone, a.row(added)->record->resource));
     EXPECT_EQ(a.pending(), 0u);
 }
 
@@ -258,7 +252,7 @@ TEST_F(SyncRules, AFailedMarkTransactionDuplicatesNothing) {
                              "BEGIN SELECT RAISE(FAIL, 'disk full'); END");
     test::LogCapture log;
     EXPECT_FALSE(sync(a).pushed);
-    EXPECT_EQ(server->stored(zone).size(), 1u);
+    EXPECT_EQ(server->names().size(), 1u);
     EXPECT_TRUE(a.row(e->id())->pending());
     EXPECT_EQ(log.lines().back().rfind("Failed to sync inserted: disk full", 0), 0u)
         << log.lines().back();
@@ -278,10 +272,11 @@ TEST_F(SyncRules, AnUndatedServerCopyWinsAndANeverSentDeletionIsForgotten) {
     ASSERT_TRUE(sync(a).pushed);
     a.rename(e->id(), "E-a");
     const RecordState state = *a.row(e->id())->record;
-    auto theirs =
-        makeEvent(e->id(), e->date(), "E-b", std::nullopt, Schedule::none, CountMethod::standard);
-    server->seed(recordFromEvent(CloudEvent{RecordId{state.recordName, zone}, theirs}),
-                 state.resource);
+    server->send(
+        "PUT", zone, state.resource,
+        "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//an app//EN\r\nBEGIN:VEVENT\r\nUID:" +
+            state.recordName +
+            "\r\nSUMMARY:E-b\r\nDTSTART;VALUE=DATE:20300501\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
     EXPECT_TRUE(sync(a).pushed);
     EXPECT_EQ(a.liveNames(), Names{"E-b"});
 
