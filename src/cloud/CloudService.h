@@ -78,9 +78,9 @@ struct ALMANOR_EXPORT ZoneChanges {
     bool complete = false;
 };
 
-// The operations of the user's private cloud database that the cloud logic uses. An adapter
-// (CalDAV) implements them over the network, a fake in memory. Every call may be made from any
-// thread; each request ends within the adapter's bounded waits, or at once after cancel().
+// The operations of the user's private cloud database that the cloud logic uses, implemented over
+// the network by an adapter (CalDAV). Every call may be made from any thread; each request ends
+// within the adapter's bounded waits, or at once after cancel().
 class ALMANOR_EXPORT CloudService {
   public:
     // The name that stands for the database's default zone.
