@@ -1,6 +1,7 @@
-// The cloud logic's cost over the CalDAV adapter and the tests' scripted server on loopback: a
-// full pull of N records into an empty store, and the first push of N new events.
-#include "HookedCalDav.h"
+// The cloud logic's own cost, with the cloud in memory so that only the mapping, the store's
+// writes and the bookkeeping are measured: a full pull of N records into an empty store, and
+// the first push of N new events.
+#include "MemoryCloud.h"
 #include "TempDir.h"
 #include "cloud/RecordMapping.h"
 #include "platform/Log.h"
@@ -22,11 +23,11 @@ struct Store {
     Signals center;
     SystemClock clock;
     SettingsFile defaults{dir / "settings.ini"};
-    std::shared_ptr<test::HookedCalDav> fake = std::make_shared<test::HookedCalDav>();
+    std::shared_ptr<bench::MemoryCloud> cloud = std::make_shared<bench::MemoryCloud>();
     Repository repository{
         std::make_unique<LocalRepository>(dir / "Almanor", "EventsV1.db", center, clock)};
     LocalSyncLedger ledger{(createTable(), repository.local())};
-    CloudSync sync{ledger, [this] { return std::static_pointer_cast<CloudService>(fake); },
+    CloudSync sync{ledger, [this] { return std::static_pointer_cast<CloudService>(cloud); },
                    defaults, clock, dir / "Almanor/EventsV1.db.sync-lock"};
     int createTable() {
         repository.local().connection().run(
@@ -54,9 +55,9 @@ void pullIntoEmptyStore(benchmark::State& state) {
     for (auto _ : state) {
         state.PauseTiming();
         auto store = std::make_unique<Store>();
-        store->fake->other.saveZone(std::string(appZoneName));
+        store->cloud->saveZone(std::string(appZoneName));
         for (int i = 0; i < n; ++i)
-            store->fake->seed(recordFromEvent(CloudEvent{std::nullopt, someEvent(i)}));
+            store->cloud->seed(recordFromEvent(CloudEvent{std::nullopt, someEvent(i)}));
         state.ResumeTiming();
         store->sync.populateFromCloud();
         state.PauseTiming();
