@@ -21,8 +21,6 @@ namespace almanor::test {
 
 class LoopbackServer {
   public:
-    LoopbackServer(const LoopbackServer&) = delete;
-    LoopbackServer& operator=(const LoopbackServer&) = delete;
     ~LoopbackServer() {
         ::close(input_);
         if (pid_ > 0)

@@ -1,6 +1,5 @@
-#!/usr/bin/python3
-"""A small CalDAV server in memory for tests, which misbehaves on demand. Usage: scripted_dav.py
---port N --control FILE --log FILE [--principal URL] [--home URL] [--no-sync-collection]
+"""A small CalDAV server in memory for tests, which misbehaves on demand; harness.py runs its main()
+with --port N --control FILE --log FILE [--principal URL] [--home URL] [--no-sync-collection]
 
 It holds the calendars of alice (password s3cret) on 127.0.0.1:N; --principal and --home name her
 principal and calendar home elsewhere, another server included. Before each request it reads the
@@ -17,7 +16,6 @@ import base64
 import hashlib
 import http.server
 import socketserver
-import sys
 import threading
 import time
 import types
@@ -290,6 +288,3 @@ def main():
     server.sync_collection = not args.no_sync_collection
     server.serve_forever()
 
-
-if __name__ == "__main__":
-    sys.exit(main())

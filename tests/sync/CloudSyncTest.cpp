@@ -45,7 +45,6 @@ class CloudSyncTest : public ::testing::Test {
             eventually([&] { return !stalls(op) || cloud->cancelled(); });
         });
     }
-    // Whether stop() returned within two seconds.
     static bool stopsPromptly(Process& p) {
         auto before = steady_clock::now();
         p.sync.stop();

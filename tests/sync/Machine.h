@@ -34,10 +34,9 @@ struct Machine {
     }
     void remove(const Uuid& id) { store.deleteEvent(*row(id)->event); }
     std::optional<SyncRow> row(const Uuid& id) {
-        for (auto& r : ledger.syncRows())
-            if (r.event->id() == id)
-                return r;
-        return std::nullopt;
+        auto rows = ledger.syncRows();
+        auto it = std::ranges::find(rows, id, [](const SyncRow& r) { return r.event->id(); });
+        return it == rows.end() ? std::nullopt : std::optional(*it);
     }
     Names liveNames() {
         Names names;
@@ -46,11 +45,7 @@ struct Machine {
         std::sort(names.begin(), names.end());
         return names;
     }
-    std::size_t pending() {
-        auto rows = ledger.syncRows();
-        return std::count_if(rows.begin(), rows.end(),
-                             [](const SyncRow& r) { return r.pending(); });
-    }
+    std::size_t pending() { return std::ranges::count_if(ledger.syncRows(), &SyncRow::pending); }
 
     Signals center;
     SettingsFile defaults;
