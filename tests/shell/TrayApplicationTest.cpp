@@ -102,12 +102,10 @@ TEST_F(TrayApplicationTest, AStoreThatCannotBeReadShowsTheNoEventsTitleAndSaysSo
     test::LogCapture log;
     start();
     EXPECT_EQ(title(), DisplayedEventSelection::noEventsTitle);
-    auto lines = log.lines();
-    EXPECT_EQ(std::count(lines.begin(), lines.end(),
-                         "The event store " + (dir / "damaged/EventsV1.db").string() +
-                             " could not be read: file is not a database (code: 26); restore it "
-                             "from a backup, or move it away to start afresh"),
-              1);
+    const auto said = "The event store " + (dir / "damaged/EventsV1.db").string() +
+                      " could not be read: file is not a database (code: 26); restore it "
+                      "from a backup, or move it away to start afresh";
+    EXPECT_EQ(std::ranges::count(log.lines(), said), 1);
     EXPECT_EQ(defaults.integer(Settings::buildVersion), 0); // nothing recorded as done
     delegate.reset();
 }
@@ -281,8 +279,7 @@ TEST_F(TrayApplicationTest, TheCloudIsPulledBeforeTheFirstTitleAndSyncedOnChange
     cloud->other.deleteRecord(appZone, "rec-2.ics", {});
     delegate->syncRequested();
     settle();
-    auto titles = presenter.titles();
-    EXPECT_EQ(std::count(titles.begin(), titles.end(), "Another machine's - Jan 10, 2030"), 0);
+    EXPECT_EQ(std::ranges::count(presenter.titles(), "Another machine's - Jan 10, 2030"), 0);
 }
 
 TEST_F(TrayApplicationTest, TheWindowIsMadeOnceTheLoginRowFollowsTheRequestAndQuitQuits) {
@@ -302,7 +299,6 @@ TEST_F(TrayApplicationTest, TheWindowIsMadeOnceTheLoginRowFollowsTheRequestAndQu
     EXPECT_EQ(window->centred, 3);
     EXPECT_EQ(window->fronted, 2);
     EXPECT_EQ(presentations, 3);
-    // The login row follows the request, even when refused.
     delegate->toggleLaunchAtLogin(3);
     EXPECT_TRUE(launchAtLogin.isEnabled());
     EXPECT_TRUE(presenter.menu[3].state);

@@ -40,12 +40,10 @@ class RecordingStatusBar final : public StatusBar, public StatusItem {
     StatusItem& createStatusItem() override { return *this; }
     void setTitle(const std::string& title) override {
         titles.push_back(title);
-        if (onTitle) {
-            onTitle();
-        }
+        onTitle();
     }
     std::vector<std::string> titles;
-    std::function<void()> onTitle;
+    std::function<void()> onTitle = [] {};
 };
 
 class ManualScheduler final : public Scheduler {

@@ -263,8 +263,7 @@ class Desktop:
         wait_for(lambda: bus_has("org.kde.StatusNotifierWatcher"), "the watcher")
 
     def stop_watcher(self):
-        self.watcher.terminate()
-        self.watcher.wait(10)
+        stop(self.watcher)
         wait_for(lambda: not bus_has("org.kde.StatusNotifierWatcher"), "the watcher gone")
 
     def start_tray(self, home=None, log=subprocess.DEVNULL, panel=True, **env):
@@ -370,6 +369,7 @@ def application():
     from dogtail.config import config
     config.checkForA11y = False
     config.searchCutoffCount = 20
+    config.actionDelay = 0.2
     from dogtail import tree
     return tree.root.application("almanor-tray")
 
