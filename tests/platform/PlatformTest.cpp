@@ -175,6 +175,7 @@ TEST(UrlText, UserInformationLeavesEveryShapeOfUrlAndNothingElse) {
         {"http://user:hunter2@@host:notaport/", "http://host:notaport/"},
         // No user information: '@' in the path, after a port too.
         {"https://host:8443/dav/me@example.com/", "https://host:8443/dav/me@example.com/"},
+        {"https://host/calendars/me@example.com/", "https://host/calendars/me@example.com/"},
         {"not a url", "not a url"},
     };
     for (auto [url, redacted] : cases) {
