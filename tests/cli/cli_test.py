@@ -83,7 +83,7 @@ class Home(unittest.TestCase):
 
 
 class CommandTest(Home):
-    def test_add_list_edit_and_delete_as_a_user_would(self):
+    def test_add_list_and_edit_as_a_user_would(self):
         trip = self.add("  Trip to Prague \n", "--date", local_date(12), "--alias", " Two\nlines\t ")
         rent = self.add("Rent", "--date", "2024-01-31", "--schedule", "monthly", "--count",
                         "monday-after", "--alias", "   ")
@@ -114,8 +114,6 @@ class CommandTest(Home):
         self.assertEqual(self.cli("events", "edit", trip, "--alias", "", "--date", local_date(-1)),
                          (0, "", ""))
         self.assertEqual(self.list()[1]["title"], "Trip to Prague 2 days ago")  # yesterday counts two
-        self.assertEqual(self.cli("events", "delete", rent)[0], 0)
-        self.assertEqual(len(self.list()), 2)
 
     def test_status_and_select_follow_the_displayed_event_rules_in_the_users_language(self):
         self.assertEqual(self.cli("status")[1], "Almanor  \U0001F389\n")
@@ -143,7 +141,6 @@ class CommandTest(Home):
 
     def test_exit_statuses_and_their_one_line(self):
         missing = "3f2504e0-4f89-41d3-9a0c-0305e82c3301"
-        no_such = "no event with id 3F2504E0-4F89-41D3-9A0C-0305E82C3301\n"
         bad_input = [
             (["events", "add", "   ", "--date", "2030-01-01"], "almanor: the event name must not be blank\n"),
             (["events", "add", "X", "--date", "2030-02-30"], "almanor: invalid date '2030-02-30'"),
@@ -164,7 +161,7 @@ class CommandTest(Home):
         kept = self.add("Kept", "--date", "2030-05-05")
         for args in (["events", "delete", missing], ["events", "edit", missing, "--name", "X"],
                      ["select", missing]):
-            self.one_line(self.cli(*args), 1, no_such)
+            self.one_line(self.cli(*args), 1, "no event with id 3F2504E0-4F89-41D3-9A0C-0305E82C3301\n")
         self.assertEqual(self.cli("events", "delete", kept)[0], 0)
         for args in (["events", "delete", kept], ["select", kept]):  # no longer live
             self.one_line(self.cli(*args), 1, "no event with id " + kept)
@@ -195,16 +192,14 @@ class CommandTest(Home):
                 (["events", "edit", "abcd123", "--name", "Renamed"], 0, ""),
                 (["select", "abce"], 0, ""),
                 (["events", "delete", "ABCE0000-0000-4000-8000-000000000003"], 0, ""),
-                (["select", "abc"], 2, None),  # None: any one line
-                (["events", "delete", "abcd_"], 2, None),
+                (["select", "abc"], 2, "almanor: 'abc' is too short for an event id: give at least 4 of its "
+                                       "characters\n"),
+                (["events", "delete", "abcd_"], 2, "almanor: 'abcd_' is not an event id (a UUID such as "
+                                                   "3F2504E0-4F89-41D3-9A0C-0305E82C3301, or its first "
+                                                   "characters)\n"),
                 (["events", "delete", "abcf"], 1, "no event with id ABCF\n"),  # deleted
                 (["select", "abce"], 1, "no event with id ABCE\n")]:
-            result = self.cli(*args)
-            self.assertEqual(result[0], status, args)
-            if err is None:
-                self.assertEqual(result[2].count("\n"), 1, args)
-            else:
-                self.assertEqual(result[2], err, args)
+            self.assertEqual(self.cli(*args)[::2], (status, err), args)
         events = self.list()
         self.assertEqual(len(events), 2)
         self.has(events[1], id="ABCD1234-0000-4000-8000-000000000001", name="Renamed")  # whole ids

